@@ -1,0 +1,114 @@
+// host.h - the host that a process runs on. A test makes one and it is there until the object goes; a process that the
+// launcher started finds its own in the environment. The interposers ask Host::current() for everything that libc or the
+// management interface would have asked the real host.
+#pragma once
+
+#include <sys/utsname.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "hostsim_api.h"
+#include "link_state_files.h"
+#include "model.h"
+#include "vmkmgmt.h"
+
+namespace hostsim {
+
+class State;
+
+// A model or host file that cannot be used; what() is the whole message.
+class HOSTSIM_API HostError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+    ~HostError() override;
+};
+
+// A request that a driver got, as it came.
+struct Call {
+    DriverKind driver = DriverKind::kron;
+    Operation operation = Operation::init;
+    uint64_t number = 0;   // callback id or ioctl number
+    uint64_t port = 0;     // host number, hbaselect, or the instance whose host number is asked for
+    std::vector<uint8_t> block;    // the legacy driver's 64-byte request block
+    std::vector<uint8_t> payload;  // the first 1024 bytes of the payload (native: of the record with its header)
+};
+
+// What a driver is about to answer, before the caller sees it; a test may change all of it. `payload` is the record
+// alone (host number and count: their 4 bytes), the same for all drivers, `data` the data phase of a SCSI command.
+struct Answer {
+    const Call& call;
+    std::span<uint8_t> payload;
+    std::span<uint8_t> data;
+    uint32_t status = 0;
+    int result = 0;  // what the invocation or ioctl returns
+    int error = 0;   // its errno
+
+    template <typename Record>
+    Record& as() const {
+        if (payload.size() < sizeof(Record)) throw std::length_error("the answer is shorter than this record");
+        return *reinterpret_cast<Record*>(payload.data());
+    }
+};
+
+// What stands at the legacy driver's node.
+enum class NodeKind : uint8_t { missing, device, regular_file };
+
+class HOSTSIM_API Host {
+  public:
+    // The process runs on this host until the object goes. One at a time; HostError for a model with a mistake.
+    explicit Host(Model model);
+    static Host from_json(std::string_view json);  // a host file's text
+    static Host from_file(const std::filesystem::path& path);
+    Host(const Host&) = delete;
+    Host& operator=(const Host&) = delete;
+    ~Host();
+
+    // The host of this process, null where there is none. The first call attaches to the launcher's host if the
+    // environment names one.
+    static Host* current() noexcept;
+
+    // ---- For tests ----------------------------------------------------------------------------------------------
+
+    Model& model();  // may be edited between driver calls
+    std::vector<Call> calls() const;
+    size_t count_calls(Operation operation) const;
+    void clear_calls();
+    void inject(Fault fault);  // adds to model().faults
+    std::function<void(Answer&)> tamper;
+    std::filesystem::path root() const;  // under which the host's "/tmp" and "/var/tmp" lie
+
+    // ---- For the interposers; nothing of these throws ---------------------------------------------------------------
+
+    State& state() noexcept;
+    void fill_utsname(utsname* name) const noexcept;
+    uint32_t effective_user() const noexcept;
+    NodeKind legacy_node() const noexcept;
+    // The errno of a fault injected into opening or closing the legacy node, 0 for none. Counts an occurrence.
+    int node_fault(Operation open_or_close) noexcept;
+    int legacy_request(unsigned long number, void* block) noexcept;  // as ioctl: 0, or -1 and errno
+    std::vector<LinkStateFile> link_state_files() const;
+    int management_init(const vmk_MgmtApiSignature* signature, uint64_t cookie, vmk_MgmtUserHandle* handle) noexcept;
+    int management_invoke(vmk_MgmtUserHandle handle, uint64_t instance, uint64_t callback, uint32_t parameter_count,
+                          void* const* parameters) noexcept;
+
+  private:
+    class Core;
+    explicit Host(std::unique_ptr<Core> core);
+
+    std::unique_ptr<Core> core_;
+};
+
+// Environment variables by which the launcher names the host to the command and its children.
+inline constexpr const char* kHostFileVariable = "TRELM_HOSTSIM_FILE";  // absolute path of the host file
+inline constexpr const char* kHostRootVariable = "TRELM_HOSTSIM_ROOT";  // absolute path of the host's root
+
+}  // namespace hostsim

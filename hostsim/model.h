@@ -1,0 +1,262 @@
+// model.h - a simulated host as plain data: what a host file describes and what a test edits. Nothing here acts; the
+// device answers from it at the moment of each driver call, so that every edit shows with the next call.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "hostsim_api.h"
+
+namespace hostsim {
+
+enum class DriverKind : uint8_t { kron, pyx, legacy };
+inline constexpr size_t kDriverKinds = 3;
+inline constexpr std::array<std::string_view, kDriverKinds> kDriverKindNames{"kron", "pyx", "legacy"};
+
+// A driver of the host. `automatic` is present exactly where an adapter of its kind exists.
+struct Driver {
+    enum class Presence : uint8_t { automatic, present, absent, no_device };
+
+    Presence presence = Presence::automatic;  // no_device: legacy only, its node is a regular file
+    std::string name;
+    std::string version;
+    std::string date;
+    bool loaded = true;
+    std::vector<std::string> order;             // ports by name or WWPN, before all that are not named
+    std::optional<int64_t> reported_port_count;  // in place of the number of ports that there are
+};
+
+// The counters of a port, in the order of the driver's record.
+inline constexpr size_t kCounters = 30;
+inline constexpr std::array<std::string_view, kCounters> kCounterNames{
+    "rx_fcoe_frames",
+    "rx_fcoe_bytes",
+    "rx_fcp_frames",
+    "tx_fcoe_frames",
+    "tx_fcoe_bytes",
+    "tx_fcp_frames",
+    "fcoe_dropped_frames",
+    "seq_dropped",
+    "fc_crc_err_frames",
+    "wrong_fcoe_ver_frames",
+    "eofa_frames",
+    "missing_frames",
+    "seq_timeouts",
+    "read_req",
+    "write_req",
+    "ctrl_req",
+    "read_megabytes",
+    "write_megabytes",
+    "fip_vlan_negotiations",
+    "fip_fabric_discoveries",
+    "flogi_cnt",
+    "fdisc_cnt",
+    "ulp_tov_expirations",
+    "rec_expirations",
+    "abts_cnt",
+    "srr_cnt",
+    "reset_lun_cnt",
+    "reset_tgt_cnt",
+    "sess_level_recovery_cnt",
+    "link_failures",
+};
+
+struct Counter {
+    uint64_t start = 0;  // value when the host started
+    double rate = 0;     // growth a second
+};
+
+using MacAddress = std::array<uint8_t, 6>;
+
+struct Fcf {
+    uint64_t switch_name = 0;
+    uint64_t fabric_name = 0;
+    uint32_t fc_map = 0x0EFC00;
+    uint16_t vfid = 0;
+    MacAddress fcf_mac{};
+    MacAddress fcoe_mac{};
+    bool flogi_sent = true;
+    uint8_t priority = 128;
+    uint16_t flags = 0;
+    uint32_t keep_alive_timeout = 8000;  // milliseconds
+    bool selected = true;
+};
+
+struct Lun {
+    enum class Addressing : uint8_t { automatic, peripheral, flat };  // automatic: flat from 256 on
+    enum class Backing : uint8_t { memory, file };
+
+    uint32_t number = 0;  // up to 16383, with peripheral addressing up to 255
+    uint32_t count = 1;   // this many LUNs of this description, numbered upwards
+    Addressing addressing = Addressing::automatic;
+    uint64_t block_count = 0;
+    uint32_t block_size = 512;
+    uint8_t device_type = 0;
+    std::string vendor = "CALVEXA";
+    std::string product = "ULVARD VOLUME";
+    std::string revision = "0500";
+    std::string serial;  // empty: made from the target's WWPN and the number
+    uint64_t naa = 0;    // 0: made likewise. LUNs of one NAA id are one disk, seen over several paths
+    Backing backing = Backing::memory;
+    std::string directory;  // of a file-backed LUN; empty: below the running host's root
+    bool not_ready = false;
+    bool reserved = false;
+    bool unit_attention = false;  // reported once, to the first command that reports it
+};
+
+inline constexpr uint32_t kMaxTargets = 128;
+
+struct Target {
+    uint32_t index = 0;  // below 128, gaps allowed
+    uint32_t bus = 0;
+    uint64_t wwnn = 0;
+    uint64_t wwpn = 0;
+    uint32_t port_id = 0;
+    uint16_t state = 2;    // an FC port state: 2 online
+    bool offline = false;  // the driver answers 'device offline' for it
+    std::vector<Lun> luns;
+};
+
+// What physical and virtual ports have in common. A WWN of 0 is one not given and is made up when the model is completed.
+struct Port {
+    std::string name;  // by which faults and the order of ports name it
+    uint64_t wwnn = 0;
+    uint64_t wwpn = 0;
+    MacAddress mac{};
+    uint32_t port_id = 0;
+    std::optional<uint16_t> port_type;  // default: 3 (N_Port), of a virtual port 7
+    uint32_t link_state = 2;            // an FC port state: 2 online, 3 offline, 7 link down
+    uint16_t supported_speed = 4;       // bits: 1 = 1 Gbit/s, 2 = 2, 4 = 10, 8 = 4, 0x10 = 8, 0x20 = 16, 0x100 = 40
+    uint16_t speed = 4;
+    uint32_t mtu = 2500;
+    uint32_t vlan = 0;
+    std::optional<uint32_t> npiv_index;  // default: 0, of virtual ports 1, 2, ...
+    std::optional<uint32_t> host_no;     // default: the lowest free one, in the order of the ports
+    std::string hba_name;                // default: "vmhba" and the host number
+    std::vector<Fcf> fcfs;
+    std::vector<Target> targets;
+    std::array<Counter, kCounters> counters{};
+    std::optional<uint32_t> reported_target_count;  // in place of the number of targets that are not offline
+    std::optional<uint32_t> reported_fcf_count;
+};
+
+struct PhysicalPort : Port {
+    uint16_t pci_function = 0;
+    std::optional<uint16_t> port_number;          // default: its position on the adapter, from 1
+    std::optional<uint32_t> reported_npiv_count;  // in place of the number of its virtual ports
+    std::vector<Port> virtual_ports;
+};
+
+struct Adapter {
+    DriverKind driver = DriverKind::kron;
+    std::string manufacturer = "Calvexa";
+    std::string model = "Ulvard 8042";
+    std::string description;  // default: made from manufacturer and model
+    std::string serial_number;
+    std::string firmware_version;
+    uint32_t management_firmware = 0;  // one byte each: major, minor, revision, build
+    uint16_t vendor_id = 0;
+    uint16_t device_id = 0;
+    uint16_t subsystem_vendor_id = 0;
+    uint16_t subsystem_id = 0;
+    uint16_t pci_domain = 0;
+    uint16_t pci_bus = 0;
+    uint16_t pci_device = 0;
+    uint16_t revision = 0;
+    uint32_t pcie_speed = 22;  // 20 = 2.5 GT/s, 21 = 5, 22 = 8
+    uint32_t pcie_width = 8;   // lanes
+    uint32_t chip_revision = 0;
+    std::vector<PhysicalPort> ports;
+};
+
+// What a driver is asked. The names are those of host files.
+enum class Operation : uint8_t {
+    init,
+    open,
+    close,
+    hba_count,
+    hostno,
+    pci_info,
+    port_info,
+    port_stats,
+    tgt_info,
+    fcf_info,
+    scsi,
+};
+inline constexpr std::array<std::string_view, 11> kOperationNames{
+    "init",      "open",       "close",    "hba_count", "hostno", "pci_info",
+    "port_info", "port_stats", "tgt_info", "fcf_info",  "scsi",
+};
+
+// A request that goes wrong: the one that matches what is given here, from its `occurrence`-th time on, `count` times.
+struct Fault {
+    static constexpr uint64_t kAlways = UINT64_MAX;
+
+    Operation operation = Operation::port_info;
+    std::optional<DriverKind> driver;
+    std::string port;                // name or WWPN; empty: every port
+    std::optional<uint32_t> target;  // of tgt_info and scsi
+    std::optional<uint8_t> opcode;   // of scsi
+    uint64_t occurrence = 1;
+    uint64_t count = 1;
+    uint32_t status = 0;  // reported by the driver
+    int error = 0;        // errno of a call that fails
+};
+
+struct Model {
+    std::string name = "simulated-host";
+    std::string system_name = "VMkernel";
+    std::string release = "6.5.0";
+    std::string version = "#1 SMP Release build-4564106";
+    std::string machine = "x86_64";
+    uint32_t effective_user = 0;
+    std::array<Driver, kDriverKinds> drivers;
+    std::vector<Adapter> adapters;
+    std::vector<Fault> faults;
+
+    Driver& driver(DriverKind kind) { return drivers[static_cast<size_t>(kind)]; }
+    const Driver& driver(DriverKind kind) const { return drivers[static_cast<size_t>(kind)]; }
+    PhysicalPort& port(size_t adapter, size_t number) { return adapters.at(adapter).ports.at(number); }
+};
+
+// A mistake in a model: where (a JSON pointer into its host file) and what, with what is allowed.
+struct ModelProblem {
+    std::string pointer;
+    std::string reason;
+};
+
+// The first mistake of a model, if there is one: what two parts of it must agree on, and what no field may exceed.
+HOSTSIM_API std::optional<ModelProblem> find_problem(const Model& model);
+
+// Whether a driver is there: its management interface, or its node as a character device.
+HOSTSIM_API bool is_present(const Model& model, DriverKind kind);
+
+// One port as its driver enumerates it. Valid until the model is edited.
+struct PortRef {
+    const Adapter* adapter;
+    const PhysicalPort* physical;
+    const Port* port;
+    bool is_virtual;
+    size_t adapter_index;
+    size_t port_index;     // of the physical port on its adapter
+    size_t virtual_index;  // of a virtual port on its physical port
+    uint32_t host_no;
+    uint64_t wwnn;
+    uint64_t wwpn;
+};
+
+// Every port of the host with its host number, in the model's order.
+HOSTSIM_API std::vector<PortRef> all_ports(const Model& model);
+
+// The ports of one driver in the order in which it enumerates them: index = driver instance.
+HOSTSIM_API std::vector<PortRef> driver_ports(const Model& model, DriverKind kind);
+
+// Whether `text` names this port, by its name or by its WWPN.
+HOSTSIM_API bool is_named(const PortRef& ref, std::string_view text);
+
+}  // namespace hostsim
