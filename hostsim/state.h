@@ -1,0 +1,82 @@
+// state.h - what all processes of one simulated host share while it runs: the directory under which its files
+// lie and a small file mapped by every one of them, with the host's identity, named counters and the
+// semaphore keys in use.
+//
+// Below the root of a host:
+//   tmp/, var/tmp/                        what the host's programs see as "/tmp" and "/var/tmp"
+//   dev/char/vmkdriver/, proc/scsi/dorfc/  made from the model whenever a program looks
+//   luns/                                 file-backed LUNs
+//   .hostsim/                             the mapped file, locks and the host's own commands (bin/lsof)
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "hostsim_api.h"
+
+namespace hostsim {
+
+struct SharedState;  // the mapped file
+
+// A process has at most one State, the current one; a second in the same process takes its place until it
+// goes.
+class HOSTSIM_API State {
+  public:
+    // A host of this process alone (and of its forks): a new root in the directory for temporary files. The
+    // root and the host's semaphores go with the object, in the process that made it. std::system_error when
+    // it cannot be made.
+    static std::unique_ptr<State> temporary();
+
+    // The running host whose root this is. std::system_error when none runs there.
+    static std::unique_ptr<State> attach(const std::filesystem::path& root,
+                                         std::vector<std::string> passed = {});
+
+    // Lays out the root of a host (made if it is not there) and a fresh shared file in it. For whoever starts
+    // a host. Semaphores of a host that ended without cleaning are removed.
+    static void create(const std::filesystem::path& root, std::string_view host_file);
+    // Ends a host: its semaphores and .hostsim files but the locks go, the rest of the root stays.
+    static void clean(const std::filesystem::path& root) noexcept;
+
+    // Of this process; null where no host is active. Safe to ask at any time, by interposers above all.
+    static State* current() noexcept;
+
+    State(const State&) = delete;
+    State& operator=(const State&) = delete;
+    ~State();
+
+    const std::string& root() const noexcept {
+        return root_;
+    }  // absolute, no symbolic links, no slash at its end
+    // Directories below "/tmp" and "/var/tmp" that are the machine's own and stay visible.
+    const std::vector<std::string>& passed() const noexcept { return passed_; }
+    uint64_t host_id() const noexcept;  // random, never 0
+    std::string host_file() const;      // given to create
+    std::chrono::nanoseconds age()
+        const noexcept;  // time since the host started, the same in all its processes
+
+    // A counter that all processes of the host share; 0 at the start of the host. std::length_error when
+    // there are more names than the shared file has room for (16384).
+    std::atomic<uint64_t>& counter(std::string_view name);
+
+    // The machine's key for a semaphore set of this host, remembered so that cleaning removes the set.
+    key_t semaphore_key(key_t key) noexcept;
+
+  private:
+    State(std::string root, std::vector<std::string> passed, SharedState* shared, pid_t owner);
+
+    std::string root_;
+    std::vector<std::string> passed_;
+    SharedState* shared_;
+    pid_t owner_;      // the process whose object cleans up; 0: none
+    State* previous_;  // current before this one
+};
+
+}  // namespace hostsim
