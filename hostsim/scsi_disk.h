@@ -1,0 +1,60 @@
+// scsi_disk.h - one logical unit that answers SCSI commands as a disk does. Targets, which hold several of
+// them and know LUN addresses, are in scsi_target.h; driver records are turned into requests by
+// scsi_exchange.h.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "block_store.h"
+#include "hostsim_api.h"
+#include "scsi.h"
+
+namespace hostsim {
+
+struct DiskConfig {
+    std::string vendor;         // cut or padded with spaces to the 8,
+    std::string product;        // 16
+    std::string revision;       // and 4 characters of the INQUIRY data
+    std::string serial;         // up to 64 characters
+    uint64_t naa = 0;           // the NAA identifier; 0: none is reported
+    uint8_t device_type = 0;    // INQUIRY byte 0: peripheral qualifier and device type
+    uint64_t block_count = 0;   // 0: no medium
+    uint32_t block_size = 512;  // bytes
+    bool reserved = false;      // another initiator holds an exclusive reservation
+    // What stands between the host and the medium: not ready, a failure, or a unit attention. Stays until the
+    // configuration changes: whoever wants a unit attention to be reported once clears it.
+    std::optional<SenseCode> condition;
+};
+
+class HOSTSIM_API Disk {
+  public:
+    Disk(DiskConfig config, std::shared_ptr<BlockStore> store)
+        : config_(std::move(config)), store_(std::move(store)) {}
+
+    const DiskConfig& config() const { return config_; }
+    ScsiReply run(const ScsiRequest& request) const;
+
+  private:
+    struct Command;
+    static const Command* find_command(uint8_t opcode);
+    std::optional<SenseCode> condition() const;
+
+    ScsiReply test_unit_ready(const ScsiRequest& request) const;
+    ScsiReply request_sense(const ScsiRequest& request) const;
+    ScsiReply inquiry(const ScsiRequest& request) const;
+    ScsiReply read_capacity_10(const ScsiRequest& request) const;
+    ScsiReply service_action_in(const ScsiRequest& request) const;
+    ScsiReply mode_sense(const ScsiRequest& request) const;
+    ScsiReply read(const ScsiRequest& request) const;
+    ScsiReply write(const ScsiRequest& request) const;
+    ScsiReply synchronize_cache(const ScsiRequest& request) const;
+
+    DiskConfig config_;
+    std::shared_ptr<BlockStore> store_;
+};
+
+}  // namespace hostsim

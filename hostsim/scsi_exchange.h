@@ -1,0 +1,63 @@
+// scsi_exchange.h - carries the SCSI command of a driver record to a target and the answer back into the
+// record, the same way for the drivers whose records hold the data and for the one whose record only holds
+// its address.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <span>
+
+#include "../libtrelm/trelm_driver_records.h"
+#include "scsi_target.h"
+
+namespace hostsim {
+
+// Driver statuses of a SCSI command. A reservation conflict has no sense data that could tell of it, and the
+// records have no field for the SCSI status: the driver reports it as its own.
+inline constexpr uint32_t kScsiExchangeGood = 0;
+inline constexpr uint32_t kScsiExchangeInvalid = 4;
+inline constexpr uint32_t kScsiExchangeReserved = static_cast<uint32_t>(ScsiStatus::reservation_conflict);
+
+inline uint8_t* scsi_data(kronfc_scsi_cmd& command) { return command.data_buffer; }
+inline uint8_t* scsi_data(dorfc_scsi_cmd& command) {
+    return reinterpret_cast<uint8_t*>(static_cast<uintptr_t>(command.data_addr));
+}
+
+// Whether the record can be carried out at all: its data fits the record, or lies somewhere.
+inline bool scsi_data_sound(const kronfc_scsi_cmd& command) { return command.data_len <= kScsiMaxData; }
+inline bool scsi_data_sound(const dorfc_scsi_cmd& command) {
+    return command.data_addr != 0 || command.data_len == 0;
+}
+
+template <typename Record>
+ScsiRequest scsi_request(Record& command) {
+    ScsiRequest request;
+    std::copy_n(command.cdb, std::min<size_t>(command.cdb_len, kScsiMaxCdb), request.cdb.begin());
+    if (command.direction == SCSI_DIRECTION_IN) request.data_in = {scsi_data(command), command.data_len};
+    if (command.direction == SCSI_DIRECTION_OUT) request.data_out = {scsi_data(command), command.data_len};
+    return request;
+}
+
+// Leaves the reply in the record: sense data as far as the record has room for it, the bytes moved as
+// data_len.
+template <typename Record>
+void store_scsi_reply(Record& command, const ScsiReply& reply) {
+    const bool has_sense = reply.status == ScsiStatus::check_condition;
+    const size_t room = std::min<size_t>(command.sense_len, kScsiMaxSense);
+    command.sense_len = static_cast<uint16_t>(has_sense ? std::min(room, reply.sense.size()) : 0);
+    std::copy_n(reply.sense.begin(), command.sense_len, command.sense);
+    command.data_len = static_cast<uint32_t>(reply.transferred);
+}
+
+// Runs the record's command and returns the driver's status for it. A CHECK CONDITION is a good exchange.
+template <typename Record>
+uint32_t exchange_scsi(const ScsiTarget& target, Record& command) {
+    const bool has_data = command.direction == SCSI_DIRECTION_IN || command.direction == SCSI_DIRECTION_OUT;
+    if (command.cdb_len > kScsiMaxCdb || (has_data && !scsi_data_sound(command))) return kScsiExchangeInvalid;
+    const ScsiReply reply = target.run(command.lun, command.lun_ext, scsi_request(command));
+    store_scsi_reply(command, reply);
+    return reply.status == ScsiStatus::reservation_conflict ? kScsiExchangeReserved : kScsiExchangeGood;
+}
+
+}  // namespace hostsim

@@ -1,0 +1,52 @@
+// scsi_target.h - a SCSI target: its logical units, the addresses under which a host reaches them, and what
+// it answers for addresses where there is none.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "hostsim_api.h"
+#include "scsi.h"
+#include "scsi_disk.h"
+
+namespace hostsim {
+
+// How REPORT LUNS writes the address of a logical unit. Numbers above 255 need flat addressing and get it
+// anyway.
+enum class LunAddressing : uint8_t { peripheral, flat };
+
+inline constexpr uint16_t kMaxLunNumber = 0x3FFF;
+
+// A host names a logical unit by two 32-bit numbers: each 16-bit level of the eight-byte address, first level
+// lowest. The number of the logical unit, or nothing where no address of this kind of target can lead.
+HOSTSIM_API std::optional<uint16_t> lun_number(uint32_t lun, uint32_t lun_ext);
+
+// The address of a logical unit: the low one of the two numbers (the high one is 0), and the eight bytes of
+// the wire.
+HOSTSIM_API uint32_t lun_address(uint16_t number, LunAddressing addressing);
+HOSTSIM_API std::array<uint8_t, 8> lun_entry(uint16_t number, LunAddressing addressing);
+
+struct ScsiLun {
+    uint16_t number = 0;
+    LunAddressing addressing = LunAddressing::peripheral;
+    Disk disk;
+};
+
+class HOSTSIM_API ScsiTarget {
+  public:
+    // In any order; of several with one number the first counts.
+    explicit ScsiTarget(std::vector<ScsiLun> luns);
+
+    // Runs a command on the logical unit that the two numbers address. Either way of addressing reaches it.
+    ScsiReply run(uint32_t lun, uint32_t lun_ext, const ScsiRequest& request) const;
+
+  private:
+    const ScsiLun* find(uint16_t number) const;
+    ScsiReply report_luns(const ScsiRequest& request) const;
+
+    std::vector<ScsiLun> luns_;  // by number
+};
+
+}  // namespace hostsim

@@ -1,0 +1,17 @@
+// sparse_file.h - reads and writes ranges of files that need not exist: what lies outside a file reads as
+// zeros. Each call opens the file and closes it again. The calls run inside programs that close descriptors
+// they do not know, and a descriptor kept in between might have become one of theirs.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+
+namespace hostsim {
+
+// Both return how many bytes were moved before a failure; all of them when there was none.
+size_t read_sparse(const std::string& path, uint64_t offset, std::span<uint8_t> data);
+size_t write_sparse(const std::string& path, uint64_t offset, std::span<const uint8_t> data);
+
+}  // namespace hostsim
