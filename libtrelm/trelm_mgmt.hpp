@@ -1,0 +1,279 @@
+// trelm_mgmt.hpp - a small C++ layer on the public C interface: owners that give back what they took, results as
+// values, failures as exceptions. Header-only, C++17, nothing but the standard library besides libtrelm itself.
+//
+//     trelm::Library library;                                  // loads; frees at the end of its scope
+//     for (uint32_t i = 0; i < library.port_count(); ++i) {
+//         trelm::Adapter adapter(library, i);                  // opens; closes at the end of its scope
+//         std::cout << trelm::text(adapter.info().ModelName) << '\n';
+//     }
+//
+// A call that fails throws trelm::Error with the code, the operation and the port; destructors never throw. The
+// conventions of trelm_mgmt.h hold: calls from several threads are the program's to serialise.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <initializer_list>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "trelm_mgmt.h"
+
+namespace trelm {
+
+// The name of a return code; null for a bare driver status (TRELM_STATUS_BASE plus 2, 3 …) and for a system error
+// number.
+inline const char* status_name(uint32_t code) {
+    switch (code) {
+        case TRELM_STATUS_OK: return "TRELM_STATUS_OK";
+        case TRELM_STATUS_FAILED: return "TRELM_STATUS_FAILED";
+        case TRELM_STATUS_INVALID_PARAMETER: return "TRELM_STATUS_INVALID_PARAMETER";
+        case TRELM_STATUS_INVALID_INSTANCE: return "TRELM_STATUS_INVALID_INSTANCE";
+        case TRELM_STATUS_INSUFFICIENT_BUFFER: return "TRELM_STATUS_INSUFFICIENT_BUFFER";
+        case TRELM_STATUS_NO_MEMORY: return "TRELM_STATUS_NO_MEMORY";
+        case TRELM_STATUS_DRIVER_ERROR: return "TRELM_STATUS_DRIVER_ERROR";
+        default: return nullptr;
+    }
+}
+
+// A text field as a string: up to its first zero byte or its width, without the blanks that pad it at its end.
+template <std::size_t Width>
+std::string text(const uint8_t (&field)[Width]) {
+    std::size_t length = 0;
+    while (length < Width && field[length] != 0) ++length;
+    while (length > 0 && field[length - 1] == ' ') --length;
+    return std::string(field, field + length);
+}
+
+// A failed call. `operation` is the C function's name; instance and NPIV index are there where the call had them.
+class Error : public std::exception {
+  public:
+    Error(uint32_t code, const char* operation, std::optional<uint32_t> instance = {},
+          std::optional<uint32_t> npiv_index = {})
+        : code_(code), operation_(operation), instance_(instance), npiv_index_(npiv_index) {
+        std::array<char, 16> hex{};
+        std::snprintf(hex.data(), hex.size(), "0x%08X", code);
+        message_ = operation_ + " failed";
+        if (instance) message_ += " for port " + std::to_string(*instance);
+        if (npiv_index) message_ += ", NPIV index " + std::to_string(*npiv_index);
+        message_ += std::string(": ") + hex.data();
+        if (status_name(code) != nullptr) message_ += std::string(" ") + status_name(code);
+    }
+
+    uint32_t code() const noexcept { return code_; }
+    const std::string& operation() const noexcept { return operation_; }
+    std::optional<uint32_t> instance() const noexcept { return instance_; }
+    std::optional<uint32_t> npiv_index() const noexcept { return npiv_index_; }
+    const char* what() const noexcept override { return message_.c_str(); }
+
+  private:
+    uint32_t code_;
+    std::string operation_;
+    std::optional<uint32_t> instance_;
+    std::optional<uint32_t> npiv_index_;
+    std::string message_;
+};
+
+// The loaded library. Keep one in a program: the first that goes frees the library for the whole process.
+class Library {
+  public:
+    Library() {
+        if (const uint32_t code = TRELM_LoadLibrary(); code != TRELM_STATUS_OK) {
+            throw Error(code, "TRELM_LoadLibrary");
+        }
+    }
+    ~Library() { TRELM_FreeLibrary(); }
+    Library(const Library&) = delete;
+    Library& operator=(const Library&) = delete;
+
+    // Physical ports of the host, 0 where there is none.
+    uint32_t port_count() const {
+        uint32_t count = 0;
+        const uint32_t code = TRELM_GetPortCount(&count);
+        // Once a load has succeeded this failure has one cause: no port was found.
+        if (code == TRELM_STATUS_FAILED) return 0;
+        if (code != TRELM_STATUS_OK) throw Error(code, "TRELM_GetPortCount");
+        return count;
+    }
+
+    static std::string version() {
+        std::array<uint8_t, 64> buffer{};
+        TRELM_GetVersion(buffer.data(), static_cast<uint32_t>(buffer.size()));
+        return reinterpret_cast<const char*>(buffer.data());
+    }
+    static uint32_t version_number() { return TRELM_GetVersion(nullptr, 0); }
+    static std::string description() {
+        return std::string(trelm_version_description,
+                           strnlen(trelm_version_description, sizeof trelm_version_description));
+    }
+};
+
+// The two numbers of a LUN as one: the extension is the upper half. A single-level LUN is its plain number.
+inline uint64_t lun_number(uint32_t number, uint32_t extension) { return uint64_t{extension} << 32 | number; }
+
+// A command record, cleared but for what is given; room for all the sense data there is.
+template <typename Bytes = std::initializer_list<uint8_t>>
+TRELM_SCSI_CMND scsi_command(uint32_t target, uint64_t lun, const Bytes& cdb, uint8_t direction = TRELM_SCSI_DATA_IN) {
+    TRELM_SCSI_CMND command{};
+    command.ScsiTgtNum = target;
+    command.ScsiLunNum = static_cast<uint32_t>(lun);
+    command.ScsiLunNumExt = static_cast<uint32_t>(lun >> 32);
+    command.Direction = direction;
+    command.CDBLength = static_cast<uint8_t>(cdb.size() < 255 ? cdb.size() : 255);
+    std::size_t i = 0;
+    for (const uint8_t byte : cdb) {
+        if (i < sizeof command.CDB) command.CDB[i++] = byte;
+    }
+    command.SenseLength = sizeof command.Sense;
+    return command;
+}
+
+// An open physical port; its virtual ports are reached through it by their NPIV index. Must go before its library.
+class Adapter {
+  public:
+    Adapter(const Library& /*loaded*/, uint32_t instance) : instance_(instance) {
+        check(TRELM_OpenAdapter(instance, &handle_), "TRELM_OpenAdapter");
+    }
+    ~Adapter() {
+        if (handle_ != 0) TRELM_CloseAdapter(handle_);
+    }
+    Adapter(Adapter&& other) noexcept : instance_(other.instance_), handle_(std::exchange(other.handle_, 0)) {}
+    Adapter& operator=(Adapter&& other) noexcept {
+        std::swap(instance_, other.instance_);
+        std::swap(handle_, other.handle_);
+        return *this;
+    }
+
+    uint32_t instance() const noexcept { return instance_; }
+    uint32_t handle() const noexcept { return handle_; }
+
+    // Closes now, for those who want to know whether it worked; on failure the port stays open.
+    void close() {
+        check(TRELM_CloseAdapter(handle_), "TRELM_CloseAdapter");
+        handle_ = 0;
+    }
+
+    TRELM_FCOE_INFO info() const {
+        TRELM_FCOE_INFO record{};
+        record.Version = 2;
+        check(TRELM_GetFcoeInfo(handle_, &record), "TRELM_GetFcoeInfo");
+        return record;
+    }
+
+    TRELM_VNPORT_INFO port_info(uint32_t npiv_index) const {
+        TRELM_VNPORT_INFO record{};
+        record.Version = 2;
+        check(TRELM_GetVNPortInfo(handle_, npiv_index, &record), "TRELM_GetVNPortInfo", npiv_index);
+        return record;
+    }
+
+    TRELM_PORT_STATS stats(uint32_t npiv_index) const {
+        TRELM_PORT_STATS record{};
+        check(TRELM_GetPortStats(handle_, npiv_index, &record), "TRELM_GetPortStats", npiv_index);
+        return record;
+    }
+
+    // Whether there is a port with that NPIV index. The driver is not asked: a target listing into an array without
+    // room gets no further than the look-up.
+    bool has_port(uint32_t npiv_index) const noexcept {
+        uint32_t count = 0;
+        TRELM_TGT_INFO* none = nullptr;
+        return TRELM_GetTgtInfo(handle_, npiv_index, &count, &none) != TRELM_STATUS_FAILED;
+    }
+
+    // The NPIV indexes of the physical port and its virtual ports, in ascending order. Drivers number them densely
+    // from 0 or 1 on; `slack` says how far beyond their number to look for those that do not.
+    std::vector<uint32_t> port_indexes(uint32_t slack = 255) const {
+        const uint64_t ports = uint64_t{info().NpivCount} + 1;
+        constexpr uint64_t most = 65536;  // a driver that reports a nonsense count must not make this run for hours
+        const uint64_t end = (ports < most ? ports : most) + slack;
+        std::vector<uint32_t> found;
+        for (uint32_t index = 0; index < end && found.size() < ports; ++index) {
+            if (has_port(index)) found.push_back(index);
+        }
+        return found;
+    }
+
+    // Appends the targets that answer to `found`, and returns what TRELM_GetTgtInfo returned: on failure the targets
+    // before the failing one are there. Asks the driver for the current number of targets first; where that fails the
+    // number known before stands.
+    uint32_t list_targets(uint32_t npiv_index, std::vector<TRELM_TGT_INFO>& found) const {
+        TRELM_VNPORT_INFO refreshed{};
+        TRELM_GetVNPortInfo(handle_, npiv_index, &refreshed);
+        uint32_t count = 0;
+        TRELM_TGT_INFO* array = nullptr;
+        uint32_t code = TRELM_GetTgtInfo(handle_, npiv_index, &count, &array);
+        if (code != TRELM_STATUS_INSUFFICIENT_BUFFER) return code;
+
+        // One element a target number is all that can be filled, whatever number the driver announced. The number
+        // filled is not told, so every element is marked with a target number that cannot be.
+        std::vector<TRELM_TGT_INFO> elements(TRELM_MAX_TARGETS);
+        for (TRELM_TGT_INFO& element : elements) element.ScsiTgtNum = UINT32_MAX;
+        array = elements.data();
+        code = TRELM_GetTgtInfo(handle_, npiv_index, &count, &array);
+        for (const TRELM_TGT_INFO& element : elements) {
+            if (element.ScsiTgtNum != UINT32_MAX) found.push_back(element);
+        }
+        return code;
+    }
+
+    std::vector<TRELM_TGT_INFO> targets(uint32_t npiv_index) const {
+        std::vector<TRELM_TGT_INFO> found;
+        check(list_targets(npiv_index, found), "TRELM_GetTgtInfo", npiv_index);
+        return found;
+    }
+
+    std::vector<TRELM_LUN_INFO> luns(uint32_t npiv_index, uint32_t target) const {
+        std::vector<TRELM_LUN_INFO> elements(16);
+        uint32_t code = TRELM_STATUS_INSUFFICIENT_BUFFER;
+        // The list may grow between two calls, but not for ever.
+        for (int attempt = 0; attempt < 4 && code == TRELM_STATUS_INSUFFICIENT_BUFFER; ++attempt) {
+            for (TRELM_LUN_INFO& element : elements) element = unfilled_lun();
+            uint32_t count = static_cast<uint32_t>(elements.size());
+            TRELM_LUN_INFO* array = elements.data();
+            code = TRELM_GetLunInfo(handle_, npiv_index, target, &count, &array);
+            if (code == TRELM_STATUS_INSUFFICIENT_BUFFER) elements.resize(count);
+        }
+        check(code, "TRELM_GetLunInfo", npiv_index);
+        std::size_t filled = 0;
+        while (filled < elements.size() && !is_unfilled(elements[filled])) ++filled;
+        elements.resize(filled);
+        return elements;
+    }
+
+    // Sends a command; `length` bytes move to or from `data` in the record's direction. The sense data is in the record
+    // whether the call returns or throws; a CHECK CONDITION is the caller's to see there.
+    void send(uint32_t npiv_index, TRELM_SCSI_CMND& command, uint8_t* data = nullptr, uint32_t length = 0) const {
+        check(TRELM_SendScsiCommand(handle_, npiv_index, &command, &length, data), "TRELM_SendScsiCommand", npiv_index);
+    }
+
+  private:
+    void check(uint32_t code, const char* operation, std::optional<uint32_t> npiv_index = {}) const {
+        if (code != TRELM_STATUS_OK) throw Error(code, operation, instance_, npiv_index);
+    }
+
+    // The number of LUNs filled is not told, so each element starts with values that no LUN has together.
+    static TRELM_LUN_INFO unfilled_lun() {
+        TRELM_LUN_INFO mark{};
+        mark.Version = 2;
+        mark.ScsiLunNum = UINT32_MAX;
+        mark.ScsiLunNumExt = UINT32_MAX;
+        mark.DeviceType = UINT8_MAX;
+        mark.Capacity = UINT64_MAX;
+        return mark;
+    }
+    static bool is_unfilled(const TRELM_LUN_INFO& element) {
+        return element.ScsiLunNum == UINT32_MAX && element.ScsiLunNumExt == UINT32_MAX &&
+               element.DeviceType == UINT8_MAX && element.Capacity == UINT64_MAX;
+    }
+
+    uint32_t instance_;
+    uint32_t handle_ = 0;
+};
+
+}  // namespace trelm

@@ -1,0 +1,50 @@
+// failure.h - what went wrong, in a form that both a person and a program can use: the code with its name and
+// meaning, the operation, the port, and what to do about it. Also the exit statuses of the tool.
+#pragma once
+
+#include <cstdint>
+#include <exception>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "json.h"
+#include "trelm_mgmt.hpp"
+
+namespace trelmctl {
+
+enum ExitStatus : int { EXIT_DONE = 0, EXIT_FAILED = 1, EXIT_USAGE = 2, EXIT_NO_PORTS = 3 };
+
+struct Failure {
+    std::optional<uint32_t> code;  // a library's or system's; none where the tool itself refuses
+    std::string name;              // for programs: TRELM_STATUS_FAILED, EACCES, USAGE, CHECK_CONDITION …
+    std::string meaning;
+    std::string advice;     // may be empty
+    std::string operation;  // a library function, or what the tool was doing
+    std::string port;       // "0" or "0/1"; empty where no port is concerned
+    int exit_status = EXIT_FAILED;
+};
+
+// Ends a command that cannot go on.
+class CommandFailed : public std::exception {
+  public:
+    explicit CommandFailed(Failure failure) : failure_(std::move(failure)) {}
+    const Failure& failure() const noexcept { return failure_; }
+    const char* what() const noexcept override { return failure_.meaning.c_str(); }
+
+  private:
+    Failure failure_;
+};
+
+Failure explain(const trelm::Error& error);
+Failure explain_load(const trelm::Error& error);
+Failure no_ports();
+Failure usage_failure(std::string meaning);
+
+// How a port is named: its instance number, and its NPIV index where one was given.
+std::string port_label(std::optional<uint32_t> instance, std::optional<uint32_t> npiv_index = {});
+
+std::string sentence(const Failure& failure);
+Json to_json(const Failure& failure);
+
+}  // namespace trelmctl

@@ -1,0 +1,199 @@
+#include "options.h"
+
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstring>
+#include <string_view>
+
+#include "commands.h"
+#include "text.h"
+
+namespace trelmctl {
+namespace {
+
+constexpr uint64_t kMostData = 64u << 20;
+constexpr double kMostSeconds = 86400;
+
+// A wrong argument, with what would be right.
+[[noreturn]] void refuse(std::string_view what, std::string_view given, std::string_view right) {
+    throw CLI::ValidationError(fmt::format("{} \"{}\" is not valid: {}", what, escaped(given), right));
+}
+
+template <typename Number>
+Number checked_number(std::string_view what, std::string_view given, uint64_t most) {
+    const auto value = parse_number(given, most);
+    if (!value) refuse(what, given, fmt::format("a number from 0 to {} in decimal, or hexadecimal with 0x", most));
+    return static_cast<Number>(*value);
+}
+
+void append_hex_word(std::vector<uint8_t>& bytes, const std::string& given) {
+    constexpr std::string_view right = "hexadecimal bytes, apart (12 00 …) or together (1200…)";
+    std::string word = given.starts_with("0x") ? given.substr(2) : given;
+    if (word.size() == 1) word.insert(0, "0");
+    if (word.empty() || word.size() % 2 != 0) refuse("CDB", given, right);
+    for (std::size_t i = 0; i < word.size(); i += 2) {
+        const auto byte = parse_number("0x" + word.substr(i, 2), UINT8_MAX);
+        if (!byte) refuse("CDB", given, right);
+        bytes.push_back(static_cast<uint8_t>(*byte));
+    }
+}
+
+void add_arguments(CLI::App& command, unsigned arguments, Options& options) {
+    if (arguments & PORT) {
+        command
+            .add_option_function<std::string>(
+                "PORT",
+                [&options](const std::string& given) {
+                    const auto port = parse_port(given);
+                    if (!port) refuse("PORT", given, "an instance number or a WWPN, then /NPIV for a virtual port");
+                    options.port = *port;
+                },
+                "Instance number or WWPN; PORT/NPIV names the port with that NPIV index")
+            ->required()
+            ->type_name("");
+    }
+    if (arguments & TARGET) {
+        command
+            .add_option_function<std::string>(
+                "TARGET",
+                [&options](const std::string& given) {
+                    options.target = checked_number<uint32_t>("TARGET", given, TRELM_MAX_TARGETS - 1);
+                },
+                "Target number, as 'trelmctl targets' lists it")
+            ->required()
+            ->type_name("");
+    }
+    if (arguments & LUN) {
+        command
+            .add_option_function<std::string>(
+                "LUN",
+                [&options](const std::string& given) { options.lun = checked_number<uint64_t>("LUN", given, UINT64_MAX); },
+                "LUN, as 'trelmctl luns' lists it; the upper half of a LUN of several levels is its extension")
+            ->required()
+            ->type_name("");
+    }
+}
+
+void add_stats_options(CLI::App& command, Options& options) {
+    auto* watch = command.add_option("--watch", options.watch, "Show rates per second every SECONDS");
+    watch->type_name("SECONDS")->check([](const std::string& given) {
+        char* end = nullptr;
+        const double seconds = std::strtod(given.c_str(), &end);
+        const bool sound = *end == 0 && seconds >= 0.01 && seconds <= kMostSeconds;
+        return sound ? "" : fmt::format("\"{}\" is not valid: from 0.01 to {} seconds", escaped(given), kMostSeconds);
+    });
+    command
+        .add_option_function<std::string>(
+            "--count",
+            [&options](const std::string& given) {
+                options.samples = checked_number<uint64_t>("--count", given, UINT32_MAX);
+                if (options.samples == 0) refuse("--count", given, "at least 1");
+            },
+            "End after N times")
+        ->type_name("N")
+        ->needs(watch);
+}
+
+void add_scsi_options(CLI::App& command, Options& options) {
+    command
+        .add_option_function<std::vector<std::string>>(
+            "CDB",
+            [&options](const std::vector<std::string>& words) {
+                for (const std::string& word : words) append_hex_word(options.cdb, word);
+                if (options.cdb.size() > 16) refuse("CDB", words.back(), "a command has at most 16 bytes");
+            },
+            "Command descriptor block: up to 16 bytes in hexadecimal")
+        ->required()
+        ->type_name("");
+    auto* in = command.add_option_function<std::string>(
+        "--in",
+        [&options](const std::string& given) { options.data_in = checked_number<uint32_t>("--in", given, kMostData); },
+        "Read N bytes; bytes that the device does not send are zero");
+    in->type_name("N");
+    command.add_option("--out", options.data_out, "Send the bytes of FILE (-: standard input)")->type_name("FILE")->excludes(in);
+    command.add_flag("--raw", options.raw, "Print the bytes read as they are")->needs(in);
+}
+
+void add_inquiry_options(CLI::App& command, Options& options) {
+    command
+        .add_option_function<std::string>(
+            "--page",
+            [&options](const std::string& given) {
+                const bool prefixed = given.starts_with("0x");
+                const auto page = parse_number(prefixed ? given : "0x" + given, UINT8_MAX);
+                if (!page) refuse("--page", given, "a page number from 00 to ff in hexadecimal; 00 lists the pages");
+                options.page = static_cast<uint8_t>(*page);
+            },
+            "Vital product data page, in hexadecimal")
+        ->type_name("HEX");
+}
+
+void add_own_options(CLI::App& command, std::string_view name, Options& options) {
+    if (name == "stats") add_stats_options(command, options);
+    if (name == "scsi") add_scsi_options(command, options);
+    if (name == "inquiry") add_inquiry_options(command, options);
+    if (name == "capacity") command.add_flag("--16", options.sixteen, "Use READ CAPACITY(16) in any case");
+}
+
+// What no single option can check.
+void check_together(const Options& options) {
+    if (options.json && options.raw) throw CLI::ValidationError("--raw and --json exclude each other");
+    if (options.json && options.watch && !options.samples) {
+        throw CLI::ValidationError("--watch with --json needs --count: a JSON document has an end");
+    }
+    if (options.data_out.empty() && options.cdb.empty()) return;
+    if (options.port.instance || options.port.wwpn) return;
+    throw CLI::ValidationError("PORT is missing");
+}
+
+// Asked for before the command line is understood, so that a mistake in it is told in JSON, too.
+bool asks_for_json(int argc, char** argv) {
+    return std::any_of(argv + 1, argv + argc, [](const char* word) { return std::strcmp(word, "--json") == 0; });
+}
+
+int tell_usage_error(const CLI::App& app, const CLI::ParseError& error, bool json) {
+    if (!json) {
+        fmt::print(stderr, "{}\n", sentence(usage_failure(error.what())));
+        return EXIT_USAGE;
+    }
+    Output output(true);
+    output.fail(usage_failure(error.what()));
+    (void)app;
+    return output.finish();
+}
+
+}  // namespace
+
+ParsedOptions parse_options(int argc, char** argv) {
+    ParsedOptions parsed;
+    Options& options = parsed.options;
+    CLI::App app{"Shows and tries the FCoE ports of this host and the storage behind them."};
+    app.name("trelmctl");
+    app.footer(
+        "PORT is an instance number or a WWPN; PORT/NPIV names the port with that NPIV index.\n"
+        "Exit status: 0 done, 1 an operation failed, 2 wrong usage, 3 no FCoE port on this host.\n"
+        "On a machine that is no ESXi host: trelm-hostsim run HOST.json -- trelmctl list");
+    app.set_version_flag("--version", "trelmctl " TRELMCTL_VERSION);
+    app.require_subcommand(1);
+    app.add_flag("--json", options.json, "Print one JSON document");
+    for (const Command& command : commands()) {
+        CLI::App* sub = app.add_subcommand(command.name, command.help);
+        sub->add_flag("--json", options.json, "Print one JSON document");
+        add_arguments(*sub, command.arguments, options);
+        add_own_options(*sub, command.name, options);
+        sub->callback([&options, &command] { options.command = &command; });
+    }
+    try {
+        app.parse(argc, argv);
+        check_together(options);
+    } catch (const CLI::Success& asked) {
+        parsed.exit_status = app.exit(asked);
+    } catch (const CLI::ParseError& error) {
+        parsed.exit_status = tell_usage_error(app, error, asks_for_json(argc, argv));
+    }
+    return parsed;
+}
+
+}  // namespace trelmctl

@@ -1,0 +1,40 @@
+// options.h - the command line, taken apart and checked: what is here is sound, and every command reads only what is
+// its own.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "ports.h"
+
+namespace trelmctl {
+
+struct Command;
+
+struct Options {
+    const Command* command = nullptr;
+    bool json = false;
+    PortSelector port;
+    uint32_t target = 0;
+    uint64_t lun = 0;
+    std::vector<uint8_t> cdb;
+    uint32_t data_in = 0;   // bytes to read
+    std::string data_out;   // file to send; empty: none
+    bool raw = false;
+    std::optional<uint8_t> page;      // vital product data page
+    std::optional<double> watch;      // seconds
+    std::optional<uint64_t> samples;  // of a watch
+    bool sixteen = false;             // READ CAPACITY(16) in any case
+};
+
+// What to do: carry `options` out, or end at once with `exit_status` because help, a version or a usage error has been
+// told already.
+struct ParsedOptions {
+    Options options;
+    std::optional<int> exit_status;
+};
+ParsedOptions parse_options(int argc, char** argv);
+
+}  // namespace trelmctl
