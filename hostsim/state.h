@@ -26,6 +26,11 @@ namespace hostsim {
 
 struct SharedState;  // the mapped file
 
+// Environment variables that take a process onto a launched host: the host's root,
+inline constexpr const char* kRootVariable = "TRELM_HOSTSIM_ROOT";
+// and directories of the machine that stay visible to a launched host's programs, one a line.
+inline constexpr const char* kPassedVariable = "TRELM_HOSTSIM_PASS";
+
 // A process has at most one State, the current one; a second in the same process takes its place until it
 // goes.
 class HOSTSIM_API State {
@@ -35,7 +40,8 @@ class HOSTSIM_API State {
     // it cannot be made.
     static std::unique_ptr<State> temporary();
 
-    // The running host whose root this is. std::system_error when none runs there.
+    // The running host whose root this is. std::system_error when none runs there. In a process that the
+    // launcher started the preloaded object has attached before main, and current() is that State.
     static std::unique_ptr<State> attach(const std::filesystem::path& root,
                                          std::vector<std::string> passed = {});
 
@@ -66,7 +72,8 @@ class HOSTSIM_API State {
     // there are more names than the shared file has room for (16384).
     std::atomic<uint64_t>& counter(std::string_view name);
 
-    // The machine's key for a semaphore set of this host, remembered so that cleaning removes the set.
+    // The machine's key for a semaphore set of this host, remembered so that cleaning removes the set; -1
+    // when the host has used more keys than the shared file has room for (4096).
     key_t semaphore_key(key_t key) noexcept;
 
   private:

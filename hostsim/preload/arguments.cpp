@@ -1,0 +1,56 @@
+#include "arguments.h"
+
+#include <cstring>
+
+#include "driver_files.h"
+#include "interpose.h"
+
+namespace hostsim {
+
+State* serving_state() noexcept { return OwnCalls::active() ? nullptr : State::current(); }
+
+Host* serving_host() noexcept {
+    if (serving_state() == nullptr) return nullptr;
+    const OwnCalls own;
+    const KeepErrno keep;
+    return Host::current();
+}
+
+Path::Path(const char* path) noexcept : path_(path) {
+    const State* state = serving_state();
+    if (state == nullptr) return;
+    place_ = map_path(path, state->root(), state->passed(), mapped_);
+    if (place_ == Place::machine) return;
+    path_ = mapped_;
+    if (place_ != Place::files) refresh_driver_files(place_);
+}
+
+Look::Look(const char* path) noexcept : Path(path) {
+    if (place_ != Place::node) return;
+    const Host* host = serving_host();
+    const OwnCalls own;
+    device_ = host != nullptr && host->legacy_node() == NodeKind::device;
+    if (device_) path_ = "/dev/null";
+}
+
+Template::Template(char* text) noexcept : text_(text) {
+    const State* state = serving_state();
+    is_mapped_ =
+        state != nullptr && map_path(text, state->root(), state->passed(), mapped_) != Place::machine;
+}
+
+Template::~Template() {
+    if (!is_mapped_) return;
+    const char* name = std::strrchr(mapped_, '/');
+    char* own_name = std::strrchr(text_, '/');
+    if (std::strlen(name) == std::strlen(own_name)) std::memcpy(own_name, name, std::strlen(name));
+}
+
+void show_path(char* path) noexcept {
+    const State* state = serving_state();
+    if (state == nullptr || path == nullptr) return;
+    const std::string_view seen = seen_path(path, state->root());
+    std::memmove(path, seen.data(), seen.size() + 1);
+}
+
+}  // namespace hostsim

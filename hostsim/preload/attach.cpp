@@ -1,0 +1,89 @@
+#include "attach.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <vector>
+
+#include "host.h"
+#include "own_calls.h"
+#include "simulator_paths.h"
+#include "state.h"
+
+namespace hostsim {
+namespace {
+
+constexpr int kCannotAttach = 125;
+
+// Never destroyed: programs start others and use files until their very end.
+constinit std::atomic<const HostVariables*> variables = nullptr;
+
+std::string value(const char* name) {
+    const char* text = std::getenv(name);
+    return text == nullptr ? "" : text;
+}
+
+std::vector<std::string> lines(std::string_view text) {
+    std::vector<std::string> result;
+    while (!text.empty()) {
+        const size_t end = std::min(text.find('\n'), text.size());
+        if (end > 0) result.emplace_back(text.substr(0, end));
+        text.remove_prefix(std::min(end + 1, text.size()));
+    }
+    return result;
+}
+
+const HostVariables* read_variables() {
+    auto* result = new HostVariables;
+    size_t next = 0;
+    for (const char* name : {"LD_PRELOAD", kRootVariable, kPassedVariable})
+        result->entries[next++] = std::string(name) + "=" + value(name);
+    result->preload = value("LD_PRELOAD");
+    return result;
+}
+
+// The launcher and the listing are the machine's, wherever they are called: a launcher starts a host of its
+// own.
+bool is_simulators_own() {
+    std::error_code error;
+    return std::filesystem::equivalent("/proc/self/exe", launcher_path(), error);
+}
+
+// Before main, so that the process counts as one of the host's from its start.
+[[gnu::constructor]] void attach_to_launched_host() {
+    const OwnCalls own;
+    const std::string root = value(kRootVariable);
+    if (root.empty() || is_simulators_own()) return;
+    try {
+        State::attach(root, lines(value(kPassedVariable))).release();
+        variables.store(read_variables());
+    } catch (const std::exception& error) {
+        // To go on would be to work on the machine's own files.
+        std::fprintf(stderr,
+                     "trelm-hostsim: this process was started on the simulated host at %s, which has ended "
+                     "(%s); start it "
+                     "again with trelm-hostsim run\n",
+                     root.c_str(), error.what());
+        _exit(kCannotAttach);
+    }
+}
+
+}  // namespace
+
+const HostVariables* host_variables() noexcept { return variables.load(std::memory_order_acquire); }
+
+void restore_environment() noexcept {
+    const HostVariables* host = host_variables();
+    if (host == nullptr) return;
+    for (const std::string& entry : host->entries) {
+        const size_t name = entry.find('=');
+        setenv(entry.substr(0, name).c_str(), entry.c_str() + name + 1, 0);
+    }
+}
+
+}  // namespace hostsim

@@ -1,0 +1,77 @@
+// interpose.h - how one function of libc is stood in for. INTERPOSE(result, name, parameters, arguments)
+// defines the function and passes the call on to the next definition in the process with the arguments as
+// written: an argument wrapped in Path reaches it redirected into the simulated host's root. A function with
+// more to do than that is defined with INTERPOSED and passes its call on through NEXT.
+//
+// The functions carry C++ names of their own and libc's only for the linker: libc's headers declare theirs
+// with attributes (not-null above all), macros and redirections that are not true of a stand-in.
+#pragma once
+
+#include <dlfcn.h>
+
+#include <atomic>
+#include <cerrno>
+#include <utility>
+
+#include "own_calls.h"
+
+namespace hostsim {
+
+class KeepErrno {
+  public:
+    KeepErrno() : saved_(errno) {}
+    ~KeepErrno() { errno = saved_; }
+    KeepErrno(const KeepErrno&) = delete;
+    KeepErrno& operator=(const KeepErrno&) = delete;
+
+  private:
+    int saved_;
+};
+
+// The definition that would have been used without this one; looked up with the first call.
+template <typename Function>
+class Next;
+
+template <typename Result, typename... Parameters>
+class Next<Result(Parameters...)> {
+  public:
+    explicit constexpr Next(const char* name) : name_(name) {}
+
+    Result operator()(Parameters... arguments) {
+        Result (*function)(Parameters...) = function_.load(std::memory_order_relaxed);
+        if (function == nullptr && (function = find()) == nullptr) return missing();
+        return function(arguments...);
+    }
+
+  private:
+    auto find() -> Result (*)(Parameters...) {
+        const KeepErrno keep;
+        auto* found = reinterpret_cast<Result (*)(Parameters...)>(dlsym(RTLD_NEXT, name_));
+        function_.store(found, std::memory_order_relaxed);
+        return found;
+    }
+
+    // A newer function than this machine's libc has.
+    static Result missing() {
+        errno = ENOSYS;
+        if constexpr (std::is_pointer_v<Result>)
+            return nullptr;
+        else if constexpr (!std::is_void_v<Result>)
+            return static_cast<Result>(-1);
+    }
+
+    const char* name_;
+    std::atomic<Result (*)(Parameters...)> function_ = nullptr;
+};
+
+}  // namespace hostsim
+
+#define INTERPOSED(result, name, parameters)                                                              \
+    extern "C" __attribute__((visibility("default"))) result hostsim_at_##name parameters __asm__(#name); \
+    static constinit ::hostsim::Next<result parameters> next_##name(#name);                               \
+    result hostsim_at_##name parameters
+
+#define NEXT(name) next_##name
+
+#define INTERPOSE(result, name, parameters, arguments) \
+    INTERPOSED(result, name, parameters) { return NEXT(name) arguments; }

@@ -1,0 +1,105 @@
+#include "path_map.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+#include "link_state_files.h"
+
+namespace hostsim {
+namespace {
+
+constexpr std::string_view kNodeDirectory = "/dev/char/vmkdriver";
+
+struct Redirected {
+    std::string_view directory;
+    Place place;
+};
+constexpr std::array<Redirected, 4> kRedirected{{
+    {"/tmp", Place::files},
+    {"/var/tmp", Place::files},
+    {kLinkStateDirectory, Place::link_states},
+    {kNodeDirectory, Place::nodes},
+}};
+
+bool is_below(std::string_view path, std::string_view directory) {
+    return path.starts_with(directory) && (path.size() == directory.size() || path[directory.size()] == '/');
+}
+
+// Writes the absolute `path` without empty, "." and ".." components. 0 when it does not fit, else its length.
+size_t normalise(const char* path, PathBuffer& out) {
+    size_t length = 0;
+    while (*path != 0) {
+        while (*path == '/') ++path;
+        const size_t size = std::strcspn(path, "/");
+        const std::string_view component(path, size);
+        path += size;
+        if (component.empty() || component == ".") continue;
+        if (component == "..") {
+            while (length > 0 && out[--length] != '/') {
+            }
+            continue;
+        }
+        if (length + 1 + size > PATH_MAX) return 0;
+        out[length++] = '/';
+        std::memcpy(out + length, component.data(), size);
+        length += size;
+    }
+    out[length] = 0;
+    return length;
+}
+
+Place place_of(std::string_view path) {
+    if (path == kLegacyNodePath) return Place::node;
+    const auto* found = std::find_if(kRedirected.begin(), kRedirected.end(), [path](const Redirected& entry) {
+        return is_below(path, entry.directory);
+    });
+    return found == kRedirected.end() ? Place::machine : found->place;
+}
+
+// Directories that lead to `directory` are the machine's too, so that programs which walk a path find every
+// step.
+bool leads_to(std::string_view path, std::string_view directory) {
+    return is_below(directory, path) && path != "/tmp" && path != "/var/tmp";
+}
+
+bool is_machines(std::string_view path, std::string_view root, std::span<const std::string> passed) {
+    const auto is_passed = [path](std::string_view directory) {
+        return is_below(path, directory) || leads_to(path, directory);
+    };
+    return is_below(path, root) || leads_to(path, root) ||
+           std::any_of(passed.begin(), passed.end(), is_passed);
+}
+
+// A slash at the end demands a directory.
+bool names_directory(std::string_view path) { return path.ends_with("/") || path.ends_with("/."); }
+
+}  // namespace
+
+Place map_path(const char* path, std::string_view root, std::span<const std::string> passed,
+               PathBuffer& mapped) noexcept {
+    if (path == nullptr || *path != '/') return Place::machine;
+    const size_t length = normalise(path, mapped);
+    const std::string_view wanted(mapped, length);
+    const Place place = place_of(wanted);
+    if (place == Place::machine || (place == Place::files && is_machines(wanted, root, passed)))
+        return Place::machine;
+
+    const bool slash = names_directory(path);
+    const size_t prefix = std::min<size_t>(root.size(), PATH_MAX);
+    const size_t rest = std::min<size_t>(length, PATH_MAX - prefix);
+    std::memmove(mapped + prefix, mapped, rest);
+    std::memcpy(mapped, root.data(), prefix);
+    size_t end = prefix + rest;
+    if (slash && end < PATH_MAX) mapped[end++] = '/';
+    mapped[end] = 0;
+    return place;
+}
+
+std::string_view seen_path(std::string_view path, std::string_view root) noexcept {
+    if (!path.starts_with(root)) return path;
+    const std::string_view rest = path.substr(root.size());
+    return !rest.empty() && place_of(rest) != Place::machine ? rest : path;
+}
+
+}  // namespace hostsim

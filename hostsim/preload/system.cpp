@@ -1,0 +1,154 @@
+// system.cpp - what a program asks of the system itself: its name, its user, System V semaphores, commands,
+// and the VMkernel management interface.
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "arguments.h"
+#include "attach.h"
+#include "interpose.h"
+#include "vmkmgmt.h"
+
+namespace hostsim {
+
+INTERPOSED(int, uname, (utsname * name)) {
+    Host* host = serving_host();
+    if (host == nullptr || name == nullptr) return NEXT(uname)(name);
+    const OwnCalls own;
+    host->fill_utsname(name);
+    return 0;
+}
+
+INTERPOSED(int, gethostname, (char* text, size_t size)) {
+    Host* host = serving_host();
+    if (host == nullptr || text == nullptr) return NEXT(gethostname)(text, size);
+    const OwnCalls own;
+    utsname name{};
+    host->fill_utsname(&name);
+    const size_t length = strnlen(name.nodename, sizeof name.nodename - 1) + 1;
+    std::memcpy(text, name.nodename, std::min(length, size));
+    if (length <= size) return 0;
+    errno = ENAMETOOLONG;
+    return -1;
+}
+
+// ---- The user: every identity of the process is the host's effective user
+// ------------------------------------------
+
+// The id that `next` would tell, or the host's.
+template <typename Call>
+static uid_t identity(Call& next) noexcept {
+    const Host* host = serving_host();
+    if (host == nullptr) return next();
+    const OwnCalls own;
+    return host->effective_user();
+}
+
+template <typename Call>
+static int identities(Call& next, uid_t* real, uid_t* effective, uid_t* saved) noexcept {
+    const Host* host = serving_host();
+    if (host == nullptr) return next(real, effective, saved);
+    const OwnCalls own;
+    *real = *effective = *saved = host->effective_user();
+    return 0;
+}
+
+INTERPOSED(uid_t, getuid, ()) { return identity(NEXT(getuid)); }
+INTERPOSED(uid_t, geteuid, ()) { return identity(NEXT(geteuid)); }
+INTERPOSED(gid_t, getgid, ()) { return identity(NEXT(getgid)); }
+INTERPOSED(gid_t, getegid, ()) { return identity(NEXT(getegid)); }
+INTERPOSED(int, getresuid, (uid_t * real, uid_t* effective, uid_t* saved)) {
+    return identities(NEXT(getresuid), real, effective, saved);
+}
+INTERPOSED(int, getresgid, (gid_t * real, gid_t* effective, gid_t* saved)) {
+    return identities(NEXT(getresgid), real, effective, saved);
+}
+
+// ---- Semaphores and disks
+// -------------------------------------------------------------------------------------------
+
+INTERPOSED(int, semget, (key_t key, int count, int flags)) {
+    State* state = serving_state();
+    if (state == nullptr || key == IPC_PRIVATE) return NEXT(semget)(key, count, flags);
+    const key_t machine_key = state->semaphore_key(key);
+    if (machine_key != -1) return NEXT(semget)(machine_key, count, flags);
+    errno = ENOSPC;
+    return -1;
+}
+
+// A simulated host's flush must not keep the machine's disks busy, and its files need to survive no power
+// failure.
+INTERPOSED(void, sync, ()) {
+    if (serving_state() == nullptr) NEXT(sync)();
+}
+
+// ---- Commands
+// -------------------------------------------------------------------------------------------------------
+
+static std::string shell_word(std::string_view text) {
+    std::string result = "'";
+    for (const char c : text) result += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return result + "'";
+}
+
+// `command` for a shell that finds the host's own commands first, whatever the program made of PATH.
+static std::string on_host(const State& state, const char* command) {
+    return "PATH=" + shell_word(state.root() + "/.hostsim/bin") +
+           ":${PATH:-/usr/sbin:/usr/bin:/sbin:/bin}\n" + command;
+}
+
+INTERPOSED(FILE*, popen, (const char* command, const char* mode)) {
+    const State* state = serving_state();
+    if (state == nullptr || command == nullptr) return NEXT(popen)(command, mode);
+    restore_environment();
+    return NEXT(popen)(on_host(*state, command).c_str(), mode);
+}
+
+INTERPOSED(int, system, (const char* command)) {
+    const State* state = serving_state();
+    if (state == nullptr || command == nullptr) return NEXT(system)(command);
+    restore_environment();
+    return NEXT(system)(on_host(*state, command).c_str());
+}
+
+// ---- The management interface
+// ---------------------------------------------------------------------------------------
+
+INTERPOSED(int, vmk_MgmtUserInit,
+           (vmk_MgmtApiSignature * signature, uint64_t cookie, vmk_MgmtUserHandle* handle)) {
+    Host* host = serving_host();
+    if (host == nullptr) return NEXT(vmk_MgmtUserInit)(signature, cookie, handle);
+    const OwnCalls own;
+    return host->management_init(signature, cookie, handle);
+}
+
+// No callback takes more parameters than this; the rest of a longer list is not looked at.
+static constexpr uint32_t kMostParameters = 4;
+
+extern "C" HOSTSIM_API int hostsim_invoke(vmk_MgmtUserHandle handle, uint64_t instance, uint64_t callback,
+                                          uint32_t count, ...) __asm__("vmk_MgmtUserCallbackInvokeInt");
+int hostsim_invoke(vmk_MgmtUserHandle handle, uint64_t instance, uint64_t callback, uint32_t count, ...) {
+    static constinit Next<int(vmk_MgmtUserHandle, uint64_t, uint64_t, uint32_t, void*, void*, void*, void*)>
+        next("vmk_MgmtUserCallbackInvokeInt");
+    std::array<void*, kMostParameters> parameters{};
+    va_list list;
+    va_start(list, count);
+    for (uint32_t i = 0; i < std::min(count, kMostParameters); ++i) parameters[i] = va_arg(list, void*);
+    va_end(list);
+    Host* host = serving_host();
+    if (host == nullptr)
+        return next(handle, instance, callback, count, parameters[0], parameters[1], parameters[2],
+                    parameters[3]);
+    const OwnCalls own;
+    return host->management_invoke(handle, instance, callback, count, parameters.data());
+}
+
+}  // namespace hostsim
