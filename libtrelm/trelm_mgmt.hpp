@@ -1,5 +1,6 @@
-// trelm_mgmt.hpp - a small C++ layer on the public C interface: owners that give back what they took, results as
-// values, failures as exceptions. Header-only, C++17, nothing but the standard library besides libtrelm itself.
+// trelm_mgmt.hpp - a small C++ layer on the public C interface: owners that give back what they took, results
+// as values, failures as exceptions. Header-only, C++17, nothing but the standard library besides libtrelm
+// itself.
 //
 //     trelm::Library library;                                  // loads; frees at the end of its scope
 //     for (uint32_t i = 0; i < library.port_count(); ++i) {
@@ -7,8 +8,8 @@
 //         std::cout << trelm::text(adapter.info().ModelName) << '\n';
 //     }
 //
-// A call that fails throws trelm::Error with the code, the operation and the port; destructors never throw. The
-// conventions of trelm_mgmt.h hold: calls from several threads are the program's to serialise.
+// A call that fails throws trelm::Error with the code, the operation and the port; destructors never throw.
+// The conventions of trelm_mgmt.h hold: calls from several threads are the program's to serialise.
 #pragma once
 
 #include <array>
@@ -26,22 +27,31 @@
 
 namespace trelm {
 
-// The name of a return code; null for a bare driver status (TRELM_STATUS_BASE plus 2, 3 …) and for a system error
-// number.
+// The name of a return code; null for a bare driver status (TRELM_STATUS_BASE plus 2, 3 …) and for a system
+// error number.
 inline const char* status_name(uint32_t code) {
     switch (code) {
-        case TRELM_STATUS_OK: return "TRELM_STATUS_OK";
-        case TRELM_STATUS_FAILED: return "TRELM_STATUS_FAILED";
-        case TRELM_STATUS_INVALID_PARAMETER: return "TRELM_STATUS_INVALID_PARAMETER";
-        case TRELM_STATUS_INVALID_INSTANCE: return "TRELM_STATUS_INVALID_INSTANCE";
-        case TRELM_STATUS_INSUFFICIENT_BUFFER: return "TRELM_STATUS_INSUFFICIENT_BUFFER";
-        case TRELM_STATUS_NO_MEMORY: return "TRELM_STATUS_NO_MEMORY";
-        case TRELM_STATUS_DRIVER_ERROR: return "TRELM_STATUS_DRIVER_ERROR";
-        default: return nullptr;
+        case TRELM_STATUS_OK:
+            return "TRELM_STATUS_OK";
+        case TRELM_STATUS_FAILED:
+            return "TRELM_STATUS_FAILED";
+        case TRELM_STATUS_INVALID_PARAMETER:
+            return "TRELM_STATUS_INVALID_PARAMETER";
+        case TRELM_STATUS_INVALID_INSTANCE:
+            return "TRELM_STATUS_INVALID_INSTANCE";
+        case TRELM_STATUS_INSUFFICIENT_BUFFER:
+            return "TRELM_STATUS_INSUFFICIENT_BUFFER";
+        case TRELM_STATUS_NO_MEMORY:
+            return "TRELM_STATUS_NO_MEMORY";
+        case TRELM_STATUS_DRIVER_ERROR:
+            return "TRELM_STATUS_DRIVER_ERROR";
+        default:
+            return nullptr;
     }
 }
 
-// A text field as a string: up to its first zero byte or its width, without the blanks that pad it at its end.
+// A text field as a string: up to its first zero byte or its width, without the blanks that pad it at its
+// end.
 template <std::size_t Width>
 std::string text(const uint8_t (&field)[Width]) {
     std::size_t length = 0;
@@ -50,7 +60,8 @@ std::string text(const uint8_t (&field)[Width]) {
     return std::string(field, field + length);
 }
 
-// A failed call. `operation` is the C function's name; instance and NPIV index are there where the call had them.
+// A failed call. `operation` is the C function's name; instance and NPIV index are there where the call had
+// them.
 class Error : public std::exception {
   public:
     Error(uint32_t code, const char* operation, std::optional<uint32_t> instance = {},
@@ -118,7 +129,8 @@ inline uint64_t lun_number(uint32_t number, uint32_t extension) { return uint64_
 
 // A command record, cleared but for what is given; room for all the sense data there is.
 template <typename Bytes = std::initializer_list<uint8_t>>
-TRELM_SCSI_CMND scsi_command(uint32_t target, uint64_t lun, const Bytes& cdb, uint8_t direction = TRELM_SCSI_DATA_IN) {
+TRELM_SCSI_CMND scsi_command(uint32_t target, uint64_t lun, const Bytes& cdb,
+                             uint8_t direction = TRELM_SCSI_DATA_IN) {
     TRELM_SCSI_CMND command{};
     command.ScsiTgtNum = target;
     command.ScsiLunNum = static_cast<uint32_t>(lun);
@@ -133,7 +145,8 @@ TRELM_SCSI_CMND scsi_command(uint32_t target, uint64_t lun, const Bytes& cdb, ui
     return command;
 }
 
-// An open physical port; its virtual ports are reached through it by their NPIV index. Must go before its library.
+// An open physical port; its virtual ports are reached through it by their NPIV index. Must go before its
+// library.
 class Adapter {
   public:
     Adapter(const Library& /*loaded*/, uint32_t instance) : instance_(instance) {
@@ -142,7 +155,8 @@ class Adapter {
     ~Adapter() {
         if (handle_ != 0) TRELM_CloseAdapter(handle_);
     }
-    Adapter(Adapter&& other) noexcept : instance_(other.instance_), handle_(std::exchange(other.handle_, 0)) {}
+    Adapter(Adapter&& other) noexcept
+        : instance_(other.instance_), handle_(std::exchange(other.handle_, 0)) {}
     Adapter& operator=(Adapter&& other) noexcept {
         std::swap(instance_, other.instance_);
         std::swap(handle_, other.handle_);
@@ -178,19 +192,20 @@ class Adapter {
         return record;
     }
 
-    // Whether there is a port with that NPIV index. The driver is not asked: a target listing into an array without
-    // room gets no further than the look-up.
+    // Whether there is a port with that NPIV index. The driver is not asked: a target listing into an array
+    // without room gets no further than the look-up.
     bool has_port(uint32_t npiv_index) const noexcept {
         uint32_t count = 0;
         TRELM_TGT_INFO* none = nullptr;
         return TRELM_GetTgtInfo(handle_, npiv_index, &count, &none) != TRELM_STATUS_FAILED;
     }
 
-    // The NPIV indexes of the physical port and its virtual ports, in ascending order. Drivers number them densely
-    // from 0 or 1 on; `slack` says how far beyond their number to look for those that do not.
+    // The NPIV indexes of the physical port and its virtual ports, in ascending order. Drivers number them
+    // densely from 0 or 1 on; `slack` says how far beyond their number to look for those that do not.
     std::vector<uint32_t> port_indexes(uint32_t slack = 255) const {
         const uint64_t ports = uint64_t{info().NpivCount} + 1;
-        constexpr uint64_t most = 65536;  // a driver that reports a nonsense count must not make this run for hours
+        constexpr uint64_t most =
+            65536;  // a driver that reports a nonsense count must not make this run for hours
         const uint64_t end = (ports < most ? ports : most) + slack;
         std::vector<uint32_t> found;
         for (uint32_t index = 0; index < end && found.size() < ports; ++index) {
@@ -199,9 +214,9 @@ class Adapter {
         return found;
     }
 
-    // Appends the targets that answer to `found`, and returns what TRELM_GetTgtInfo returned: on failure the targets
-    // before the failing one are there. Asks the driver for the current number of targets first; where that fails the
-    // number known before stands.
+    // Appends the targets that answer to `found`, and returns what TRELM_GetTgtInfo returned: on failure the
+    // targets before the failing one are there. Asks the driver for the current number of targets first;
+    // where that fails the number known before stands.
     uint32_t list_targets(uint32_t npiv_index, std::vector<TRELM_TGT_INFO>& found) const {
         TRELM_VNPORT_INFO refreshed{};
         TRELM_GetVNPortInfo(handle_, npiv_index, &refreshed);
@@ -210,8 +225,8 @@ class Adapter {
         uint32_t code = TRELM_GetTgtInfo(handle_, npiv_index, &count, &array);
         if (code != TRELM_STATUS_INSUFFICIENT_BUFFER) return code;
 
-        // One element a target number is all that can be filled, whatever number the driver announced. The number
-        // filled is not told, so every element is marked with a target number that cannot be.
+        // One element a target number is all that can be filled, whatever number the driver announced. The
+        // number filled is not told, so every element is marked with a target number that cannot be.
         std::vector<TRELM_TGT_INFO> elements(TRELM_MAX_TARGETS);
         for (TRELM_TGT_INFO& element : elements) element.ScsiTgtNum = UINT32_MAX;
         array = elements.data();
@@ -246,10 +261,12 @@ class Adapter {
         return elements;
     }
 
-    // Sends a command; `length` bytes move to or from `data` in the record's direction. The sense data is in the record
-    // whether the call returns or throws; a CHECK CONDITION is the caller's to see there.
-    void send(uint32_t npiv_index, TRELM_SCSI_CMND& command, uint8_t* data = nullptr, uint32_t length = 0) const {
-        check(TRELM_SendScsiCommand(handle_, npiv_index, &command, &length, data), "TRELM_SendScsiCommand", npiv_index);
+    // Sends a command; `length` bytes move to or from `data` in the record's direction. The sense data is in
+    // the record whether the call returns or throws; a CHECK CONDITION is the caller's to see there.
+    void send(uint32_t npiv_index, TRELM_SCSI_CMND& command, uint8_t* data = nullptr,
+              uint32_t length = 0) const {
+        check(TRELM_SendScsiCommand(handle_, npiv_index, &command, &length, data), "TRELM_SendScsiCommand",
+              npiv_index);
     }
 
   private:

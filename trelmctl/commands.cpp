@@ -12,8 +12,8 @@ std::span<const Command> commands() {
     static constexpr std::array table{
         Command{"list", "List the FCoE ports of this host with their present state", NO_ARGUMENTS, run_list},
         Command{"show", "Show all that is known of a port and its adapter", PORT, run_show},
-        Command{"version", "Show the versions of this tool and of the library (works on any machine)", NO_ARGUMENTS,
-                run_version},
+        Command{"version", "Show the versions of this tool and of the library (works on any machine)",
+                NO_ARGUMENTS, run_version},
         Command{"stats", "Show the counters of a port, or watch their rates", PORT, run_stats},
         Command{"targets", "List the SCSI targets that a port sees", PORT, run_targets},
         Command{"luns", "List the LUNs of a target", PORT | TARGET, run_luns},
@@ -34,8 +34,8 @@ void run_version(const Options&, Output& output) {
         output.document()["library_description"] = escaped(trelm::Library::description());
         return;
     }
-    output.print(fmt::format("trelmctl  {}\nlibtrelm  {} ({}): {}\n", TRELMCTL_VERSION, trelm::Library::version(),
-                             hex32(number), trelm::Library::description()));
+    output.print(fmt::format("trelmctl  {}\nlibtrelm  {} ({}): {}\n", TRELMCTL_VERSION,
+                             trelm::Library::version(), hex32(number), trelm::Library::description()));
 }
 
 }  // namespace trelmctl

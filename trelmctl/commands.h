@@ -1,4 +1,5 @@
-// commands.h - the commands of the tool, as a table: what each is called, what it takes and what carries it out.
+// commands.h - the commands of the tool, as a table: what each is called, what it takes and what carries it
+// out.
 #pragma once
 
 #include <span>

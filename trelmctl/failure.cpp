@@ -18,7 +18,8 @@ constexpr std::string_view kSimulate =
     "to try it out, use a simulated host: trelm-hostsim run HOST.json -- trelmctl list";
 constexpr std::string_view kTrace = "run again with TRELM_API_DEBUG=4 to see what failed inside the library";
 
-// What a code means when a certain operation returns it. The first row that fits counts; an empty operation fits any.
+// What a code means when a certain operation returns it. The first row that fits counts; an empty operation
+// fits any.
 struct Meaning {
     uint32_t code;
     std::string_view operation;
@@ -35,8 +36,10 @@ constexpr std::array kMeanings{
             "an argument is out of range, or the driver failed with its status 4",
             "a native driver moves at most 262144 bytes with one command"},
     Meaning{TRELM_STATUS_INVALID_PARAMETER, "TRELM_GetLunInfo",
-            "an argument is out of range, or the driver failed with its status 4", "target numbers run from 0 to 127"},
-    Meaning{TRELM_STATUS_INVALID_PARAMETER, "", "an argument is out of range, or the driver failed with its status 4", ""},
+            "an argument is out of range, or the driver failed with its status 4",
+            "target numbers run from 0 to 127"},
+    Meaning{TRELM_STATUS_INVALID_PARAMETER, "",
+            "an argument is out of range, or the driver failed with its status 4", ""},
     Meaning{TRELM_STATUS_INVALID_INSTANCE, "TRELM_OpenAdapter", "the host has no such port",
             "'trelmctl list' shows the ports of this host"},
     Meaning{TRELM_STATUS_INVALID_INSTANCE, "", "the driver failed with its status 7", ""},
@@ -101,14 +104,17 @@ Failure explain(const trelm::Error& error) {
 Failure explain_load(const trelm::Error& error) {
     Failure failure = explain(error);
     if (const std::string system = system_name(); system.find("VMkernel") == std::string::npos) {
-        failure.meaning = fmt::format("this machine is not an ESXi host (its system name is \"{}\")", escaped(system));
+        failure.meaning =
+            fmt::format("this machine is not an ESXi host (its system name is \"{}\")", escaped(system));
         failure.advice = kSimulate;
     } else if (geteuid() != 0) {
         failure.meaning = "FCoE ports can only be managed as root";
         failure.advice = "run trelmctl as root";
     } else {
-        failure.meaning = "no FCoE driver answered, or the database shared between processes cannot be set up";
-        failure.advice = "check that an FCoE driver is loaded and that /tmp can be written; " + std::string(kTrace);
+        failure.meaning =
+            "no FCoE driver answered, or the database shared between processes cannot be set up";
+        failure.advice =
+            "check that an FCoE driver is loaded and that /tmp can be written; " + std::string(kTrace);
     }
     return failure;
 }

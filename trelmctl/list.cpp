@@ -24,17 +24,12 @@ Listed ask(const LoadedHost& host, uint32_t instance) {
     try {
         const trelm::Adapter adapter(host.library(), instance);
         listed.adapter = adapter.info();
-        listed.port = ask_ports(adapter).front();
+        listed.port = ask_physical(adapter);
         listed.failure = listed.port->failure;
     } catch (const trelm::Error& error) {
         listed.failure = explain(error);
     }
     return listed;
-}
-
-std::string pci_address(const TRELM_FCOE_INFO& info) {
-    return fmt::format("{:04x}:{:02x}:{:02x}.{:x}", +info.PciDomainNum, +info.PciBusNum, +info.PciDeviceNum,
-                       +info.PciFunctionNum);
 }
 
 std::vector<std::string> row(const Listed& listed) {
@@ -56,26 +51,23 @@ std::vector<std::string> row(const Listed& listed) {
     return cells;
 }
 
+// Every member is there for every port, null where it is not known.
 Json to_json(const Listed& listed) {
-    Json json{{"instance", listed.instance}};
-    if (listed.port && listed.port->info) {
-        const TRELM_VNPORT_INFO& info = *listed.port->info;
-        json["npiv_index"] = number(info.NpivIndex);
-        json["state"] = port_state_words(info.PortState);
-        json["state_raw"] = number(info.PortState);
-        json["speed"] = speed_words(info.PortSpeed);
-        json["speed_raw"] = number(info.PortSpeed);
-        json["targets"] = number(info.TgtCount);
-    }
-    if (listed.adapter) {
-        json["wwpn"] = address(listed.adapter->WWPN);
-        json["model"] = field_text(listed.adapter->ModelName);
-        json["driver"] = field_text(listed.adapter->DriverName);
-        json["pci_address"] = pci_address(*listed.adapter);
-        json["virtual_ports"] = number(listed.adapter->NpivCount);
-    }
-    if (listed.failure) json["error"] = to_json(*listed.failure);
-    return json;
+    const TRELM_FCOE_INFO* adapter = listed.adapter ? &*listed.adapter : nullptr;
+    const TRELM_VNPORT_INFO* port = listed.port && listed.port->info ? &*listed.port->info : nullptr;
+    return {{"instance", listed.instance},
+            {"npiv_index", port ? Json(number(port->NpivIndex)) : Json()},
+            {"state", port ? Json(port_state_words(port->PortState)) : Json()},
+            {"state_raw", port ? Json(number(port->PortState)) : Json()},
+            {"wwpn", adapter ? Json(address(adapter->WWPN)) : Json()},
+            {"speed", port ? Json(speed_words(port->PortSpeed)) : Json()},
+            {"speed_raw", port ? Json(number(port->PortSpeed)) : Json()},
+            {"model", adapter ? Json(field_text(adapter->ModelName)) : Json()},
+            {"driver", adapter ? Json(field_text(adapter->DriverName)) : Json()},
+            {"pci_address", adapter ? Json(pci_address(*adapter)) : Json()},
+            {"virtual_ports", adapter ? Json(number(adapter->NpivCount)) : Json()},
+            {"targets", port ? Json(number(port->TgtCount)) : Json()},
+            {"error", listed.failure ? to_json(*listed.failure) : Json()}};
 }
 
 }  // namespace
@@ -83,8 +75,15 @@ Json to_json(const Listed& listed) {
 void run_list(const Options&, Output& output) {
     const LoadedHost host;
     using Align = Column::Align;
-    Table table({{"PORT", Align::right}, {"STATE"}, {"WWPN"}, {"SPEED", Align::right}, {"MODEL"}, {"DRIVER"}, {"PCI"},
-                 {"VPORTS", Align::right}, {"TARGETS", Align::right}});
+    Table table({{"PORT", Align::right},
+                 {"STATE"},
+                 {"WWPN"},
+                 {"SPEED", Align::right},
+                 {"MODEL"},
+                 {"DRIVER"},
+                 {"PCI"},
+                 {"VPORTS", Align::right},
+                 {"TARGETS", Align::right}});
     Json& ports = output.document()["ports"] = Json::array();
     for (uint32_t instance = 0; instance < host.port_count(); ++instance) {
         const Listed listed = ask(host, instance);

@@ -1,4 +1,5 @@
-// main.cpp - trelmctl, the command-line tool of libtrelm: takes the command line, runs its command and tells what failed.
+// main.cpp - trelmctl, the command-line tool of libtrelm: takes the command line, runs its command and tells
+// what failed.
 #include <fmt/format.h>
 
 #include <clocale>

@@ -13,7 +13,6 @@
 namespace trelmctl {
 namespace {
 
-constexpr uint64_t kMostData = 64u << 20;
 constexpr double kMostSeconds = 86400;
 
 // A wrong argument, with what would be right.
@@ -24,7 +23,8 @@ constexpr double kMostSeconds = 86400;
 template <typename Number>
 Number checked_number(std::string_view what, std::string_view given, uint64_t most) {
     const auto value = parse_number(given, most);
-    if (!value) refuse(what, given, fmt::format("a number from 0 to {} in decimal, or hexadecimal with 0x", most));
+    if (!value)
+        refuse(what, given, fmt::format("a number from 0 to {} in decimal, or hexadecimal with 0x", most));
     return static_cast<Number>(*value);
 }
 
@@ -47,7 +47,8 @@ void add_arguments(CLI::App& command, unsigned arguments, Options& options) {
                 "PORT",
                 [&options](const std::string& given) {
                     const auto port = parse_port(given);
-                    if (!port) refuse("PORT", given, "an instance number or a WWPN, then /NPIV for a virtual port");
+                    if (!port)
+                        refuse("PORT", given, "an instance number or a WWPN, then /NPIV for a virtual port");
                     options.port = *port;
                 },
                 "Instance number or WWPN; PORT/NPIV names the port with that NPIV index")
@@ -69,8 +70,11 @@ void add_arguments(CLI::App& command, unsigned arguments, Options& options) {
         command
             .add_option_function<std::string>(
                 "LUN",
-                [&options](const std::string& given) { options.lun = checked_number<uint64_t>("LUN", given, UINT64_MAX); },
-                "LUN, as 'trelmctl luns' lists it; the upper half of a LUN of several levels is its extension")
+                [&options](const std::string& given) {
+                    options.lun = checked_number<uint64_t>("LUN", given, UINT64_MAX);
+                },
+                "LUN, as 'trelmctl luns' lists it; the upper half of a LUN of several levels is its "
+                "extension")
             ->required()
             ->type_name("");
     }
@@ -82,7 +86,9 @@ void add_stats_options(CLI::App& command, Options& options) {
         char* end = nullptr;
         const double seconds = std::strtod(given.c_str(), &end);
         const bool sound = *end == 0 && seconds >= 0.01 && seconds <= kMostSeconds;
-        return sound ? "" : fmt::format("\"{}\" is not valid: from 0.01 to {} seconds", escaped(given), kMostSeconds);
+        return sound ? ""
+                     : fmt::format("\"{}\" is not valid: from 0.01 to {} seconds", escaped(given),
+                                   kMostSeconds);
     });
     command
         .add_option_function<std::string>(
@@ -109,10 +115,14 @@ void add_scsi_options(CLI::App& command, Options& options) {
         ->type_name("");
     auto* in = command.add_option_function<std::string>(
         "--in",
-        [&options](const std::string& given) { options.data_in = checked_number<uint32_t>("--in", given, kMostData); },
+        [&options](const std::string& given) {
+            options.data_in = checked_number<uint32_t>("--in", given, kMostData);
+        },
         "Read N bytes; bytes that the device does not send are zero");
     in->type_name("N");
-    command.add_option("--out", options.data_out, "Send the bytes of FILE (-: standard input)")->type_name("FILE")->excludes(in);
+    command.add_option("--out", options.data_out, "Send the bytes of FILE (-: standard input)")
+        ->type_name("FILE")
+        ->excludes(in);
     command.add_flag("--raw", options.raw, "Print the bytes read as they are")->needs(in);
 }
 
@@ -123,7 +133,8 @@ void add_inquiry_options(CLI::App& command, Options& options) {
             [&options](const std::string& given) {
                 const bool prefixed = given.starts_with("0x");
                 const auto page = parse_number(prefixed ? given : "0x" + given, UINT8_MAX);
-                if (!page) refuse("--page", given, "a page number from 00 to ff in hexadecimal; 00 lists the pages");
+                if (!page)
+                    refuse("--page", given, "a page number from 00 to ff in hexadecimal; 00 lists the pages");
                 options.page = static_cast<uint8_t>(*page);
             },
             "Vital product data page, in hexadecimal")
@@ -143,24 +154,21 @@ void check_together(const Options& options) {
     if (options.json && options.watch && !options.samples) {
         throw CLI::ValidationError("--watch with --json needs --count: a JSON document has an end");
     }
-    if (options.data_out.empty() && options.cdb.empty()) return;
-    if (options.port.instance || options.port.wwpn) return;
-    throw CLI::ValidationError("PORT is missing");
 }
 
 // Asked for before the command line is understood, so that a mistake in it is told in JSON, too.
 bool asks_for_json(int argc, char** argv) {
-    return std::any_of(argv + 1, argv + argc, [](const char* word) { return std::strcmp(word, "--json") == 0; });
+    return std::any_of(argv + 1, argv + argc,
+                       [](const char* word) { return std::strcmp(word, "--json") == 0; });
 }
 
-int tell_usage_error(const CLI::App& app, const CLI::ParseError& error, bool json) {
+int tell_usage_error(const CLI::ParseError& error, bool json) {
     if (!json) {
         fmt::print(stderr, "{}\n", sentence(usage_failure(error.what())));
         return EXIT_USAGE;
     }
     Output output(true);
     output.fail(usage_failure(error.what()));
-    (void)app;
     return output.finish();
 }
 
@@ -191,7 +199,7 @@ ParsedOptions parse_options(int argc, char** argv) {
     } catch (const CLI::Success& asked) {
         parsed.exit_status = app.exit(asked);
     } catch (const CLI::ParseError& error) {
-        parsed.exit_status = tell_usage_error(app, error, asks_for_json(argc, argv));
+        parsed.exit_status = tell_usage_error(error, asks_for_json(argc, argv));
     }
     return parsed;
 }

@@ -1,5 +1,5 @@
-// options.h - the command line, taken apart and checked: what is here is sound, and every command reads only what is
-// its own.
+// options.h - the command line, taken apart and checked: what is here is sound, and every command reads only
+// what is its own.
 #pragma once
 
 #include <cstdint>
@@ -13,6 +13,10 @@ namespace trelmctl {
 
 struct Command;
 
+// Bytes that one command may move, so that a slip of the keyboard does not ask for gigabytes. Drivers may
+// allow fewer.
+inline constexpr uint32_t kMostData = 64u << 20;
+
 struct Options {
     const Command* command = nullptr;
     bool json = false;
@@ -20,8 +24,8 @@ struct Options {
     uint32_t target = 0;
     uint64_t lun = 0;
     std::vector<uint8_t> cdb;
-    uint32_t data_in = 0;   // bytes to read
-    std::string data_out;   // file to send; empty: none
+    uint32_t data_in = 0;  // bytes to read
+    std::string data_out;  // file to send; empty: none
     bool raw = false;
     std::optional<uint8_t> page;      // vital product data page
     std::optional<double> watch;      // seconds
@@ -29,8 +33,8 @@ struct Options {
     bool sixteen = false;             // READ CAPACITY(16) in any case
 };
 
-// What to do: carry `options` out, or end at once with `exit_status` because help, a version or a usage error has been
-// told already.
+// What to do: carry `options` out, or end at once with `exit_status` because help, a version or a usage error
+// has been told already.
 struct ParsedOptions {
     Options options;
     std::optional<int> exit_status;

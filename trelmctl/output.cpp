@@ -1,6 +1,7 @@
 #include "output.h"
 
 #include <fmt/format.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,8 +14,9 @@ namespace {
 
 [[noreturn]] void write_failed() {
     const int error = errno;
-    throw WriteFailed(fmt::format("trelmctl: standard output cannot be written: {}; what was printed is incomplete",
-                                  std::strerror(error)));
+    throw WriteFailed(
+        fmt::format("trelmctl: standard output cannot be written: {}; what was printed is incomplete",
+                    std::strerror(error)));
 }
 
 }  // namespace
@@ -31,7 +33,10 @@ void Output::flush() {
 
 void Output::fail(Failure failure) { failures_.push_back(std::move(failure)); }
 
-bool Output::on_terminal() { return isatty(STDOUT_FILENO) == 1; }
+std::size_t Output::terminal_lines() {
+    winsize size{};
+    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_row : 0;
+}
 
 int Output::finish() {
     if (json_) {

@@ -1,5 +1,5 @@
-// output.h - where a command puts what it found: text as it comes, or one JSON document at the end. Failures are
-// collected and told last, so that one port that fails hides nothing of the others.
+// output.h - where a command puts what it found: text as it comes, or one JSON document at the end. Failures
+// are collected and told last, so that one port that fails hides nothing of the others.
 #pragma once
 
 #include <cstddef>
@@ -32,10 +32,11 @@ class Output {
 
     void fail(Failure failure);
 
-    // Whether standard output is a terminal.
-    static bool on_terminal();
+    // Lines of the terminal that standard output is; 0 where it is none.
+    static std::size_t terminal_lines();
 
-    // Ends the output: the document with its error, or the failures on standard error. Returns the exit status.
+    // Ends the output: the document with its error, or the failures on standard error. Returns the exit
+    // status.
     int finish();
 
   private:
@@ -44,8 +45,8 @@ class Output {
     std::vector<Failure> failures_;
 };
 
-// A line on the terminal that says what is being waited for; gone when its owner goes. Silent where standard error
-// is no terminal.
+// A line on the terminal that says what is being waited for; gone when its owner goes. Silent where standard
+// error is no terminal.
 class Progress {
   public:
     Progress();

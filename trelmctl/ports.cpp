@@ -1,8 +1,5 @@
 #include "ports.h"
 
-#include <fmt/format.h>
-
-#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -13,28 +10,24 @@ namespace {
 
 using Wwpn = std::array<uint8_t, 8>;
 
-bool same(const uint8_t (&field)[8], const Wwpn& wwpn) { return std::memcmp(field, wwpn.data(), wwpn.size()) == 0; }
-
-[[noreturn]] void refuse(std::string port, uint32_t code, std::string name, std::string meaning) {
-    throw CommandFailed(Failure{.code = code,
-                                .name = std::move(name),
-                                .meaning = std::move(meaning),
-                                .advice = "'trelmctl list' and 'trelmctl show PORT' name the ports that exist",
-                                .operation = "finding the port",
-                                .port = std::move(port)});
+bool same(const uint8_t (&field)[8], const Wwpn& wwpn) {
+    return std::memcmp(field, wwpn.data(), wwpn.size()) == 0;
 }
 
-// The physical port's own index; of ports that do not answer any may be it, the lowest most likely.
+Failure not_found(std::string port, uint32_t code, std::string meaning) {
+    return {.code = code,
+            .name = trelm::status_name(code),
+            .meaning = std::move(meaning),
+            .advice = "'trelmctl list' and 'trelmctl show PORT' name the ports that exist",
+            .operation = "finding the port",
+            .port = std::move(port)};
+}
+
 uint32_t physical_index(const trelm::Adapter& adapter) {
-    std::optional<uint32_t> silent;
-    for (const uint32_t index : adapter.port_indexes()) {
-        const PortState port = ask_port(adapter, index);
-        if (port.info && !port.is_virtual()) return index;
-        if (!port.info && !silent) silent = index;
-    }
-    if (silent) return *silent;
-    refuse(port_label(adapter.instance()), TRELM_STATUS_FAILED, "TRELM_STATUS_FAILED",
-           "the driver's NPIV index of the physical port was not found; give it as PORT/NPIV");
+    const PortState port = ask_physical(adapter);
+    // One that exists and does not answer may still carry out what is asked of it.
+    if (port.failure && !adapter.has_port(port.npiv_index)) throw CommandFailed(*port.failure);
+    return port.npiv_index;
 }
 
 SelectedPort select_by_wwpn(const LoadedHost& host, const PortSelector& selector) {
@@ -55,8 +48,9 @@ SelectedPort select_by_wwpn(const LoadedHost& host, const PortSelector& selector
             if (port.info && same(port.info->WWPN, *selector.wwpn)) return {std::move(*adapter), index};
         }
     }
-    refuse(hex_bytes(selector.wwpn->data(), selector.wwpn->size(), ":"), TRELM_STATUS_INVALID_INSTANCE,
-           trelm::status_name(TRELM_STATUS_INVALID_INSTANCE), "no port of this host that can be opened has this WWPN");
+    throw CommandFailed(not_found(hex_bytes(selector.wwpn->data(), selector.wwpn->size(), ":"),
+                                  TRELM_STATUS_INVALID_INSTANCE,
+                                  "no port of this host that can be opened has this WWPN"));
 }
 
 }  // namespace
@@ -99,17 +93,26 @@ PortState ask_port(const trelm::Adapter& adapter, uint32_t npiv_index) {
     return port;
 }
 
+PortState ask_physical(const trelm::Adapter& adapter) {
+    std::optional<PortState> silent;
+    for (const uint32_t index : adapter.port_indexes()) {
+        PortState port = ask_port(adapter, index);
+        if (port.info && !port.is_virtual()) return port;
+        if (!port.info && !silent) silent = std::move(port);
+    }
+    if (silent) return *silent;
+    PortState missing;
+    missing.failure =
+        not_found(port_label(adapter.instance()), TRELM_STATUS_FAILED,
+                  "the driver gave the physical port an NPIV index far from 0; name it as PORT/NPIV");
+    missing.npiv_index = UINT32_MAX;
+    return missing;
+}
+
 std::vector<PortState> ask_ports(const trelm::Adapter& adapter) {
-    std::vector<PortState> ports;
-    for (const uint32_t index : adapter.port_indexes()) ports.push_back(ask_port(adapter, index));
-    const auto move_to_front = [&](auto is_wanted) {
-        const auto wanted = std::find_if(ports.begin(), ports.end(), is_wanted);
-        const bool found = wanted != ports.end();
-        if (found) std::rotate(ports.begin(), wanted, wanted + 1);
-        return found;
-    };
-    if (!move_to_front([](const PortState& port) { return port.info && !port.is_virtual(); })) {
-        move_to_front([](const PortState& port) { return !port.info; });
+    std::vector<PortState> ports{ask_physical(adapter)};
+    for (const uint32_t index : adapter.port_indexes()) {
+        if (index != ports.front().npiv_index) ports.push_back(ask_port(adapter, index));
     }
     return ports;
 }
@@ -119,8 +122,8 @@ SelectedPort select_port(const LoadedHost& host, const PortSelector& selector) {
     trelm::Adapter adapter(host.library(), *selector.instance);
     const uint32_t index = selector.npiv_index ? *selector.npiv_index : physical_index(adapter);
     if (!adapter.has_port(index)) {
-        refuse(port_label(adapter.instance(), index), TRELM_STATUS_FAILED, "TRELM_STATUS_FAILED",
-               "the port has no virtual port with this NPIV index");
+        throw CommandFailed(not_found(port_label(adapter.instance(), index), TRELM_STATUS_FAILED,
+                                      "the adapter has no port with this NPIV index"));
     }
     return {std::move(adapter), index};
 }

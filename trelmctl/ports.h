@@ -1,5 +1,5 @@
-// ports.h - finding the port that the command line names. A physical port and its virtual ports are told apart by NPIV
-// indexes that the driver gave them, the physical port's own included, which need not be 0.
+// ports.h - finding the port that the command line names. A physical port and its virtual ports are told
+// apart by NPIV indexes that the driver gave them, the physical port's own included, which need not be 0.
 #pragma once
 
 #include <array>
@@ -45,8 +45,11 @@ struct PortState {
 
 PortState ask_port(const trelm::Adapter& adapter, uint32_t npiv_index);
 
-// The physical port first, then the virtual ones by their index. A port that does not answer and so cannot be told to
-// be physical is taken for it where no other is.
+// The physical port. Where none of the adapter's ports says that it is physical, the first that says nothing
+// is taken for it.
+PortState ask_physical(const trelm::Adapter& adapter);
+
+// The physical port first, then the virtual ones by their index.
 std::vector<PortState> ask_ports(const trelm::Adapter& adapter);
 
 // The port that a selector names, opened.

@@ -16,24 +16,27 @@ std::string line(const std::vector<Column>& columns, const std::vector<std::size
                                                         : fmt::format("{:<{}}", cells[i], widths[i]);
     }
     out.resize(out.find_last_not_of(' ') + 1);
-    return out + "\n";
+    return out;
 }
 
 }  // namespace
 
-std::string Table::text() const {
+std::vector<std::string> Table::lines(bool with_titles) const {
     std::vector<std::string> titles;
     std::vector<std::size_t> widths;
     for (const Column& column : columns_) {
         titles.push_back(column.title);
-        widths.push_back(column.title.size());
+        widths.push_back(with_titles ? column.title.size() : 0);
     }
     for (const auto& row : rows_) {
         for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
     }
-    std::string out = line(columns_, widths, titles);
-    for (const auto& row : rows_) out += line(columns_, widths, row);
+    std::vector<std::string> out;
+    if (with_titles) out.push_back(line(columns_, widths, titles));
+    for (const auto& row : rows_) out.push_back(line(columns_, widths, row));
     return out;
 }
+
+std::string Table::text() const { return fmt::format("{}\n", fmt::join(lines(true), "\n")); }
 
 }  // namespace trelmctl

@@ -1,7 +1,9 @@
-// table.h - text in columns: as wide as their widest cell, numbers to the right, no blanks at the end of a line.
+// table.h - text in columns: as wide as their widest cell, numbers to the right, no blanks at the end of a
+// line.
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace trelmctl {
@@ -18,7 +20,9 @@ class Table {
     explicit Table(std::vector<Column> columns) : columns_(std::move(columns)) {}
 
     void add(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }
+    // With titles, or the rows alone.
     std::string text() const;
+    std::vector<std::string> lines(bool with_titles = false) const;
 
   private:
     std::vector<Column> columns_;

@@ -1,5 +1,5 @@
-// text.h - how values of the records are written: names, addresses, sizes, and what a device says about itself.
-// Nothing that a device or driver sent reaches a terminal or a JSON document unescaped.
+// text.h - how values of the records are written: names, addresses, sizes, and what a device says about
+// itself. Nothing that a device or driver sent reaches a terminal or a JSON document unescaped.
 #pragma once
 
 #include <array>

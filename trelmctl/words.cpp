@@ -5,8 +5,6 @@
 #include <array>
 #include <string_view>
 
-#include "trelm_mgmt.h"
-
 namespace trelmctl {
 namespace {
 
@@ -29,12 +27,13 @@ constexpr std::array kPortStates{
     Word{TRELM_PORTSTATE_OTHER, "other"},
 };
 
-constexpr std::array kPortTypes{Word{TRELM_PORTTYPE_PHYSICAL, "physical"}, Word{TRELM_PORTTYPE_NPIV, "virtual"}};
+constexpr std::array kPortTypes{Word{TRELM_PORTTYPE_PHYSICAL, "physical"},
+                                Word{TRELM_PORTTYPE_NPIV, "virtual"}};
 
 constexpr std::array kTargetStates{
-    Word{0, "unknown"},     Word{1, "not present"}, Word{2, "online"},    Word{3, "offline"},
-    Word{4, "blocked"},     Word{5, "bypassed"},    Word{6, "diagnostics"}, Word{7, "link down"},
-    Word{8, "error"},       Word{9, "loopback"},    Word{10, "deleted"},
+    Word{0, "unknown"}, Word{1, "not present"}, Word{2, "online"},      Word{3, "offline"},
+    Word{4, "blocked"}, Word{5, "bypassed"},    Word{6, "diagnostics"}, Word{7, "link down"},
+    Word{8, "error"},   Word{9, "loopback"},    Word{10, "deleted"},
 };
 
 // In ascending order of speed, which is not that of the bits.
@@ -48,9 +47,10 @@ constexpr std::array kPcieWidths{
 };
 
 constexpr std::array kDeviceTypes{
-    Word{0x00, "disk"},    Word{0x01, "tape"},      Word{0x02, "printer"},    Word{0x03, "processor"},
-    Word{0x04, "worm"},    Word{0x05, "cd/dvd"},    Word{0x07, "optical"},    Word{0x08, "changer"},
-    Word{0x0C, "storage array"}, Word{0x0D, "enclosure"}, Word{0x0E, "simple disk"}, Word{0x11, "object storage"},
+    Word{0x00, "disk"},       Word{0x01, "tape"},           Word{0x02, "printer"},
+    Word{0x03, "processor"},  Word{0x04, "worm"},           Word{0x05, "cd/dvd"},
+    Word{0x07, "optical"},    Word{0x08, "changer"},        Word{0x0C, "storage array"},
+    Word{0x0D, "enclosure"},  Word{0x0E, "simple disk"},    Word{0x11, "object storage"},
     Word{0x14, "zoned disk"}, Word{0x1E, "well-known LUN"}, Word{0x1F, "no device"},
 };
 
@@ -73,6 +73,11 @@ std::string speed_words(uint64_t bits) {
     return out.empty() ? "unknown" : out;
 }
 
+std::string pci_address(const TRELM_FCOE_INFO& info) {
+    return fmt::format("{:04x}:{:02x}:{:02x}.{:x}", +info.PciDomainNum, +info.PciBusNum, +info.PciDeviceNum,
+                       +info.PciFunctionNum);
+}
+
 std::string pcie_words(uint32_t speed, uint32_t width) {
     const std::string rate = speed == 0 ? "unknown speed" : fmt::format("{}.{} GT/s", speed / 10, speed % 10);
     return rate + " " + (width == 0 ? "unknown width" : word(kPcieWidths, width));
@@ -81,7 +86,8 @@ std::string pcie_words(uint32_t speed, uint32_t width) {
 std::string device_type_words(uint8_t inquiry_byte) {
     const unsigned qualifier = inquiry_byte >> 5;
     const std::string type = word(kDeviceTypes, inquiry_byte & 0x1F);
-    return qualifier == 0 || type == "no device" ? type : fmt::format("{}, not connected ({})", type, qualifier);
+    return qualifier == 0 || type == "no device" ? type
+                                                 : fmt::format("{}, not connected ({})", type, qualifier);
 }
 
 }  // namespace trelmctl

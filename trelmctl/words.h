@@ -1,8 +1,11 @@
-// words.h - what the coded values of the records mean, in words. A value without a word is shown as its number.
+// words.h - what the coded values of the records mean, in words. A value without a word is shown as its
+// number.
 #pragma once
 
 #include <cstdint>
 #include <string>
+
+#include "trelm_mgmt.h"
 
 namespace trelmctl {
 
@@ -12,6 +15,8 @@ std::string port_type_words(uint32_t type);
 std::string target_state_words(uint16_t state);
 // One speed or several, as bits: "10 Gbit/s", "1, 10 Gbit/s".
 std::string speed_words(uint64_t bits);
+// Domain, bus, device and function.
+std::string pci_address(const TRELM_FCOE_INFO& info);
 // The rate in tenths of GT/s and the code of the width: "8.0 GT/s x8".
 std::string pcie_words(uint32_t speed, uint32_t width);
 // INQUIRY byte 0: device type, and the qualifier where it is not 'connected'.

@@ -1,0 +1,12 @@
+// hexdump.h - bytes for people: offset, sixteen bytes in hexadecimal, the same as characters.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+
+namespace trelmctl {
+
+std::string hexdump(std::span<const uint8_t> bytes);
+
+}  // namespace trelmctl

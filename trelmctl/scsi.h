@@ -1,0 +1,39 @@
+// scsi.h - commands to one LUN, and what came back: data, and sense data where the device sent any.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "ports.h"
+
+namespace trelmctl {
+
+struct LunAddress {
+    const trelm::Adapter& adapter;
+    uint32_t npiv_index;
+    uint32_t target;
+    uint64_t lun;
+};
+
+struct ScsiAnswer {
+    std::vector<uint8_t> data;
+    std::vector<uint8_t> sense;      // all 256 bytes
+    std::optional<Failure> failure;  // the library's, or the device's CHECK CONDITION
+};
+
+// Reads `length` bytes with the command; what the device does not send is zero.
+ScsiAnswer read_command(const LunAddress& address, std::span<const uint8_t> cdb, uint32_t length);
+// Sends data, or nothing where there is none.
+ScsiAnswer write_command(const LunAddress& address, std::span<const uint8_t> cdb, std::vector<uint8_t> data);
+
+// What a command needs done right; its failure ends the tool's command.
+std::vector<uint8_t> read_or_throw(const LunAddress& address, std::span<const uint8_t> cdb, uint32_t length);
+
+// A big-endian number of `width` bytes; 0 where the data ends before it.
+uint64_t big_endian(std::span<const uint8_t> data, std::size_t at, std::size_t width);
+
+// The target and LUN in front of a JSON document about one LUN.
+void name_lun(const LunAddress& address, Json& document);
+
+}  // namespace trelmctl
