@@ -1,5 +1,5 @@
 // host.h - the host that a process runs on. A test makes one and it is there until the object goes; a process that the
-// launcher started finds its own in the environment. The interposers ask Host::current() for everything that libc or the
+// launcher started is on the launcher's host. The interposers ask Host::current() for everything that libc or the
 // management interface would have asked the real host.
 #pragma once
 
@@ -65,24 +65,25 @@ enum class NodeKind : uint8_t { missing, device, regular_file };
 class HOSTSIM_API Host {
   public:
     // The process runs on this host until the object goes. One at a time; HostError for a model with a mistake.
-    explicit Host(Model model);
+    Host(Model model);
     static Host from_json(std::string_view json);  // a host file's text
     static Host from_file(const std::filesystem::path& path);
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;
     ~Host();
 
-    // The host of this process, null where there is none. The first call attaches to the launcher's host if the
-    // environment names one.
+    // The host of this process, null where there is none. In a process that the launcher started the first call
+    // reads the host file.
     static Host* current() noexcept;
 
     // ---- For tests ----------------------------------------------------------------------------------------------
 
-    Model& model();  // may be edited between driver calls
+    Model& model();                                   // may be edited between driver calls
+    void edit(const std::function<void(Model&)>& edit);  // while other threads make driver calls
     std::vector<Call> calls() const;
     size_t count_calls(Operation operation) const;
     void clear_calls();
-    void inject(Fault fault);  // adds to model().faults
+    void inject(Fault fault);  // adds to the model's faults
     std::function<void(Answer&)> tamper;
     std::filesystem::path root() const;  // under which the host's "/tmp" and "/var/tmp" lie
 
@@ -106,9 +107,5 @@ class HOSTSIM_API Host {
 
     std::unique_ptr<Core> core_;
 };
-
-// Environment variables by which the launcher names the host to the command and its children.
-inline constexpr const char* kHostFileVariable = "TRELM_HOSTSIM_FILE";  // absolute path of the host file
-inline constexpr const char* kHostRootVariable = "TRELM_HOSTSIM_ROOT";  // absolute path of the host's root
 
 }  // namespace hostsim

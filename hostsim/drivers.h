@@ -1,0 +1,61 @@
+// drivers.h - the drivers of a host behind both kernel interfaces: a request is recorded, runs into the faults of the
+// model or is carried out by the device, and its answer passes a test's hands before the interface gives it to the caller.
+#pragma once
+
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "device.h"
+#include "host.h"
+#include "model.h"
+
+namespace hostsim {
+
+class State;
+
+// One request as an interface has checked and copied it.
+struct DriverRequest {
+    DriverKind driver;
+    Operation operation;
+    uint64_t number;                  // callback id or ioctl number
+    uint64_t port = 0;                // host number, or the index at which the driver enumerates the port
+    bool port_is_index = false;       // which of the two
+    std::span<const uint8_t> block{};   // to be recorded: the request block,
+    std::span<const uint8_t> record{};  // and what went with it
+    std::span<uint8_t> payload{};       // the operation's record, in and out
+    std::span<uint8_t> data{};          // the data phase of a SCSI command
+};
+
+struct DriverAnswer {
+    uint32_t status = 0;
+    int result = 0;
+    int error = 0;
+};
+
+class Drivers {
+  public:
+    Drivers(Model model, State& state, LunStores stores, bool recording);
+
+    DriverAnswer serve(const DriverRequest& request);
+
+    // Requests that are no driver's work but may be recorded and fail: init, open, close.
+    DriverAnswer pass(DriverKind driver, Operation operation, uint64_t number);
+
+    Model model;
+    std::vector<Call> calls;
+    std::function<void(Answer&)>* tamper = nullptr;
+
+  private:
+    DriverAnswer carry_out(const DriverRequest& request);
+    const Call& remember(const DriverRequest& request);
+
+    State& state_;
+    LunStores stores_;
+    bool recording_;
+    Call last_;
+};
+
+}  // namespace hostsim

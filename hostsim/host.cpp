@@ -1,0 +1,243 @@
+// host.cpp - the host of this process. One lock guards it: driver calls are short, and a kernel too would serve one request
+// of a port after the other. It may be taken again by a test's own hands in the middle of an answer.
+#include "host.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <utility>
+
+#include "drivers.h"
+#include "host_file.h"
+#include "host_file_watch.h"
+#include "legacy_node.h"
+#include "management_api.h"
+#include "own_calls.h"
+#include "state.h"
+
+namespace hostsim {
+
+HostError::~HostError() = default;
+
+class Host::Core {
+  public:
+    // A host of this process alone.
+    Core(Model model, std::unique_ptr<State> own)
+        : owned(std::move(own)),
+          state(*owned),
+          drivers(std::move(model), state, LunStores(state.root() + "/luns", ""), true) {}
+
+    // The launcher's host.
+    Core(State& launched, HostFileWatch file)
+        : state(launched),
+          watch(std::move(file)),
+          drivers(watch->read(), state, LunStores(state.root() + "/luns", state.root() + "/.hostsim/memory"), false) {}
+
+    void follow_file() {
+        if (!watch) return;
+        if (auto changed = watch->poll()) drivers.model = std::move(*changed);
+    }
+
+    std::recursive_mutex mutex;
+    std::unique_ptr<State> owned;
+    State& state;
+    std::optional<HostFileWatch> watch;
+    Drivers drivers;
+    ManagementApi api{drivers};
+};
+
+namespace {
+
+std::atomic<Host*> active_host{nullptr};
+
+// A child of fork has only the thread that forked: no other may be inside the host at that moment.
+std::recursive_mutex* forking = nullptr;
+
+// Runs `work` as the host, with the model as its file says now. A call that works leaves errno alone.
+template <typename Core, typename Work>
+auto as_host(Core& core, const Work& work) {
+    const OwnCalls own_calls;
+    const int saved = errno;
+    const std::lock_guard lock(core.mutex);
+    core.follow_file();
+    errno = saved;
+    return work();
+}
+
+template <typename Core, typename Work>
+int answer(Core& core, const Work& work) noexcept {
+    try {
+        const int saved = errno;
+        const int result = as_host(core, work);
+        if (result == 0) errno = saved;
+        return result;
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return -1;
+    }
+}
+
+void copy_name(std::span<char> field, const std::string& text) {
+    std::fill(field.begin(), field.end(), '\0');
+    text.copy(field.data(), field.size() - 1);
+}
+
+Model checked(Model model) {
+    if (const auto problem = find_problem(model)) {
+        throw HostError("the host's model: " + problem->pointer + ": " + problem->reason);
+    }
+    return model;
+}
+
+}  // namespace
+
+Host::Host(std::unique_ptr<Core> core) : core_(std::move(core)) {
+    core_->drivers.tamper = &tamper;
+    static const int handlers = pthread_atfork(
+        [] {
+            Host* const host = active_host;
+            forking = host ? &host->core_->mutex : nullptr;
+            if (forking) forking->lock();
+        },
+        [] {
+            if (forking) forking->unlock();
+        },
+        [] {
+            if (forking) forking->unlock();
+        });
+    (void)handlers;
+    Host* none = nullptr;
+    if (!active_host.compare_exchange_strong(none, this)) {
+        throw HostError("this process has a simulated host already; end that one before another begins");
+    }
+}
+
+Host::Host(Model model)
+    : Host([&] {
+          const OwnCalls own_calls;
+          return std::make_unique<Core>(checked(std::move(model)), State::temporary());
+      }()) {}
+
+Host Host::from_json(std::string_view json) {
+    return Host(parse_host(json, "host", std::filesystem::current_path()));
+}
+
+Host Host::from_file(const std::filesystem::path& path) { return Host(read_host_file(path)); }
+
+Host::~Host() {
+    const OwnCalls own_calls;
+    Host* self = this;
+    active_host.compare_exchange_strong(self, nullptr);
+    core_.reset();
+}
+
+// A host that the launcher started lives as long as the process. The state is there before main; a state without a host
+// file is one that a test's host is making.
+Host* Host::current() noexcept {
+    if (Host* const host = active_host) return host;
+    State* const state = State::current();
+    if (!state) return nullptr;
+    const OwnCalls own_calls;
+    static std::once_flag once;
+    try {
+        const std::filesystem::path file = state->host_file();
+        if (file.empty()) return nullptr;
+        std::call_once(once, [&] {
+            const std::filesystem::path copy = state->root() + "/.hostsim/last-sound.json";
+            new Host(std::make_unique<Core>(*state, HostFileWatch(file, copy)));
+        });
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "trelm-hostsim: %s\n", failure.what());
+        std::call_once(once, [] {});
+    }
+    return active_host;
+}
+
+// ---- For tests -----------------------------------------------------------------------------------------------------
+
+Model& Host::model() { return core_->drivers.model; }
+
+void Host::edit(const std::function<void(Model&)>& change) {
+    const std::lock_guard lock(core_->mutex);
+    change(core_->drivers.model);
+}
+
+std::vector<Call> Host::calls() const {
+    const std::lock_guard lock(core_->mutex);
+    return core_->drivers.calls;
+}
+
+size_t Host::count_calls(Operation operation) const {
+    const std::vector<Call> all = calls();
+    const auto is_one = [&](const Call& call) { return call.operation == operation; };
+    return static_cast<size_t>(std::count_if(all.begin(), all.end(), is_one));
+}
+
+void Host::clear_calls() {
+    const std::lock_guard lock(core_->mutex);
+    core_->drivers.calls.clear();
+}
+
+void Host::inject(Fault fault) {
+    edit([&](Model& model) { model.faults.push_back(std::move(fault)); });
+}
+
+std::filesystem::path Host::root() const { return core_->state.root(); }
+
+// ---- For the interposers -------------------------------------------------------------------------------------------
+
+State& Host::state() noexcept { return core_->state; }
+
+void Host::fill_utsname(utsname* name) const noexcept {
+    as_host(*core_, [&] {
+        const Model& model = core_->drivers.model;
+        *name = utsname{};
+        copy_name(name->sysname, model.system_name);
+        copy_name(name->nodename, model.name);
+        copy_name(name->release, model.release);
+        copy_name(name->version, model.version);
+        copy_name(name->machine, model.machine);
+    });
+}
+
+uint32_t Host::effective_user() const noexcept {
+    return as_host(*core_, [&] { return core_->drivers.model.effective_user; });
+}
+
+NodeKind Host::legacy_node() const noexcept {
+    return as_host(*core_, [&] {
+        const Model& model = core_->drivers.model;
+        if (is_present(model, DriverKind::legacy)) return NodeKind::device;
+        const bool file = model.driver(DriverKind::legacy).presence == Driver::Presence::no_device;
+        return file ? NodeKind::regular_file : NodeKind::missing;
+    });
+}
+
+int Host::node_fault(Operation open_or_close) noexcept {
+    return as_host(*core_, [&] { return core_->drivers.pass(DriverKind::legacy, open_or_close, 0).error; });
+}
+
+int Host::legacy_request(unsigned long number, void* block) noexcept {
+    return answer(*core_, [&] { return legacy_ioctl(core_->drivers, number, block); });
+}
+
+std::vector<LinkStateFile> Host::link_state_files() const {
+    return as_host(*core_, [&] { return hostsim::link_state_files(core_->drivers.model); });
+}
+
+int Host::management_init(const vmk_MgmtApiSignature* signature, uint64_t cookie, vmk_MgmtUserHandle* handle) noexcept {
+    return answer(*core_, [&] { return core_->api.init(signature, cookie, handle); });
+}
+
+int Host::management_invoke(vmk_MgmtUserHandle handle, uint64_t instance, uint64_t callback, uint32_t parameter_count,
+                            void* const* parameters) noexcept {
+    return answer(*core_, [&] { return core_->api.invoke(handle, instance, callback, parameter_count, parameters); });
+}
+
+}  // namespace hostsim

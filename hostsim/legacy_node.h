@@ -1,0 +1,11 @@
+// legacy_node.h - the legacy driver's side of its character node: the ioctl requests, carried out on the caller's memory.
+#pragma once
+
+#include "drivers.h"
+
+namespace hostsim {
+
+// As ioctl on the node: 0, or -1 and errno.
+int legacy_ioctl(Drivers& drivers, unsigned long number, void* block);
+
+}  // namespace hostsim

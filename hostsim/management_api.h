@@ -1,0 +1,31 @@
+// management_api.h - the kernel's side of the VMkernel management interface: connections of this process to the native
+// drivers, and the callbacks that run in them.
+#pragma once
+
+#include <cstdint>
+#include <map>
+
+#include "drivers.h"
+#include "vmkmgmt.h"
+
+namespace hostsim {
+
+class ManagementApi {
+  public:
+    explicit ManagementApi(Drivers& drivers) : drivers_(drivers) {}
+
+    // As vmk_MgmtUserInit: 0 and a handle, or an error number, which errno has too.
+    int init(const vmk_MgmtApiSignature* signature, uint64_t cookie, vmk_MgmtUserHandle* handle);
+
+    // As vmk_MgmtUserCallbackInvokeInt with the parameters' addresses gathered: 0, or -1 and errno.
+    int invoke(vmk_MgmtUserHandle handle, uint64_t instance, uint64_t callback, uint32_t parameter_count,
+               void* const* parameters);
+
+  private:
+    int run(DriverKind driver, uint64_t callback, void* parameter);
+
+    Drivers& drivers_;
+    std::map<vmk_MgmtUserHandle, DriverKind> connections_;
+};
+
+}  // namespace hostsim
