@@ -1,0 +1,202 @@
+// The database that processes with the library loaded share. Each takes one of eight slots; the last to leave removes the
+// file and the semaphore that guards it.
+
+#include "trelm_core/shared_db.h"
+
+#include <sys/ipc.h>
+#include <sys/mman.h>
+#include <sys/sem.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "trelm_core.h"
+#include "trelm_dbg.h"
+#include "trelm_owners.h"
+
+const key_t trelm_db_semkey = 0x32C;
+const char trelm_db_fname[] = "/tmp/trelm_shared.dat";
+int32_t trelm_db_sem_id = -1;
+int32_t trelm_shm_fildes = -1;
+trelm_shared_db* trelm_shared_data = nullptr;
+uint8_t trelm_library_instance = 255;
+uint8_t trelm_use_db = 1;
+
+namespace {
+
+using trelm::error;
+using trelm::trace;
+
+constexpr uint32_t kSlotTaken = 0x4;
+constexpr uint32_t kSlotMarks = 0x5;  // what taking a slot sets and giving it back clears
+constexpr char kOpen[] = "trelm_open_database";
+constexpr char kClose[] = "trelm_close_database";
+constexpr int kGuardTries = 16;
+
+// Gets the semaphore and waits on it. The last process to leave may remove the set between the two; a newcomer then starts
+// over, for it must not go on unguarded.
+bool enter_guard() {
+    for (int tries = 0; tries < kGuardTries; ++tries) {
+        trelm_db_sem_id = trelm::sem_get(trelm_db_semkey);
+        if (trelm_db_sem_id == -1) {
+            error(kOpen, {{": WARNING - semget function not supported.\n  Each adapter instance should be opened at most "
+                           "one time. errno=", errno}});
+            return false;
+        }
+        trace(kOpen, {{": got trelm_db_sem_id=", trelm_db_sem_id}});
+        if (trelm_sem_wait(trelm_db_sem_id) == 0) return true;
+        if (errno != EIDRM && errno != EINVAL) break;
+    }
+    trelm_db_sem_id = -1;
+    return false;
+}
+
+// Leaves and takes the set away from everyone.
+void remove_guard() {
+    trelm_sem_signal(trelm_db_sem_id);
+    trelm::sem_del(trelm_db_sem_id);
+    trelm_db_sem_id = -1;
+}
+
+void occupy(unsigned slot) {
+    trelm_shared_data->libinst_flags[slot] |= kSlotMarks;
+    memset(&trelm_shared_data->hbaptevq[slot], 0, sizeof(trelm_hbaptevq));
+    trelm_library_instance = static_cast<uint8_t>(slot);
+}
+
+void take_slot() {
+    for (unsigned slot = 0; slot < kLibraryInstances; ++slot) {
+        const uint32_t flags = trelm_shared_data->libinst_flags[slot];
+        trace(kOpen, {{": libi=", slot}});
+        trace(kOpen, {{": libinst_flags=", flags, 16}});
+        if (flags & kSlotTaken) continue;
+        occupy(slot);
+        error(kOpen, {{": assigned api_lib_instance=", slot}});
+        return;
+    }
+    // Slots of processes that ended without closing stay marked; when none is left, all but one are freed.
+    for (unsigned slot = 1; slot < kLibraryInstances; ++slot) trelm_shared_data->libinst_flags[slot] &= ~kSlotTaken;
+    occupy(0);
+    error(kOpen, {": INFO - Assigning lib instance number to 0."});
+}
+
+void flush() { msync(trelm_shared_data, sizeof *trelm_shared_data, MS_SYNC); }
+
+// Opens and maps the file and takes a slot. The descriptor, or -1.
+int join() {
+    trelm::Descriptor fd(trelm::open_shared_file(kOpen, trelm_db_fname));
+    if (!fd) return -1;
+    void* mapping = mmap(nullptr, sizeof(trelm_shared_db), PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
+    if (mapping == MAP_FAILED) {
+        error(kOpen, {{": mmap on existing cxmgmt_native.dat failed=", errno}});
+        return -1;
+    }
+    trelm_shared_data = static_cast<trelm_shared_db*>(mapping);
+    take_slot();
+    flush();
+    return fd.let_go();
+}
+
+// ---- Closing -----------------------------------------------------------------------------------------------------------
+
+// What becomes of the file once this process has left.
+struct LastOne {
+    bool file_goes = false;
+    int remove_errno = 0;
+};
+
+// Gives the slot back under the guard. Where this is the last instance the file goes while the guard still holds: a newcomer
+// who finds it afterwards would share it with nobody.
+LastOne leave() {
+    LastOne last;
+    flush();
+    const uint8_t load_inst = trelm_get_total_libinst_count();
+    const bool alone = load_inst <= 1;
+    if (!alone) {
+        error(kClose, {{": inst=", trelm_library_instance}, {", this is not last instance. load_inst=", load_inst}});
+    }
+    error(kClose, {{": inst=", trelm_library_instance}, {", going to free up api instance."}});
+    trelm_shared_data->libinst_flags[trelm_library_instance] &= ~kSlotMarks;
+    trace(kClose, {{": delete_sem=", alone}});
+    last.file_goes = load_inst == 1;
+    if (last.file_goes && remove(trelm_db_fname) != 0) last.remove_errno = errno;
+    if (alone && semctl(trelm_db_sem_id, 0, GETNCNT) == 0) {
+        remove_guard();
+    } else {
+        trelm_sem_signal(trelm_db_sem_id);
+        trace(kClose, {": keeping semaphore."});
+    }
+    return last;
+}
+
+void unmap() {
+    error(kClose, {": close db file."});
+    if (trelm_shared_data) munmap(trelm_shared_data, sizeof *trelm_shared_data);
+    close(trelm_shm_fildes);
+    trelm_shm_fildes = -1;
+    trelm_shared_data = nullptr;
+}
+
+void report(const LastOne& last) {
+    if (!last.file_goes) return error(kClose, {": keeping shared db file."});
+    error(kClose, {": deleting shared db file."});
+    if (last.remove_errno) error(kClose, {{": Unable to remove shared data file. errno=", last.remove_errno}});
+}
+
+}  // namespace
+
+bool trelm::database_is_open() { return trelm_db_sem_id != -1 && trelm_shm_fildes >= 0 && trelm_shared_data; }
+
+uint32_t trelm_open_database(int32_t* ret_handle) {
+    trace(kOpen, {": entered."});
+    *ret_handle = 0;
+    if (trelm::database_is_open()) {
+        error(kOpen, {": already opened. trelm_ev_terminate FALSE."});
+        *ret_handle = trelm_shm_fildes;
+        return 0;
+    }
+    if (!enter_guard()) return 1;
+    trace(kOpen, {": before accessing shared db."});
+    const int fd = join();
+    if (fd == -1) {
+        remove_guard();
+        return 1;
+    }
+    trelm_sem_signal(trelm_db_sem_id);
+    *ret_handle = trelm_shm_fildes = fd;
+    trace(kOpen, {{": trelm_shm_fildes=", trelm_shm_fildes}});
+    trace(kOpen, {{": exiting. inst=", trelm_library_instance}});
+    return 0;
+}
+
+uint32_t trelm_close_database(int32_t) {
+    LastOne last;
+    if (trelm_db_sem_id != -1 && trelm_library_instance < kLibraryInstances && trelm_shared_data) {
+        error(kClose, {{": inst=", trelm_library_instance}, {", going to clean up shared mem."}});
+        if (trelm_sem_wait(trelm_db_sem_id) == 0) {
+            last = leave();
+        } else {
+            // The set is gone. The slot is this process's own to give back; nothing else is touched unguarded.
+            trelm_shared_data->libinst_flags[trelm_library_instance] &= ~kSlotMarks;
+        }
+    }
+    if (trelm_shm_fildes != -1) unmap();
+    report(last);
+    trace(kClose, {{": exiting, ret=", 0}});
+    return 0;
+}
+
+uint8_t trelm_get_total_libinst_count(void) {
+    FILE* listing = popen("lsof 2> /dev/null | grep libtrelm | wc -l", "re");
+    if (!listing) {
+        error(__func__, {": popen failed."});
+        return 0;
+    }
+    char piece[32] = {};
+    while (fgets(piece, sizeof piece, listing)) {
+    }
+    pclose(listing);
+    const long lines = strtol(piece, nullptr, 10);
+    return lines > 0 ? static_cast<uint8_t>(lines / 2) : 0;
+}

@@ -1,0 +1,212 @@
+// The debug log. A line grows in a buffer of the writing thread until it is complete or the buffer full; an in-process
+// mutex and a System V semaphore keep whole print calls apart, so lines of several threads and processes never mix.
+
+#include "trelm_dbg.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <ctime>
+
+#include "trelm_core.h"
+#include "trelm_owners.h"
+
+uint32_t trelm_debug = 0;
+char trelmlog_path[512] = "";
+FILE* trelmdbg_fp = nullptr;
+
+namespace {
+
+constexpr char kDefaultLogPath[] = "/var/tmp/libtrelm.log";
+constexpr size_t kScratch = 256;
+
+struct LineBuffer {
+    char text[256];
+    uint8_t fill;
+};
+constexpr uint8_t kLineRoom = 250;  // a buffer filled beyond this is written out
+
+// Initial-exec: the library needs no more of the dynamic linker than libc does.
+thread_local LineBuffer line __attribute__((tls_model("initial-exec")));
+
+pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+
+// Holds the log for one print or dump call. A broken semaphore does not stop output: it goes on without it.
+class Turn {
+  public:
+    Turn() {
+        pthread_mutex_lock(&mutex);
+        semaphore_ = trelm_dbg_sem_id;
+        held_ = trelm_sem_wait(semaphore_) == 0;
+    }
+    ~Turn() {
+        if (held_) trelm_sem_signal(semaphore_);
+        pthread_mutex_unlock(&mutex);
+    }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+
+  private:
+    trelm::ErrnoKeeper keep_;
+    int32_t semaphore_;
+    bool held_;
+};
+
+// The log file may lie in a directory that anyone can write to, so a link or a device in its place is no log file.
+FILE* open_log(const char* path) {
+    trelm::Descriptor fd(open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
+    struct stat status;
+    if (!fd || fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) return nullptr;
+    FILE* stream = fdopen(fd.get(), "a");
+    if (stream) fd.let_go();
+    return stream;
+}
+
+void flush_line() {
+    line.text[line.fill] = '\0';
+    line.fill = 0;
+    fputs(line.text, stderr);
+    if (!(trelm_debug & trelm::kLogToFile)) return;
+    if (FILE* stream = trelm_dbg_get_fptr()) fputs(line.text, stream);
+    memset(line.text, 0, sizeof line.text);
+}
+
+void trelm_dbg_putc(char c) {
+    line.text[line.fill++] = c;
+    if (c == '\n' || line.fill > kLineRoom) flush_line();
+}
+
+void trelm_dbg_puts(const char* s) {
+    while (*s) trelm_dbg_putc(*s++);
+}
+
+// Digits of a number as the log writes them; hexadecimal numbers above 9 carry an "h".
+class Digits {
+  public:
+    Digits(uint64_t n, uint8_t base) {
+        if (base < 2) return;
+        start_ = sizeof text_ - 2;
+        if (base == 16 && n > 9) text_[start_] = 'h';
+        do {
+            text_[--start_] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ"[n % base % 36];
+            n /= base;
+            ++count_;
+        } while (n);
+    }
+    const char* text() const { return text_ + start_; }
+    unsigned count() const { return count_; }
+
+  private:
+    char text_[64 + 3] = {};
+    size_t start_ = 0;
+    unsigned count_ = 0;
+};
+
+void trelm_dbg_output_number(uint64_t n, uint8_t base) { trelm_dbg_puts(Digits(n, base).text()); }
+
+// Puts the time before a line in the file. False when there is no time to be had, which drops the line.
+bool stamp(char* scratch) {
+    time_t now = time(nullptr);
+    tm local;
+    if (!localtime_r(&now, &local)) return false;
+    strftime(scratch, kScratch, "%b %d %T", &local);
+    if (FILE* stream = trelm_dbg_get_fptr()) {
+        fprintf(stream, "%s: ", scratch);
+        fflush(stream);
+        sync();
+    }
+    return true;
+}
+
+void close_log() {
+    if (!trelmdbg_fp) return;
+    fclose(trelmdbg_fp);
+    trelmdbg_fp = nullptr;
+}
+
+struct DumpLayout {
+    uint8_t bits;
+    uint8_t per_row;
+    const char* header;
+    const char* rule;
+};
+
+constexpr DumpLayout kDumpLayouts[] = {
+    {8, 16, " 0    1    2    3    4    5    6    7    8    9    Ah   Bh   Ch   Dh   Eh   Fh\n",
+     "------------------------------------------------------------------------------\n"},
+    {16, 8, "   0      2      4      6      8      Ah     Ch     Eh\n",
+     "------------------------------------------------------\n"},
+    {32, 4, "       0          4          8          Ch\n", "------------------------------------------\n"},
+    {64, 2, "               0                  8\n", "-----------------------------------\n"},
+};
+static_assert(sizeof "------------------------------------------------------------------------------" == 78 + 1);
+
+uint64_t element_at(const uint8_t* buffer, uint64_t index, size_t bytes) {
+    uint64_t value = 0;  // little-endian, as everything that the library runs on
+    memcpy(&value, buffer + index * bytes, bytes);
+    return value;
+}
+
+void dump_elements(const DumpLayout& layout, const uint8_t* buffer, uint64_t count) {
+    const unsigned bytes = layout.bits / 8u;
+    for (uint64_t i = 0; i < count; ++i) {
+        uint64_t value = element_at(buffer, i, bytes);
+        Digits digits(value, 16);
+        for (unsigned pad = digits.count(); pad < 2 * bytes; ++pad) trelm_dbg_putc(' ');
+        trelm_dbg_puts(digits.text());
+        bool row_full = (i + 1) % layout.per_row == 0;
+        trelm_dbg_puts(row_full ? "\n" : value > 9 ? "  " : "   ");
+    }
+    if (count % layout.per_row) trelm_dbg_putc('\n');
+}
+
+}  // namespace
+
+FILE* trelm_dbg_get_fptr(void) {
+    if (trelmdbg_fp) return trelmdbg_fp;
+    if (trelm_debug && !trelmlog_path[0]) {
+        memset(trelmlog_path, 0, 256);
+        memcpy(trelmlog_path, kDefaultLogPath, sizeof kDefaultLogPath);
+    }
+    trelmlog_path[sizeof trelmlog_path - 1] = '\0';  // a host program may have filled all of it
+    if (trelmlog_path[0]) trelmdbg_fp = open_log(trelmlog_path);
+    return trelmdbg_fp;
+}
+
+void trelm_dbg_print(const char* func_name, const char* string, uint64_t number, uint8_t radix, uint8_t newline) {
+    if (!trelm_debug) return;
+    trelm::ErrnoKeeper keep;
+    trelm::Heap<char> scratch(kScratch);
+    if (!scratch) return;
+    Turn turn;
+    if ((trelm_debug & trelm::kLogToFile) && newline == 1 && !stamp(scratch.get())) return;
+    if (func_name) trelm_dbg_puts(func_name);
+    trelm_dbg_puts(string);
+    if (radix) trelm_dbg_output_number(number, radix);
+    if (newline == 1) trelm_dbg_putc('\n');
+    close_log();
+}
+
+void trelm_dbg_dump(const char* string, const uint8_t* buffer, uint8_t wd_size, uint64_t count) {
+    Turn turn;
+    if (*string) {
+        trelm_dbg_puts(string);
+        trelm_dbg_putc('\n');
+    }
+    for (const DumpLayout& layout : kDumpLayouts) {
+        if (layout.bits != wd_size) continue;
+        trelm_dbg_puts(layout.header);
+        trelm_dbg_puts(layout.rule);
+        dump_elements(layout, buffer, buffer ? count : 0);
+        trelm_dbg_puts(layout.rule);
+    }
+}
+
+void trelm::write_line(const char* func_name, const Piece* pieces, size_t count) {
+    for (size_t i = 0; i < count; ++i) {
+        trelm_dbg_print(i ? nullptr : func_name, pieces[i].text, pieces[i].number, pieces[i].radix, i + 1 == count);
+    }
+}

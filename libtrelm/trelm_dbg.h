@@ -1,0 +1,56 @@
+// trelm_dbg.h - the debug log: trace and error lines on standard error and, where asked for, in a file that all
+// processes share. Callers test the category before they compose a line, so a disabled line costs one test.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <initializer_list>
+
+#include "trelm_mgmt.h"
+
+extern "C" {
+
+extern TRELM_API uint32_t trelm_debug;       // flags, read from TRELM_API_DEBUG
+extern TRELM_API char trelmlog_path[512];    // empty until first needed; a text set by the host program is used as it is
+extern TRELM_API FILE* trelmdbg_fp;          // open while a line is written
+
+// `radix` 0: no number, else 10 or 16. `newline` 1 ends the line. `func_name` may be null.
+TRELM_API void trelm_dbg_print(const char* func_name, const char* string, uint64_t number, uint8_t radix,
+                               uint8_t newline);
+// Dumps `count` elements of `wd_size` bits (8, 16, 32 or 64) in hexadecimal.
+TRELM_API void trelm_dbg_dump(const char* string, const uint8_t* buffer, uint8_t wd_size, uint64_t count);
+// The log stream, opened if needed; null where it cannot be.
+TRELM_API FILE* trelm_dbg_get_fptr(void);
+
+}  // extern "C"
+
+namespace trelm {
+
+enum DebugFlag : uint32_t { kLogToFile = 0x1, kTrace = 0x2, kError = 0x4 };
+
+// A piece of a log line: a text, and perhaps a number behind it.
+struct Piece {
+    constexpr Piece(const char* words) : text(words) {}
+    // Numbers are written unsigned in 64 bits, so a negative one shows as its two's complement.
+    template <class Integer>
+    constexpr Piece(const char* words, Integer value, uint8_t base = 10)
+        : text(words), number(static_cast<uint64_t>(value)), radix(base) {}
+
+    const char* text;
+    uint64_t number = 0;
+    uint8_t radix = 0;
+};
+
+// Writes one line composed of the pieces.
+void write_line(const char* func_name, const Piece* pieces, size_t count);
+
+inline bool logs(DebugFlag category) { return __builtin_expect(trelm_debug & category, 0); }
+
+inline void log(DebugFlag category, const char* func_name, std::initializer_list<Piece> pieces) {
+    if (logs(category)) write_line(func_name, pieces.begin(), pieces.size());
+}
+
+inline void trace(const char* func_name, std::initializer_list<Piece> pieces) { log(kTrace, func_name, pieces); }
+inline void error(const char* func_name, std::initializer_list<Piece> pieces) { log(kError, func_name, pieces); }
+
+}  // namespace trelm

@@ -1,0 +1,128 @@
+// Listing and describing the LUNs of a target.
+
+#include <cstring>
+
+#include "trelm_mgmt/scsi_commands.h"
+#include "trelm_mgmt/transport.h"
+#include "trelm_owners.h"
+
+namespace {
+
+using trelm::fail_call;
+using trelm::LunAddress;
+using trelm::read_be32;
+using trelm::read_be64;
+
+constexpr uint32_t kInquiryRoom = 256;
+constexpr uint32_t kCapacityRoom = 32;
+constexpr uint32_t kTooLargeFor10 = 0xFFFFFFFF;  // READ CAPACITY(10) refers to READ CAPACITY(16)
+
+// Standard INQUIRY data.
+struct trelm_scsi_inq_data {
+    uint8_t peripheral_device_type;
+    uint8_t rmb;
+    uint8_t version;
+    uint8_t resp_data_format;
+    uint8_t add_len;
+    uint8_t SCCS_reserved;
+    uint8_t flags1;
+    uint8_t flags2;
+    uint8_t vendor_id[8];
+    uint8_t product_id[16];
+    uint8_t product_rev[4];
+};
+static_assert(sizeof(trelm_scsi_inq_data) == 36 && offsetof(trelm_scsi_inq_data, vendor_id) == 8 &&
+              offsetof(trelm_scsi_inq_data, product_id) == 16 && offsetof(trelm_scsi_inq_data, product_rev) == 32);
+
+// A list entry is four levels of two bytes each; the first level lands in the lowest 16 bits.
+uint32_t two_levels(const uint8_t* bytes) {
+    return uint32_t{bytes[2]} << 24 | uint32_t{bytes[3]} << 16 | uint32_t{bytes[0]} << 8 | bytes[1];
+}
+
+uint32_t fail_lun(const char* func, const LunAddress& lun, const char* text, uint32_t status) {
+    trelm::error(func, {{"(", lun.handle}, {text, lun.lun, 16}, {", rval=", status, 16}});
+    return status;
+}
+
+uint32_t fail_capacity(const char* func, const LunAddress& lun, uint32_t status) {
+    return fail_lun(func, lun, "): scsi read capacity cmd failed for lun=", status);
+}
+
+// Capacity in bytes.
+uint32_t measure(const char* func, const LunAddress& lun, uint64_t& capacity) {
+    uint8_t data[kCapacityRoom];
+    uint32_t status = trelm::send(trelm::kReadCapacity10, lun, data);
+    if (status != TRELM_STATUS_OK) return fail_capacity(func, lun, status);
+    uint64_t last_block = read_be32(data);
+    uint32_t block_length = read_be32(data + 4);
+    if (last_block == kTooLargeFor10) {
+        trelm::error_call(func, lun.handle, {"): trying read capacity(16) cmd for lun=", lun.lun, 16});
+        status = trelm::send(trelm::kReadCapacity16, lun, data);
+        if (status != TRELM_STATUS_OK) return fail_capacity(func, lun, status);
+        last_block = read_be64(data);
+        block_length = read_be32(data + 8);
+    }
+    capacity = (last_block + 1) * block_length;
+    return TRELM_STATUS_OK;
+}
+
+// Fills the element that begins at `info`; an array of an earlier version has no room for the last field.
+uint32_t describe(const char* func, const LunAddress& lun, bool version_2, TRELM_LUN_INFO* info) {
+    uint8_t data[kInquiryRoom];
+    uint32_t status = trelm::send(trelm::kInquiry, lun, data);
+    if (status != TRELM_STATUS_OK) {
+        return fail_lun(func, lun, "): send scsi inquiry cmd failed for lun=", status);
+    }
+    uint64_t capacity = 0;
+    status = measure(func, lun, capacity);
+    if (status != TRELM_STATUS_OK) return status;
+
+    trelm_scsi_inq_data inquiry;
+    memcpy(&inquiry, data, sizeof inquiry);
+    if (version_2) info->ScsiLunNumExt = lun.lun_ext;
+    info->ScsiLunNum = lun.lun;
+    info->Capacity = capacity;
+    info->DeviceType = inquiry.peripheral_device_type;
+    memcpy(info->VendorName, inquiry.vendor_id, sizeof inquiry.vendor_id);
+    memcpy(info->ProductName, inquiry.product_id, sizeof inquiry.product_id);
+    memcpy(info->ProductRevision, inquiry.product_rev, sizeof inquiry.product_rev);
+    return TRELM_STATUS_OK;
+}
+
+}  // namespace
+
+uint32_t TRELM_GetLunInfo(uint32_t Handle, uint32_t NpivIndex, uint32_t ScsiTgtNum, uint32_t* pLunCount,
+                          TRELM_LUN_INFO** pLunInfo) {
+    const char* func = __func__;
+    trelm::trace(func, {{"(", Handle},
+                        {"): entered for NPIV=", NpivIndex},
+                        {" and LunCount=", pLunCount ? *pLunCount : 0}});
+    if (ScsiTgtNum >= TRELM_MAX_TARGETS || !pLunCount || *pLunCount == 0 || !pLunInfo || !*pLunInfo) {
+        return fail_call(func, Handle, "): invalid parameter.", TRELM_STATUS_INVALID_PARAMETER);
+    }
+    const trelm::Heap<uint8_t> data(trelm::kReportLunsRoom);
+    if (!data) return fail_call(func, Handle, "): pdata alloc failed.", TRELM_STATUS_NO_MEMORY);
+    LunAddress lun = {Handle, NpivIndex, ScsiTgtNum, 0, 0};
+    uint32_t status = trelm::send(trelm::kReportLuns, lun, data.get());
+    if (status != TRELM_STATUS_OK) {
+        return fail_call(func, Handle, {"): send scsi report luns cmd failed, rval=", status, 16}, status);
+    }
+    const uint32_t announced = trelm::announced_luns(data.get());
+    const uint32_t luns = announced < trelm::kMaxLuns ? announced : trelm::kMaxLuns;
+    if (luns > *pLunCount) {
+        *pLunCount = luns;
+        return fail_call(func, Handle, "): invalid Lun Count value.", TRELM_STATUS_INSUFFICIENT_BUFFER);
+    }
+
+    const uint32_t version = (*pLunInfo)->Version;
+    auto* element = reinterpret_cast<uint8_t*>(*pLunInfo);
+    const uint8_t* entry = data.get() + trelm::kReportLunsHeader;
+    for (uint32_t i = 0; i < luns; ++i, entry += trelm::kLunEntry, element += TRELM_LUN_INFO_STRIDE(version)) {
+        lun.lun = two_levels(entry);
+        lun.lun_ext = two_levels(entry + 4);
+        status = describe(func, lun, version == 2, reinterpret_cast<TRELM_LUN_INFO*>(element));
+        if (status != TRELM_STATUS_OK) return status;
+    }
+    trelm::trace_call(func, Handle, {"): exiting, rval=", TRELM_STATUS_OK});
+    return TRELM_STATUS_OK;
+}

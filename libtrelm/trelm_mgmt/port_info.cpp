@@ -1,0 +1,138 @@
+// Adapter and port information.
+
+#include <cstdio>
+#include <cstring>
+
+#include "trelm_mgmt/transport.h"
+
+namespace {
+
+using trelm::fail_call;
+using trelm::fail_request;
+using trelm::trace_call;
+
+struct Conversion {
+    uint32_t from;
+    uint32_t to;
+};
+
+// Link rate in tenths of GT/s.
+constexpr Conversion kPcieSpeeds[] = {{PCIE_SPEED_2_5GT, 25}, {PCIE_SPEED_5_0GT, 50}, {PCIE_SPEED_8_0GT, 80}};
+// Width codes. There is none for twelve lanes.
+constexpr Conversion kPcieWidths[] = {{PCIE_LNK_X1, 3}, {PCIE_LNK_X2, 4},  {PCIE_LNK_X4, 5},
+                                      {PCIE_LNK_X8, 6}, {PCIE_LNK_X16, 8}, {PCIE_LNK_X32, 9}};
+constexpr uint32_t kMediaType = 4;
+
+template <size_t rows>
+uint32_t convert(const Conversion (&table)[rows], uint32_t value) {
+    for (const Conversion& row : table) {
+        if (row.from == value) return row.to;
+    }
+    return 0;
+}
+
+template <size_t width>
+void copy_text(uint8_t (&to)[width], const char (&from)[width]) {
+    memcpy(to, from, width);
+}
+
+// World-wide names are numbers in the registry and bytes in public records.
+void copy_wwn(uint8_t (&to)[8], uint64_t from) { trelm_revcpy(to, &from, sizeof from); }
+
+void write_mfw_version(uint8_t (&to)[32], uint32_t version) {
+    char text[sizeof to] = {};
+    snprintf(text, sizeof text, "%02d.%02d.%02d.%02d", version >> 24, version >> 16 & 0xFF, version >> 8 & 0xFF,
+             version & 0xFF);
+    copy_text(to, text);
+}
+
+void fill_version_2(TRELM_FCOE_INFO& info, const trelm_hw_info& hw) {
+    info.PCIESpeed = convert(kPcieSpeeds, hw.pcie_speed);
+    info.PCIEWidth = convert(kPcieWidths, hw.pcie_width);
+    info.ChipRevId = hw.chip_rev_id;
+    info.MediaType = kMediaType;
+    if (trelm::transport_of(hw).reports_mfw_version) write_mfw_version(info.MFWVersion, hw.mfw_version);
+}
+
+void fill(TRELM_FCOE_INFO& info, const trelm_priv_db& pdb, const trelm_hw_info& hw) {
+    copy_text(info.ModelName, hw.model_name);
+    copy_text(info.ModelDesc, hw.model_desc);
+    copy_text(info.DriverVersion, hw.driver_version);
+    copy_text(info.DriverDate, hw.driver_date);
+    copy_text(info.DriverName, hw.driver_name);
+    info.DriverLoaded = hw.driver_loaded;
+    memcpy(info.MAC, pdb.mac, sizeof info.MAC);
+    copy_wwn(info.WWNN, pdb.wwnn);
+    copy_wwn(info.WWPN, pdb.wwpn);
+    info.MTU = pdb.mtu;
+    info.VlanID = pdb.vlan;
+    info.PciBusNum = hw.pci_bus;
+    info.PciDeviceNum = hw.pci_dev;
+    info.PciFunctionNum = hw.pci_func;
+    info.VendorID = hw.vendor_id;
+    info.DeviceID = hw.device_id;
+    info.SubVendorID = hw.ssvendor_id;
+    info.SubSystemID = hw.ssdevice_id;
+    info.PciDomainNum = hw.pci_domain;
+    info.PciRevision = hw.pci_rev;
+    info.PhyPortNum = hw.phy_port_number;
+    copy_text(info.FWVersion, hw.fw_version);
+    info.NpivCount = hw.npiv_count;
+}
+
+void fill(TRELM_VNPORT_INFO& info, const trelm_priv_db& pdb, const dorfc_fcf_info& fcf) {
+    copy_wwn(info.WWNN, pdb.wwnn);
+    copy_wwn(info.WWPN, pdb.wwpn);
+    copy_wwn(info.ParentWWPN, pdb.parent ? pdb.parent->wwpn : pdb.wwpn);
+    copy_wwn(info.FabricName, fcf.fabric_name);
+    memcpy(info.FcfMAC, fcf.fcf_mac, sizeof info.FcfMAC);
+    info.FCMap = fcf.fc_map;
+    info.FabricPriority = fcf.priority;
+    info.KeepAliveTimeout = fcf.ka_timeout;
+    copy_wwn(info.SwitchName, fcf.switch_name);
+    info.PortFCID = pdb.port_id;
+    info.FabricVlan = static_cast<uint16_t>(pdb.vlan);
+    info.PortType = pdb.port_type == FC_PORTTYPE_NPIV ? TRELM_PORTTYPE_NPIV : TRELM_PORTTYPE_PHYSICAL;
+    info.PortSpeed = pdb.port_speed;
+    info.PortState = trelm::transport_of(*pdb.hw_info).public_port_state(pdb.port_state);
+    info.PortSupportedSpeed = pdb.port_sup_speed;
+    info.TgtCount = pdb.tgt_cnt;
+    info.FcfCount = pdb.fcf_cnt;
+    info.NpivIndex = pdb.npiv_index;
+}
+
+}  // namespace
+
+uint32_t TRELM_GetFcoeInfo(uint32_t Handle, TRELM_FCOE_INFO* pFcoeInfo) {
+    trace_call(__func__, Handle, "): entered.");
+    const trelm_priv_db* pdb = trelm_get_pdb_from_user_handle(Handle);
+    if (!pdb) return fail_call(__func__, Handle, "): get pdb failed.", TRELM_STATUS_FAILED);
+    if (!pFcoeInfo) return fail_call(__func__, Handle, "): invalid parameter.", TRELM_STATUS_INVALID_PARAMETER);
+    if (pFcoeInfo->Version == 2) fill_version_2(*pFcoeInfo, *pdb->hw_info);
+    fill(*pFcoeInfo, *pdb, *pdb->hw_info);
+    trace_call(__func__, Handle, {"): exiting, rval=", TRELM_STATUS_OK});
+    return TRELM_STATUS_OK;
+}
+
+uint32_t TRELM_GetVNPortInfo(uint32_t Handle, uint32_t NpivIndex, TRELM_VNPORT_INFO* pVNPortInfo) {
+    trace_call(__func__, Handle, "): entered.");
+    if (!pVNPortInfo) return fail_call(__func__, Handle, "): invalid parameter.", TRELM_STATUS_INVALID_PARAMETER);
+    trelm_priv_db* pdb = trelm_get_vn_pdb_from_user_handle(Handle, NpivIndex);
+    if (!pdb) return fail_call(__func__, Handle, "): get pdb failed.", TRELM_STATUS_FAILED);
+
+    const trelm::Transport& transport = trelm::transport_of(*pdb->hw_info);
+    if (transport.calling_port_info) trace_call(__func__, Handle, transport.calling_port_info);
+    trelm::Outcome outcome = transport.refresh_port(pdb);
+    if (outcome.failed()) return fail_request(__func__, Handle, "): port info failed, stat=", outcome);
+
+    dorfc_fcf_info fcf = {};
+    if (pdb->fcf_cnt != 0) {
+        if (transport.calling_fcf_info) trace_call(__func__, Handle, transport.calling_fcf_info);
+        outcome = transport.fcf_info(pdb, &fcf);
+        if (outcome.failed()) return fail_request(__func__, Handle, "): fcf info failed, stat=", outcome);
+    }
+    if (pVNPortInfo->Version == 2) copy_text(pVNPortInfo->HbaName, pdb->hba_name);
+    fill(*pVNPortInfo, *pdb, fcf);
+    trace_call(__func__, Handle, {"): exiting, rval=", TRELM_STATUS_OK});
+    return TRELM_STATUS_OK;
+}

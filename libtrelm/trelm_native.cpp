@@ -1,0 +1,303 @@
+// The transport over the VMkernel management interface: discovery, open and close, and one pattern for every request.
+
+#include "trelm_native.h"
+
+#include <cstring>
+
+#include "trelm_core/discovery.h"
+#include "trelm_dbg.h"
+#include "trelm_pool.h"
+
+namespace {
+
+using trelm::error;
+using trelm::native_driver;
+using trelm::native_operation;
+using trelm::trace;
+
+constexpr uint32_t kStatusInvalid = 4;   // a command that no record can carry
+constexpr uint32_t kStatusNoMemory = 10; // the transport's own: no payload could be allocated
+
+// A host has no more ports than this; a driver that counts more is not followed further.
+constexpr uint64_t kMaxInstances = 65536;
+
+struct Operation {
+    native_callback callback;
+    uint32_t payload;
+    const char* status_text;
+    const char* errno_text;
+    const char* alloc_text;
+    bool exit_shows_result;
+};
+
+constexpr Operation kOperations[trelm::kNativeOperations] = {
+    {NATIVE_CB_PORT_INFO, sizeof(kronfc_port_info), ": Get port info callback failed, status=",
+     ": Get port info callback function failed, errno=", "): port_info_cb alloc failed.", true},
+    {NATIVE_CB_PORT_STATS, sizeof(kronfc_port_stats), ": Get port stats native failed, status=",
+     ": Get port stats native function failed, errno=", "): pstats_cb alloc failed.", true},
+    {NATIVE_CB_TGT_INFO, sizeof(kronfc_tgt_info), ": Get tgt info native failed, status=",
+     ": Get tgt info native function failed, errno=", "): ptgt_cb alloc failed.", false},
+    {NATIVE_CB_FCF_INFO, sizeof(kronfc_fcf_info), ": Get fcf info native failed, status=",
+     ": Get fcf info native function failed, errno=", "): pfcf_cb alloc failed.", true},
+    {NATIVE_CB_SCSI_CMD, sizeof(kronfc_scsi_cmd), ": send scsi cmd native failed, status=",
+     ": send scsi cmd native function failed, errno=", "): pcmd_cb alloc failed.", false},
+};
+
+int invoke(const native_driver& driver, uint64_t callback, void* payload) {
+    return vmk_MgmtUserCallbackInvokeInt(*driver.handle, 0, callback, 1, payload);
+}
+
+// ---- Discovery ---------------------------------------------------------------------------------------------------------
+
+// What the driver tells of one instance.
+struct Instance {
+    uint32_t host_no = 0;
+    trelm::native_port_info port = {};
+    dorfc_pci_info pci = {};
+};
+
+// In discovery the status in the record alone says whether a call worked.
+template <class Record>
+bool ask_port(const native_driver& driver, uint64_t callback, uint32_t host_no, Record& out) {
+    struct {
+        native_cb_header header;
+        Record payload;
+    } __attribute__((packed)) request = {};
+    request.header.host_no = host_no;
+    invoke(driver, callback, &request);
+    memcpy(&out, &request.payload, sizeof out);
+    return request.header.status == 0;
+}
+
+bool read_instance(const native_driver& driver, uint32_t index, Instance& instance) {
+    kronfc_hostno_cb hostno = {};
+    hostno.inst = index;
+    invoke(driver, NATIVE_CB_HOSTNO, &hostno);
+    if (hostno.status) return false;
+    instance.host_no = hostno.host_no;
+    return ask_port(driver, NATIVE_CB_PORT_INFO, hostno.host_no, instance.port) &&
+           ask_port(driver, NATIVE_CB_PCI_INFO, hostno.host_no, instance.pci);
+}
+
+enum class Added { kKept, kDropped, kNoMemory };
+
+Added add_hardware(const native_driver& driver, trelm_priv_db* pdb, const Instance& instance) {
+    trelm_hw_info* hw = nullptr;
+    if (trelm_alloc_hw_info_mem(&hw) != 0) {
+        error(driver.find_all_name, {{": inst=", pdb->drvr_inst, 16}, {" hw info mem alloc failed, exiting"}});
+        return Added::kNoMemory;
+    }
+    const dorfc_port_info& port = instance.port.common;
+    trelm::copy_hardware(*hw, port, instance.pci);
+    memcpy(hw->model_desc, port.model_desc, sizeof hw->model_desc);
+    hw->chip_rev_id = instance.pci.chip_rev_id;
+    hw->native_driver = 1;
+    driver.fill_hardware(*hw, instance.port, instance.pci);
+    pdb->hw_info = hw;
+    if (trelm::is_supported_device(hw->device_id)) return Added::kKept;
+    trelm_free_hw_info_element(hw);
+    trelm_free_pdb_element(pdb);
+    return Added::kDropped;
+}
+
+Added add_instance(const native_driver& driver, uint32_t index, const Instance& instance) {
+    trelm_priv_db* pdb = nullptr;
+    if (trelm_alloc_pdb_mem(&pdb) != 0) {
+        error(driver.find_all_name, {{": inst=", index}, {" mem alloc failed, exiting"}});
+        return Added::kNoMemory;
+    }
+    pdb->drvr_inst = index;
+    pdb->host_no = instance.host_no;
+    trelm::copy_port(*pdb, instance.port.common);
+    driver.fill_port(*pdb, instance.port);
+    Added added = Added::kKept;
+    if (pdb->port_type == FC_PORTTYPE_NPIV) {
+        pdb->hw_info = trelm::find_hw_info(driver.find_hw_info_name, instance.pci);
+        pdb->parent = trelm::find_parent(driver.find_parent_name, instance.pci);
+    } else {
+        added = add_hardware(driver, pdb, instance);
+    }
+    if (added == Added::kKept) trelm_print_priv_data(pdb);
+    return added;
+}
+
+// ---- Requests ------------------------------------------------------------------------------------------------------------
+
+void trace_at(const char* func, uint32_t apihandle, const char* text) { trace(func, {{"(", apihandle}, text}); }
+
+uint32_t no_memory(const native_driver& driver, native_operation operation, const trelm_priv_db* pdb, uint32_t* stat) {
+    error(driver.operation_names[operation], {{"(", trelm::handle_of(pdb)}, kOperations[operation].alloc_text});
+    *stat = kStatusNoMemory;
+    return 1;
+}
+
+void trace_exit(const native_driver& driver, native_operation operation, const trelm_priv_db* pdb, uint32_t result) {
+    const char* func = driver.operation_names[operation];
+    bool shows_result = kOperations[operation].exit_shows_result &&
+                        (operation != trelm::kPortInfo || driver.port_info_exit_shows_result);
+    if (shows_result) {
+        trace(func, {{"(", trelm::handle_of(pdb)}, {"): exiting. ret=", result}});
+    } else {
+        trace_at(func, trelm::handle_of(pdb), "): exiting.");
+    }
+}
+
+// Sends the wrapper and judges the outcome: the driver's status first, then the call's own result.
+uint32_t send(const native_driver& driver, native_operation operation, const trelm_priv_db* pdb,
+              native_cb_header* wrapper, uint32_t* stat) {
+    wrapper->host_no = pdb->host_no;
+    wrapper->status = 0;
+    int rc = invoke(driver, kOperations[operation].callback, wrapper);
+    *stat = wrapper->status;
+    if (*stat) {
+        error(driver.operation_names[operation], {{kOperations[operation].status_text, *stat}});
+        return 1;
+    }
+    if (rc) {
+        error(driver.operation_names[operation], {{kOperations[operation].errno_text, errno}});
+        return 1;
+    }
+    return 0;
+}
+
+uint32_t data_length(const kronfc_scsi_cmd& cmd) {
+    return cmd.direction == SCSI_DIRECTION_IN || cmd.direction == SCSI_DIRECTION_OUT ? cmd.data_len : 0;
+}
+
+constexpr size_t kScsiLead = offsetof(kronfc_scsi_cmd, data_buffer);  // what precedes the data area
+
+// Fills a wrapper that is zero wherever the command says nothing. The driver sees all of it, so what an earlier command
+// left in the block is cleared, but for what is overwritten.
+void fill_scsi(kronfc_scsi_cmd_cb& wrapper, bool fresh, const kronfc_scsi_cmd& cmd, const uint8_t* data) {
+    const uint32_t out = cmd.direction == SCSI_DIRECTION_OUT ? cmd.data_len : 0;
+    kronfc_scsi_cmd& to = wrapper.cmnd;
+    if (!fresh) {
+        memset(&wrapper, 0, sizeof wrapper.header + kScsiLead);
+        memset(to.data_buffer + out, 0, sizeof to.data_buffer - out);
+    }
+    to.lun_ext = cmd.lun_ext;
+    to.tgt = cmd.tgt;
+    to.lun = cmd.lun;
+    to.direction = cmd.direction;
+    to.cdb_len = cmd.cdb_len;
+    memcpy(to.cdb, cmd.cdb, cmd.cdb_len);
+    to.sense_len = cmd.sense_len;
+    to.data_len = data_length(cmd);
+    if (out) memcpy(to.data_buffer, data, out);
+}
+
+// One SCSI command; `take` gets the driver's answer on success.
+template <class Take>
+uint32_t exchange(const native_driver& driver, trelm_priv_db* pdb, const kronfc_scsi_cmd& cmd, const uint8_t* data,
+                  uint32_t* stat, Take take) {
+    trace_at(driver.operation_names[trelm::kScsiCmd], trelm::handle_of(pdb), "): entered.");
+    uint32_t result = 1;
+    if (cmd.cdb_len > kScsiMaxCdb || data_length(cmd) > kScsiMaxData) {
+        *stat = kStatusInvalid;
+    } else {
+        trelm::Pooled<kronfc_scsi_cmd_cb> wrapper;
+        if (!wrapper) return no_memory(driver, trelm::kScsiCmd, pdb, stat);
+        fill_scsi(*wrapper.get(), wrapper.fresh(), cmd, data);
+        result = send(driver, trelm::kScsiCmd, pdb, &wrapper->header, stat);
+        if (result == 0) take(wrapper->cmnd);
+    }
+    trace_exit(driver, trelm::kScsiCmd, pdb, result);
+    return result;
+}
+
+}  // namespace
+
+uint32_t trelm::native_find_all_instances(const native_driver& driver, uint32_t* start_inst) {
+    int rc = vmk_MgmtUserInit(driver.signature, driver.cookie, driver.handle);
+    if (rc) {
+        error(driver.find_all_name, {{": vmk init failed. rc=", rc}});
+        return 1;
+    }
+    kronfc_hba_cnt_cb answer = {};
+    invoke(driver, NATIVE_CB_HBA_COUNT, &answer);
+    if (answer.status) {
+        error(driver.find_all_name, {{": get hba count failed."}});
+        return 1;
+    }
+    const int64_t hba_cnt = driver.signed_count ? answer.hba_cnt : int64_t{static_cast<uint32_t>(answer.hba_cnt)};
+    trace(driver.find_all_name, {{": Got hba_count=", hba_cnt}});
+
+    uint32_t added = 0;
+    for (uint32_t index = 0; index < kMaxInstances && index < hba_cnt; ++index) {
+        Instance instance;
+        if (!read_instance(driver, index, instance)) continue;
+        switch (add_instance(driver, index, instance)) {
+            case Added::kKept: ++added; break;
+            case Added::kDropped: break;
+            case Added::kNoMemory: release_registry(); return 1;
+        }
+    }
+    *start_inst = added;
+    trace(driver.find_all_name, {{": found ", hba_cnt, 16}, {" instances, exiting rval=", 0, 16}});
+    return 0;
+}
+
+uint32_t trelm::native_open_adapter(const native_driver& driver, trelm_priv_db* pdb, uint32_t instance,
+                                    uint32_t* papi_handle) {
+    trace(driver.open_name, {": entered."});
+    if (!pdb || !pdb->hw_info) {
+        error(driver.open_name, {": pdb not found, exiting"});
+        return 1;
+    }
+    pdb->hw_info->apihandle = instance + 1;
+    ++pdb->hw_info->open_cnt;
+    *papi_handle = pdb->hw_info->apihandle;
+    trace(driver.open_name, {": exiting."});
+    return 0;
+}
+
+uint32_t trelm::native_close_adapter(const native_driver& driver, trelm_priv_db* pdb) {
+    if (!pdb || !pdb->hw_info) {
+        error(driver.close_name, {": pdb not found, exiting"});
+        return 1;
+    }
+    trelm_hw_info& hw = *pdb->hw_info;
+    trace_at(driver.close_name, hw.apihandle, "): entered.");
+    if (hw.open_cnt == 0) return 0;
+    if (--hw.open_cnt == 0) {
+        hw.oshandle = -1;
+        hw.apihandle = 0;
+    }
+    trace_at(driver.close_name, hw.apihandle, "): exiting.");
+    return 0;
+}
+
+uint32_t trelm::native_request(const native_driver& driver, native_operation operation, trelm_priv_db* pdb,
+                               void* payload, uint32_t* stat) {
+    const Operation& row = kOperations[operation];
+    trace_at(driver.operation_names[operation], handle_of(pdb), "): entered.");
+    Heap<uint8_t> memory(sizeof(native_cb_header) + row.payload);
+    if (!memory) return no_memory(driver, operation, pdb, stat);
+    auto* wrapper = reinterpret_cast<native_cb_header*>(memory.get());
+    auto* body = memory.get() + sizeof(native_cb_header);
+    if (operation == kTgtInfo) {
+        constexpr size_t at = offsetof(kronfc_tgt_info, scsi_tgt_num);
+        memcpy(body + at, static_cast<uint8_t*>(payload) + at, sizeof(kronfc_tgt_info::scsi_tgt_num));
+    }
+    uint32_t result = send(driver, operation, pdb, wrapper, stat);
+    if (result == 0) memcpy(payload, body, row.payload);
+    memory.reset();
+    trace_exit(driver, operation, pdb, result);
+    return result;
+}
+
+uint32_t trelm::native_send_scsi_cmd(const native_driver& driver, trelm_priv_db* pdb, kronfc_scsi_cmd* pcmd,
+                                     uint32_t* stat) {
+    return exchange(driver, pdb, *pcmd, pcmd->data_buffer, stat,
+                    [pcmd](const kronfc_scsi_cmd& answer) { memcpy(pcmd, &answer, sizeof answer); });
+}
+
+uint32_t trelm::native_exchange_scsi_cmd(const native_driver& driver, trelm_priv_db* pdb, kronfc_scsi_cmd* pcmd,
+                                         uint8_t* data, uint32_t* stat) {
+    const uint32_t room = pcmd->direction == SCSI_DIRECTION_IN ? pcmd->data_len : 0;
+    return exchange(driver, pdb, *pcmd, data, stat, [pcmd, data, room](const kronfc_scsi_cmd& answer) {
+        memcpy(pcmd, &answer, kScsiLead);
+        const uint32_t arrived = answer.data_len < room ? answer.data_len : room;
+        if (arrived) memcpy(data, answer.data_buffer, arrived);
+    });
+}

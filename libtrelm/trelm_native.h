@@ -1,0 +1,63 @@
+// trelm_native.h - the transport over the VMkernel management interface, written once for both native drivers. Each driver
+// describes itself in a native_driver; everything else is the same.
+#pragma once
+
+#include "trelm_core.h"
+#include "vmkmgmt.h"
+
+namespace trelm {
+
+// Operations that go to one port. Each driver has a function name for each of them.
+enum native_operation { kPortInfo, kPortStats, kTgtInfo, kFcfInfo, kScsiCmd, kNativeOperations };
+
+// Both drivers' port information: they begin alike, so what they share can be read from either.
+union native_port_info {
+    dorfc_port_info common;
+    cx_fcoe_port_info cx;
+    kronfc_port_info kron;
+};
+
+struct native_driver {
+    vmk_MgmtApiSignature* signature;
+    uint64_t cookie;
+    vmk_MgmtUserHandle* handle;
+    bool signed_count;                // how the driver counts its instances
+    bool port_info_exit_shows_result;
+
+    const char* find_all_name;
+    const char* find_hw_info_name;
+    const char* find_parent_name;
+    const char* open_name;
+    const char* close_name;
+    const char* operation_names[kNativeOperations];
+
+    // What lies elsewhere in this driver's records, or is numbered in its own way.
+    void (*fill_port)(trelm_priv_db& pdb, const native_port_info& port);
+    void (*fill_hardware)(trelm_hw_info& hw, const native_port_info& port, const dorfc_pci_info& pci);
+};
+
+// The entry of a signature's callback table for a callback in the driver with one in/out payload.
+constexpr vmk_MgmtCallbackInfo native_callback_info(uint64_t id, uint64_t payload_size) {
+    return {VMK_MGMT_CALLBACK_KERNEL, nullptr, 1, 1, {payload_size}, {VMK_MGMT_PARMTYPE_INOUT}, id};
+}
+
+uint32_t native_find_all_instances(const native_driver& driver, uint32_t* start_inst);
+uint32_t native_open_adapter(const native_driver& driver, trelm_priv_db* pdb, uint32_t instance, uint32_t* papi_handle);
+uint32_t native_close_adapter(const native_driver& driver, trelm_priv_db* pdb);
+
+// One operation with a payload of at most 512 bytes; on success the payload is the driver's answer.
+uint32_t native_request(const native_driver& driver, native_operation operation, trelm_priv_db* pdb, void* payload,
+                        uint32_t* stat);
+
+// A SCSI command whose data lies inside the record.
+uint32_t native_send_scsi_cmd(const native_driver& driver, trelm_priv_db* pdb, kronfc_scsi_cmd* pcmd, uint32_t* stat);
+
+// A SCSI command whose data lies in the caller's own buffer of pcmd->data_len bytes, so that it is copied once: of the
+// record only what precedes the data area is looked at or written, and `data` receives at most its own length.
+uint32_t native_exchange_scsi_cmd(const native_driver& driver, trelm_priv_db* pdb, kronfc_scsi_cmd* pcmd, uint8_t* data,
+                                  uint32_t* stat);
+
+extern const native_driver kron_driver;
+extern const native_driver pyx_driver;
+
+}  // namespace trelm

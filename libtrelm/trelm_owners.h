@@ -1,0 +1,74 @@
+// trelm_owners.h - small owners, so that every early return is safe. None of them disturbs errno when it lets go: a message
+// written after a failure shows the number that the failing call left.
+#pragma once
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+namespace trelm {
+
+class ErrnoKeeper {
+  public:
+    ErrnoKeeper() : saved_(errno) {}
+    ~ErrnoKeeper() { errno = saved_; }
+    ErrnoKeeper(const ErrnoKeeper&) = delete;
+    ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
+
+  private:
+    int saved_;
+};
+
+// A value with a release function and a value that stands for 'none'.
+template <class T, T none, void (*release)(T)>
+class Owner {
+  public:
+    explicit Owner(T value = none) : value_(value) {}
+    ~Owner() { reset(); }
+    Owner(const Owner&) = delete;
+    Owner& operator=(const Owner&) = delete;
+
+    explicit operator bool() const { return value_ != none; }
+    T get() const { return value_; }
+    T operator->() const { return value_; }
+    T let_go() {
+        T value = value_;
+        value_ = none;
+        return value;
+    }
+    void reset(T value = none) {
+        if (value_ != none) {
+            ErrnoKeeper keep;
+            release(value_);
+        }
+        value_ = value;
+    }
+
+  private:
+    T value_;
+};
+
+inline void close_descriptor(int fd) { close(fd); }
+inline void close_stream(FILE* stream) { fclose(stream); }
+inline void close_directory(DIR* directory) { closedir(directory); }
+template <class T>
+void free_heap(T* memory) {
+    free(memory);
+}
+
+using Descriptor = Owner<int, -1, close_descriptor>;
+using Stream = Owner<FILE*, nullptr, close_stream>;
+using Directory = Owner<DIR*, nullptr, close_directory>;
+
+// Zero-filled memory from the C allocator; none when it is exhausted.
+template <class T>
+class Heap : public Owner<T*, nullptr, free_heap<T>> {
+  public:
+    explicit Heap(size_t count = 1)
+        : Owner<T*, nullptr, free_heap<T>>(static_cast<T*>(calloc(count ? count : 1, sizeof(T)))) {}
+};
+
+}  // namespace trelm
