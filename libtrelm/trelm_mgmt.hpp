@@ -27,8 +27,8 @@
 
 namespace trelm {
 
-// The name of a return code; null for a bare driver status (TRELM_STATUS_BASE plus 2, 3 …) and for a system
-// error number.
+// The name of a return code; null for a bare driver status (TRELM_STATUS_BASE plus 2, 3 and so on) and for a
+// system error number.
 inline const char* status_name(uint32_t code) {
     switch (code) {
         case TRELM_STATUS_OK:

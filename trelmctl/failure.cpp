@@ -122,7 +122,7 @@ Failure explain_load(const trelm::Error& error) {
 Failure no_ports() {
     Failure failure;
     failure.code = TRELM_STATUS_FAILED;
-    failure.name = "NO_PORTS";
+    failure.name = trelm::status_name(TRELM_STATUS_FAILED);
     failure.meaning = "no FCoE port was found on this host";
     failure.advice = "check that the adapter is fitted, its driver loaded and FCoE enabled on it";
     failure.operation = "TRELM_GetPortCount";

@@ -17,7 +17,7 @@ enum ExitStatus : int { EXIT_DONE = 0, EXIT_FAILED = 1, EXIT_USAGE = 2, EXIT_NO_
 
 struct Failure {
     std::optional<uint32_t> code;  // a library's or system's; none where the tool itself refuses
-    std::string name;              // for programs: TRELM_STATUS_FAILED, EACCES, USAGE, CHECK_CONDITION …
+    std::string name;  // for programs: TRELM_STATUS_FAILED, EACCES, USAGE, CHECK_CONDITION and so on
     std::string meaning;
     std::string advice;     // may be empty
     std::string operation;  // a library function, or what the tool was doing

@@ -29,7 +29,7 @@ Number checked_number(std::string_view what, std::string_view given, uint64_t mo
 }
 
 void append_hex_word(std::vector<uint8_t>& bytes, const std::string& given) {
-    constexpr std::string_view right = "hexadecimal bytes, apart (12 00 …) or together (1200…)";
+    constexpr std::string_view right = "hexadecimal bytes, apart (12 00 ...) or together (1200...)";
     std::string word = given.starts_with("0x") ? given.substr(2) : given;
     if (word.size() == 1) word.insert(0, "0");
     if (word.empty() || word.size() % 2 != 0) refuse("CDB", given, right);
