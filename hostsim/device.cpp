@@ -1,5 +1,5 @@
-// device.cpp - the answers of the three drivers. Their records share all fields but a few, so one function fills each
-// record and only the port information and the SCSI command are written for two layouts.
+// device.cpp - the answers of the three drivers. Their records share all fields but a few, so one function
+// fills each record and only the port information and the SCSI command are written for two layouts.
 #include "device.h"
 
 #include <fmt/format.h>
@@ -43,7 +43,8 @@ uint32_t online_targets(const Port& port) {
 // A port without a MAC address has one made from its name; a virtual port, one that its fabric assigned.
 MacAddress mac_of(const PortRef& ref) {
     if (ref.port->mac != MacAddress{}) return ref.port->mac;
-    const uint64_t low = ref.is_virtual ? uint64_t{0x0EFC00} << 24 | (ref.port->port_id & 0xFFFFFF) : ref.wwpn;
+    const uint64_t low =
+        ref.is_virtual ? uint64_t{0x0EFC00} << 24 | (ref.port->port_id & 0xFFFFFF) : ref.wwpn;
     MacAddress mac{};
     for (size_t i = 0; i < mac.size(); ++i) mac[i] = static_cast<uint8_t>(low >> (40 - 8 * i));
     return mac;
@@ -55,7 +56,8 @@ const Target* find_target(const Port& port, uint32_t index) {
     return found == port.targets.end() || found->offline ? nullptr : &*found;
 }
 
-// ---- LUNs --------------------------------------------------------------------------------------------------------
+// ---- LUNs
+// --------------------------------------------------------------------------------------------------------
 
 // A LUN without an NAA id has one made from its target's WWPN, which tells it from every other of the host.
 uint64_t naa_of(const Lun& lun, uint32_t number, const PortRef& port, const Target& target) {
@@ -96,10 +98,11 @@ LunAddressing addressing_of(const Lun& lun, uint32_t number) {
     return flat ? LunAddressing::flat : LunAddressing::peripheral;
 }
 
-// The logical units that a command concerns: all of them where it lists them, else the one that it addresses, so that
-// a command to a target with thousands does not make them all.
+// The logical units that a command concerns: all of them where it lists them, else the one that it addresses,
+// so that a command to a target with thousands does not make them all.
 template <typename Make>
-std::vector<ScsiLun> concerned_luns(const Target& target, bool all, std::optional<uint16_t> addressed, const Make& make) {
+std::vector<ScsiLun> concerned_luns(const Target& target, bool all, std::optional<uint16_t> addressed,
+                                    const Make& make) {
     std::vector<ScsiLun> luns;
     for (const Lun& lun : target.luns) {
         for (uint32_t number = lun.number; number < lun.number + lun.count; ++number) {
@@ -127,24 +130,34 @@ std::shared_ptr<BlockStore> LunStores::make(const Lun& lun, const std::string& i
 
 uint32_t Device::run(const DeviceRequest& request) {
     switch (request.operation) {
-        case Operation::hba_count: return hba_count(request);
-        case Operation::hostno: return hostno(request);
-        case Operation::pci_info: return pci_info(request);
-        case Operation::port_info: return port_info(request);
-        case Operation::port_stats: return port_stats(request);
-        case Operation::tgt_info: return tgt_info(request);
-        case Operation::fcf_info: return fcf_info(request);
-        case Operation::scsi: return scsi(request);
+        case Operation::hba_count:
+            return hba_count(request);
+        case Operation::hostno:
+            return hostno(request);
+        case Operation::pci_info:
+            return pci_info(request);
+        case Operation::port_info:
+            return port_info(request);
+        case Operation::port_stats:
+            return port_stats(request);
+        case Operation::tgt_info:
+            return tgt_info(request);
+        case Operation::fcf_info:
+            return fcf_info(request);
+        case Operation::scsi:
+            return scsi(request);
         case Operation::init:
         case Operation::open:
-        case Operation::close: break;
+        case Operation::close:
+            break;
     }
     return kStatusInvalidRequest;
 }
 
 uint32_t Device::hba_count(const DeviceRequest& request) {
     const auto reported = model_.driver(request.driver).reported_port_count;
-    const auto count = reported ? *reported : static_cast<int64_t>(driver_ports(model_, request.driver).size());
+    const auto count =
+        reported ? *reported : static_cast<int64_t>(driver_ports(model_, request.driver).size());
     record<uint32_t>(request) = static_cast<uint32_t>(count);
     return kStatusGood;
 }
@@ -251,8 +264,8 @@ uint32_t Device::tgt_info(const DeviceRequest& request) {
     return kStatusGood;
 }
 
-// A port that knows several FCFs answers with the one that it asks for by number, and for number 0, which is what a
-// zeroed request holds, with the one that it selected.
+// A port that knows several FCFs answers with the one that it asks for by number, and for number 0, which is
+// what a zeroed request holds, with the one that it selected.
 uint32_t Device::fcf_info(const DeviceRequest& request) {
     auto& info = record<dorfc_fcf_info>(request);
     const auto& fcfs = request.port->port->fcfs;
@@ -302,8 +315,8 @@ uint32_t Device::run_scsi(const PortRef& port, Record& command) {
         return ScsiLun{static_cast<uint16_t>(number), addressing_of(lun, number),
                        Disk(std::move(config), stores_.open(lun, naa))};
     };
-    const ScsiTarget units(concerned_luns(*target, opcode == kReportLunsOpcode,
-                                          lun_number(command.lun, command.lun_ext), make));
+    const ScsiTarget units(
+        concerned_luns(*target, opcode == kReportLunsOpcode, lun_number(command.lun, command.lun_ext), make));
     const uint32_t status = exchange_scsi(units, command);
     if (reported && status == kScsiExchangeGood) reported->store(1);
     return status;
@@ -313,16 +326,24 @@ size_t payload_size(DriverKind driver, Operation operation) {
     const bool legacy = driver == DriverKind::legacy;
     switch (operation) {
         case Operation::hba_count:
-        case Operation::hostno: return sizeof(uint32_t);
-        case Operation::pci_info: return sizeof(dorfc_pci_info);
-        case Operation::port_info: return sizeof(dorfc_port_info);
-        case Operation::port_stats: return sizeof(dorfc_port_stats);
-        case Operation::tgt_info: return sizeof(dorfc_tgt_info);
-        case Operation::fcf_info: return sizeof(dorfc_fcf_info);
-        case Operation::scsi: return legacy ? sizeof(dorfc_scsi_cmd) : sizeof(kronfc_scsi_cmd);
+        case Operation::hostno:
+            return sizeof(uint32_t);
+        case Operation::pci_info:
+            return sizeof(dorfc_pci_info);
+        case Operation::port_info:
+            return sizeof(dorfc_port_info);
+        case Operation::port_stats:
+            return sizeof(dorfc_port_stats);
+        case Operation::tgt_info:
+            return sizeof(dorfc_tgt_info);
+        case Operation::fcf_info:
+            return sizeof(dorfc_fcf_info);
+        case Operation::scsi:
+            return legacy ? sizeof(dorfc_scsi_cmd) : sizeof(kronfc_scsi_cmd);
         case Operation::init:
         case Operation::open:
-        case Operation::close: break;
+        case Operation::close:
+            break;
     }
     return 0;
 }

@@ -1,5 +1,5 @@
-// device.h - what the drivers of a host know and do, independent of how they are asked: the answer to each operation,
-// made from the model at the moment of the request.
+// device.h - what the drivers of a host know and do, independent of how they are asked: the answer to each
+// operation, made from the model at the moment of the request.
 #pragma once
 
 #include <cstdint>
@@ -25,10 +25,12 @@ inline constexpr uint32_t kStatusInvalidRequest = 4;
 inline constexpr uint32_t kStatusNoSuchPort = 7;
 inline constexpr uint32_t kStatusDeviceOffline = 13;
 
-// The contents of the host's LUNs, kept for as long as the host runs. A disk that several paths reach is one store.
+// The contents of the host's LUNs, kept for as long as the host runs. A disk that several paths reach is one
+// store.
 class LunStores {
   public:
-    // Directories of LUNs without one of their own. An empty `memory` keeps them in the memory of this process.
+    // Directories of LUNs without one of their own. An empty `memory` keeps them in the memory of this
+    // process.
     LunStores(std::string file, std::string memory) : file_(std::move(file)), memory_(std::move(memory)) {}
 
     std::shared_ptr<BlockStore> open(const Lun& lun, uint64_t naa);
@@ -41,8 +43,8 @@ class LunStores {
     std::map<std::string, std::shared_ptr<BlockStore>> stores_;
 };
 
-// One request to a driver. `payload` is the record of the operation, in and out; the data of a SCSI command lies in the
-// record or where the record says.
+// One request to a driver. `payload` is the record of the operation, in and out; the data of a SCSI command
+// lies in the record or where the record says.
 struct DeviceRequest {
     DriverKind driver;
     Operation operation;
@@ -52,7 +54,8 @@ struct DeviceRequest {
 
 class Device {
   public:
-    Device(const Model& model, State& state, LunStores& stores) : model_(model), state_(state), stores_(stores) {}
+    Device(const Model& model, State& state, LunStores& stores)
+        : model_(model), state_(state), stores_(stores) {}
 
     // Carries out a request and returns the driver's status.
     uint32_t run(const DeviceRequest& request);

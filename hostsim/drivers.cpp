@@ -18,7 +18,9 @@ std::vector<uint8_t> first_bytes(std::span<const uint8_t> bytes, size_t limit) {
     return {head.begin(), head.end()};
 }
 
-bool is_portless(Operation operation) { return operation == Operation::hba_count || operation == Operation::init; }
+bool is_portless(Operation operation) {
+    return operation == Operation::hba_count || operation == Operation::init;
+}
 
 std::optional<PortRef> find_port(const Model& model, const DriverRequest& request) {
     if (is_portless(request.operation)) return std::nullopt;

@@ -1,5 +1,6 @@
-// drivers.h - the drivers of a host behind both kernel interfaces: a request is recorded, runs into the faults of the
-// model or is carried out by the device, and its answer passes a test's hands before the interface gives it to the caller.
+// drivers.h - the drivers of a host behind both kernel interfaces: a request is recorded, runs into the
+// faults of the model or is carried out by the device, and its answer passes a test's hands before the
+// interface gives it to the caller.
 #pragma once
 
 #include <functional>
@@ -20,9 +21,9 @@ class State;
 struct DriverRequest {
     DriverKind driver;
     Operation operation;
-    uint64_t number;                  // callback id or ioctl number
-    uint64_t port = 0;                // host number, or the index at which the driver enumerates the port
-    bool port_is_index = false;       // which of the two
+    uint64_t number;                    // callback id or ioctl number
+    uint64_t port = 0;                  // host number, or the index at which the driver enumerates the port
+    bool port_is_index = false;         // which of the two
     std::span<const uint8_t> block{};   // to be recorded: the request block,
     std::span<const uint8_t> record{};  // and what went with it
     std::span<uint8_t> payload{};       // the operation's record, in and out

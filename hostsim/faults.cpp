@@ -22,14 +22,14 @@ bool is_due(const Fault& fault, uint64_t occurrence) {
     return fault.count == Fault::kAlways || occurrence - fault.occurrence < fault.count;
 }
 
-// The counter goes with what the fault says and not with its place in the list: an edit that adds a fault before it does
-// not start its count again.
+// The counter goes with what the fault says and not with its place in the list: an edit that adds a fault
+// before it does not start its count again.
 std::string describe(const Fault& fault) {
     return fmt::format("fault:{}:{}:{}:{}:{}:{}:{}:{}:{}", static_cast<int>(fault.operation),
                        fault.driver ? static_cast<int>(*fault.driver) : -1, fault.port,
                        fault.target ? static_cast<int>(*fault.target) : -1,
-                       fault.opcode ? static_cast<int>(*fault.opcode) : -1, fault.occurrence, fault.count, fault.status,
-                       fault.error);
+                       fault.opcode ? static_cast<int>(*fault.opcode) : -1, fault.occurrence, fault.count,
+                       fault.status, fault.error);
 }
 
 }  // namespace

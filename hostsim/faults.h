@@ -1,5 +1,5 @@
-// faults.h - decides which requests go wrong. Occurrences are counted in the state that all processes of a host share, so
-// that 'the third SCSI command' means the third of the host, whichever process sends it.
+// faults.h - decides which requests go wrong. Occurrences are counted in the state that all processes of a
+// host share, so that 'the third SCSI command' means the third of the host, whichever process sends it.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,6 @@
-// host.cpp - the host of this process. One lock guards it: driver calls are short, and a kernel too would serve one request
-// of a port after the other. It may be taken again by a test's own hands in the middle of an answer.
+// host.cpp - the host of this process. One lock guards it: driver calls are short, and a kernel too would
+// serve one request of a port after the other. It may be taken again by a test's own hands in the middle of
+// an answer.
 #include "host.h"
 
 #include <pthread.h>
@@ -37,7 +38,8 @@ class Host::Core {
     Core(State& launched, HostFileWatch file)
         : state(launched),
           watch(std::move(file)),
-          drivers(watch->read(), state, LunStores(state.root() + "/luns", state.root() + "/.hostsim/memory"), false) {}
+          drivers(watch->read(), state, LunStores(state.root() + "/luns", state.root() + "/.hostsim/memory"),
+                  false) {}
 
     void follow_file() {
         if (!watch) return;
@@ -137,8 +139,8 @@ Host::~Host() {
     core_.reset();
 }
 
-// A host that the launcher started lives as long as the process. The state is there before main; a state without a host
-// file is one that a test's host is making.
+// A host that the launcher started lives as long as the process. The state is there before main; a state
+// without a host file is one that a test's host is making.
 Host* Host::current() noexcept {
     if (Host* const host = active_host) return host;
     State* const state = State::current();
@@ -159,7 +161,8 @@ Host* Host::current() noexcept {
     return active_host;
 }
 
-// ---- For tests -----------------------------------------------------------------------------------------------------
+// ---- For tests
+// -----------------------------------------------------------------------------------------------------
 
 Model& Host::model() { return core_->drivers.model; }
 
@@ -190,7 +193,8 @@ void Host::inject(Fault fault) {
 
 std::filesystem::path Host::root() const { return core_->state.root(); }
 
-// ---- For the interposers -------------------------------------------------------------------------------------------
+// ---- For the interposers
+// -------------------------------------------------------------------------------------------
 
 State& Host::state() noexcept { return core_->state; }
 
@@ -231,13 +235,15 @@ std::vector<LinkStateFile> Host::link_state_files() const {
     return as_host(*core_, [&] { return hostsim::link_state_files(core_->drivers.model); });
 }
 
-int Host::management_init(const vmk_MgmtApiSignature* signature, uint64_t cookie, vmk_MgmtUserHandle* handle) noexcept {
+int Host::management_init(const vmk_MgmtApiSignature* signature, uint64_t cookie,
+                          vmk_MgmtUserHandle* handle) noexcept {
     return answer(*core_, [&] { return core_->api.init(signature, cookie, handle); });
 }
 
-int Host::management_invoke(vmk_MgmtUserHandle handle, uint64_t instance, uint64_t callback, uint32_t parameter_count,
-                            void* const* parameters) noexcept {
-    return answer(*core_, [&] { return core_->api.invoke(handle, instance, callback, parameter_count, parameters); });
+int Host::management_invoke(vmk_MgmtUserHandle handle, uint64_t instance, uint64_t callback,
+                            uint32_t parameter_count, void* const* parameters) noexcept {
+    return answer(*core_,
+                  [&] { return core_->api.invoke(handle, instance, callback, parameter_count, parameters); });
 }
 
 }  // namespace hostsim

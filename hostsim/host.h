@@ -1,6 +1,6 @@
-// host.h - the host that a process runs on. A test makes one and it is there until the object goes; a process that the
-// launcher started is on the launcher's host. The interposers ask Host::current() for everything that libc or the
-// management interface would have asked the real host.
+// host.h - the host that a process runs on. A test makes one and it is there until the object goes; a process
+// that the launcher started is on the launcher's host. The interposers ask Host::current() for everything
+// that libc or the management interface would have asked the real host.
 #pragma once
 
 #include <sys/utsname.h>
@@ -36,14 +36,16 @@ class HOSTSIM_API HostError : public std::runtime_error {
 struct Call {
     DriverKind driver = DriverKind::kron;
     Operation operation = Operation::init;
-    uint64_t number = 0;   // callback id or ioctl number
-    uint64_t port = 0;     // host number, hbaselect, or the instance whose host number is asked for
-    std::vector<uint8_t> block;    // the legacy driver's 64-byte request block
-    std::vector<uint8_t> payload;  // the first 1024 bytes of the payload (native: of the record with its header)
+    uint64_t number = 0;         // callback id or ioctl number
+    uint64_t port = 0;           // host number, hbaselect, or the instance whose host number is asked for
+    std::vector<uint8_t> block;  // the legacy driver's 64-byte request block
+    std::vector<uint8_t>
+        payload;  // the first 1024 bytes of the payload (native: of the record with its header)
 };
 
-// What a driver is about to answer, before the caller sees it; a test may change all of it. `payload` is the record
-// alone (host number and count: their 4 bytes), the same for all drivers, `data` the data phase of a SCSI command.
+// What a driver is about to answer, before the caller sees it; a test may change all of it. `payload` is the
+// record alone (host number and count: their 4 bytes), the same for all drivers, `data` the data phase of a
+// SCSI command.
 struct Answer {
     const Call& call;
     std::span<uint8_t> payload;
@@ -54,7 +56,8 @@ struct Answer {
 
     template <typename Record>
     Record& as() const {
-        if (payload.size() < sizeof(Record)) throw std::length_error("the answer is shorter than this record");
+        if (payload.size() < sizeof(Record))
+            throw std::length_error("the answer is shorter than this record");
         return *reinterpret_cast<Record*>(payload.data());
     }
 };
@@ -64,7 +67,8 @@ enum class NodeKind : uint8_t { missing, device, regular_file };
 
 class HOSTSIM_API Host {
   public:
-    // The process runs on this host until the object goes. One at a time; HostError for a model with a mistake.
+    // The process runs on this host until the object goes. One at a time; HostError for a model with a
+    // mistake.
     Host(Model model);
     static Host from_json(std::string_view json);  // a host file's text
     static Host from_file(const std::filesystem::path& path);
@@ -72,13 +76,14 @@ class HOSTSIM_API Host {
     Host& operator=(const Host&) = delete;
     ~Host();
 
-    // The host of this process, null where there is none. In a process that the launcher started the first call
-    // reads the host file.
+    // The host of this process, null where there is none. In a process that the launcher started the first
+    // call reads the host file.
     static Host* current() noexcept;
 
-    // ---- For tests ----------------------------------------------------------------------------------------------
+    // ---- For tests
+    // ----------------------------------------------------------------------------------------------
 
-    Model& model();                                   // may be edited between driver calls
+    Model& model();                                      // may be edited between driver calls
     void edit(const std::function<void(Model&)>& edit);  // while other threads make driver calls
     std::vector<Call> calls() const;
     size_t count_calls(Operation operation) const;
@@ -87,19 +92,22 @@ class HOSTSIM_API Host {
     std::function<void(Answer&)> tamper;
     std::filesystem::path root() const;  // under which the host's "/tmp" and "/var/tmp" lie
 
-    // ---- For the interposers; nothing of these throws ---------------------------------------------------------------
+    // ---- For the interposers; nothing of these throws
+    // ---------------------------------------------------------------
 
     State& state() noexcept;
     void fill_utsname(utsname* name) const noexcept;
     uint32_t effective_user() const noexcept;
     NodeKind legacy_node() const noexcept;
-    // The errno of a fault injected into opening or closing the legacy node, 0 for none. Counts an occurrence.
+    // The errno of a fault injected into opening or closing the legacy node, 0 for none. Counts an
+    // occurrence.
     int node_fault(Operation open_or_close) noexcept;
     int legacy_request(unsigned long number, void* block) noexcept;  // as ioctl: 0, or -1 and errno
     std::vector<LinkStateFile> link_state_files() const;
-    int management_init(const vmk_MgmtApiSignature* signature, uint64_t cookie, vmk_MgmtUserHandle* handle) noexcept;
-    int management_invoke(vmk_MgmtUserHandle handle, uint64_t instance, uint64_t callback, uint32_t parameter_count,
-                          void* const* parameters) noexcept;
+    int management_init(const vmk_MgmtApiSignature* signature, uint64_t cookie,
+                        vmk_MgmtUserHandle* handle) noexcept;
+    int management_invoke(vmk_MgmtUserHandle handle, uint64_t instance, uint64_t callback,
+                          uint32_t parameter_count, void* const* parameters) noexcept;
 
   private:
     class Core;

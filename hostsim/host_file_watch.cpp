@@ -1,4 +1,5 @@
-// host_file_watch.cpp - looks at the file's status before each driver call and reads it only when that has changed.
+// host_file_watch.cpp - looks at the file's status before each driver call and reads it only when that has
+// changed.
 #include "host_file_watch.h"
 
 #include <fmt/format.h>
@@ -21,7 +22,8 @@ std::string read_text(const std::filesystem::path& path) {
     return {std::istreambuf_iterator<char>(stream), {}};
 }
 
-// Puts the copy in place as a whole, because other processes read it at any time. Failing leaves the older copy.
+// Puts the copy in place as a whole, because other processes read it at any time. Failing leaves the older
+// copy.
 void replace_copy(const std::filesystem::path& from, const std::filesystem::path& to) {
     std::error_code ignored;
     const std::filesystem::path fresh = fmt::format("{}.{}", to.string(), getpid());

@@ -1,5 +1,5 @@
-// host_file_watch.h - follows a host file while the host runs. The last sound version is kept beside the host's state, so
-// that a process that starts while the file is being edited finds a host all the same.
+// host_file_watch.h - follows a host file while the host runs. The last sound version is kept beside the
+// host's state, so that a process that starts while the file is being edited finds a host all the same.
 #pragma once
 
 #include <sys/types.h>

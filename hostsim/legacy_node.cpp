@@ -1,5 +1,5 @@
-// legacy_node.cpp - a request block is checked as a whole before the driver touches the payload behind it, which it reads
-// and writes at the address that the block gives.
+// legacy_node.cpp - a request block is checked as a whole before the driver touches the payload behind it,
+// which it reads and writes at the address that the block gives.
 #include "legacy_node.h"
 
 #include <array>
@@ -49,7 +49,8 @@ bool is_sound(const dorfc_ioctl& block) {
 
 void* at_address(uint64_t address) { return reinterpret_cast<void*>(static_cast<uintptr_t>(address)); }
 
-// The data phase of a SCSI command, which lies in the caller's memory. False when the command has one and it is nowhere.
+// The data phase of a SCSI command, which lies in the caller's memory. False when the command has one and it
+// is nowhere.
 bool find_data(const Request& request, const uint8_t* payload, std::span<uint8_t>& data) {
     if (request.operation != Operation::scsi) return true;
     const auto& command = *reinterpret_cast<const dorfc_scsi_cmd*>(payload);

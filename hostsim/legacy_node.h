@@ -1,4 +1,5 @@
-// legacy_node.h - the legacy driver's side of its character node: the ioctl requests, carried out on the caller's memory.
+// legacy_node.h - the legacy driver's side of its character node: the ioctl requests, carried out on the
+// caller's memory.
 #pragma once
 
 #include "drivers.h"

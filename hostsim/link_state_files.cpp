@@ -1,6 +1,7 @@
-// link_state_files.cpp - one file a physical port, named by its host number as SCSI drivers do, with a section for the port
-// and one for each of its virtual ports. A reader that looks for a port's WWPN and then for the word for 'ready' runs on
-// into the sections that follow: ports that are ready come first, so that it finds no other's word for one that is not.
+// link_state_files.cpp - one file a physical port, named by its host number as SCSI drivers do, with a
+// section for the port and one for each of its virtual ports. A reader that looks for a port's WWPN and then
+// for the word for 'ready' runs on into the sections that follow: ports that are ready come first, so that it
+// finds no other's word for one that is not.
 #include "link_state_files.h"
 
 #include <fmt/format.h>
@@ -15,9 +16,12 @@ namespace {
 
 const char* state_word(uint32_t link_state) {
     switch (link_state) {
-        case FC_PORTSTATE_ONLINE: return "LPORT_ST_READY";
-        case FC_PORTSTATE_LINKDOWN: return "LPORT_ST_LINK_DOWN";
-        default: return "LPORT_ST_DISABLED";
+        case FC_PORTSTATE_ONLINE:
+            return "LPORT_ST_READY";
+        case FC_PORTSTATE_LINKDOWN:
+            return "LPORT_ST_LINK_DOWN";
+        default:
+            return "LPORT_ST_DISABLED";
     }
 }
 
@@ -45,10 +49,11 @@ LinkStateFile make_file(const Model& model, const std::vector<PortRef>& sections
     for (const PortRef& ref : sections) {
         if (ref.port == physical) file.name = std::to_string(ref.host_no);
     }
-    fmt::format_to(std::back_inserter(file.text), "{} FCoE driver {}\n{} serial {}, firmware {}\nPCI {:04x}:{:02x}:{:02x}.{}\n",
-                   adapter.manufacturer, model.driver(DriverKind::legacy).version, adapter.model, adapter.serial_number,
-                   adapter.firmware_version, adapter.pci_domain, adapter.pci_bus, adapter.pci_device,
-                   physical->pci_function);
+    fmt::format_to(std::back_inserter(file.text),
+                   "{} FCoE driver {}\n{} serial {}, firmware {}\nPCI {:04x}:{:02x}:{:02x}.{}\n",
+                   adapter.manufacturer, model.driver(DriverKind::legacy).version, adapter.model,
+                   adapter.serial_number, adapter.firmware_version, adapter.pci_domain, adapter.pci_bus,
+                   adapter.pci_device, physical->pci_function);
     for (const PortRef& ref : sections) add_section(file.text, ref);
     return file;
 }
@@ -61,7 +66,8 @@ std::vector<LinkStateFile> link_state_files(const Model& model) {
     std::vector<PortRef> ports = all_ports(model);
     std::erase_if(ports, [](const PortRef& ref) { return ref.adapter->driver != DriverKind::legacy; });
     for (auto first = ports.begin(); first != ports.end();) {
-        const auto last = std::find_if(first, ports.end(), [&](const PortRef& ref) { return ref.physical != first->physical; });
+        const auto last = std::find_if(first, ports.end(),
+                                       [&](const PortRef& ref) { return ref.physical != first->physical; });
         std::stable_partition(first, last, is_ready);
         files.push_back(make_file(model, {first, last}));
         first = last;

@@ -1,5 +1,5 @@
-// link_state_files.h - the text files in which the legacy driver shows its ports under /proc/scsi/dorfc/: one file an
-// adapter, named by the host number of its first port, with a section for each port.
+// link_state_files.h - the text files in which the legacy driver shows its ports under /proc/scsi/dorfc/: one
+// file an adapter, named by the host number of its first port, with a section for each port.
 #pragma once
 
 #include <string>

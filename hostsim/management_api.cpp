@@ -1,5 +1,6 @@
-// management_api.cpp - connections and callbacks. A signature must agree with the driver's own in every field, as a kernel
-// would have it: a size that is wrong there is a buffer that is overrun here. The driver works on a copy of the payload.
+// management_api.cpp - connections and callbacks. A signature must agree with the driver's own in every
+// field, as a kernel would have it: a size that is wrong there is a buffer that is overrun here. The driver
+// works on a copy of the payload.
 #include "management_api.h"
 
 #include <algorithm>
@@ -72,12 +73,14 @@ bool agrees(const vmk_MgmtCallbackInfo& given, const Callback& own) {
 bool agrees(const vmk_MgmtApiSignature& given, const Api& api) {
     return given.version == kApiVersion && is_name(given.vendor, kVendor) &&
            given.numCallbacks == api.callbacks.size() && given.callbacks &&
-           std::equal(api.callbacks.begin(), api.callbacks.end(), given.callbacks,
-                      [](const Callback& own, const vmk_MgmtCallbackInfo& info) { return agrees(info, own); });
+           std::equal(
+               api.callbacks.begin(), api.callbacks.end(), given.callbacks,
+               [](const Callback& own, const vmk_MgmtCallbackInfo& info) { return agrees(info, own); });
 }
 
 const Api* find_api(const vmk_Name& name) {
-    const auto found = std::find_if(kApis.begin(), kApis.end(), [&](const Api& api) { return is_name(name, api.name); });
+    const auto found =
+        std::find_if(kApis.begin(), kApis.end(), [&](const Api& api) { return is_name(name, api.name); });
     return found == kApis.end() ? nullptr : &*found;
 }
 
@@ -127,7 +130,8 @@ Layout layout_of(DriverKind driver, Operation operation) {
             .payload_size = size};
 }
 
-// The handles that this host has given out; they begin far from 0, so that a counter taken for one is noticed.
+// The handles that this host has given out; they begin far from 0, so that a counter taken for one is
+// noticed.
 constexpr vmk_MgmtUserHandle kFirstHandle = 0x43100001;
 
 }  // namespace
@@ -145,8 +149,8 @@ int ManagementApi::init(const vmk_MgmtApiSignature* signature, uint64_t cookie, 
     return 0;
 }
 
-int ManagementApi::invoke(vmk_MgmtUserHandle handle, uint64_t instance, uint64_t callback, uint32_t parameter_count,
-                          void* const* parameters) {
+int ManagementApi::invoke(vmk_MgmtUserHandle handle, uint64_t instance, uint64_t callback,
+                          uint32_t parameter_count, void* const* parameters) {
     const auto connection = connections_.find(handle);
     if (connection == connections_.end()) return fail(EBADF);
     if (!is_present(drivers_.model, connection->second)) return fail(ENODEV);
@@ -184,20 +188,23 @@ int ManagementApi::run(DriverKind driver, uint64_t id, void* parameter) {
 
 }  // namespace hostsim
 
-// ---- The platform's functions ------------------------------------------------------------------------------------
+// ---- The platform's functions
+// ------------------------------------------------------------------------------------
 
 extern "C" {
 
-HOSTSIM_API int vmk_MgmtUserInit(vmk_MgmtApiSignature* signature, uint64_t cookie, vmk_MgmtUserHandle* handle) {
+HOSTSIM_API int vmk_MgmtUserInit(vmk_MgmtApiSignature* signature, uint64_t cookie,
+                                 vmk_MgmtUserHandle* handle) {
     hostsim::Host* const host = hostsim::Host::current();
     return host ? host->management_init(signature, cookie, handle) : hostsim::refuse(ENOENT);
 }
 
-HOSTSIM_API int vmk_MgmtUserCallbackInvokeInt(vmk_MgmtUserHandle handle, uint64_t instanceId, uint64_t callbackId,
-                                              uint32_t parmCount, ...) {
+HOSTSIM_API int vmk_MgmtUserCallbackInvokeInt(vmk_MgmtUserHandle handle, uint64_t instanceId,
+                                              uint64_t callbackId, uint32_t parmCount, ...) {
     hostsim::Host* const host = hostsim::Host::current();
     if (!host) return hostsim::fail(ENOENT);
-    // No callback of any driver takes more than one parameter: of a larger count the first tells all that is needed.
+    // No callback of any driver takes more than one parameter: of a larger count the first tells all that is
+    // needed.
     va_list arguments;
     va_start(arguments, parmCount);
     void* const first = parmCount > 0 ? va_arg(arguments, void*) : nullptr;

@@ -1,5 +1,5 @@
-// management_api.h - the kernel's side of the VMkernel management interface: connections of this process to the native
-// drivers, and the callbacks that run in them.
+// management_api.h - the kernel's side of the VMkernel management interface: connections of this process to
+// the native drivers, and the callbacks that run in them.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,6 @@
-// model.h - a simulated host as plain data: what a host file describes and what a test edits. Nothing here acts; the
-// device answers from it at the moment of each driver call, so that every edit shows with the next call.
+// model.h - a simulated host as plain data: what a host file describes and what a test edits. Nothing here
+// acts; the device answers from it at the moment of each driver call, so that every edit shows with the next
+// call.
 #pragma once
 
 #include <array>
@@ -23,12 +24,12 @@ struct Driver {
     enum class Presence : uint8_t { automatic, present, absent, no_device };
 
     Presence presence = Presence::automatic;  // no_device: legacy only, its node is a regular file
-    std::string name;
-    std::string version;
-    std::string date;
+    std::string name{};
+    std::string version{};
+    std::string date{};
     bool loaded = true;
-    std::vector<std::string> order;             // ports by name or WWPN, before all that are not named
-    std::optional<int64_t> reported_port_count;  // in place of the number of ports that there are
+    std::vector<std::string> order{};              // ports by name or WWPN, before all that are not named
+    std::optional<int64_t> reported_port_count{};  // in place of the number of ports that there are
 };
 
 // The counters of a port, in the order of the driver's record.
@@ -122,7 +123,8 @@ struct Target {
     std::vector<Lun> luns;
 };
 
-// What physical and virtual ports have in common. A WWN of 0 is one not given and is made up when the model is completed.
+// What physical and virtual ports have in common. A WWN of 0 is one not given and is made up when the model
+// is completed.
 struct Port {
     std::string name;  // by which faults and the order of ports name it
     uint64_t wwnn = 0;
@@ -131,7 +133,8 @@ struct Port {
     uint32_t port_id = 0;
     std::optional<uint16_t> port_type;  // default: 3 (N_Port), of a virtual port 7
     uint32_t link_state = 2;            // an FC port state: 2 online, 3 offline, 7 link down
-    uint16_t supported_speed = 4;       // bits: 1 = 1 Gbit/s, 2 = 2, 4 = 10, 8 = 4, 0x10 = 8, 0x20 = 16, 0x100 = 40
+    uint16_t supported_speed =
+        4;  // bits: 1 = 1 Gbit/s, 2 = 2, 4 = 10, 8 = 4, 0x10 = 8, 0x20 = 16, 0x100 = 40
     uint16_t speed = 4;
     uint32_t mtu = 2500;
     uint32_t vlan = 0;
@@ -193,7 +196,8 @@ inline constexpr std::array<std::string_view, 11> kOperationNames{
     "port_info", "port_stats", "tgt_info", "fcf_info",  "scsi",
 };
 
-// A request that goes wrong: the one that matches what is given here, from its `occurrence`-th time on, `count` times.
+// A request that goes wrong: the one that matches what is given here, from its `occurrence`-th time on,
+// `count` times.
 struct Fault {
     static constexpr uint64_t kAlways = UINT64_MAX;
 
@@ -215,7 +219,11 @@ struct Model {
     std::string version = "#1 SMP Release build-4564106";
     std::string machine = "x86_64";
     uint32_t effective_user = 0;
-    std::array<Driver, kDriverKinds> drivers;
+    std::array<Driver, kDriverKinds> drivers{
+        Driver{.name = "kronfc", .version = "1.0.24.0", .date = "Mar 12 2019"},
+        Driver{.name = "ostfc", .version = "1.0.12.0", .date = "Feb 20 2019"},
+        Driver{.name = "dorfc", .version = "1.1.32.0", .date = "Nov 30 2016"},
+    };
     std::vector<Adapter> adapters;
     std::vector<Fault> faults;
 
@@ -230,7 +238,8 @@ struct ModelProblem {
     std::string reason;
 };
 
-// The first mistake of a model, if there is one: what two parts of it must agree on, and what no field may exceed.
+// The first mistake of a model, if there is one: what two parts of it must agree on, and what no field may
+// exceed.
 HOSTSIM_API std::optional<ModelProblem> find_problem(const Model& model);
 
 // Whether a driver is there: its management interface, or its node as a character device.

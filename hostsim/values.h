@@ -1,5 +1,5 @@
-// values.h - how host files write addresses and sizes, and back: WWNs and MAC addresses as colon-separated hexadecimal,
-// sizes as a number with a unit.
+// values.h - how host files write addresses and sizes, and back: WWNs and MAC addresses as colon-separated
+// hexadecimal, sizes as a number with a unit.
 #pragma once
 
 #include <cstdint>
@@ -12,10 +12,10 @@
 
 namespace hostsim {
 
-HOSTSIM_API std::optional<uint64_t> parse_wwn(std::string_view text);      // "20:00:00:1b:21:ab:cd:ef"
-HOSTSIM_API std::optional<MacAddress> parse_mac(std::string_view text);    // "00:1b:21:ab:cd:ef"
-HOSTSIM_API std::optional<uint64_t> parse_size(std::string_view text);     // "2 TiB", "500 GB", "4096"
-HOSTSIM_API std::optional<uint64_t> parse_number(std::string_view text);   // "0x8080", "32896"
+HOSTSIM_API std::optional<uint64_t> parse_wwn(std::string_view text);     // "20:00:00:1b:21:ab:cd:ef"
+HOSTSIM_API std::optional<MacAddress> parse_mac(std::string_view text);   // "00:1b:21:ab:cd:ef"
+HOSTSIM_API std::optional<uint64_t> parse_size(std::string_view text);    // "2 TiB", "500 GB", "4096"
+HOSTSIM_API std::optional<uint64_t> parse_number(std::string_view text);  // "0x8080", "32896"
 HOSTSIM_API std::string format_wwn(uint64_t wwn);
 std::string format_mac(const MacAddress& mac);
 

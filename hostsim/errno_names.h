@@ -1,0 +1,11 @@
+// errno_names.h - error numbers by the names that host files give them.
+#pragma once
+
+#include <string_view>
+
+namespace hostsim {
+
+// 0 for a name that no error has.
+int errno_by_name(std::string_view name);
+
+}  // namespace hostsim
