@@ -145,14 +145,6 @@ void lay_out(const fs::path& root) {
     if (const fs::path launcher = launcher_path(); !launcher.empty()) fs::create_symlink(launcher, listing);
 }
 
-fs::path make_temporary_root() {
-    const char* directory = std::getenv("TMPDIR");
-    std::string path =
-        std::string(directory != nullptr && *directory != 0 ? directory : "/tmp") + "/trelm-hostsim-XXXXXX";
-    if (mkdtemp(path.data()) == nullptr) fail("a directory for the simulated host, " + path);
-    return fs::canonical(path);
-}
-
 }  // namespace
 
 State::State(std::string root, std::vector<std::string> passed, SharedState* shared, pid_t owner)
@@ -174,9 +166,18 @@ State::~State() {
     fs::remove_all(root_, error);
 }
 
+fs::path State::temporary_root() {
+    const OwnCalls own;
+    const char* directory = std::getenv("TMPDIR");
+    std::string path =
+        std::string(directory != nullptr && *directory != 0 ? directory : "/tmp") + "/trelm-hostsim-XXXXXX";
+    if (mkdtemp(path.data()) == nullptr) fail("a directory for the simulated host, " + path);
+    return fs::canonical(path);
+}
+
 std::unique_ptr<State> State::temporary() {
     const OwnCalls own;
-    const fs::path root = make_temporary_root();
+    const fs::path root = temporary_root();
     try {
         create(root, "");
         return std::unique_ptr<State>(new State(root.string(), {}, map_state(state_path(root), 0), getpid()));
@@ -214,7 +215,11 @@ void State::clean(const fs::path& root) noexcept {
     const OwnCalls own;
     remove_remains(root);
     std::error_code error;
-    for (const char* made : {".hostsim/bin", "proc", "dev"}) fs::remove_all(root / made, error);
+    for (const char* made : {"proc", "dev"}) fs::remove_all(root / made, error);
+    for (const fs::directory_entry& entry : fs::directory_iterator(root / ".hostsim", error)) {
+        const std::string name = entry.path().filename();
+        if (name != "turn" && name != "users") fs::remove_all(entry.path(), error);
+    }
 }
 
 State* State::current() noexcept { return current_state.load(std::memory_order_acquire); }

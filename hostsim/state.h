@@ -45,6 +45,8 @@ class HOSTSIM_API State {
     static std::unique_ptr<State> attach(const std::filesystem::path& root,
                                          std::vector<std::string> passed = {});
 
+    // Makes a directory for a host's root among the temporary files.
+    static std::filesystem::path temporary_root();
     // Lays out the root of a host (made if it is not there) and a fresh shared file in it. For whoever starts
     // a host. Semaphores of a host that ended without cleaning are removed.
     static void create(const std::filesystem::path& root, std::string_view host_file);

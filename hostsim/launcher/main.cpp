@@ -1,0 +1,144 @@
+// main.cpp - trelm-hostsim: runs programs on a simulated host, and tells whether host files are sound. Called
+// as lsof by the programs of a host it is that host's process listing.
+#include <fmt/format.h>
+#include <fmt/ostream.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "host_file.h"
+#include "listing.h"
+#include "model.h"
+#include "run.h"
+#include "starting_host.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kFailed = 1;
+constexpr int kUsage = 2;
+
+void complain(std::string_view text) { std::cerr << "trelm-hostsim: " << text << std::endl; }
+
+std::string summary(const hostsim::Model& model) {
+    std::string drivers;
+    for (size_t i = 0; i < hostsim::kDriverKinds; ++i) {
+        const auto kind = static_cast<hostsim::DriverKind>(i);
+        if (!hostsim::is_present(model, kind)) continue;
+        drivers += fmt::format("{}{} ({} ports)", drivers.empty() ? "" : ", ", hostsim::kDriverKindNames[i],
+                               hostsim::driver_ports(model, kind).size());
+    }
+    size_t targets = 0;
+    for (const hostsim::PortRef& port : hostsim::all_ports(model)) targets += port.port->targets.size();
+    return fmt::format("host \"{}\", drivers: {}; adapters: {}, targets: {}, faults: {}", model.name,
+                       drivers.empty() ? "none" : drivers, model.adapters.size(), targets,
+                       model.faults.size());
+}
+
+int check(const std::vector<std::string>& files) {
+    int result = 0;
+    for (const std::string& file : files) {
+        try {
+            fmt::print("sound: {}: {}\n", file, summary(hostsim::read_host_file(file)));
+        } catch (const std::exception& error) {
+            complain(error.what());
+            result = kFailed;
+        }
+        std::fflush(stdout);
+    }
+    return result;
+}
+
+int write_new(const std::string& file) {
+    if (file.empty()) {
+        std::fputs(hostsim::kStartingHost, stdout);
+        return 0;
+    }
+    std::FILE* out = std::fopen(file.c_str(), "wx");
+    bool written = out != nullptr && std::fputs(hostsim::kStartingHost, out) >= 0;
+    if (out != nullptr) written = std::fclose(out) == 0 && written;
+    if (written) return 0;
+    const int error = errno;
+    complain(fmt::format(
+        "{}: {}; {}", file, std::strerror(error),
+        error == EEXIST ? "remove it or choose another name" : "choose a file that can be written"));
+    return kFailed;
+}
+
+int list_as_lsof() {
+    const fs::path root = hostsim::listed_root();
+    if (root.empty()) {
+        std::cerr << "lsof: no simulated host; call it from a program that trelm-hostsim run has started\n";
+        return kFailed;
+    }
+    hostsim::list_processes(root, std::cout);
+    return 0;
+}
+
+int dispatch(int argc, char** argv) {
+    CLI::App app{"Runs programs, unmodified, on a simulated host with FCoE adapters.", "trelm-hostsim"};
+    app.set_version_flag("--version", "trelm-hostsim " HOSTSIM_VERSION);
+    app.require_subcommand(1);
+    app.footer("Start with: trelm-hostsim new host.json, then trelm-hostsim run host.json -- trelmctl list");
+
+    hostsim::RunOptions options;
+    std::string root;
+    CLI::App* run = app.add_subcommand("run", "Run a command on the host that a file describes");
+    run->add_option("HOST.json", options.host_file, "The host file; edits show in the running host")
+        ->required();
+    CLI::Option* has_root = run->add_option("--root", root,
+                                            "Keep the host's files (its /tmp, /var/tmp and LUNs) in this "
+                                            "directory; without it they go at the end");
+    has_root->type_name("DIR")->check([](const std::string& value) {
+        return value.empty() ? std::string("a directory is needed") : std::string();
+    });
+    run->add_option("COMMAND", options.command, "The command and its arguments, after --")->required();
+    run->positionals_at_end();
+    run->footer(
+        "The command and all its children see the host's drivers, name, user, process listing and "
+        "semaphores, and files\n"
+        "of its own under /tmp and /var/tmp. What they need of the machine there stays visible: the "
+        "directory they are\n"
+        "started in, those of the host file and of paths on the command line. The exit status is the "
+        "command's, or 128\n"
+        "and the number of the signal that ended it. Several commands may run on one --root at the same "
+        "time.");
+
+    std::vector<std::string> files;
+    CLI::App* checking = app.add_subcommand("check", "Say whether host files are sound");
+    checking->add_option("HOST.json", files, "Host files")->required();
+
+    std::string file;
+    CLI::App* making = app.add_subcommand("new", "Write a commented host file to start from");
+    making->add_option("FILE", file,
+                       "The file to make, never one that is there; without it, standard output");
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : kUsage;
+    }
+    if (*has_root) options.root = root;
+    if (*run) return hostsim::run(options);
+    return *checking ? check(files) : write_new(file);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        const bool as_listing = argc > 0 && fs::path(argv[0]).filename() == "lsof";
+        return as_listing ? list_as_lsof() : dispatch(argc, argv);
+    } catch (const std::exception& error) {
+        complain(error.what());
+        return kFailed;
+    }
+}

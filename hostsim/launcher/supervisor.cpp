@@ -1,0 +1,188 @@
+#include "supervisor.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <initializer_list>
+#include <system_error>
+
+namespace hostsim {
+namespace {
+
+constexpr int kNotFound = 127;
+constexpr int kNotStarted = 126;
+constexpr int kSignalled = 128;
+constexpr std::initializer_list<int> kForwarded{SIGHUP,  SIGINT,  SIGQUIT, SIGTERM,
+                                                SIGUSR1, SIGUSR2, SIGALRM, SIGWINCH};
+
+// What the janitor tells the launcher, in this order: that the command runs, and how it ended.
+struct Notice {
+    pid_t command;
+    int status;  // of the end
+};
+
+[[noreturn]] void fail(const char* what) { throw std::system_error(errno, std::generic_category(), what); }
+
+template <typename Call>
+auto uninterrupted(const Call& call) {
+    decltype(call()) result;
+    do {
+        result = call();
+    } while (result < 0 && errno == EINTR);
+    return result;
+}
+
+sigset_t forwarded_signals() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signal : kForwarded) sigaddset(&set, signal);
+    return set;
+}
+
+std::vector<char*> pointers(const std::vector<std::string>& texts) {
+    std::vector<char*> result;
+    for (const std::string& text : texts) result.push_back(const_cast<char*>(text.c_str()));
+    result.push_back(nullptr);
+    return result;
+}
+
+// ---- The command
+// -----------------------------------------------------------------------------------------------------
+
+[[noreturn]] void become(const Command& command, const sigset_t& mask) {
+    const std::vector<char*> arguments = pointers(command.arguments);
+    const std::vector<char*> environment = pointers(command.environment);
+    sigprocmask(SIG_SETMASK, &mask, nullptr);
+    // The variables are the command's from here on, PATH with the host's own commands among them.
+    environ = const_cast<char**>(environment.data());
+    execvp(arguments[0], arguments.data());
+    const int error = errno;
+    std::fprintf(stderr, "trelm-hostsim: %s: %s; name a program in PATH or give its path\n", arguments[0],
+                 std::strerror(error));
+    _exit(error == ENOENT ? kNotFound : kNotStarted);
+}
+
+// ---- The janitor
+// -----------------------------------------------------------------------------------------------------
+
+// Whoever reads what the launcher was started to write must not wait for the janitor.
+void let_go(std::span<const int> kept) {
+    const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+    for (const int fd : {0, 1, 2}) dup2(null, fd);
+    std::vector<int> sorted(kept.begin(), kept.end());
+    std::sort(sorted.begin(), sorted.end());
+    unsigned first = 3;
+    for (const int fd : sorted) {
+        if (static_cast<unsigned>(fd) > first) close_range(first, static_cast<unsigned>(fd) - 1, 0);
+        first = static_cast<unsigned>(fd) + 1;
+    }
+    close_range(first, ~0u, 0);
+    if (chdir("/") != 0) return;  // a directory that cannot be left is only kept busy
+}
+
+void tell(int pipe, const Notice& notice) {
+    uninterrupted(
+        [&] { return write(pipe, &notice, sizeof notice); });  // a launcher that is gone needs no notice
+}
+
+// Ends with the last process of the command, children of children that went on alone included.
+[[noreturn]] void watch(pid_t command, int pipe, const std::function<void()>& at_end) {
+    Notice notice{command, 0};
+    tell(pipe, notice);
+    bool ended = false;
+    bool told = false;
+    for (;;) {
+        int status = 0;
+        const pid_t child = uninterrupted([&] { return waitpid(-1, &status, ended && !told ? WNOHANG : 0); });
+        if (child < 0) break;
+        if (child == command) {
+            ended = true;
+            notice.status = status;
+        } else if (child == 0) {
+            tell(pipe, notice);
+            told = true;
+        }
+    }
+    at_end();
+    if (!told) tell(pipe, notice);
+    _exit(0);
+}
+
+[[noreturn]] void be_janitor(const Command& command, const sigset_t& mask, std::vector<int> kept, int pipe,
+                             const std::function<void()>& at_end) {
+    sigset_t all;
+    sigfillset(&all);
+    sigprocmask(SIG_SETMASK, &all, nullptr);
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) become(command, mask);
+    kept.push_back(pipe);
+    let_go(kept);
+    if (child > 0) watch(child, pipe, at_end);
+    at_end();
+    _exit(kNotStarted);
+}
+
+// ---- The launcher
+// ----------------------------------------------------------------------------------------------------
+
+// A signal from a terminal has reached the command already: it goes to all processes in the foreground.
+void forward(int signals, pid_t command) {
+    signalfd_siginfo info{};
+    if (read(signals, &info, sizeof info) != sizeof info || info.ssi_code == SI_KERNEL) return;
+    kill(command, static_cast<int>(info.ssi_signo));
+}
+
+int exit_status(int status) {
+    return WIFSIGNALED(status) ? kSignalled + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+int await(int pipe, int signals) {
+    Notice notice{};
+    if (uninterrupted([&] { return read(pipe, &notice, sizeof notice); }) != sizeof notice)
+        return kNotStarted;
+    std::array<pollfd, 2> waiting{{{pipe, POLLIN, 0}, {signals, POLLIN, 0}}};
+    for (;;) {
+        if (uninterrupted([&] { return poll(waiting.data(), waiting.size(), -1); }) < 0) fail("poll");
+        if (waiting[1].revents != 0) forward(signals, notice.command);
+        if (waiting[0].revents != 0) break;
+    }
+    if (uninterrupted([&] { return read(pipe, &notice, sizeof notice); }) == sizeof notice)
+        return exit_status(notice.status);
+    std::fprintf(
+        stderr,
+        "trelm-hostsim: the process that watches over the command was killed; the command may still run\n");
+    return kNotStarted;
+}
+
+}  // namespace
+
+int supervise(const Command& command, std::span<const int> kept, const std::function<void()>& at_end) {
+    std::signal(SIGCHLD, SIG_DFL);  // where a parent ignores it, a child's status is lost
+    sigset_t before;
+    const sigset_t forwarded = forwarded_signals();
+    sigprocmask(SIG_BLOCK, &forwarded, &before);
+    std::array<int, 2> ends{};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) fail("pipe2");
+    const int signals = signalfd(-1, &forwarded, SFD_CLOEXEC);
+    if (signals < 0) fail("signalfd");
+    std::fflush(nullptr);
+    const pid_t janitor = fork();
+    if (janitor < 0) fail("fork");
+    if (janitor == 0) be_janitor(command, before, {kept.begin(), kept.end()}, ends[1], at_end);
+    close(ends[1]);
+    return await(ends[0], signals);
+}
+
+}  // namespace hostsim
