@@ -1,0 +1,74 @@
+// guarded.h - a caller's record or buffer between guard bytes. Everything starts as a pattern in which no
+// byte is like its neighbours, so that a test can say which bytes a function wrote and that it wrote no
+// others.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <initializer_list>
+#include <span>
+#include <vector>
+
+namespace trelm::test {
+
+struct Extent {
+    size_t offset;
+    size_t size;
+};
+
+// Bytes between guards.
+class GuardedBytes {
+  public:
+    explicit GuardedBytes(size_t size) : bytes_(kGuard + size + kGuard) {
+        for (size_t i = 0; i < bytes_.size(); ++i) bytes_[i] = pattern(i);
+    }
+
+    uint8_t* data() { return bytes_.data() + kGuard; }
+    const uint8_t* data() const { return bytes_.data() + kGuard; }
+    size_t size() const { return bytes_.size() - 2 * kGuard; }
+    std::span<uint8_t> span() { return {data(), size()}; }
+    // What a byte of the contents held at first.
+    static uint8_t initial(size_t offset) { return pattern(kGuard + offset); }
+
+    // Whether everything but these extents of the contents holds what it held at first, the guards too.
+    ::testing::AssertionResult only_written(std::initializer_list<Extent> extents) const {
+        std::vector<bool> may_differ(bytes_.size());
+        for (const Extent& extent : extents) {
+            for (size_t i = 0; i < extent.size; ++i) may_differ.at(kGuard + extent.offset + i) = true;
+        }
+        for (size_t i = 0; i < bytes_.size(); ++i) {
+            if (may_differ[i] || bytes_[i] == pattern(i)) continue;
+            return ::testing::AssertionFailure()
+                   << "byte " << static_cast<ptrdiff_t>(i - kGuard) << " of " << size() << " was written";
+        }
+        return ::testing::AssertionSuccess();
+    }
+    ::testing::AssertionResult untouched() const { return only_written({}); }
+    // Whether the bytes before and after the contents are as they were.
+    ::testing::AssertionResult guards_intact() const { return only_written({{0, size()}}); }
+
+  private:
+    static constexpr size_t kGuard = 256;
+    static uint8_t pattern(size_t i) { return static_cast<uint8_t>(0xA5 + i * 37); }
+
+    std::vector<uint8_t> bytes_;
+};
+
+// A record between guards. Only for records that are bytes; its fields are read and set through it as through
+// a pointer.
+template <typename Record>
+class Guarded : public GuardedBytes {
+    static_assert(std::is_trivially_copyable_v<Record>);
+
+  public:
+    Guarded() : GuardedBytes(sizeof(Record)) {}
+
+    Record* get() { return reinterpret_cast<Record*>(data()); }
+    Record* operator->() { return get(); }
+    Record& operator*() { return *get(); }
+};
+
+}  // namespace trelm::test
