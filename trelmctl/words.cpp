@@ -38,8 +38,9 @@ constexpr std::array kTargetStates{
 
 // In ascending order of speed, which is not that of the bits.
 constexpr std::array kSpeeds{
-    Word{0x1, "1"},   Word{0x2, "2"},    Word{0x8, "4"},    Word{0x10, "8"},   Word{0x4, "10"},
-    Word{0x20, "16"}, Word{0x800, "25"}, Word{0x100, "40"}, Word{0x200, "50"}, Word{0x400, "100"},
+    Word{0x1, "1"},   Word{0x2, "2"},    Word{0x8, "4"},    Word{0x10, "8"},
+    Word{0x4, "10"},  Word{0x20, "16"},  Word{0x80, "20"},  Word{0x800, "25"},
+    Word{0x40, "32"}, Word{0x100, "40"}, Word{0x200, "50"}, Word{0x400, "100"},
 };
 
 constexpr std::array kPcieWidths{
