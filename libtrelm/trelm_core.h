@@ -1,5 +1,5 @@
-// trelm_core.h - the heart of the library: process-wide state, the registry of ports, load and unload, the database shared
-// between processes, semaphores, and the transport to the legacy driver.
+// trelm_core.h - the heart of the library: process-wide state, the registry of ports, load and unload, the
+// database shared between processes, semaphores, and the transport to the legacy driver.
 #pragma once
 
 #include <sys/types.h>
@@ -13,9 +13,11 @@
 
 extern "C" {
 
-// ---- Registry records ---------------------------------------------------------------------------------------------
+// ---- Registry records
+// ---------------------------------------------------------------------------------------------
 
-// One physical port, that is one PCI function. A physical port and its virtual ports share it, and with it the open state.
+// One physical port, that is one PCI function. A physical port and its virtual ports share it, and with it
+// the open state.
 struct trelm_hw_info {
     char phys_path[256];  // the legacy driver's character node; empty for native drivers
     int32_t oshandle;     // its descriptor while open, else -1
@@ -65,28 +67,30 @@ struct trelm_priv_db {
     uint32_t mtu;
     uint32_t vlan;
     uint32_t npiv_index;
-    trelm_hw_info* hw_info;  // null where the PCI location is unknown
+    trelm_hw_info* hw_info;  // null where the PCI location or the physical port is unknown
     trelm_priv_db* parent;   // of a virtual port, where it was found
     char hba_name[32];
 };
 
-// ---- Process-wide state --------------------------------------------------------------------------------------------
+// ---- Process-wide state
+// --------------------------------------------------------------------------------------------
 
-extern TRELM_API uint8_t trelm_os_type;                // 0 not yet tested, 1 ESXi, 2 another system
-extern TRELM_API trelm_dlist* trelm_priv_database;     // port records; null when there are none
-extern TRELM_API trelm_dlist* trelm_phy_info;          // hardware records
-extern TRELM_API int32_t trelm_db_sem_id;              // -1 none
-extern TRELM_API int32_t trelm_dbg_sem_id;             // -1 none
-extern TRELM_API int32_t trelm_shm_fildes;             // -1 none
+extern TRELM_API uint8_t trelm_os_type;                      // 0 not yet tested, 1 ESXi, 2 another system
+extern TRELM_API trelm_dlist* trelm_priv_database;           // port records; null when there are none
+extern TRELM_API trelm_dlist* trelm_phy_info;                // hardware records
+extern TRELM_API int32_t trelm_db_sem_id;                    // -1 none
+extern TRELM_API int32_t trelm_dbg_sem_id;                   // -1 none
+extern TRELM_API int32_t trelm_shm_fildes;                   // -1 none
 extern TRELM_API struct trelm_shared_db* trelm_shared_data;  // the mapped file, or null
-extern TRELM_API uint8_t trelm_library_instance;       // slot 0 to 7; 255 before one was taken
-extern TRELM_API uint8_t trelm_use_db;                 // for programs that look at it; nothing here does
+extern TRELM_API uint8_t trelm_library_instance;             // slot 0 to 7; 255 before one was taken
+extern TRELM_API uint8_t trelm_use_db;  // for programs that look at it; nothing here does
 extern TRELM_API const key_t trelm_db_semkey;
 extern TRELM_API const key_t trelm_dbg_semkey;
 extern TRELM_API const char trelm_db_fname[];
 extern TRELM_API const char* const trelm_api_version;
 
-// ---- Load and unload -------------------------------------------------------------------------------------------------
+// ---- Load and unload
+// -------------------------------------------------------------------------------------------------
 
 TRELM_API uint32_t trelm_load_lib(void);
 TRELM_API uint32_t trelm_unload_lib(void);
@@ -95,7 +99,8 @@ TRELM_API void trelm_check_esx(void);
 // Reads TRELM_API_DEBUG into trelm_debug and gets the log's semaphore when output is first switched on.
 TRELM_API void trelm_set_debug_level(void);
 
-// ---- Registry ---------------------------------------------------------------------------------------------------------
+// ---- Registry
+// ---------------------------------------------------------------------------------------------------------
 
 // A new record goes behind its list's cursor. On failure the whole list is released.
 TRELM_API uint32_t trelm_alloc_pdb_mem(trelm_priv_db** pdb);
@@ -129,19 +134,22 @@ TRELM_API void trelm_revcpy(void* dst, const void* src, size_t size);
 TRELM_API uint64_t trelm_ptr_to_64bit(const void* address);
 TRELM_API void* trelm_64bit_to_ptr(uint64_t address);
 
-// ---- Database shared between processes ----------------------------------------------------------------------------------
+// ---- Database shared between processes
+// ----------------------------------------------------------------------------------
 
 TRELM_API uint32_t trelm_open_database(int32_t* ret_handle);
 TRELM_API uint32_t trelm_close_database(int32_t fildes);
 // Processes that have the library loaded; 0 when that cannot be told.
 TRELM_API uint8_t trelm_get_total_libinst_count(void);
 
-// ---- Semaphores -----------------------------------------------------------------------------------------------------------
+// ---- Semaphores
+// -----------------------------------------------------------------------------------------------------------
 
 TRELM_API int trelm_sem_wait(int32_t sem_id);
 TRELM_API int trelm_sem_signal(int32_t sem_id);
 
-// ---- Legacy driver -----------------------------------------------------------------------------------------------------------
+// ---- Legacy driver
+// -----------------------------------------------------------------------------------------------------------
 
 TRELM_API uint8_t trelm_charnode_exist(const char* charnode_name);
 TRELM_API uint32_t trelm_setup_ioctl_struct(uint16_t subcmd, void* resp_ptr, const trelm_priv_db* pdb,
@@ -149,12 +157,18 @@ TRELM_API uint32_t trelm_setup_ioctl_struct(uint16_t subcmd, void* resp_ptr, con
 TRELM_API uint32_t trelm_get_hba_count(int32_t handle, int32_t* hba_count);
 TRELM_API uint32_t trelm_get_hostno(trelm_priv_db* pdb, int32_t handle, uint32_t* host_no);
 // `stat` receives the driver's status, on failure too.
-TRELM_API uint32_t trelm_get_port_info(int32_t handle, trelm_priv_db* pdb, dorfc_port_info* port_info, uint32_t* stat);
-TRELM_API uint32_t trelm_get_pci_info(int32_t handle, trelm_priv_db* pdb, dorfc_pci_info* pci_info, uint32_t* stat);
-TRELM_API uint32_t trelm_get_port_stats(int32_t handle, trelm_priv_db* pdb, dorfc_port_stats* pstats, uint32_t* stat);
-TRELM_API uint32_t trelm_get_tgt_info(int32_t handle, trelm_priv_db* pdb, dorfc_tgt_info* ptgt, uint32_t* stat);
-TRELM_API uint32_t trelm_get_fcf_info(int32_t handle, trelm_priv_db* pdb, dorfc_fcf_info* pfcf, uint32_t* stat);
-TRELM_API uint32_t trelm_send_scsi_cmd(int32_t handle, trelm_priv_db* pdb, dorfc_scsi_cmd* pcmd, uint32_t* stat);
+TRELM_API uint32_t trelm_get_port_info(int32_t handle, trelm_priv_db* pdb, dorfc_port_info* port_info,
+                                       uint32_t* stat);
+TRELM_API uint32_t trelm_get_pci_info(int32_t handle, trelm_priv_db* pdb, dorfc_pci_info* pci_info,
+                                      uint32_t* stat);
+TRELM_API uint32_t trelm_get_port_stats(int32_t handle, trelm_priv_db* pdb, dorfc_port_stats* pstats,
+                                        uint32_t* stat);
+TRELM_API uint32_t trelm_get_tgt_info(int32_t handle, trelm_priv_db* pdb, dorfc_tgt_info* ptgt,
+                                      uint32_t* stat);
+TRELM_API uint32_t trelm_get_fcf_info(int32_t handle, trelm_priv_db* pdb, dorfc_fcf_info* pfcf,
+                                      uint32_t* stat);
+TRELM_API uint32_t trelm_send_scsi_cmd(int32_t handle, trelm_priv_db* pdb, dorfc_scsi_cmd* pcmd,
+                                       uint32_t* stat);
 TRELM_API uint32_t trelm_open_adapter(trelm_priv_db* pdb, uint32_t* papi_handle, uint32_t* pret_err);
 TRELM_API uint32_t trelm_close_adapter(trelm_priv_db* pdb, uint32_t* perr);
 
@@ -167,9 +181,13 @@ TRELM_API uint32_t trelm_read_file_for_link(const char* filename, trelm_priv_db*
 
 namespace trelm {
 
-// Semaphores private to the core: the set of the key, created free where there is none, or -1; and its removal.
+// Semaphores private to the core: the set of the key, created free where there is none, or -1; and its
+// removal.
 int32_t sem_get(key_t key);
 int sem_del(int32_t sem_id);
+// Without a line on failure, for the log's own use.
+int sem_wait_unlogged(int32_t sem_id);
+int sem_signal_unlogged(int32_t sem_id);
 
 // Whether the shared database is open in this process, which with a port list is what 'loaded' means.
 bool database_is_open();

@@ -1,5 +1,6 @@
-// The debug log. A line grows in a buffer of the writing thread until it is complete or the buffer full; an in-process
-// mutex and a System V semaphore keep whole print calls apart, so lines of several threads and processes never mix.
+// The debug log. A line grows in a buffer of the writing thread until it is complete or the buffer full; an
+// in-process mutex and a System V semaphore keep whole print calls apart, so lines of several threads and
+// processes never mix.
 
 #include "trelm_dbg.h"
 
@@ -29,22 +30,28 @@ struct LineBuffer {
 };
 constexpr uint8_t kLineRoom = 250;  // a buffer filled beyond this is written out
 
-// Initial-exec: the library needs no more of the dynamic linker than libc does.
+// Initial-exec: any other model would make the dynamic linker one more library that this one needs. It takes
+// 257 bytes of the space that every process keeps for libraries loaded later.
 thread_local LineBuffer line __attribute__((tls_model("initial-exec")));
 
 pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+
+// A child forked while another thread writes a line would find the mutex held for ever.
+void lock() { pthread_mutex_lock(&mutex); }
+void unlock() { pthread_mutex_unlock(&mutex); }
+__attribute__((constructor)) void keep_whole_over_fork() { pthread_atfork(lock, unlock, unlock); }
 
 // Holds the log for one print or dump call. A broken semaphore does not stop output: it goes on without it.
 class Turn {
   public:
     Turn() {
-        pthread_mutex_lock(&mutex);
+        lock();
         semaphore_ = trelm_dbg_sem_id;
-        held_ = trelm_sem_wait(semaphore_) == 0;
+        held_ = trelm::sem_wait_unlogged(semaphore_) == 0;
     }
     ~Turn() {
-        if (held_) trelm_sem_signal(semaphore_);
-        pthread_mutex_unlock(&mutex);
+        if (held_) trelm::sem_signal_unlogged(semaphore_);
+        unlock();
     }
     Turn(const Turn&) = delete;
     Turn& operator=(const Turn&) = delete;
@@ -55,9 +62,11 @@ class Turn {
     bool held_;
 };
 
-// The log file may lie in a directory that anyone can write to, so a link or a device in its place is no log file.
+// The log file may lie in a directory that anyone can write to, so a link or a device in its place is no log
+// file.
 FILE* open_log(const char* path) {
-    trelm::Descriptor fd(open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
+    trelm::Descriptor fd(
+        open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
     struct stat status;
     if (!fd || fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) return nullptr;
     FILE* stream = fdopen(fd.get(), "a");
@@ -91,7 +100,7 @@ class Digits {
         start_ = sizeof text_ - 2;
         if (base == 16 && n > 9) text_[start_] = 'h';
         do {
-            text_[--start_] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ"[n % base % 36];
+            text_[--start_] = "0123456789ABCDEF"[n % base % 16];
             n /= base;
             ++count_;
         } while (n);
@@ -111,6 +120,7 @@ void trelm_dbg_output_number(uint64_t n, uint8_t base) { trelm_dbg_puts(Digits(n
 bool stamp(char* scratch) {
     time_t now = time(nullptr);
     tm local;
+    tzset();  // as localtime() does: a host program may change its time zone
     if (!localtime_r(&now, &local)) return false;
     strftime(scratch, kScratch, "%b %d %T", &local);
     if (FILE* stream = trelm_dbg_get_fptr()) {
@@ -142,7 +152,8 @@ constexpr DumpLayout kDumpLayouts[] = {
     {32, 4, "       0          4          8          Ch\n", "------------------------------------------\n"},
     {64, 2, "               0                  8\n", "-----------------------------------\n"},
 };
-static_assert(sizeof "------------------------------------------------------------------------------" == 78 + 1);
+static_assert(sizeof "------------------------------------------------------------------------------" ==
+              78 + 1);
 
 uint64_t element_at(const uint8_t* buffer, uint64_t index, size_t bytes) {
     uint64_t value = 0;  // little-endian, as everything that the library runs on
@@ -176,7 +187,8 @@ FILE* trelm_dbg_get_fptr(void) {
     return trelmdbg_fp;
 }
 
-void trelm_dbg_print(const char* func_name, const char* string, uint64_t number, uint8_t radix, uint8_t newline) {
+void trelm_dbg_print(const char* func_name, const char* string, uint64_t number, uint8_t radix,
+                     uint8_t newline) {
     if (!trelm_debug) return;
     trelm::ErrnoKeeper keep;
     trelm::Heap<char> scratch(kScratch);
@@ -207,6 +219,7 @@ void trelm_dbg_dump(const char* string, const uint8_t* buffer, uint8_t wd_size, 
 
 void trelm::write_line(const char* func_name, const Piece* pieces, size_t count) {
     for (size_t i = 0; i < count; ++i) {
-        trelm_dbg_print(i ? nullptr : func_name, pieces[i].text, pieces[i].number, pieces[i].radix, i + 1 == count);
+        trelm_dbg_print(i ? nullptr : func_name, pieces[i].text, pieces[i].number, pieces[i].radix,
+                        i + 1 == count);
     }
 }

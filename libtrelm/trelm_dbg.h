@@ -1,18 +1,18 @@
-// trelm_dbg.h - the debug log: trace and error lines on standard error and, where asked for, in a file that all
-// processes share. Callers test the category before they compose a line, so a disabled line costs one test.
+// trelm_dbg.h - the debug log: trace and error lines on standard error and, where asked for, in a file that
+// all processes share. The category is tested before a line is composed, so a disabled line costs one test.
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
-#include <initializer_list>
 
 #include "trelm_mgmt.h"
 
 extern "C" {
 
-extern TRELM_API uint32_t trelm_debug;       // flags, read from TRELM_API_DEBUG
-extern TRELM_API char trelmlog_path[512];    // empty until first needed; a text set by the host program is used as it is
-extern TRELM_API FILE* trelmdbg_fp;          // open while a line is written
+extern TRELM_API uint32_t trelm_debug;  // flags, read from TRELM_API_DEBUG
+extern TRELM_API char
+    trelmlog_path[512];  // empty until first needed; a text set by the host program is used as it is
+extern TRELM_API FILE* trelmdbg_fp;  // open while a line is written
 
 // `radix` 0: no number, else 10 or 16. `newline` 1 ends the line. `func_name` may be null.
 TRELM_API void trelm_dbg_print(const char* func_name, const char* string, uint64_t number, uint8_t radix,
@@ -46,11 +46,20 @@ void write_line(const char* func_name, const Piece* pieces, size_t count);
 
 inline bool logs(DebugFlag category) { return __builtin_expect(trelm_debug & category, 0); }
 
-inline void log(DebugFlag category, const char* func_name, std::initializer_list<Piece> pieces) {
-    if (logs(category)) write_line(func_name, pieces.begin(), pieces.size());
+// Each takes the pieces of a line, as Piece or as plain text. They are put together behind the test alone.
+template <class... Pieces>
+inline void log(DebugFlag category, const char* func_name, Pieces... pieces) {
+    if (!logs(category)) return;
+    const Piece line[] = {pieces...};
+    write_line(func_name, line, sizeof...(pieces));
 }
-
-inline void trace(const char* func_name, std::initializer_list<Piece> pieces) { log(kTrace, func_name, pieces); }
-inline void error(const char* func_name, std::initializer_list<Piece> pieces) { log(kError, func_name, pieces); }
+template <class... Pieces>
+inline void trace(const char* func_name, Pieces... pieces) {
+    log(kTrace, func_name, pieces...);
+}
+template <class... Pieces>
+inline void error(const char* func_name, Pieces... pieces) {
+    log(kError, func_name, pieces...);
+}
 
 }  // namespace trelm

@@ -1,5 +1,6 @@
-// The list container. Rings of nodes are spliced with three small helpers; the sort works on chains (runs of nodes linked
-// by `next` alone) and puts the back links right once at its end, so that it touches each node as seldom as it can.
+// The list container. Rings of nodes are spliced with a few small helpers. The sort orders short runs in
+// arrays on the stack, merges them as chains (nodes linked by `next` alone) and puts the back links right
+// once at its end.
 
 #include "trelm_dlist.h"
 
@@ -169,7 +170,8 @@ void _trelm_dlist_swap(trelm_dlist*, trelm_dl_node* a, trelm_dl_node* b) {
     b->data = data;
 }
 
-// ---- Sorting -----------------------------------------------------------------------------------------------------
+// ---- Sorting
+// -----------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -237,8 +239,9 @@ void join(Chain& chain, Chain more) {
     }
 }
 
-// Runs up to this length are sorted in arrays on the stack, where a merge costs far less than among linked nodes.
-constexpr size_t kRun = 1024;
+// Runs up to this length are sorted in arrays on the stack, where a merge costs far less than among linked
+// nodes.
+constexpr size_t kRun = 256;
 constexpr size_t kInsertion = 8;
 
 struct Item {
@@ -255,7 +258,8 @@ void insertion_sort(Item* items, size_t count, trelm_dlist_compare compare) {
     }
 }
 
-void merge_arrays(const Item* a, const Item* middle, const Item* end, Item* out, trelm_dlist_compare compare) {
+void merge_arrays(const Item* a, const Item* middle, const Item* end, Item* out,
+                  trelm_dlist_compare compare) {
     const Item* b = middle;
     while (a != middle && b != end) *out++ = compare(a->data, b->data) <= 0 ? *a++ : *b++;
     memcpy(out, a, static_cast<size_t>(middle - a) * sizeof(Item));
@@ -289,7 +293,8 @@ Chain sort_run(Chain run, trelm_dlist_compare compare) {
     return {from[0].node, from[count - 1].node};
 }
 
-// Merges equal-sized neighbours as they arise, as one counts in binary, so that what is merged is still in the cache.
+// Merges equal-sized neighbours as they arise, as one counts in binary, so that what is merged is still in
+// the cache.
 Chain sort_chain(Chain chain, trelm_dlist_compare compare) {
     Chain levels[64];
     size_t highest = 0;
@@ -305,7 +310,8 @@ Chain sort_chain(Chain chain, trelm_dlist_compare compare) {
     }
     Chain sorted;
     for (size_t level = 0; level < highest; ++level) {
-        if (levels[level].first) sorted = sorted.first ? merge(levels[level], sorted, compare) : levels[level];
+        if (levels[level].first)
+            sorted = sorted.first ? merge(levels[level], sorted, compare) : levels[level];
     }
     return sorted;
 }

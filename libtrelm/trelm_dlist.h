@@ -1,8 +1,9 @@
 // trelm_dlist.h - a doubly linked list of element references with one built-in cursor.
 //
-// Elements and a sentinel form a ring; the sentinel stands before the first and after the last element. A new list has
-// null links and a null cursor until its first insertion. Directions are integers: non-zero is forward (towards `next`,
-// after the cursor), 0 is backward. The list owns its nodes, and its elements only where it releases them.
+// Elements and a sentinel form a ring; the sentinel stands before the first and after the last element. A new
+// list has null links and a null cursor until its first insertion. Directions are integers: non-zero is
+// forward (towards `next`, after the cursor), 0 is backward. The list owns its nodes, and its elements only
+// where it releases them.
 #pragma once
 
 #include <cstddef>
@@ -60,7 +61,8 @@ TRELM_API void* trelm_dlist_unshift(trelm_dlist* list, void* data);
 TRELM_API void* trelm_dlist_insert_sorted(trelm_dlist* list, void* data, trelm_dlist_match sorter);
 TRELM_API void* trelm_dlist_unshift_sorted(trelm_dlist* list, void* data, trelm_dlist_match sorter);
 
-// Removals hand the element back; only trelm_dlist_delete releases it. A cursor on the node moves in `direction`.
+// Removals hand the element back; only trelm_dlist_delete releases it. A cursor on the node moves in
+// `direction`.
 TRELM_API void* _trelm_dlist_remove(trelm_dlist* list, trelm_dl_node* node, int direction);
 TRELM_API void trelm_dlist_delete(trelm_dlist* list, int direction);
 TRELM_API void* trelm_dlist_pop(trelm_dlist* list);
@@ -75,9 +77,10 @@ TRELM_API void _trelm_dlist_swap(trelm_dlist* list, trelm_dl_node* a, trelm_dl_n
 // Stable. Left unsorted when the temporary list cannot be had.
 TRELM_API void trelm_dlist_sort_custom(trelm_dlist* list, trelm_dlist_compare compare);
 // Releases the elements for which filter returns 0, then sorts the rest.
-TRELM_API void trelm_dlist_filter_sort(trelm_dlist* list, trelm_dlist_filter filter, trelm_dlist_compare compare);
-// One pass that merges neighbouring runs of `passcount` elements of the source and appends them to dest. 0 for an empty
-// source, 1 when the source was a single run, 2 or more when runs were merged.
+TRELM_API void trelm_dlist_filter_sort(trelm_dlist* list, trelm_dlist_filter filter,
+                                       trelm_dlist_compare compare);
+// One pass that merges neighbouring runs of `passcount` elements of the source and appends them to dest. 0
+// for an empty source, 1 when the source was a single run, 2 or more when runs were merged.
 TRELM_API int _trelm_dlist_merge(trelm_dlist* listsource, trelm_dlist* listdest, unsigned int passcount,
                                  trelm_dlist_compare compare);
 

@@ -1,6 +1,7 @@
-// trelm_driver_records.h - the records that cross into the three kernel drivers: packed, little-endian, every size
-// and offset fixed by the drivers. The legacy driver's names begin with dorfc_, the kron driver's with kronfc_, those
-// of the pyx family's driver with cx_fcoe_. Records of one layout are one struct under several names.
+// trelm_driver_records.h - the records that cross into the three kernel drivers: packed, little-endian, every
+// size and offset fixed by the drivers. The legacy driver's names begin with dorfc_, the kron driver's with
+// kronfc_, those of the pyx family's driver with cx_fcoe_. Records of one layout are one struct under several
+// names.
 #pragma once
 
 #include <cstddef>
@@ -52,7 +53,8 @@ inline constexpr uint32_t kScsiMaxSense = 256;
 
 #pragma pack(push, 1)
 
-// ---- Requests to the legacy driver -------------------------------------------------------------------------------
+// ---- Requests to the legacy driver
+// -------------------------------------------------------------------------------
 
 struct dorfc_ioctl {
     char signature[8];  // "DORFC", zero-padded
@@ -94,14 +96,17 @@ struct dorfc_hba_cnt {
     uint32_t reserved;
 };
 TRELM_RECORD(dorfc_hba_cnt, 8);
+TRELM_AT(dorfc_hba_cnt, reserved, 4);
 
 struct dorfc_hostno {
     uint32_t host_no;
     uint32_t reserved;
 };
 TRELM_RECORD(dorfc_hostno, 8);
+TRELM_AT(dorfc_hostno, reserved, 4);
 
-// ---- Payloads ----------------------------------------------------------------------------------------------------
+// ---- Payloads
+// ----------------------------------------------------------------------------------------------------
 
 struct dorfc_pci_info {
     uint16_t vendor_id;
@@ -116,19 +121,25 @@ struct dorfc_pci_info {
     uint16_t port_num;  // number of the port on its adapter
     uint32_t pcie_speed;
     uint32_t pcie_width;
-    uint32_t chip_rev_id;  // native drivers; reserved and zero from the legacy one
+    uint32_t chip_rev_id;  // native drivers; reserved in the legacy driver's
     uint8_t reserved[32];
 };
 using kronfc_pci_info = dorfc_pci_info;
 using cx_fcoe_pci_info = dorfc_pci_info;
 TRELM_RECORD(dorfc_pci_info, 64);
+TRELM_AT(dorfc_pci_info, device_id, 2);
+TRELM_AT(dorfc_pci_info, subvendor_id, 4);
+TRELM_AT(dorfc_pci_info, subsystem_id, 6);
 TRELM_AT(dorfc_pci_info, domain_num, 8);
+TRELM_AT(dorfc_pci_info, bus_num, 10);
+TRELM_AT(dorfc_pci_info, device_num, 12);
 TRELM_AT(dorfc_pci_info, function_num, 14);
 TRELM_AT(dorfc_pci_info, revision, 16);
 TRELM_AT(dorfc_pci_info, port_num, 18);
 TRELM_AT(dorfc_pci_info, pcie_speed, 20);
 TRELM_AT(dorfc_pci_info, pcie_width, 24);
 TRELM_AT(dorfc_pci_info, chip_rev_id, 28);
+TRELM_AT(dorfc_pci_info, reserved, 32);
 
 // The fields with which every driver's port information begins.
 #define TRELM_PORT_INFO_FIELDS \
@@ -240,7 +251,35 @@ struct dorfc_port_stats {
 using kronfc_port_stats = dorfc_port_stats;
 using cx_fcoe_port_stats = dorfc_port_stats;
 TRELM_RECORD(dorfc_port_stats, 512);
+TRELM_AT(dorfc_port_stats, rx_fcoe_frames, 0);
+TRELM_AT(dorfc_port_stats, rx_fcoe_bytes, 8);
+TRELM_AT(dorfc_port_stats, rx_fcp_frames, 16);
+TRELM_AT(dorfc_port_stats, tx_fcoe_frames, 24);
+TRELM_AT(dorfc_port_stats, tx_fcoe_bytes, 32);
+TRELM_AT(dorfc_port_stats, tx_fcp_frames, 40);
+TRELM_AT(dorfc_port_stats, fcoe_dropped_frames, 48);
+TRELM_AT(dorfc_port_stats, seq_dropped, 56);
+TRELM_AT(dorfc_port_stats, fc_crc_err_frames, 64);
+TRELM_AT(dorfc_port_stats, wrong_fcoe_ver_frames, 72);
+TRELM_AT(dorfc_port_stats, eofa_frames, 80);
+TRELM_AT(dorfc_port_stats, missing_frames, 88);
+TRELM_AT(dorfc_port_stats, seq_timeouts, 96);
 TRELM_AT(dorfc_port_stats, read_req, 104);
+TRELM_AT(dorfc_port_stats, write_req, 112);
+TRELM_AT(dorfc_port_stats, ctrl_req, 120);
+TRELM_AT(dorfc_port_stats, read_megabytes, 128);
+TRELM_AT(dorfc_port_stats, write_megabytes, 136);
+TRELM_AT(dorfc_port_stats, fip_vlan_negotiations, 144);
+TRELM_AT(dorfc_port_stats, fip_fabric_discoveries, 152);
+TRELM_AT(dorfc_port_stats, flogi_cnt, 160);
+TRELM_AT(dorfc_port_stats, fdisc_cnt, 168);
+TRELM_AT(dorfc_port_stats, ulp_tov_expirations, 176);
+TRELM_AT(dorfc_port_stats, rec_expirations, 184);
+TRELM_AT(dorfc_port_stats, abts_cnt, 192);
+TRELM_AT(dorfc_port_stats, srr_cnt, 200);
+TRELM_AT(dorfc_port_stats, reset_lun_cnt, 208);
+TRELM_AT(dorfc_port_stats, reset_tgt_cnt, 216);
+TRELM_AT(dorfc_port_stats, sess_level_recovery_cnt, 224);
 TRELM_AT(dorfc_port_stats, link_failures, 232);
 TRELM_AT(dorfc_port_stats, reserved, 240);
 
@@ -261,6 +300,7 @@ TRELM_AT(dorfc_tgt_info, wwnn, 8);
 TRELM_AT(dorfc_tgt_info, wwpn, 16);
 TRELM_AT(dorfc_tgt_info, portid, 24);
 TRELM_AT(dorfc_tgt_info, port_state, 28);
+TRELM_AT(dorfc_tgt_info, reserved, 30);
 
 struct dorfc_fcf_info {
     uint32_t fcf_num;
@@ -294,14 +334,14 @@ TRELM_AT(dorfc_fcf_info, fcf_selected, 46);
 TRELM_AT(dorfc_fcf_info, reserved, 47);
 
 // The fields with which every driver's SCSI command begins.
-#define TRELM_SCSI_CMD_FIELDS \
-    uint32_t lun_ext;         \
-    uint32_t tgt;             \
-    uint32_t lun;             \
-    uint8_t direction;        \
-    uint8_t cdb_len;          \
-    uint8_t cdb[kScsiMaxCdb]; \
-    uint16_t sense_len;       \
+#define TRELM_SCSI_CMD_FIELDS     \
+    uint32_t lun_ext;             \
+    uint32_t tgt;                 \
+    uint32_t lun;                 \
+    uint8_t direction;            \
+    uint8_t cdb_len;              \
+    uint8_t cdb[kScsiMaxCdb];     \
+    uint16_t sense_len;           \
     uint8_t sense[kScsiMaxSense]; \
     uint32_t data_len;
 
@@ -318,14 +358,14 @@ struct kronfc_scsi_cmd {
 using cx_fcoe_scsi_cmd = kronfc_scsi_cmd;
 #undef TRELM_SCSI_CMD_FIELDS
 
-#define TRELM_SCSI_CMD_OFFSETS(record)  \
-    TRELM_AT(record, tgt, 4);           \
-    TRELM_AT(record, lun, 8);           \
-    TRELM_AT(record, direction, 12);    \
-    TRELM_AT(record, cdb_len, 13);      \
-    TRELM_AT(record, cdb, 14);          \
-    TRELM_AT(record, sense_len, 30);    \
-    TRELM_AT(record, sense, 32);        \
+#define TRELM_SCSI_CMD_OFFSETS(record) \
+    TRELM_AT(record, tgt, 4);          \
+    TRELM_AT(record, lun, 8);          \
+    TRELM_AT(record, direction, 12);   \
+    TRELM_AT(record, cdb_len, 13);     \
+    TRELM_AT(record, cdb, 14);         \
+    TRELM_AT(record, sense_len, 30);   \
+    TRELM_AT(record, sense, 32);       \
     TRELM_AT(record, data_len, 288)
 TRELM_SCSI_CMD_OFFSETS(dorfc_scsi_cmd);
 TRELM_SCSI_CMD_OFFSETS(kronfc_scsi_cmd);
@@ -336,19 +376,22 @@ TRELM_AT(dorfc_scsi_cmd, reserved, 300);
 TRELM_RECORD(kronfc_scsi_cmd, 262436);
 TRELM_AT(kronfc_scsi_cmd, data_buffer, 292);
 
-// ---- What the callbacks of the native drivers take: the payloads behind a header ------------------------------------
+// ---- What the callbacks of the native drivers take: the payloads behind a header
+// ------------------------------------
 
 struct kronfc_hba_cnt_cb {
     int32_t hba_cnt;
     int32_t status;
 };
 TRELM_RECORD(kronfc_hba_cnt_cb, 8);
+TRELM_AT(kronfc_hba_cnt_cb, status, 4);
 
 struct cx_fcoe_hba_cnt_cb {
     uint32_t hba_cnt;
     uint32_t status;
 };
 TRELM_RECORD(cx_fcoe_hba_cnt_cb, 8);
+TRELM_AT(cx_fcoe_hba_cnt_cb, status, 4);
 
 struct kronfc_hostno_cb {
     uint64_t inst;  // in
@@ -357,6 +400,8 @@ struct kronfc_hostno_cb {
 };
 using cx_fcoe_hostno_cb = kronfc_hostno_cb;
 TRELM_RECORD(kronfc_hostno_cb, 16);
+TRELM_AT(kronfc_hostno_cb, host_no, 8);
+TRELM_AT(kronfc_hostno_cb, status, 12);
 
 // The header of the callbacks that go to one port.
 struct native_cb_header {
@@ -364,6 +409,7 @@ struct native_cb_header {
     uint32_t status;   // out: 0 success
 };
 TRELM_RECORD(native_cb_header, 8);
+TRELM_AT(native_cb_header, status, 4);
 
 #define TRELM_PORT_CALLBACK(record, payload_type, payload, bytes) \
     struct record {                                               \

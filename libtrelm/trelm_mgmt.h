@@ -7,20 +7,23 @@
  *  1. A program calls TRELM_LoadLibrary, counts ports with TRELM_GetPortCount, opens a port by its instance
  *     number (0 to count - 1) with TRELM_OpenAdapter, works with the handle, closes it with
  *     TRELM_CloseAdapter and ends with TRELM_FreeLibrary. The process must run as root on an ESXi host.
- *  2. Every function returns a status: TRELM_STATUS_OK or one of the codes below. TRELM_GetVersion is the one
- *     exception; TRELM_OpenAdapter and TRELM_CloseAdapter may also return a system error number.
- *  3. The caller owns every record and array that it passes. The library keeps no reference to them, allocates
- *     nothing that the caller must free, and writes only the fields that a function's text names: all other
- *     bytes keep what the caller put there. Clear a record before the call.
- *  4. Records are packed and little-endian; their sizes and offsets are part of the interface. Each begins with
- *     `Version`, set by the caller and never changed by the library; 2 asks for the fields marked "version 2".
+ *  2. Every function returns a status: TRELM_STATUS_OK or a failure, TRELM_STATUS_BASE plus a small number.
+ *     TRELM_GetVersion is the one exception; TRELM_OpenAdapter and TRELM_CloseAdapter may also return a
+ * system error number. "A driver failure" below is any of the codes that TRELM_STATUS_DRIVER_ERROR explains;
+ *     0x6000000A among them also says that the request to a native driver could not be allocated.
+ *  3. The caller owns every record and array that it passes. The library keeps no reference to them,
+ * allocates nothing that the caller must free, and writes only the fields that a function's text names: all
+ * other bytes keep what the caller put there. Clear a record before the call.
+ *  4. Records are packed and little-endian; their sizes and offsets are part of the interface. Each begins
+ * with `Version`, set by the caller and never changed by the library; 2 asks for the fields marked "version
+ * 2".
  *  5. Text fields are fixed-width byte arrays copied whole. They are not terminated when the text fills them.
  *  6. World-wide names and MAC addresses are byte arrays, most significant byte first.
- *  7. A port is addressed by a handle and an NPIV index. A physical port and its virtual (NPIV) ports share the
- *     handle of the physical port; the index is the one that the driver gave each of them (NpivIndex of
+ *  7. A port is addressed by a handle and an NPIV index. A physical port and its virtual (NPIV) ports share
+ * the handle of the physical port; the index is the one that the driver gave each of them (NpivIndex of
  *     TRELM_VNPORT_INFO), the physical port's own included.
- *  8. The library is not thread-safe: a program that uses it from several threads serialises its calls. Several
- *     processes may have it loaded at the same time.
+ *  8. The library is not thread-safe: a program that uses it from several threads serialises its calls.
+ * Several processes may have it loaded at the same time.
  *  9. Diagnostics are off unless the environment variable TRELM_API_DEBUG holds a hexadecimal flag word:
  *     1 append lines to /var/tmp/libtrelm.log, 2 trace lines, 4 error lines. Lines go to standard error.
  */
@@ -39,12 +42,14 @@
 extern "C" {
 #endif
 
-/* ---- Return codes --------------------------------------------------------------------------------------- */
+/* ---- Return codes ---------------------------------------------------------------------------------------
+ */
 
 #define TRELM_STATUS_OK 0x00000000u
 /* All failures are TRELM_STATUS_BASE plus a small number. */
 #define TRELM_STATUS_BASE 0x60000000u
-/* General failure: not loaded, load or unload failed, no port for a handle and NPIV index, open or close failed. */
+/* General failure: not loaded, load or unload failed, no port for a handle and NPIV index, open or close
+ * failed. */
 #define TRELM_STATUS_FAILED 0x60000001u
 /* A required pointer is null or an argument is out of range. */
 #define TRELM_STATUS_INVALID_PARAMETER 0x60000004u
@@ -55,15 +60,17 @@ extern "C" {
 /* A work buffer could not be allocated. */
 #define TRELM_STATUS_NO_MEMORY 0x6000000Au
 /*
- * A driver request failed and the driver gave no status from 1 to 13. A driver status from 1 to 13 is returned
- * as TRELM_STATUS_BASE plus that status, so 0x6000000D stands for driver status 13, a device that is offline.
+ * A driver request failed and the driver gave no status from 1 to 13. A driver status from 1 to 13 is
+ * returned as TRELM_STATUS_BASE plus that status, so 0x6000000D stands for driver status 13, a device that is
+ * offline.
  */
 #define TRELM_STATUS_DRIVER_ERROR 0x6000000Bu
 
 /* What TRELM_GetVersion returns: major, minor, build, 0, one byte each, major in the top byte. */
 #define TRELM_VERSION_NUMBER 0x05000200u
 
-/* ---- Values of record fields ---------------------------------------------------------------------------- */
+/* ---- Values of record fields ----------------------------------------------------------------------------
+ */
 
 /* TRELM_VNPORT_INFO.PortState */
 #define TRELM_PORTSTATE_LINKDOWN 4u
@@ -83,62 +90,64 @@ extern "C" {
 /* Highest target number plus one. */
 #define TRELM_MAX_TARGETS 128u
 
-/* ---- Records -------------------------------------------------------------------------------------------- */
+/* ---- Records --------------------------------------------------------------------------------------------
+ */
 
 #pragma pack(push, 1)
 
 /* An adapter and its physical port as they were found at load. 508 bytes. Filled by TRELM_GetFcoeInfo. */
 typedef struct TRELM_FCOE_INFO {
-    uint32_t Version;       /* in: 2 for the version 2 fields; a caller of version 1 may pass 460 bytes */
-    uint8_t ModelName[32];  /* text */
-    uint8_t ModelDesc[128]; /* text */
-    uint8_t DriverVersion[32];   /* text */
-    uint8_t DriverDate[32];      /* text */
-    uint8_t DriverName[16];      /* text */
-    uint8_t DriverLoaded;        /* 1: found through a loaded driver */
-    uint8_t MAC[6];              /* Ethernet address of the port */
-    uint8_t WWNN[8];             /* world-wide node name */
-    uint8_t WWPN[8];             /* world-wide port name */
-    uint32_t MTU;                /* bytes */
-    uint8_t FCFSelectionMethod;  /* not written */
-    uint8_t FriendlyName[128];   /* not written */
-    uint32_t VlanID;             /* FCoE VLAN */
-    uint16_t PciBusNum;          /* PCI location: bus, */
-    uint16_t PciDeviceNum;       /* device, */
-    uint16_t PciFunctionNum;     /* function; PciDomainNum below */
-    uint16_t VendorID;           /* PCI ids */
+    uint32_t Version;           /* in: 2 for the version 2 fields; a caller of version 1 may pass 460 bytes */
+    uint8_t ModelName[32];      /* text */
+    uint8_t ModelDesc[128];     /* text */
+    uint8_t DriverVersion[32];  /* text */
+    uint8_t DriverDate[32];     /* text */
+    uint8_t DriverName[16];     /* text */
+    uint8_t DriverLoaded;       /* 1: found through a loaded driver */
+    uint8_t MAC[6];             /* Ethernet address of the port */
+    uint8_t WWNN[8];            /* world-wide node name */
+    uint8_t WWPN[8];            /* world-wide port name */
+    uint32_t MTU;               /* bytes */
+    uint8_t FCFSelectionMethod; /* not written */
+    uint8_t FriendlyName[128];  /* not written */
+    uint32_t VlanID;            /* FCoE VLAN */
+    uint16_t PciBusNum;         /* PCI location: bus, */
+    uint16_t PciDeviceNum;      /* device, */
+    uint16_t PciFunctionNum;    /* function; PciDomainNum below */
+    uint16_t VendorID;          /* PCI ids */
     uint16_t DeviceID;
     uint16_t SubVendorID;
     uint16_t SubSystemID;
-    uint16_t PciDomainNum;       /* PCI domain (segment) */
-    uint16_t PciRevision;        /* PCI revision id */
-    uint16_t PhyPortNum;         /* number of the port on its adapter, from 1 */
-    uint8_t FWVersion[32];       /* text, firmware */
-    uint32_t NpivCount;          /* virtual ports on this physical port */
-    uint32_t PCIESpeed;          /* version 2: link rate in tenths of GT/s: 25, 50, 80; 0 unknown */
-    uint32_t PCIEWidth;          /* version 2: 3 x1, 4 x2, 5 x4, 6 x8, 8 x16, 9 x32; 0 any other width */
-    uint32_t ChipRevId;          /* version 2: chip revision; 0 where the driver has none */
-    uint32_t MediaType;          /* version 2: always 4 */
-    uint8_t MFWVersion[32];      /* version 2, adapters of the kron family only: management firmware, "08.37.30.00" */
+    uint16_t PciDomainNum; /* PCI domain (segment) */
+    uint16_t PciRevision;  /* PCI revision id */
+    uint16_t PhyPortNum;   /* number of the port on its adapter, from 1 */
+    uint8_t FWVersion[32]; /* text, firmware */
+    uint32_t NpivCount;    /* virtual ports on this physical port */
+    uint32_t PCIESpeed;    /* version 2: link rate in tenths of GT/s: 25, 50, 80; 0 unknown */
+    uint32_t PCIEWidth;    /* version 2: 3 x1, 4 x2, 5 x4, 6 x8, 8 x16, 9 x32; 0 any other width */
+    uint32_t ChipRevId;    /* version 2: chip revision; 0 where the driver has none */
+    uint32_t MediaType;    /* version 2: always 4 */
+    uint8_t
+        MFWVersion[32]; /* version 2, adapters of the kron family only: management firmware, "08.37.30.00" */
 } TRELM_FCOE_INFO;
 
 /* A physical or virtual port as it is now. 168 bytes. Filled by TRELM_GetVNPortInfo. */
 typedef struct TRELM_VNPORT_INFO {
-    uint32_t Version;        /* in: 2 for the version 2 field; a caller of version 1 may pass 136 bytes */
-    uint8_t WWNN[8];         /* world-wide node name */
-    uint8_t WWPN[8];         /* world-wide port name */
-    uint8_t ParentWWPN[8];   /* of a virtual port's physical port; a physical port's own */
-    uint8_t NPIVTag[16];     /* not written */
-    uint8_t FPMAMAC[6];      /* not written */
-    uint8_t FabricName[8];   /* of the FCF; zeros without one, like the other fields of the FCF */
-    uint8_t FcfMAC[6];       /* of the FCF */
-    uint8_t FcfWWNN[8];      /* not written */
-    uint8_t FcfWWPN[8];      /* not written */
-    uint32_t PortFCID;       /* Fibre Channel port identifier, 24 bits */
-    uint32_t FCMap;          /* of the FCF: FC-MAP, 24 bits */
-    uint16_t FabricVlan;     /* FCoE VLAN */
-    uint8_t FabricPriority;  /* of the FCF */
-    uint8_t PortType;        /* TRELM_PORTTYPE_* */
+    uint32_t Version;            /* in: 2 for the version 2 field; a caller of version 1 may pass 136 bytes */
+    uint8_t WWNN[8];             /* world-wide node name */
+    uint8_t WWPN[8];             /* world-wide port name */
+    uint8_t ParentWWPN[8];       /* of a virtual port's physical port; a physical port's own */
+    uint8_t NPIVTag[16];         /* not written */
+    uint8_t FPMAMAC[6];          /* not written */
+    uint8_t FabricName[8];       /* of the FCF; zeros without one, like the other fields of the FCF */
+    uint8_t FcfMAC[6];           /* of the FCF */
+    uint8_t FcfWWNN[8];          /* not written */
+    uint8_t FcfWWPN[8];          /* not written */
+    uint32_t PortFCID;           /* Fibre Channel port identifier, 24 bits */
+    uint32_t FCMap;              /* of the FCF: FC-MAP, 24 bits */
+    uint16_t FabricVlan;         /* FCoE VLAN */
+    uint8_t FabricPriority;      /* of the FCF */
+    uint8_t PortType;            /* TRELM_PORTTYPE_* */
     uint32_t KeepAliveTimeout;   /* of the FCF, as the driver reports it */
     uint64_t PortSpeed;          /* as the driver reports it */
     uint8_t SwitchName[8];       /* of the FCF */
@@ -191,11 +200,11 @@ typedef struct TRELM_SCSI_CMND {
     uint32_t ScsiLunNumExt; /* upper half of the LUN, see TRELM_LUN_INFO */
     uint32_t ScsiTgtNum;    /* target number, from TRELM_TGT_INFO */
     uint32_t ScsiLunNum;    /* lower half of the LUN */
-    uint8_t Direction;      /* TRELM_SCSI_DATA_IN, TRELM_SCSI_DATA_OUT, or any other value for no data phase */
-    uint8_t CDBLength;      /* valid bytes of CDB, at most 16 */
-    uint8_t CDB[16];        /* command descriptor block */
-    uint16_t SenseLength;   /* bytes of sense data wanted; above 256 is taken as 256 */
-    uint8_t Sense[256];     /* out: sense data */
+    uint8_t Direction;    /* TRELM_SCSI_DATA_IN, TRELM_SCSI_DATA_OUT, or any other value for no data phase */
+    uint8_t CDBLength;    /* valid bytes of CDB, at most 16 */
+    uint8_t CDB[16];      /* command descriptor block */
+    uint16_t SenseLength; /* bytes of sense data wanted; above 256 is taken as 256 */
+    uint8_t Sense[256];   /* out: sense data */
 } TRELM_SCSI_CMND;
 
 /* A SCSI target. 34 bytes. Filled by TRELM_GetTgtInfo. */
@@ -235,7 +244,8 @@ typedef struct TRELM_LUN_INFO {
 /* Bytes from one element of a TRELM_LUN_INFO array to the next, by the Version of its first element. */
 #define TRELM_LUN_INFO_STRIDE(version) ((version) == 2u ? 217u : 213u)
 
-/* ---- Library ---------------------------------------------------------------------------------------------- */
+/* ---- Library ----------------------------------------------------------------------------------------------
+ */
 
 /* 128 bytes, zero-padded: names the library and its version. */
 extern TRELM_API const char trelm_version_description[128];
@@ -244,23 +254,23 @@ extern TRELM_API const char trelm_version_description[128];
  * Finds the FCoE ports of the host and joins the processes that have the library loaded. Ports that appear
  * later are seen after TRELM_FreeLibrary and a new load.
  *
- * Returns TRELM_STATUS_OK, also when the library is loaded already and when the host has no FCoE port (the
- * library then stays unloaded: TRELM_GetPortCount tells), or TRELM_STATUS_FAILED: not root, not an ESXi host,
- * no driver answered, out of memory, or the database shared between processes cannot be set up.
+ * Returns TRELM_STATUS_OK, also when the library is loaded already, or TRELM_STATUS_FAILED: not root, not an
+ * ESXi host, or the database shared between processes cannot be set up. Where no port is found the library
+ * stays unloaded and the result is either of the two, by which drivers answered: TRELM_GetPortCount tells.
  */
 TRELM_API uint32_t TRELM_LoadLibrary(void);
 
 /*
- * Closes every open port of the process, leaves the shared database and forgets all ports; every handle becomes
- * invalid. Safe at any time and any number of times. Returns TRELM_STATUS_OK or TRELM_STATUS_FAILED; the library
- * is unloaded in either case.
+ * Closes every open port of the process, leaves the shared database and forgets all ports; every handle
+ * becomes invalid. Safe at any time and any number of times. Returns TRELM_STATUS_OK; TRELM_STATUS_FAILED is
+ * reserved for a failed end of the shared database, and the library is unloaded then too.
  */
 TRELM_API uint32_t TRELM_FreeLibrary(void);
 
 /*
- * Copies the version text with its terminating zero, 13 bytes in all, to pVersion, cut to VersionSize bytes where
- * that is less (still terminated; 0 bytes: nothing is written). pVersion may be null. Works in every state.
- * Returns TRELM_VERSION_NUMBER always.
+ * Copies the version text with its terminating zero, 13 bytes in all, to pVersion, cut to VersionSize bytes
+ * where that is less (still terminated; 0 bytes: nothing is written). pVersion may be null. Works in every
+ * state. Returns TRELM_VERSION_NUMBER always.
  */
 TRELM_API uint32_t TRELM_GetVersion(uint8_t* pVersion, uint32_t VersionSize);
 
@@ -271,89 +281,100 @@ TRELM_API uint32_t TRELM_GetVersion(uint8_t* pVersion, uint32_t VersionSize);
  */
 TRELM_API uint32_t TRELM_GetPortCount(uint32_t* pPortCount);
 
-/* ---- Handles ---------------------------------------------------------------------------------------------- */
+/* ---- Handles ----------------------------------------------------------------------------------------------
+ */
 
 /*
  * Opens a physical port and stores its handle, which is never 0. Opening an open port gives the same handle;
  * each open wants its own close. Reads TRELM_API_DEBUG afresh.
  *
- * Returns TRELM_STATUS_OK; TRELM_STATUS_INVALID_PARAMETER (null Handle); TRELM_STATUS_FAILED (not loaded, or the
- * port cannot be opened); TRELM_STATUS_INVALID_INSTANCE; or the system error number of the failed open of a
- * legacy driver's character node.
+ * Returns TRELM_STATUS_OK; TRELM_STATUS_INVALID_PARAMETER (null Handle); TRELM_STATUS_FAILED (not loaded, or
+ * the port cannot be opened); TRELM_STATUS_INVALID_INSTANCE; or the system error number of the failed open of
+ * a legacy driver's character node.
  */
 TRELM_API uint32_t TRELM_OpenAdapter(uint32_t Instance, uint32_t* Handle);
 
 /*
- * Gives one open back; with the last one the handle becomes invalid. Returns TRELM_STATUS_OK, TRELM_STATUS_FAILED
- * (unknown handle), or the system error number of a failed close of a legacy driver's character node, which
- * leaves the port open.
+ * Gives one open back; with the last one the handle becomes invalid. Returns TRELM_STATUS_OK,
+ * TRELM_STATUS_FAILED (unknown handle), or the system error number of a failed close of a legacy driver's
+ * character node, which leaves the port open.
  */
 TRELM_API uint32_t TRELM_CloseAdapter(uint32_t Handle);
 
-/* ---- Information -------------------------------------------------------------------------------------------- */
+/* ---- Information
+ * -------------------------------------------------------------------------------------------- */
 
 /*
  * Fills *pFcoeInfo from what was found at load; the driver is not asked.
- * Returns TRELM_STATUS_OK, TRELM_STATUS_FAILED (unknown handle) or TRELM_STATUS_INVALID_PARAMETER (null record).
+ * Returns TRELM_STATUS_OK, TRELM_STATUS_FAILED (unknown handle) or TRELM_STATUS_INVALID_PARAMETER (null
+ * record).
  */
 TRELM_API uint32_t TRELM_GetFcoeInfo(uint32_t Handle, TRELM_FCOE_INFO* pFcoeInfo);
 
 /*
- * Asks the driver for the state of the port and of its FCF, remembers the target count for TRELM_GetTgtInfo and
- * fills *pVNPortInfo. On failure the record is untouched. Returns TRELM_STATUS_OK, TRELM_STATUS_INVALID_PARAMETER
- * (null record), TRELM_STATUS_FAILED (no such port) or a driver failure.
+ * Asks the driver for the state of the port and of its FCF, remembers the target count for TRELM_GetTgtInfo
+ * and fills *pVNPortInfo. On failure the record is untouched; where only the FCF could not be read, the
+ * target count is remembered all the same. Returns TRELM_STATUS_OK, TRELM_STATUS_INVALID_PARAMETER (null
+ * record), TRELM_STATUS_FAILED (no such port) or a driver failure.
  */
 TRELM_API uint32_t TRELM_GetVNPortInfo(uint32_t Handle, uint32_t NpivIndex, TRELM_VNPORT_INFO* pVNPortInfo);
 
 /*
- * Asks the driver for the counters of the port and passes them on unchanged. On failure the record is untouched.
- * Returns TRELM_STATUS_OK, TRELM_STATUS_INVALID_PARAMETER (null record), TRELM_STATUS_FAILED (no such port),
- * TRELM_STATUS_NO_MEMORY or a driver failure.
+ * Asks the driver for the counters of the port and passes them on unchanged. On failure the record is
+ * untouched. Returns TRELM_STATUS_OK, TRELM_STATUS_INVALID_PARAMETER (null record), TRELM_STATUS_FAILED (no
+ * such port), TRELM_STATUS_NO_MEMORY or a driver failure.
  */
 TRELM_API uint32_t TRELM_GetPortStats(uint32_t Handle, uint32_t NpivIndex, TRELM_PORT_STATS* pStats);
 
-/* ---- SCSI --------------------------------------------------------------------------------------------------- */
+/* ---- SCSI
+ * --------------------------------------------------------------------------------------------------- */
 
 /*
- * Sends one SCSI command to a LUN behind the port and waits for it. *pDataLen bytes move between pData and the
- * device in the direction that the record names; neither pointer is looked at without a data phase. *pDataLen is
- * never written: how much of a read arrived must be told from the data.
+ * Sends one SCSI command to a LUN behind the port and waits for it. *pDataLen bytes move between pData and
+ * the device in the direction that the record names; neither pointer is looked at without a data phase.
+ * *pDataLen is never written: how much of a read arrived must be told from the data.
  *
- * Sense receives at most SenseLength bytes once the command was attempted, whatever came of it. The library does
- * not interpret sense: a CHECK CONDITION is for the caller to see.
+ * Sense receives at most SenseLength bytes once the command was attempted, whatever came of it: zeros after a
+ * failure at a native driver, which then leaves pData untouched as well. The library does not interpret
+ * sense: a CHECK CONDITION returns TRELM_STATUS_OK and is for the caller to see.
  *
- * Returns TRELM_STATUS_OK; TRELM_STATUS_INVALID_PARAMETER (null record, CDBLength above 16, a data phase with null
- * pDataLen or with null pData and a length, more than TRELM_SCSI_MAX_NATIVE_DATA bytes to a native driver);
- * TRELM_STATUS_FAILED (no such port); TRELM_STATUS_NO_MEMORY; or a driver failure.
+ * Returns TRELM_STATUS_OK; TRELM_STATUS_INVALID_PARAMETER (null record, CDBLength above 16, a data phase with
+ * null pDataLen or with null pData and a length, more than TRELM_SCSI_MAX_NATIVE_DATA bytes to a native
+ * driver); TRELM_STATUS_FAILED (no such port); TRELM_STATUS_NO_MEMORY; or a driver failure.
  */
 TRELM_API uint32_t TRELM_SendScsiCommand(uint32_t Handle, uint32_t NpivIndex, TRELM_SCSI_CMND* pScsiCmnd,
                                          uint32_t* pDataLen, uint8_t* pData);
 
 /*
- * Lists the SCSI targets of the port. *pTgtInfo is the caller's array, *pTgtCount its capacity in elements. The
- * number of targets is the one that TRELM_GetVNPortInfo last saw, so call that first.
+ * Lists the SCSI targets of the port. *pTgtInfo is the caller's array, *pTgtCount its capacity in elements.
+ * The number of targets is the one that TRELM_GetVNPortInfo last saw, so call that first.
  *
  * *pTgtCount is written in two cases: no targets (TRELM_STATUS_OK and 0) and too small an array
- * (TRELM_STATUS_INSUFFICIENT_BUFFER and the number needed; a capacity of 0 may be passed to ask). Targets that
- * are offline are left out, so fewer elements than announced may be filled.
+ * (TRELM_STATUS_INSUFFICIENT_BUFFER and the number needed; a capacity of 0 may be passed to ask). Targets
+ * that are offline are left out, so fewer elements than announced may be filled, and the count does not say
+ * how many: clear the array first, and an element whose WWPN is still zero was not filled.
  *
- * Returns also TRELM_STATUS_INVALID_PARAMETER (null pointer), TRELM_STATUS_FAILED (no such port),
- * TRELM_STATUS_NO_MEMORY or a driver failure, which leaves the elements filled so far.
+ * Returns also TRELM_STATUS_INVALID_PARAMETER (null pTgtCount; no array where one is needed),
+ * TRELM_STATUS_FAILED (no such port), TRELM_STATUS_NO_MEMORY or a driver failure, which leaves the elements
+ * filled so far.
  */
-TRELM_API uint32_t TRELM_GetTgtInfo(uint32_t Handle, uint32_t NpivIndex, uint32_t* pTgtCount, TRELM_TGT_INFO** pTgtInfo);
+TRELM_API uint32_t TRELM_GetTgtInfo(uint32_t Handle, uint32_t NpivIndex, uint32_t* pTgtCount,
+                                    TRELM_TGT_INFO** pTgtInfo);
 
 /*
- * Lists the LUNs of a target and describes each with INQUIRY and READ CAPACITY. *pLunInfo is the caller's array of
- * TRELM_LUN_INFO_STRIDE bytes an element, *pLunCount its capacity in elements, at least 1; the Version of the
- * first element selects the layout. At most 2047 LUNs are listed.
+ * Lists the LUNs of a target and describes each with INQUIRY and READ CAPACITY. *pLunInfo is the caller's
+ * array of TRELM_LUN_INFO_STRIDE bytes an element, *pLunCount its capacity in elements, at least 1; the
+ * Version of the first element selects the layout. At most 2047 LUNs are listed.
  *
- * *pLunCount is written in one case: too small an array (TRELM_STATUS_INSUFFICIENT_BUFFER and the number needed).
+ * *pLunCount is written in one case: too small an array (TRELM_STATUS_INSUFFICIENT_BUFFER and the number
+ * needed).
  *
- * Returns also TRELM_STATUS_INVALID_PARAMETER (target above 127, capacity 0, null pointer), TRELM_STATUS_NO_MEMORY,
- * or what TRELM_SendScsiCommand returned for the command that failed; elements filled so far stay filled.
+ * Returns also TRELM_STATUS_INVALID_PARAMETER (target above 127, capacity 0, null pointer),
+ * TRELM_STATUS_NO_MEMORY, or what TRELM_SendScsiCommand returned for the command that failed
+ * (TRELM_STATUS_FAILED: no such port); elements filled so far stay filled.
  */
-TRELM_API uint32_t TRELM_GetLunInfo(uint32_t Handle, uint32_t NpivIndex, uint32_t ScsiTgtNum, uint32_t* pLunCount,
-                                    TRELM_LUN_INFO** pLunInfo);
+TRELM_API uint32_t TRELM_GetLunInfo(uint32_t Handle, uint32_t NpivIndex, uint32_t ScsiTgtNum,
+                                    uint32_t* pLunCount, TRELM_LUN_INFO** pLunInfo);
 
 #ifdef __cplusplus
 }

@@ -1,4 +1,5 @@
-// The transport over the VMkernel management interface: discovery, open and close, and one pattern for every request.
+// The transport over the VMkernel management interface: discovery, open and close, and one pattern for every
+// request.
 
 #include "trelm_native.h"
 
@@ -13,10 +14,11 @@ namespace {
 using trelm::error;
 using trelm::native_driver;
 using trelm::native_operation;
+using trelm::Piece;
 using trelm::trace;
 
-constexpr uint32_t kStatusInvalid = 4;   // a command that no record can carry
-constexpr uint32_t kStatusNoMemory = 10; // the transport's own: no payload could be allocated
+constexpr uint32_t kStatusInvalid = 4;    // a command that no record can carry
+constexpr uint32_t kStatusNoMemory = 10;  // the transport's own: no payload could be allocated
 
 // A host has no more ports than this; a driver that counts more is not followed further.
 constexpr uint64_t kMaxInstances = 65536;
@@ -47,7 +49,8 @@ int invoke(const native_driver& driver, uint64_t callback, void* payload) {
     return vmk_MgmtUserCallbackInvokeInt(*driver.handle, 0, callback, 1, payload);
 }
 
-// ---- Discovery ---------------------------------------------------------------------------------------------------------
+// ---- Discovery
+// ---------------------------------------------------------------------------------------------------------
 
 // What the driver tells of one instance.
 struct Instance {
@@ -84,7 +87,8 @@ enum class Added { kKept, kDropped, kNoMemory };
 Added add_hardware(const native_driver& driver, trelm_priv_db* pdb, const Instance& instance) {
     trelm_hw_info* hw = nullptr;
     if (trelm_alloc_hw_info_mem(&hw) != 0) {
-        error(driver.find_all_name, {{": inst=", pdb->drvr_inst, 16}, {" hw info mem alloc failed, exiting"}});
+        error(driver.find_all_name, Piece(": inst=", pdb->drvr_inst, 16),
+              " hw info mem alloc failed, exiting");
         return Added::kNoMemory;
     }
     const dorfc_port_info& port = instance.port.common;
@@ -103,7 +107,7 @@ Added add_hardware(const native_driver& driver, trelm_priv_db* pdb, const Instan
 Added add_instance(const native_driver& driver, uint32_t index, const Instance& instance) {
     trelm_priv_db* pdb = nullptr;
     if (trelm_alloc_pdb_mem(&pdb) != 0) {
-        error(driver.find_all_name, {{": inst=", index}, {" mem alloc failed, exiting"}});
+        error(driver.find_all_name, Piece(": inst=", index), " mem alloc failed, exiting");
         return Added::kNoMemory;
     }
     pdb->drvr_inst = index;
@@ -121,22 +125,28 @@ Added add_instance(const native_driver& driver, uint32_t index, const Instance& 
     return added;
 }
 
-// ---- Requests ------------------------------------------------------------------------------------------------------------
+// ---- Requests
+// ------------------------------------------------------------------------------------------------------------
 
-void trace_at(const char* func, uint32_t apihandle, const char* text) { trace(func, {{"(", apihandle}, text}); }
+void trace_at(const char* func, uint32_t apihandle, const char* text) {
+    trace(func, Piece("(", apihandle), text);
+}
 
-uint32_t no_memory(const native_driver& driver, native_operation operation, const trelm_priv_db* pdb, uint32_t* stat) {
-    error(driver.operation_names[operation], {{"(", trelm::handle_of(pdb)}, kOperations[operation].alloc_text});
+uint32_t no_memory(const native_driver& driver, native_operation operation, const trelm_priv_db* pdb,
+                   uint32_t* stat) {
+    error(driver.operation_names[operation], Piece("(", trelm::handle_of(pdb)),
+          kOperations[operation].alloc_text);
     *stat = kStatusNoMemory;
     return 1;
 }
 
-void trace_exit(const native_driver& driver, native_operation operation, const trelm_priv_db* pdb, uint32_t result) {
+void trace_exit(const native_driver& driver, native_operation operation, const trelm_priv_db* pdb,
+                uint32_t result) {
     const char* func = driver.operation_names[operation];
     bool shows_result = kOperations[operation].exit_shows_result &&
                         (operation != trelm::kPortInfo || driver.port_info_exit_shows_result);
     if (shows_result) {
-        trace(func, {{"(", trelm::handle_of(pdb)}, {"): exiting. ret=", result}});
+        trace(func, Piece("(", trelm::handle_of(pdb)), Piece("): exiting. ret=", result));
     } else {
         trace_at(func, trelm::handle_of(pdb), "): exiting.");
     }
@@ -150,11 +160,11 @@ uint32_t send(const native_driver& driver, native_operation operation, const tre
     int rc = invoke(driver, kOperations[operation].callback, wrapper);
     *stat = wrapper->status;
     if (*stat) {
-        error(driver.operation_names[operation], {{kOperations[operation].status_text, *stat}});
+        error(driver.operation_names[operation], Piece(kOperations[operation].status_text, *stat));
         return 1;
     }
     if (rc) {
-        error(driver.operation_names[operation], {{kOperations[operation].errno_text, errno}});
+        error(driver.operation_names[operation], Piece(kOperations[operation].errno_text, errno));
         return 1;
     }
     return 0;
@@ -166,8 +176,8 @@ uint32_t data_length(const kronfc_scsi_cmd& cmd) {
 
 constexpr size_t kScsiLead = offsetof(kronfc_scsi_cmd, data_buffer);  // what precedes the data area
 
-// Fills a wrapper that is zero wherever the command says nothing. The driver sees all of it, so what an earlier command
-// left in the block is cleared, but for what is overwritten.
+// Fills a wrapper that is zero wherever the command says nothing. The driver sees all of it, so what an
+// earlier command left in the block is cleared, but for what is overwritten.
 void fill_scsi(kronfc_scsi_cmd_cb& wrapper, bool fresh, const kronfc_scsi_cmd& cmd, const uint8_t* data) {
     const uint32_t out = cmd.direction == SCSI_DIRECTION_OUT ? cmd.data_len : 0;
     kronfc_scsi_cmd& to = wrapper.cmnd;
@@ -188,11 +198,11 @@ void fill_scsi(kronfc_scsi_cmd_cb& wrapper, bool fresh, const kronfc_scsi_cmd& c
 
 // One SCSI command; `take` gets the driver's answer on success.
 template <class Take>
-uint32_t exchange(const native_driver& driver, trelm_priv_db* pdb, const kronfc_scsi_cmd& cmd, const uint8_t* data,
-                  uint32_t* stat, Take take) {
+uint32_t exchange(const native_driver& driver, trelm_priv_db* pdb, const kronfc_scsi_cmd& cmd,
+                  const uint8_t* data, uint32_t* stat, Take take) {
     trace_at(driver.operation_names[trelm::kScsiCmd], trelm::handle_of(pdb), "): entered.");
     uint32_t result = 1;
-    if (cmd.cdb_len > kScsiMaxCdb || data_length(cmd) > kScsiMaxData) {
+    if (cmd.cdb_len > kScsiMaxCdb || cmd.data_len > kScsiMaxData) {
         *stat = kStatusInvalid;
     } else {
         trelm::Pooled<kronfc_scsi_cmd_cb> wrapper;
@@ -210,50 +220,56 @@ uint32_t exchange(const native_driver& driver, trelm_priv_db* pdb, const kronfc_
 uint32_t trelm::native_find_all_instances(const native_driver& driver, uint32_t* start_inst) {
     int rc = vmk_MgmtUserInit(driver.signature, driver.cookie, driver.handle);
     if (rc) {
-        error(driver.find_all_name, {{": vmk init failed. rc=", rc}});
+        error(driver.find_all_name, Piece(": vmk init failed. rc=", rc));
         return 1;
     }
     kronfc_hba_cnt_cb answer = {};
     invoke(driver, NATIVE_CB_HBA_COUNT, &answer);
     if (answer.status) {
-        error(driver.find_all_name, {{": get hba count failed."}});
+        error(driver.find_all_name, ": get hba count failed.");
         return 1;
     }
-    const int64_t hba_cnt = driver.signed_count ? answer.hba_cnt : int64_t{static_cast<uint32_t>(answer.hba_cnt)};
-    trace(driver.find_all_name, {{": Got hba_count=", hba_cnt}});
+    const int64_t hba_cnt =
+        driver.signed_count ? answer.hba_cnt : int64_t{static_cast<uint32_t>(answer.hba_cnt)};
+    trace(driver.find_all_name, Piece(": Got hba_count=", hba_cnt));
 
     uint32_t added = 0;
     for (uint32_t index = 0; index < kMaxInstances && index < hba_cnt; ++index) {
         Instance instance;
         if (!read_instance(driver, index, instance)) continue;
         switch (add_instance(driver, index, instance)) {
-            case Added::kKept: ++added; break;
-            case Added::kDropped: break;
-            case Added::kNoMemory: release_registry(); return 1;
+            case Added::kKept:
+                ++added;
+                break;
+            case Added::kDropped:
+                break;
+            case Added::kNoMemory:
+                release_registry();
+                return 1;
         }
     }
     *start_inst = added;
-    trace(driver.find_all_name, {{": found ", hba_cnt, 16}, {" instances, exiting rval=", 0, 16}});
+    trace(driver.find_all_name, Piece(": found ", hba_cnt, 16), Piece(" instances, exiting rval=", 0, 16));
     return 0;
 }
 
 uint32_t trelm::native_open_adapter(const native_driver& driver, trelm_priv_db* pdb, uint32_t instance,
                                     uint32_t* papi_handle) {
-    trace(driver.open_name, {": entered."});
+    trace(driver.open_name, ": entered.");
     if (!pdb || !pdb->hw_info) {
-        error(driver.open_name, {": pdb not found, exiting"});
+        error(driver.open_name, ": pdb not found, exiting");
         return 1;
     }
     pdb->hw_info->apihandle = instance + 1;
     ++pdb->hw_info->open_cnt;
     *papi_handle = pdb->hw_info->apihandle;
-    trace(driver.open_name, {": exiting."});
+    trace(driver.open_name, ": exiting.");
     return 0;
 }
 
 uint32_t trelm::native_close_adapter(const native_driver& driver, trelm_priv_db* pdb) {
     if (!pdb || !pdb->hw_info) {
-        error(driver.close_name, {": pdb not found, exiting"});
+        error(driver.close_name, ": pdb not found, exiting");
         return 1;
     }
     trelm_hw_info& hw = *pdb->hw_info;
@@ -292,8 +308,8 @@ uint32_t trelm::native_send_scsi_cmd(const native_driver& driver, trelm_priv_db*
                     [pcmd](const kronfc_scsi_cmd& answer) { memcpy(pcmd, &answer, sizeof answer); });
 }
 
-uint32_t trelm::native_exchange_scsi_cmd(const native_driver& driver, trelm_priv_db* pdb, kronfc_scsi_cmd* pcmd,
-                                         uint8_t* data, uint32_t* stat) {
+uint32_t trelm::native_exchange_scsi_cmd(const native_driver& driver, trelm_priv_db* pdb,
+                                         kronfc_scsi_cmd* pcmd, uint8_t* data, uint32_t* stat) {
     const uint32_t room = pcmd->direction == SCSI_DIRECTION_IN ? pcmd->data_len : 0;
     return exchange(driver, pdb, *pcmd, data, stat, [pcmd, data, room](const kronfc_scsi_cmd& answer) {
         memcpy(pcmd, &answer, kScsiLead);

@@ -1,5 +1,5 @@
-// trelm_native.h - the transport over the VMkernel management interface, written once for both native drivers. Each driver
-// describes itself in a native_driver; everything else is the same.
+// trelm_native.h - the transport over the VMkernel management interface, written once for both native
+// drivers. Each driver describes itself in a native_driver; everything else is the same.
 #pragma once
 
 #include "trelm_core.h"
@@ -21,7 +21,7 @@ struct native_driver {
     vmk_MgmtApiSignature* signature;
     uint64_t cookie;
     vmk_MgmtUserHandle* handle;
-    bool signed_count;                // how the driver counts its instances
+    bool signed_count;  // how the driver counts its instances
     bool port_info_exit_shows_result;
 
     const char* find_all_name;
@@ -38,24 +38,33 @@ struct native_driver {
 
 // The entry of a signature's callback table for a callback in the driver with one in/out payload.
 constexpr vmk_MgmtCallbackInfo native_callback_info(uint64_t id, uint64_t payload_size) {
-    return {VMK_MGMT_CALLBACK_KERNEL, nullptr, 1, 1, {payload_size}, {VMK_MGMT_PARMTYPE_INOUT}, id};
+    return {.location = VMK_MGMT_CALLBACK_KERNEL,
+            .callback = nullptr,
+            .synchronous = 1,
+            .numParms = 1,
+            .parmSizes = {payload_size},
+            .parmTypes = {VMK_MGMT_PARMTYPE_INOUT},
+            .callbackId = id};
 }
 
 uint32_t native_find_all_instances(const native_driver& driver, uint32_t* start_inst);
-uint32_t native_open_adapter(const native_driver& driver, trelm_priv_db* pdb, uint32_t instance, uint32_t* papi_handle);
+uint32_t native_open_adapter(const native_driver& driver, trelm_priv_db* pdb, uint32_t instance,
+                             uint32_t* papi_handle);
 uint32_t native_close_adapter(const native_driver& driver, trelm_priv_db* pdb);
 
 // One operation with a payload of at most 512 bytes; on success the payload is the driver's answer.
-uint32_t native_request(const native_driver& driver, native_operation operation, trelm_priv_db* pdb, void* payload,
-                        uint32_t* stat);
+uint32_t native_request(const native_driver& driver, native_operation operation, trelm_priv_db* pdb,
+                        void* payload, uint32_t* stat);
 
 // A SCSI command whose data lies inside the record.
-uint32_t native_send_scsi_cmd(const native_driver& driver, trelm_priv_db* pdb, kronfc_scsi_cmd* pcmd, uint32_t* stat);
+uint32_t native_send_scsi_cmd(const native_driver& driver, trelm_priv_db* pdb, kronfc_scsi_cmd* pcmd,
+                              uint32_t* stat);
 
-// A SCSI command whose data lies in the caller's own buffer of pcmd->data_len bytes, so that it is copied once: of the
-// record only what precedes the data area is looked at or written, and `data` receives at most its own length.
-uint32_t native_exchange_scsi_cmd(const native_driver& driver, trelm_priv_db* pdb, kronfc_scsi_cmd* pcmd, uint8_t* data,
-                                  uint32_t* stat);
+// A SCSI command whose data lies in the caller's own buffer of pcmd->data_len bytes, so that it is copied
+// once: of the record only what precedes the data area is looked at or written, and `data` receives at most
+// its own length.
+uint32_t native_exchange_scsi_cmd(const native_driver& driver, trelm_priv_db* pdb, kronfc_scsi_cmd* pcmd,
+                                  uint8_t* data, uint32_t* stat);
 
 extern const native_driver kron_driver;
 extern const native_driver pyx_driver;

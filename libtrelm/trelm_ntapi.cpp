@@ -21,12 +21,18 @@ vmk_MgmtCallbackInfo kron_fcapi_callbacks[10] = {
     trelm::native_callback_info(25, 262172),
 };
 
-vmk_MgmtApiSignature kron_fcapi_sig = {0x01000000, {"kronnativefc"}, {"Calvexa"}, 10, kron_fcapi_callbacks};
+vmk_MgmtApiSignature kron_fcapi_sig = {.version = 0x01000000,
+                                       .name = {"kronnativefc"},
+                                       .vendor = {"Calvexa"},
+                                       .numCallbacks = 10,
+                                       .callbacks = kron_fcapi_callbacks};
 vmk_MgmtUserHandle kron_fcapi_handle = 0;
 
 namespace {
 
-void fill_port(trelm_priv_db& pdb, const trelm::native_port_info& port) { TRELM_COPY(pdb, port.kron, hba_name); }
+void fill_port(trelm_priv_db& pdb, const trelm::native_port_info& port) {
+    TRELM_COPY(pdb, port.kron, hba_name);
+}
 
 void fill_hardware(trelm_hw_info& hw, const trelm::native_port_info& port, const dorfc_pci_info& pci) {
     TRELM_COPY(hw, port.kron, mfw_version);

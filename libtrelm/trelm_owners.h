@@ -1,5 +1,5 @@
-// trelm_owners.h - small owners, so that every early return is safe. None of them disturbs errno when it lets go: a message
-// written after a failure shows the number that the failing call left.
+// trelm_owners.h - small owners, so that every early return is safe. None of them disturbs errno when it lets
+// go: a message written after a failure shows the number that the failing call left.
 #pragma once
 
 #include <dirent.h>

@@ -1,5 +1,5 @@
-// The pool of large request buffers: two slots, one for each block of a command. Slots change hands atomically, so that
-// two threads that use the library at once (which they should not) never share a block.
+// The pool of large request buffers: two slots, one for each block of a command. Slots change hands
+// atomically, so that two threads that use the library at once (which they should not) never share a block.
 
 #include "trelm_pool.h"
 
@@ -26,7 +26,8 @@ void* trelm::pool_take(bool& fresh) {
 void trelm::pool_give_back(void* block) {
     for (void*& slot : slots) {
         void* none = nullptr;
-        if (__atomic_compare_exchange_n(&slot, &none, block, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED)) return;
+        if (__atomic_compare_exchange_n(&slot, &none, block, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED))
+            return;
     }
     free(block);
 }

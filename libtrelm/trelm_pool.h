@@ -1,6 +1,7 @@
-// trelm_pool.h - large request buffers. A SCSI command to a native driver takes two blocks of a quarter of a megabyte;
-// given back to the C allocator each time, they cost more in page faults than the command itself. So a block that is
-// given back is kept for the next request, up to a bound, and all of them are freed when the library is.
+// trelm_pool.h - large request buffers. A SCSI command to a native driver takes two blocks of a quarter of a
+// megabyte; given back to the C allocator each time, they cost more in page faults than the command itself.
+// So a block that is given back is kept for the next request, up to a bound, and all of them are freed when
+// the library is.
 #pragma once
 
 #include <cstddef>
@@ -12,7 +13,8 @@ namespace trelm {
 
 inline constexpr size_t kPoolBlock = sizeof(kronfc_scsi_cmd_cb);
 
-// A block with whatever its last user left in it, or zero-filled when it is `fresh`; null when memory is exhausted.
+// A block with whatever its last user left in it, or zero-filled when it is `fresh`; null when memory is
+// exhausted.
 void* pool_take(bool& fresh);
 void pool_give_back(void* block);
 // Frees the blocks that are kept.

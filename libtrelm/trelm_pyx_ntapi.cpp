@@ -18,12 +18,18 @@ vmk_MgmtCallbackInfo cx_fcoe_callbacks[8] = {
     trelm::native_callback_info(NATIVE_CB_SCSI_CMD, sizeof(cx_fcoe_scsi_cmd_cb)),
 };
 
-vmk_MgmtApiSignature cx_fcoe_sig = {0x01000000, {"cx_fcoe"}, {"Calvexa"}, 8, cx_fcoe_callbacks};
+vmk_MgmtApiSignature cx_fcoe_sig = {.version = 0x01000000,
+                                    .name = {"cx_fcoe"},
+                                    .vendor = {"Calvexa"},
+                                    .numCallbacks = 8,
+                                    .callbacks = cx_fcoe_callbacks};
 vmk_MgmtUserHandle cx_fcoe_handle = 0;
 
 namespace {
 
-void fill_port(trelm_priv_db& pdb, const trelm::native_port_info& port) { TRELM_COPY(pdb, port.cx, hba_name); }
+void fill_port(trelm_priv_db& pdb, const trelm::native_port_info& port) {
+    TRELM_COPY(pdb, port.cx, hba_name);
+}
 
 void fill_hardware(trelm_hw_info& hw, const trelm::native_port_info&, const dorfc_pci_info& pci) {
     hw.phy_port_number = static_cast<uint8_t>(pci.port_num);

@@ -23,12 +23,12 @@ enum { VMK_MGMT_CALLBACK_KERNEL = 0, VMK_MGMT_CALLBACK_USER = 1 };
 enum { VMK_MGMT_PARMTYPE_IN = 1, VMK_MGMT_PARMTYPE_OUT = 2, VMK_MGMT_PARMTYPE_INOUT = 3 };
 
 typedef struct vmk_MgmtCallbackInfo {
-    uint32_t location;      /* VMK_MGMT_CALLBACK_* */
-    void* callback;         /* the function of a user-side callback; null for one in the kernel */
-    uint8_t synchronous;    /* 1: the invocation returns when the callback has run */
-    uint8_t numParms;       /* parameters, at most 4 */
-    uint64_t parmSizes[4];  /* bytes */
-    uint32_t parmTypes[4];  /* VMK_MGMT_PARMTYPE_* */
+    uint32_t location;     /* VMK_MGMT_CALLBACK_* */
+    void* callback;        /* the function of a user-side callback; null for one in the kernel */
+    uint8_t synchronous;   /* 1: the invocation returns when the callback has run */
+    uint8_t numParms;      /* parameters, at most 4 */
+    uint64_t parmSizes[4]; /* bytes */
+    uint32_t parmTypes[4]; /* VMK_MGMT_PARMTYPE_* */
     uint64_t callbackId;
 } vmk_MgmtCallbackInfo;
 

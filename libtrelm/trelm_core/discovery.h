@@ -1,5 +1,5 @@
-// discovery.h - what the discoveries of all drivers share: which devices are served, where a port belongs, and how a driver's
-// answers become registry records.
+// discovery.h - what the discoveries of all drivers share: which devices are served, where a port belongs,
+// and how a driver's answers become registry records.
 #pragma once
 
 #include <cstring>
@@ -16,10 +16,10 @@ trelm_hw_info* find_hw_info(const char* func_name, const dorfc_pci_info& at);
 trelm_priv_db* find_parent(const char* func_name, const dorfc_pci_info& at);
 
 // Fields of one name and width in a driver record and a registry record.
-#define TRELM_COPY(to, from, field)                         \
-    do {                                                    \
-        static_assert(sizeof (to).field == sizeof (from).field); \
-        memcpy(&(to).field, &(from).field, sizeof (to).field);   \
+#define TRELM_COPY(to, from, field)                            \
+    do {                                                       \
+        static_assert(sizeof(to).field == sizeof(from).field); \
+        memcpy(&(to).field, &(from).field, sizeof(to).field);  \
     } while (0)
 
 // The drivers' records begin alike, so any of them can be read as the legacy driver's up to `npiv_index`.

@@ -14,6 +14,7 @@
 namespace {
 
 using trelm::error;
+using trelm::Piece;
 using trelm::trace;
 
 constexpr char kFunc[] = "trelm_find_all_instances";
@@ -26,13 +27,13 @@ using NodePath = char[sizeof trelm_hw_info::phys_path];
 
 void report(int fd, const char* text, uint32_t stat) {
     const int err = errno;
-    error(kFunc, {{"(", fd, 16}, {text, stat, 16}, {" errno=", err, 16}});
+    error(kFunc, Piece("(", fd, 16), Piece(text, stat, 16), Piece(" errno=", err, 16));
 }
 
 // Leaves the port's fields zero where the driver does not answer; such a port counts as a physical one.
 void read_port_info(int fd, trelm_priv_db* pdb, dorfc_port_info& port) {
     uint32_t stat = 0;
-    if (trelm_get_port_info(fd, pdb, &port, &stat) != 0 || stat) {
+    if (trelm_get_port_info(fd, pdb, &port, &stat) != 0) {
         report(fd, "): get port info ioctl failed. stat=", stat);
         port = {};
         return;
@@ -44,12 +45,13 @@ void read_port_info(int fd, trelm_priv_db* pdb, dorfc_port_info& port) {
 
 bool read_pci_info(int fd, trelm_priv_db* pdb, dorfc_pci_info& pci) {
     uint32_t stat = 0;
-    if (trelm_get_pci_info(fd, pdb, &pci, &stat) == 0 && stat == 0) return true;
+    if (trelm_get_pci_info(fd, pdb, &pci, &stat) == 0) return true;
     report(fd, "): get pci info ioctl failed. stat=", stat);
     return false;
 }
 
-void fill_hardware(trelm_hw_info& hw, const NodePath& path, const dorfc_port_info& port, const dorfc_pci_info& pci) {
+void fill_hardware(trelm_hw_info& hw, const NodePath& path, const dorfc_port_info& port,
+                   const dorfc_pci_info& pci) {
     trelm::copy_hardware(hw, port, pci);
     memcpy(hw.phys_path, path, sizeof hw.phys_path);
     memcpy(hw.model_desc, kModelDesc, sizeof kModelDesc);
@@ -59,9 +61,10 @@ void fill_hardware(trelm_hw_info& hw, const NodePath& path, const dorfc_port_inf
 
 enum class Step { kKept, kDropped, kFailed, kNoMemory };
 
-// Gives the port the hardware record that belongs to it: a virtual port that of its physical port, a physical one its own.
-Step attach_hardware(const NodePath& path, trelm_priv_db* pdb, const dorfc_port_info& port, const dorfc_pci_info& pci,
-                     uint16_t instance) {
+// Gives the port the hardware record that belongs to it: a virtual port that of its physical port, a physical
+// one its own.
+Step attach_hardware(const NodePath& path, trelm_priv_db* pdb, const dorfc_port_info& port,
+                     const dorfc_pci_info& pci, uint16_t instance) {
     if (pdb->port_type == FC_PORTTYPE_NPIV) {
         pdb->hw_info = trelm_get_hw_info_inst(&pci);
         pdb->parent = trelm_get_parent_port(&pci);
@@ -69,7 +72,7 @@ Step attach_hardware(const NodePath& path, trelm_priv_db* pdb, const dorfc_port_
     }
     trelm_hw_info* hw = nullptr;
     if (trelm_alloc_hw_info_mem(&hw) != 0) {
-        error(kFunc, {{": inst=", instance, 16}, {" hw info mem alloc failed, exiting"}});
+        error(kFunc, Piece(": inst=", instance, 16), " hw info mem alloc failed, exiting");
         return Step::kNoMemory;
     }
     fill_hardware(*hw, path, port, pci);
@@ -83,19 +86,20 @@ Step attach_hardware(const NodePath& path, trelm_priv_db* pdb, const dorfc_port_
 Step add_port(int fd, const NodePath& path, uint32_t index, uint16_t instance) {
     trelm_priv_db* pdb = nullptr;
     if (trelm_alloc_pdb_mem(&pdb) != 0) {
-        error(kFunc, {{": inst=", instance, 16}, {" mem alloc failed, exiting"}});
+        error(kFunc, Piece(": inst=", instance, 16), " mem alloc failed, exiting");
         return Step::kNoMemory;
     }
     pdb->drvr_inst = index;
     if (trelm_get_hostno(pdb, fd, &pdb->host_no) != 0) {
-        error(kFunc, {": host no failed."});
+        error(kFunc, ": host no failed.");
         trelm_free_pdb_element(pdb);
         return Step::kFailed;
     }
     dorfc_port_info port = {};
     dorfc_pci_info pci = {};
     read_port_info(fd, pdb, port);
-    const Step step = read_pci_info(fd, pdb, pci) ? attach_hardware(path, pdb, port, pci, instance) : Step::kKept;
+    const Step step =
+        read_pci_info(fd, pdb, pci) ? attach_hardware(path, pdb, port, pci, instance) : Step::kKept;
     if (step == Step::kKept) trelm_print_priv_data(pdb);
     return step;
 }
@@ -120,24 +124,25 @@ bool add_ports(int fd, const NodePath& path, int32_t hba_count, uint16_t& instan
 }  // namespace
 
 uint32_t trelm_find_all_instances(const char* driver_name, uint32_t* start_inst) {
-    trace(kFunc, {": entered for ", driver_name});
+    trace(kFunc, ": entered for ", driver_name);
     NodePath path = {};
     snprintf(path, sizeof path, "/dev/char/vmkdriver/%s", driver_name);
     if (trelm_charnode_exist(path) != 0) {
-        error(kFunc, {": not found: ", path});
+        error(kFunc, ": not found: ", path);
         return 1;
     }
     trelm::Descriptor fd(open(path, O_RDWR | O_CLOEXEC));
     if (!fd) {
-        error(kFunc, {": char device open error."});
+        error(kFunc, ": char device open error.");
         return 1;
     }
     int32_t hba_count = 0;
     if (trelm_get_hba_count(fd.get(), &hba_count) != 0) {
-        error(kFunc, {": hba count failed."});
+        error(kFunc, ": hba count failed.");
         return 1;
     }
-    trace(kFunc, {{": Got hba_count=", hba_count}});
+    trace(kFunc, Piece(": Got hba_count=", hba_count));
+    if (hba_count <= 0) return 0;
     auto instance = static_cast<uint16_t>(*start_inst);
     if (!add_ports(fd.get(), path, hba_count, instance)) {
         trelm::release_registry();
@@ -145,6 +150,6 @@ uint32_t trelm_find_all_instances(const char* driver_name, uint32_t* start_inst)
     }
     fd.reset();
     if (instance != *start_inst) *start_inst = instance;
-    trace(kFunc, {{": found ", instance, 16}, {" instances, exiting ret=", 0, 16}});
+    trace(kFunc, Piece(": found ", instance, 16), Piece(" instances, exiting ret=", 0, 16));
     return 0;
 }

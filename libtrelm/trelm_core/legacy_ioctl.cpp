@@ -1,5 +1,5 @@
-// The transport to the legacy driver: requests are ioctls on its character node, each with a fixed block that points at the
-// payload. What differs between requests stands in one table.
+// The transport to the legacy driver: requests are ioctls on its character node, each with a fixed block that
+// points at the payload. What differs between requests stands in one table.
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -15,6 +15,7 @@
 namespace {
 
 using trelm::error;
+using trelm::Piece;
 using trelm::trace;
 
 struct Request {
@@ -24,49 +25,55 @@ struct Request {
     const char* errno_text;
 };
 
-constexpr Request kHbaCount = {DORFC_GET_HBA_COUNT, "trelm_get_hba_count",
-                               ": Get HBA Count ioctl failed, ioctl_status=",
-                               ": Get HBA Count ioctl function failed, errno="};
-constexpr Request kHostNo = {DORFC_GET_HOSTNO, "trelm_get_hostno", ": Get Host number ioctl failed, ioctl_status=",
-                             ": Get Host number ioctl function failed, errno="};
-constexpr Request kPciInfo = {DORFC_GET_PCI_INFO, "trelm_get_pci_info", ": Get pci info ioctl failed, ioctl_status=",
-                              ": Get pci info ioctl function failed, errno="};
-constexpr Request kPortInfo = {DORFC_GET_PORT_INFO, "trelm_get_port_info",
-                               ": Get port info ioctl failed, ioctl_status=",
-                               ": Get port info ioctl function failed, errno="};
-constexpr Request kPortStats = {DORFC_GET_PORT_STATS, "trelm_get_port_stats",
-                                ": Get port stats ioctl failed, ioctl_status=",
-                                ": Get port stats ioctl function failed, errno="};
-constexpr Request kTgtInfo = {DORFC_GET_TGT_INFO, "trelm_get_tgt_info", ": Get tgt info ioctl failed, ioctl_status=",
-                              ": Get tgt info ioctl function failed, errno="};
-constexpr Request kFcfInfo = {DORFC_GET_FCF_INFO, "trelm_get_fcf_info", ": Get fcf info ioctl failed, ioctl_status=",
-                              ": Get fcf info ioctl function failed, errno="};
-constexpr Request kScsiCmd = {DORFC_SEND_SCSI_CMD, "trelm_send_scsi_cmd", ": send scsi cmd ioctl failed, ioctl_status=",
-                              ": send scsi cmd ioctl function failed, errno="};
+constexpr Request kHbaCount = {
+    DORFC_GET_HBA_COUNT, "trelm_get_hba_count",
+    ": Get HBA Count ioctl failed, ioctl_status=", ": Get HBA Count ioctl function failed, errno="};
+constexpr Request kHostNo = {
+    DORFC_GET_HOSTNO, "trelm_get_hostno",
+    ": Get Host number ioctl failed, ioctl_status=", ": Get Host number ioctl function failed, errno="};
+constexpr Request kPciInfo = {
+    DORFC_GET_PCI_INFO, "trelm_get_pci_info",
+    ": Get pci info ioctl failed, ioctl_status=", ": Get pci info ioctl function failed, errno="};
+constexpr Request kPortInfo = {
+    DORFC_GET_PORT_INFO, "trelm_get_port_info",
+    ": Get port info ioctl failed, ioctl_status=", ": Get port info ioctl function failed, errno="};
+constexpr Request kPortStats = {
+    DORFC_GET_PORT_STATS, "trelm_get_port_stats",
+    ": Get port stats ioctl failed, ioctl_status=", ": Get port stats ioctl function failed, errno="};
+constexpr Request kTgtInfo = {
+    DORFC_GET_TGT_INFO, "trelm_get_tgt_info",
+    ": Get tgt info ioctl failed, ioctl_status=", ": Get tgt info ioctl function failed, errno="};
+constexpr Request kFcfInfo = {
+    DORFC_GET_FCF_INFO, "trelm_get_fcf_info",
+    ": Get fcf info ioctl failed, ioctl_status=", ": Get fcf info ioctl function failed, errno="};
+constexpr Request kScsiCmd = {
+    DORFC_SEND_SCSI_CMD, "trelm_send_scsi_cmd",
+    ": send scsi cmd ioctl failed, ioctl_status=", ": send scsi cmd ioctl function failed, errno="};
 
 // Issues a request and judges the outcome: the driver's status first, then the call's own result.
-uint32_t issue(const Request& request, int32_t handle, const trelm_priv_db* pdb, void* payload, uint32_t* stat) {
+uint32_t issue(const Request& request, int32_t handle, const trelm_priv_db* pdb, void* payload,
+               uint32_t* stat) {
     dorfc_ioctl block;
     trelm_setup_ioctl_struct(0, payload, pdb, &block);
     const int rc = ioctl(handle, request.number, &block);
     *stat = block.status;
     if (block.status) {
-        error(request.name, {{request.status_text, *stat}});
+        error(request.name, Piece(request.status_text, *stat));
         return 1;
     }
     if (rc) {
-        error(request.name, {{request.errno_text, errno}});
+        error(request.name, Piece(request.errno_text, errno));
         return 1;
     }
     return 0;
 }
 
 // A request that goes to one port and is traced with `shown`, mostly its handle.
-uint32_t issue_to_port(const Request& request, uint32_t shown, int32_t handle, const trelm_priv_db* pdb, void* payload,
-                       uint32_t* stat) {
-    trace(request.name, {{"(", shown}, {"): entered."}});
+uint32_t issue_to_port(const Request& request, uint32_t shown, int32_t handle, const trelm_priv_db* pdb,
+                       void* payload, uint32_t* stat) {
+    trace(request.name, Piece("(", shown), "): entered.");
     const uint32_t result = issue(request, handle, pdb, payload, stat);
-    if (result == 0) trace(request.name, {{"(", shown}, {"): exiting."}});
+    if (result == 0) trace(request.name, Piece("(", shown), "): exiting.");
     return result;
 }
 
@@ -80,40 +87,40 @@ uint32_t open_node(const char* func, trelm_hw_info& hw, uint32_t instance) {
     const int fd = open(hw.phys_path, O_RDWR | O_CLOEXEC);
     if (fd == -1) {
         const int err = errno;
-        error(func, {{"(", instance}, {"): error opening adapter=", err}, {", fd=", fd}});
+        error(func, Piece("(", instance), Piece("): error opening adapter=", err), Piece(", fd=", fd));
         return static_cast<uint32_t>(err);
     }
     hw.oshandle = fd;
     hw.apihandle = instance + 1;
-    error(func, {{"(", instance}, {"): opened adapter instance."}});
     return 0;
 }
 
 }  // namespace
 
 uint8_t trelm_charnode_exist(const char* charnode_name) {
-    trace(__func__, {": entered."});
+    trace(__func__, ": entered.");
     if (!charnode_name) {
-        error(__func__, {": invalid char node file."});
+        error(__func__, ": invalid char node file.");
         return 1;
     }
     trelm::Descriptor fd(open(charnode_name, O_RDONLY | O_CLOEXEC));
     if (!fd) {
-        error(__func__, {": file open failed."});
+        error(__func__, ": file open failed.");
         return 1;
     }
     struct stat status;
     const bool is_node = fstat(fd.get(), &status) == 0 && S_ISCHR(status.st_mode);
     fd.reset();
     if (!is_node) {
-        error(__func__, {": file not char node."});
+        error(__func__, ": file not char node.");
         return 1;
     }
-    trace(__func__, {": exiting."});
+    trace(__func__, ": exiting.");
     return 0;
 }
 
-uint32_t trelm_setup_ioctl_struct(uint16_t subcmd, void* resp_ptr, const trelm_priv_db* pdb, dorfc_ioctl* pfcoe) {
+uint32_t trelm_setup_ioctl_struct(uint16_t subcmd, void* resp_ptr, const trelm_priv_db* pdb,
+                                  dorfc_ioctl* pfcoe) {
     if (!pfcoe) return 1;
     *pfcoe = {.signature = "DORFC",
               .addrmode = 2,
@@ -127,12 +134,12 @@ uint32_t trelm_setup_ioctl_struct(uint16_t subcmd, void* resp_ptr, const trelm_p
 }
 
 uint32_t trelm_get_hba_count(int32_t handle, int32_t* hba_count) {
-    trace(__func__, {": entered."});
+    trace(__func__, ": entered.");
     dorfc_hba_cnt payload = {};
     uint32_t stat = 0;
     if (issue(kHbaCount, handle, nullptr, &payload, &stat) != 0) return 1;
     *hba_count = payload.hba_cnt;
-    trace(__func__, {": exiting."});
+    trace(__func__, ": exiting.");
     return 0;
 }
 
@@ -169,10 +176,10 @@ uint32_t trelm_send_scsi_cmd(int32_t handle, trelm_priv_db* pdb, dorfc_scsi_cmd*
 }
 
 uint32_t trelm_open_adapter(trelm_priv_db* pdb, uint32_t* papi_handle, uint32_t* pret_err) {
-    trace(__func__, {": entered."});
+    trace(__func__, ": entered.");
     uint32_t instance = 0;
     if (!pdb || !pdb->hw_info || trelm_get_instance_from_pdb(pdb, &instance) != 0) {
-        error(__func__, {": get instance failed"});
+        error(__func__, ": get instance failed");
         return 1;
     }
     trelm_hw_info& hw = *pdb->hw_info;
@@ -182,19 +189,20 @@ uint32_t trelm_open_adapter(trelm_priv_db* pdb, uint32_t* papi_handle, uint32_t*
     } else {
         ++hw.open_cnt;
         *papi_handle = hw.apihandle;
+        error(__func__, Piece("(", instance), "): opened adapter instance.");
     }
     const uint32_t result = err ? 1 : 0;
-    trace(__func__, {{": exiting, rval=", result}});
+    trace(__func__, Piece(": exiting, rval=", result));
     return result;
 }
 
 uint32_t trelm_close_adapter(trelm_priv_db* pdb, uint32_t* perr) {
     if (!pdb || !pdb->hw_info) {
-        error(__func__, {": pdb not found, exiting"});
+        error(__func__, ": pdb not found, exiting");
         return 1;
     }
     trelm_hw_info& hw = *pdb->hw_info;
-    trace(__func__, {{"(", hw.apihandle}, {"): entered."}});
+    trace(__func__, Piece("(", hw.apihandle), "): entered.");
     uint32_t result = 0;
     if (hw.open_cnt == 1 && close(hw.oshandle) != 0) {
         *perr = static_cast<uint32_t>(errno);
@@ -203,6 +211,6 @@ uint32_t trelm_close_adapter(trelm_priv_db* pdb, uint32_t* perr) {
         hw.oshandle = -1;
         hw.apihandle = 0;
     }
-    trace(__func__, {{"(", hw.apihandle}, {"): exiting, rval=", result}});
+    trace(__func__, Piece("(", hw.apihandle), Piece("): exiting, rval=", result));
     return result;
 }

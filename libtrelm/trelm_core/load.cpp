@@ -1,4 +1,5 @@
-// Load and unload: the checks of user and system, the discoveries in their order, and joining the shared database.
+// Load and unload: the checks of user and system, the discoveries in their order, and joining the shared
+// database.
 
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -17,6 +18,7 @@ const char* const trelm_api_version = "v5.00 build2";
 namespace {
 
 using trelm::error;
+using trelm::Piece;
 using trelm::trace;
 
 enum OsType : uint8_t { kEsxi = 1, kOtherSystem = 2 };
@@ -24,11 +26,12 @@ enum OsType : uint8_t { kEsxi = 1, kOtherSystem = 2 };
 constexpr char kLoad[] = "trelm_load_lib";
 
 struct Discovered {
-    uint32_t status;  // 0 when a driver of the pyx family answered, or the kron driver in its stead
+    uint32_t status;  // 0 when a driver of the pyx family, native or legacy, answered
     uint32_t ports;
 };
 
-// The pyx family has a native and a legacy driver, tried in that order; the kron driver is tried in every case.
+// The pyx family has a native and a legacy driver, tried in that order; the kron driver is tried in every
+// case.
 Discovered discover() {
     uint32_t pyx_or_legacy = 0;
     uint32_t kron = 0;
@@ -46,14 +49,14 @@ Discovered discover() {
 uint32_t discover_and_join() {
     const Discovered found = discover();
     if (!trelm_priv_database || found.ports == 0) {
-        error(kLoad, {": ERROR finding adapters."});
+        error(kLoad, ": ERROR finding adapters.");
         trelm::release_registry();
         return found.status;
     }
     int32_t fildes = 0;
     const uint32_t status = trelm_open_database(&fildes);
     if (status != 0) {
-        error(kLoad, {": ERROR setting up database."});
+        error(kLoad, ": ERROR setting up database.");
         trelm::release_registry();
     }
     return status;
@@ -63,7 +66,7 @@ void close_hardware(trelm_hw_info& hw) {
     const int32_t fd = hw.oshandle;
     hw.open_cnt = 0;
     if (fd != -1) {
-        trace("trelm_cleanup_hbas", {{": closing handle=", fd}});
+        trace("trelm_cleanup_hbas", Piece(": closing handle=", fd));
         close(fd);
     }
     hw.oshandle = -1;
@@ -74,40 +77,40 @@ void close_hardware(trelm_hw_info& hw) {
 }  // namespace
 
 void trelm_check_esx(void) {
-    trace(__func__, {": entered."});
+    trace(__func__, ": entered.");
     utsname names = {};
     if (uname(&names) != 0) {
-        error(__func__, {": uname() failed."});
+        error(__func__, ": uname() failed.");
         memset(&names, 0, sizeof names);
     }
     trelm_os_type = strstr(names.sysname, "VMkernel") ? kEsxi : kOtherSystem;
-    trace(__func__, {": exiting"});
+    trace(__func__, ": exiting");
 }
 
 uint32_t trelm_load_lib(void) {
     const uid_t uid = geteuid();
-    trace(kLoad, {{": entered. Got uid=", uid}});
+    trace(kLoad, Piece(": entered. Got uid=", uid));
     if (uid != 0) {
-        error(kLoad, {":libtrelm: ERROR - libtrelm must be loaded with root privileges."});
+        error(kLoad, ":libtrelm: ERROR - libtrelm must be loaded with root privileges.");
         return 1;
     }
-    trace(kLoad, {": API Version: ", trelm_api_version});
+    trace(kLoad, ": API Version: ", trelm_api_version);
     trelm_check_esx();
-    trace(kLoad, {{": OS_Type=", trelm_os_type}});
+    trace(kLoad, Piece(": OS_Type=", trelm_os_type));
     if (trelm_os_type != kEsxi) {
-        error(kLoad, {":ERROR - libtrelm supported for ESXi only"});
+        error(kLoad, ":ERROR - libtrelm supported for ESXi only");
         return 1;
     }
     if (trelm_priv_database) return 0;
     const uint32_t status = discover_and_join();
-    trace(kLoad, {{": exiting, rval=", status}});
+    trace(kLoad, Piece(": exiting, rval=", status));
     return status;
 }
 
 void trelm_cleanup_hbas(void) {
-    trace(__func__, {{": entered. lib inst=", trelm_library_instance}});
+    trace(__func__, Piece(": entered. lib inst=", trelm_library_instance));
     if (!trelm_priv_database) {
-        error(__func__, {": api_priv_data not found, exiting"});
+        error(__func__, ": api_priv_data not found, exiting");
         return;
     }
     // A hardware record that several ports share is closed at the first of them; later ones find it closed.
@@ -115,23 +118,23 @@ void trelm_cleanup_hbas(void) {
     while (auto* pdb = static_cast<trelm_priv_db*>(_trelm_dlist_mark_move(trelm_priv_database, 1))) {
         if (pdb->hw_info) close_hardware(*pdb->hw_info);
     }
-    trace(__func__, {{": lib inst=", trelm_library_instance}, {" exiting."}});
+    trace(__func__, Piece(": lib inst=", trelm_library_instance), " exiting.");
 }
 
 uint32_t trelm_unload_lib(void) {
     const uint8_t inst = trelm_library_instance;
-    trace(__func__, {": entered."});
-    trace(__func__, {{": lib inst=", inst}, {" going to call cleanup_hbas."}});
+    trace(__func__, ": entered.");
+    trace(__func__, Piece(": lib inst=", inst), " going to call cleanup_hbas.");
     trelm_cleanup_hbas();
     trelm::pool_empty();
     uint32_t status = 0;
     if (trelm::database_is_open()) {
-        trace(__func__, {{": lib inst ", inst}, {" going to call close_database."}});
+        trace(__func__, Piece(": lib inst ", inst), " going to call close_database.");
         status = trelm_close_database(trelm_shm_fildes);
         trelm::release_registry();
-        trace(__func__, {{": exiting, rval=", status}});
+        trace(__func__, Piece(": exiting, rval=", status));
     } else {
-        error(__func__, {{": inst ", inst}, {" db not opened. exiting."}});
+        error(__func__, Piece(": inst ", inst), " db not opened. exiting.");
         trelm::release_registry();
     }
     return status;

@@ -1,5 +1,6 @@
-// The registry: two lists, one of port records and one of hardware records, filled by the discoveries and read by everything
-// else. Both work alike, so what one list does is written once and each says only its names.
+// The registry: two lists, one of port records and one of hardware records, filled by the discoveries and
+// read by everything else. Both work alike, so what one list does is written once and each says only its
+// names.
 
 #include <cstdlib>
 
@@ -54,7 +55,7 @@ struct Roster {
     }
 
     void free_all(const char* func) const {
-        if (!list) return error(func, {absent});
+        if (!list) return error(func, absent);
         while (auto* last = static_cast<Record*>(trelm_dlist_pop(list))) {
             drop_references(*last);
             list->del_func(last);
@@ -64,34 +65,34 @@ struct Roster {
     }
 
     uint32_t alloc(const char* func, const char* free_all_func, Record** out) const {
-        trace(func, {": entered."});
+        trace(func, ": entered.");
         if (!list) list = trelm_dlist_new(sizeof(Record));
         if (!list) {
-            error(func, {no_list});
+            error(func, no_list);
             return 1;
         }
         auto* record = static_cast<Record*>(calloc(1, sizeof(Record)));
         if (!record || !trelm_dlist_insert(list, record, 1)) {
-            error(func, {record ? ": trelm_dlist_insert failed." : no_record});
-            error(func, {": failed."});
+            error(func, record ? ": trelm_dlist_insert failed." : no_record);
+            error(func, ": failed.");
             free(record);
             free_all(free_all_func);
             return 1;
         }
         prepare(*record);
         *out = record;
-        trace(func, {": exiting sucessfully."});
+        trace(func, ": exiting sucessfully.");
         return 0;
     }
 
     void free_element(const char* func, const Record* record) const {
-        trace(func, {": entered."});
-        if (!list) return error(func, {absent});
+        trace(func, ": entered.");
+        if (!list) return error(func, absent);
         if (Record* found = find([record](const Record& candidate) { return &candidate == record; }, 0)) {
             drop_references(*found);
             trelm_dlist_delete(list, 1);
         }
-        trace(func, {": exiting."});
+        trace(func, ": exiting.");
     }
 };
 
@@ -116,7 +117,7 @@ bool lies_at(const trelm_hw_info& hw, const dorfc_pci_info& at) {
 // What both handle look-ups refuse, with the message that says so.
 bool cannot_resolve(const char* func, uint32_t handle) {
     if (handle && trelm_priv_database) return false;
-    error(func, {handle ? kNoPortList : ": invalid handle"});
+    error(func, handle ? kNoPortList : ": invalid handle");
     return true;
 }
 
@@ -129,7 +130,9 @@ bool trelm::is_supported_device(uint16_t device_id) {
     return false;
 }
 
-uint32_t trelm_alloc_pdb_mem(trelm_priv_db** pdb) { return ports.alloc(__func__, "trelm_free_all_pdb_mem", pdb); }
+uint32_t trelm_alloc_pdb_mem(trelm_priv_db** pdb) {
+    return ports.alloc(__func__, "trelm_free_all_pdb_mem", pdb);
+}
 
 uint32_t trelm_alloc_hw_info_mem(trelm_hw_info** hw) {
     return hardware.alloc(__func__, "trelm_free_all_hw_info_mem", hw);
@@ -150,15 +153,16 @@ void trelm::release_registry() {
 
 trelm_priv_db* trelm_get_pdb_from_user_instance(uint32_t instance) {
     if (!trelm_priv_database) {
-        error(__func__, {kNoPortList});
+        error(__func__, kNoPortList);
         return nullptr;
     }
-    return ports.find([instance](const trelm_priv_db& pdb) mutable { return is_physical(pdb) && instance-- == 0; });
+    return ports.find(
+        [instance](const trelm_priv_db& pdb) mutable { return is_physical(pdb) && instance-- == 0; });
 }
 
 uint32_t trelm_get_instance_from_pdb(trelm_priv_db* pdb, uint32_t* instance) {
     if (!trelm_priv_database) {
-        error(__func__, {kNoPortList});
+        error(__func__, kNoPortList);
         return 1;
     }
     uint32_t before = 0;
@@ -173,7 +177,8 @@ uint32_t trelm_get_instance_from_pdb(trelm_priv_db* pdb, uint32_t* instance) {
 
 trelm_priv_db* trelm_get_pdb_from_user_handle(uint32_t handle) {
     if (cannot_resolve(__func__, handle)) return nullptr;
-    return ports.find([handle](const trelm_priv_db& pdb) { return is_physical(pdb) && has_handle(pdb, handle); });
+    return ports.find(
+        [handle](const trelm_priv_db& pdb) { return is_physical(pdb) && has_handle(pdb, handle); });
 }
 
 trelm_priv_db* trelm_get_vn_pdb_from_user_handle(uint32_t handle, uint32_t npiv_index) {
@@ -184,25 +189,26 @@ trelm_priv_db* trelm_get_vn_pdb_from_user_handle(uint32_t handle, uint32_t npiv_
 }
 
 trelm_hw_info* trelm::find_hw_info(const char* func_name, const dorfc_pci_info& at) {
-    trace(func_name, {": entered."});
+    trace(func_name, ": entered.");
     if (!trelm_phy_info) {
-        error(func_name, {": api_phy_info is NOT initialized. Exiting."});
+        error(func_name, ": api_phy_info is NOT initialized. Exiting.");
         return nullptr;
     }
     trelm_hw_info* found = hardware.find([&at](const trelm_hw_info& hw) { return lies_at(hw, at); });
-    trace(func_name, {": exiting."});
+    trace(func_name, ": exiting.");
     return found;
 }
 
 trelm_priv_db* trelm::find_parent(const char* func_name, const dorfc_pci_info& at) {
-    trace(func_name, {": entered."});
+    trace(func_name, ": entered.");
     if (!trelm_priv_database) {
-        error(func_name, {kNoPortList});
+        error(func_name, kNoPortList);
         return nullptr;
     }
-    trelm_priv_db* found = ports.find(
-        [&at](const trelm_priv_db& pdb) { return is_physical(pdb) && pdb.hw_info && lies_at(*pdb.hw_info, at); });
-    trace(func_name, {": exiting."});
+    trelm_priv_db* found = ports.find([&at](const trelm_priv_db& pdb) {
+        return is_physical(pdb) && pdb.hw_info && lies_at(*pdb.hw_info, at);
+    });
+    trace(func_name, ": exiting.");
     return found;
 }
 
@@ -232,4 +238,6 @@ void trelm_revcpy(void* dst, const void* src, size_t size) {
 
 uint64_t trelm_ptr_to_64bit(const void* address) { return reinterpret_cast<uintptr_t>(address); }
 
-void* trelm_64bit_to_ptr(uint64_t address) { return reinterpret_cast<void*>(static_cast<uintptr_t>(address)); }
+void* trelm_64bit_to_ptr(uint64_t address) {
+    return reinterpret_cast<void*>(static_cast<uintptr_t>(address));
+}

@@ -19,10 +19,10 @@ struct Row {
 };
 
 void print(const Row& row) {
-    if (!row.text) return trelm::trace(nullptr, {{row.label, row.number, row.radix}});
+    if (!row.text) return trelm::trace(nullptr, trelm::Piece(row.label, row.number, row.radix));
     char terminated[sizeof trelm_hw_info::phys_path + 1] = {};
     memcpy(terminated, row.text, strnlen(row.text, row.width));
-    trelm::trace(nullptr, {row.label, terminated});
+    trelm::trace(nullptr, row.label, terminated);
 }
 
 template <size_t count>
@@ -45,26 +45,30 @@ void print_address(const trelm_priv_db& pdb) {
 }
 
 void print_hardware(const trelm_hw_info& hw) {
-    print_all({TRELM_TEXT_ROW(hw, manufacturer), TRELM_TEXT_ROW(hw, model_name), TRELM_TEXT_ROW(hw, model_desc),
-               TRELM_TEXT_ROW(hw, serial_num), TRELM_TEXT_ROW(hw, driver_version), TRELM_TEXT_ROW(hw, driver_date),
-               TRELM_TEXT_ROW(hw, driver_name), TRELM_HEX_ROW(hw, driver_loaded), TRELM_TEXT_ROW(hw, fw_version),
-               TRELM_HEX_ROW(hw, vendor_id), TRELM_HEX_ROW(hw, device_id), TRELM_HEX_ROW(hw, ssvendor_id),
-               TRELM_HEX_ROW(hw, ssdevice_id), TRELM_HEX_ROW(hw, pci_domain), TRELM_HEX_ROW(hw, pci_bus),
-               TRELM_HEX_ROW(hw, pci_dev), TRELM_HEX_ROW(hw, pci_func), TRELM_HEX_ROW(hw, pci_rev),
-               TRELM_HEX_ROW(hw, npiv_count), Row(" phy port_number: ", hw.phy_port_number, 16)});
+    print_all({TRELM_TEXT_ROW(hw, manufacturer),   TRELM_TEXT_ROW(hw, model_name),
+               TRELM_TEXT_ROW(hw, model_desc),     TRELM_TEXT_ROW(hw, serial_num),
+               TRELM_TEXT_ROW(hw, driver_version), TRELM_TEXT_ROW(hw, driver_date),
+               TRELM_TEXT_ROW(hw, driver_name),    TRELM_HEX_ROW(hw, driver_loaded),
+               TRELM_TEXT_ROW(hw, fw_version),     TRELM_HEX_ROW(hw, vendor_id),
+               TRELM_HEX_ROW(hw, device_id),       TRELM_HEX_ROW(hw, ssvendor_id),
+               TRELM_HEX_ROW(hw, ssdevice_id),     TRELM_HEX_ROW(hw, pci_domain),
+               TRELM_HEX_ROW(hw, pci_bus),         TRELM_HEX_ROW(hw, pci_dev),
+               TRELM_HEX_ROW(hw, pci_func),        TRELM_HEX_ROW(hw, pci_rev),
+               TRELM_HEX_ROW(hw, npiv_count),      Row(" phy port_number: ", hw.phy_port_number, 16)});
 }
 
 void print_port(const trelm_priv_db& pdb) {
-    print_all({TRELM_HEX_ROW(pdb, port_type), TRELM_HEX_ROW(pdb, port_state), TRELM_HEX_ROW(pdb, port_sup_speed),
-               TRELM_HEX_ROW(pdb, port_speed), TRELM_HEX_ROW(pdb, tgt_cnt), TRELM_HEX_ROW(pdb, fcf_cnt),
-               TRELM_DECIMAL_ROW(pdb, mtu), TRELM_DECIMAL_ROW(pdb, vlan), TRELM_DECIMAL_ROW(pdb, npiv_index)});
+    print_all({TRELM_HEX_ROW(pdb, port_type), TRELM_HEX_ROW(pdb, port_state),
+               TRELM_HEX_ROW(pdb, port_sup_speed), TRELM_HEX_ROW(pdb, port_speed),
+               TRELM_HEX_ROW(pdb, tgt_cnt), TRELM_HEX_ROW(pdb, fcf_cnt), TRELM_DECIMAL_ROW(pdb, mtu),
+               TRELM_DECIMAL_ROW(pdb, vlan), TRELM_DECIMAL_ROW(pdb, npiv_index)});
 }
 
 }  // namespace
 
 void trelm_print_priv_data(const trelm_priv_db* pdb) {
     if (!trelm::logs(trelm::kTrace)) return;
-    trelm::trace(nullptr, {" API Private Data:"});
+    trelm::trace(nullptr, " API Private Data:");
     if (pdb->hw_info) print_path(*pdb->hw_info);
     print_address(*pdb);
     if (pdb->hw_info) print_hardware(*pdb->hw_info);

@@ -1,8 +1,10 @@
-// System V semaphores: sets of one, 1 when free and 0 when held. Holds carry SEM_UNDO, so a process that is killed lets go.
+// System V semaphores: sets of one, 1 when free and 0 when held. Holds carry SEM_UNDO, so a process that is
+// killed lets go.
 //
-// A set is created and given its first value in two steps. Only its creator does the second step; should the creator be
-// killed between the two, whoever finds the set in that state and has waited a short time does it instead. Both look at the
-// set again under a lock, so that no two ever do.
+// A set is created and given its first value in two steps. Only its creator does the second step; should the
+// creator be killed between the two, whoever finds the set in that state and has waited a short time does it
+// instead. Whoever does it looks at the set once more under a lock, so that a slow creator and a helper never
+// both do.
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -31,11 +33,14 @@ union Argument {
     semid_ds* status;
 };
 
-bool has_first_value(int32_t sem_id) {
+enum class FirstValue { kMissing, kGiven, kUnknown };
+
+FirstValue first_value(int32_t sem_id) {
     semid_ds status;
     Argument argument = {.status = &status};
-    if (semctl(sem_id, 0, IPC_STAT, argument) != 0) return true;
-    return status.sem_otime != 0 || semctl(sem_id, 0, GETVAL) != 0;
+    if (semctl(sem_id, 0, IPC_STAT, argument) != 0) return FirstValue::kUnknown;
+    const bool used = status.sem_otime != 0 || semctl(sem_id, 0, GETVAL) != 0;
+    return used ? FirstValue::kGiven : FirstValue::kMissing;
 }
 
 void nap() {
@@ -43,62 +48,79 @@ void nap() {
     nanosleep(&interval, nullptr);
 }
 
-// A lock that processes of this library share while they look at a set and set it free. Where it cannot be had in a
-// reasonable time, things go on without it: it only closes the gap between the look and the deed.
+// A lock that processes of this library share while they look at a set and set it free. Where it cannot be
+// had in a reasonable time, things go on without it: it only closes the gap between the look and the deed.
 class InitialisationLock {
   public:
     InitialisationLock() : directory_(open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-        for (int naps = 0; directory_ && flock(directory_.get(), LOCK_EX | LOCK_NB) != 0 && naps < kPatienceNaps; ++naps) {
-            nap();
-        }
+        for (int naps = 0; directory_ && is_taken() && naps < kPatienceNaps; ++naps) nap();
     }
 
   private:
+    bool is_taken() { return flock(directory_.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK; }
+
     trelm::Descriptor directory_;  // closing it lets go
 };
 
-bool set_free_if_never_used(int32_t sem_id) {
-    if (has_first_value(sem_id)) return true;
+bool set_free(int32_t sem_id) {
     InitialisationLock lock;
-    if (has_first_value(sem_id)) return true;
+    if (first_value(sem_id) == FirstValue::kGiven) return true;
     Argument argument = {.value = 1};
     return semctl(sem_id, 0, SETVAL, argument) == 0;
 }
 
-// Another library's or program's set under our key is not ours to use.
-bool is_ours(int32_t sem_id) {
+// A set of several semaphores under our key is another program's.
+bool is_foreign(int32_t sem_id) {
     semid_ds status;
     Argument argument = {.status = &status};
-    if (semctl(sem_id, 0, IPC_STAT, argument) != 0) return false;
-    if (status.sem_nsems == 1 && semctl(sem_id, 0, GETVAL) <= 1) return true;
-    errno = EEXIST;
-    return false;
+    return semctl(sem_id, 0, IPC_STAT, argument) == 0 && status.sem_nsems != 1;
+}
+
+// A value above 1 lets several in at once; it comes of a release too many. What is above 1 is taken off in
+// one step that works only while it is there.
+void take_off_surplus(int32_t sem_id) {
+    for (int value = semctl(sem_id, 0, GETVAL); value > 1; value = semctl(sem_id, 0, GETVAL)) {
+        sembuf steps[] = {{0, static_cast<short>(-value), IPC_NOWAIT}, {0, 1, IPC_NOWAIT}};
+        if (semop(sem_id, steps, 2) != 0 && errno != EAGAIN) return;
+    }
 }
 
 int32_t open_set(key_t key) {
-    int32_t sem_id = semget(key, 1, IPC_EXCL | kPermissions);
+    const int32_t sem_id = semget(key, 1, IPC_EXCL | kPermissions);
     if (sem_id == -1) return -1;
-    if (!is_ours(sem_id)) return -1;
-    for (int naps = 0; naps < kPatienceNaps && !has_first_value(sem_id); ++naps) nap();
-    return set_free_if_never_used(sem_id) ? sem_id : -1;
+    if (is_foreign(sem_id)) {
+        errno = EEXIST;
+        return -1;
+    }
+    for (int naps = 0; naps < kPatienceNaps && first_value(sem_id) == FirstValue::kMissing; ++naps) nap();
+    if (first_value(sem_id) == FirstValue::kMissing && !set_free(sem_id)) return -1;
+    take_off_surplus(sem_id);
+    return sem_id;
 }
 
 int32_t create_set(key_t key) {
-    int32_t sem_id = semget(key, 1, IPC_CREAT | IPC_EXCL | kPermissions);
-    if (sem_id == -1 || set_free_if_never_used(sem_id)) return sem_id;
+    const int32_t sem_id = semget(key, 1, IPC_CREAT | IPC_EXCL | kPermissions);
+    if (sem_id == -1 || set_free(sem_id)) return sem_id;
     trelm::ErrnoKeeper keep;
     trelm::sem_del(sem_id);
     return -1;
 }
 
-int operate(const char* func, int32_t sem_id, short operation, const char* warning) {
+// An interrupted wait goes on: a host program's signals are none of the guarded region's business.
+int operate(int32_t sem_id, short operation) {
     sembuf step = {0, operation, SEM_UNDO};
     int result;
     do {
         result = semop(sem_id, &step, 1);
     } while (result == -1 && errno == EINTR);
-    // The log waits on its own semaphore: that one's failures cannot be written there.
-    if (result == -1 && sem_id != trelm_dbg_sem_id) trelm::error(func, {{warning, errno, 16}});
+    return result;
+}
+
+// The failures of the log's own semaphore are not written to the log.
+int operate_logged(const char* func, int32_t sem_id, short operation, const char* warning) {
+    const int result = operate(sem_id, operation);
+    const bool logs_own = sem_id != -1 && sem_id == trelm_dbg_sem_id;
+    if (result == -1 && !logs_own) trelm::error(func, trelm::Piece(warning, errno, 16));
     return result;
 }
 
@@ -117,14 +139,20 @@ int32_t trelm::sem_get(key_t key) {
     return -1;
 }
 
+int trelm::sem_wait_unlogged(int32_t sem_id) { return operate(sem_id, -1); }
+
+int trelm::sem_signal_unlogged(int32_t sem_id) { return operate(sem_id, 1); }
+
 int trelm::sem_del(int32_t sem_id) { return semctl(sem_id, 0, IPC_RMID); }
 
 int trelm_sem_wait(int32_t sem_id) {
-    return operate(__func__, sem_id, -1, ":libtrelm: WARNING - semaphore wait operation failed. errno=");
+    return operate_logged(__func__, sem_id, -1,
+                          ":libtrelm: WARNING - semaphore wait operation failed. errno=");
 }
 
 int trelm_sem_signal(int32_t sem_id) {
-    return operate(__func__, sem_id, 1, ":libtrelm: WARNING - semaphore signal operation failed. errno=");
+    return operate_logged(__func__, sem_id, 1,
+                          ":libtrelm: WARNING - semaphore signal operation failed. errno=");
 }
 
 void trelm_set_debug_level(void) {

@@ -1,5 +1,5 @@
-// The database that processes with the library loaded share. Each takes one of eight slots; the last to leave removes the
-// file and the semaphore that guards it.
+// The database that processes with the library loaded share. Each takes one of eight slots; the last to leave
+// removes the file and the semaphore that guards it.
 
 #include "trelm_core/shared_db.h"
 
@@ -26,6 +26,7 @@ uint8_t trelm_use_db = 1;
 namespace {
 
 using trelm::error;
+using trelm::Piece;
 using trelm::trace;
 
 constexpr uint32_t kSlotTaken = 0x4;
@@ -34,27 +35,32 @@ constexpr char kOpen[] = "trelm_open_database";
 constexpr char kClose[] = "trelm_close_database";
 constexpr int kGuardTries = 16;
 
-// Gets the semaphore and waits on it. The last process to leave may remove the set between the two; a newcomer then starts
-// over, for it must not go on unguarded.
+bool wait_found_no_set() { return errno == EIDRM || errno == EINVAL; }
+
+// Gets the semaphore and waits on it. The set may be removed between the two, by the last process to leave or
+// by one whose open failed; this process then starts over, for it must not go on unguarded.
 bool enter_guard() {
     for (int tries = 0; tries < kGuardTries; ++tries) {
         trelm_db_sem_id = trelm::sem_get(trelm_db_semkey);
         if (trelm_db_sem_id == -1) {
-            error(kOpen, {{": WARNING - semget function not supported.\n  Each adapter instance should be opened at most "
-                           "one time. errno=", errno}});
+            error(kOpen, Piece(": WARNING - semget function not supported.\n  Each adapter instance should "
+                               "be opened at most "
+                               "one time. errno=",
+                               errno));
             return false;
         }
-        trace(kOpen, {{": got trelm_db_sem_id=", trelm_db_sem_id}});
+        trace(kOpen, Piece(": got trelm_db_sem_id=", trelm_db_sem_id));
         if (trelm_sem_wait(trelm_db_sem_id) == 0) return true;
-        if (errno != EIDRM && errno != EINVAL) break;
+        if (!wait_found_no_set()) break;
     }
     trelm_db_sem_id = -1;
     return false;
 }
 
-// Leaves and takes the set away from everyone.
+// Lets go by taking the set away from everyone. It is not signalled first: whoever waits would then pass on a
+// set that is gone the next moment, beside the next comer's new one, and so would find out and start over
+// instead.
 void remove_guard() {
-    trelm_sem_signal(trelm_db_sem_id);
     trelm::sem_del(trelm_db_sem_id);
     trelm_db_sem_id = -1;
 }
@@ -68,17 +74,18 @@ void occupy(unsigned slot) {
 void take_slot() {
     for (unsigned slot = 0; slot < kLibraryInstances; ++slot) {
         const uint32_t flags = trelm_shared_data->libinst_flags[slot];
-        trace(kOpen, {{": libi=", slot}});
-        trace(kOpen, {{": libinst_flags=", flags, 16}});
+        trace(kOpen, Piece(": libi=", slot));
+        trace(kOpen, Piece(": libinst_flags=", flags, 16));
         if (flags & kSlotTaken) continue;
         occupy(slot);
-        error(kOpen, {{": assigned api_lib_instance=", slot}});
+        error(kOpen, Piece(": assigned api_lib_instance=", slot));
         return;
     }
     // Slots of processes that ended without closing stay marked; when none is left, all but one are freed.
-    for (unsigned slot = 1; slot < kLibraryInstances; ++slot) trelm_shared_data->libinst_flags[slot] &= ~kSlotTaken;
+    for (unsigned slot = 1; slot < kLibraryInstances; ++slot)
+        trelm_shared_data->libinst_flags[slot] &= ~kSlotTaken;
     occupy(0);
-    error(kOpen, {": INFO - Assigning lib instance number to 0."});
+    error(kOpen, ": INFO - Assigning lib instance number to 0.");
 }
 
 void flush() { msync(trelm_shared_data, sizeof *trelm_shared_data, MS_SYNC); }
@@ -89,7 +96,7 @@ int join() {
     if (!fd) return -1;
     void* mapping = mmap(nullptr, sizeof(trelm_shared_db), PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
     if (mapping == MAP_FAILED) {
-        error(kOpen, {{": mmap on existing cxmgmt_native.dat failed=", errno}});
+        error(kOpen, Piece(": mmap on existing cxmgmt_native.dat failed=", errno));
         return -1;
     }
     trelm_shared_data = static_cast<trelm_shared_db*>(mapping);
@@ -98,7 +105,8 @@ int join() {
     return fd.let_go();
 }
 
-// ---- Closing -----------------------------------------------------------------------------------------------------------
+// ---- Closing
+// -----------------------------------------------------------------------------------------------------------
 
 // What becomes of the file once this process has left.
 struct LastOne {
@@ -106,32 +114,33 @@ struct LastOne {
     int remove_errno = 0;
 };
 
-// Gives the slot back under the guard. Where this is the last instance the file goes while the guard still holds: a newcomer
-// who finds it afterwards would share it with nobody.
+// Gives the slot back under the guard. Where this is the last instance the file goes while the guard still
+// holds: a newcomer who finds it afterwards would share it with nobody.
 LastOne leave() {
     LastOne last;
     flush();
     const uint8_t load_inst = trelm_get_total_libinst_count();
     const bool alone = load_inst <= 1;
     if (!alone) {
-        error(kClose, {{": inst=", trelm_library_instance}, {", this is not last instance. load_inst=", load_inst}});
+        error(kClose, Piece(": inst=", trelm_library_instance),
+              Piece(", this is not last instance. load_inst=", load_inst));
     }
-    error(kClose, {{": inst=", trelm_library_instance}, {", going to free up api instance."}});
+    error(kClose, Piece(": inst=", trelm_library_instance), ", going to free up api instance.");
     trelm_shared_data->libinst_flags[trelm_library_instance] &= ~kSlotMarks;
-    trace(kClose, {{": delete_sem=", alone}});
+    trace(kClose, Piece(": delete_sem=", alone));
     last.file_goes = load_inst == 1;
     if (last.file_goes && remove(trelm_db_fname) != 0) last.remove_errno = errno;
     if (alone && semctl(trelm_db_sem_id, 0, GETNCNT) == 0) {
         remove_guard();
     } else {
         trelm_sem_signal(trelm_db_sem_id);
-        trace(kClose, {": keeping semaphore."});
+        trace(kClose, ": keeping semaphore.");
     }
     return last;
 }
 
 void unmap() {
-    error(kClose, {": close db file."});
+    error(kClose, ": close db file.");
     if (trelm_shared_data) munmap(trelm_shared_data, sizeof *trelm_shared_data);
     close(trelm_shm_fildes);
     trelm_shm_fildes = -1;
@@ -139,9 +148,17 @@ void unmap() {
 }
 
 void report(const LastOne& last) {
-    if (!last.file_goes) return error(kClose, {": keeping shared db file."});
-    error(kClose, {": deleting shared db file."});
-    if (last.remove_errno) error(kClose, {{": Unable to remove shared data file. errno=", last.remove_errno}});
+    if (!last.file_goes) return error(kClose, ": keeping shared db file.");
+    error(kClose, ": deleting shared db file.");
+    if (last.remove_errno)
+        error(kClose, Piece(": Unable to remove shared data file. errno=", last.remove_errno));
+}
+
+// A signal of the host program may end a read early; the rest is still to come.
+bool was_interrupted(FILE* stream) {
+    if (!ferror(stream) || errno != EINTR) return false;
+    clearerr(stream);
+    return true;
 }
 
 }  // namespace
@@ -149,15 +166,15 @@ void report(const LastOne& last) {
 bool trelm::database_is_open() { return trelm_db_sem_id != -1 && trelm_shm_fildes >= 0 && trelm_shared_data; }
 
 uint32_t trelm_open_database(int32_t* ret_handle) {
-    trace(kOpen, {": entered."});
+    trace(kOpen, ": entered.");
     *ret_handle = 0;
     if (trelm::database_is_open()) {
-        error(kOpen, {": already opened. trelm_ev_terminate FALSE."});
+        error(kOpen, ": already opened. trelm_ev_terminate FALSE.");
         *ret_handle = trelm_shm_fildes;
         return 0;
     }
     if (!enter_guard()) return 1;
-    trace(kOpen, {": before accessing shared db."});
+    trace(kOpen, ": before accessing shared db.");
     const int fd = join();
     if (fd == -1) {
         remove_guard();
@@ -165,36 +182,31 @@ uint32_t trelm_open_database(int32_t* ret_handle) {
     }
     trelm_sem_signal(trelm_db_sem_id);
     *ret_handle = trelm_shm_fildes = fd;
-    trace(kOpen, {{": trelm_shm_fildes=", trelm_shm_fildes}});
-    trace(kOpen, {{": exiting. inst=", trelm_library_instance}});
+    trace(kOpen, Piece(": trelm_shm_fildes=", trelm_shm_fildes));
+    trace(kOpen, Piece(": exiting. inst=", trelm_library_instance));
     return 0;
 }
 
 uint32_t trelm_close_database(int32_t) {
     LastOne last;
     if (trelm_db_sem_id != -1 && trelm_library_instance < kLibraryInstances && trelm_shared_data) {
-        error(kClose, {{": inst=", trelm_library_instance}, {", going to clean up shared mem."}});
-        if (trelm_sem_wait(trelm_db_sem_id) == 0) {
-            last = leave();
-        } else {
-            // The set is gone. The slot is this process's own to give back; nothing else is touched unguarded.
-            trelm_shared_data->libinst_flags[trelm_library_instance] &= ~kSlotMarks;
-        }
+        error(kClose, Piece(": inst=", trelm_library_instance), ", going to clean up shared mem.");
+        if (trelm_sem_wait(trelm_db_sem_id) == 0 || (wait_found_no_set() && enter_guard())) last = leave();
     }
     if (trelm_shm_fildes != -1) unmap();
     report(last);
-    trace(kClose, {{": exiting, ret=", 0}});
+    trace(kClose, Piece(": exiting, ret=", 0));
     return 0;
 }
 
 uint8_t trelm_get_total_libinst_count(void) {
     FILE* listing = popen("lsof 2> /dev/null | grep libtrelm | wc -l", "re");
     if (!listing) {
-        error(__func__, {": popen failed."});
+        error(__func__, ": popen failed.");
         return 0;
     }
     char piece[32] = {};
-    while (fgets(piece, sizeof piece, listing)) {
+    while (fgets(piece, sizeof piece, listing) || was_interrupted(listing)) {
     }
     pclose(listing);
     const long lines = strtol(piece, nullptr, 10);

@@ -33,8 +33,8 @@ static_assert(std::is_standard_layout_v<trelm_shared_db> && std::is_trivial_v<tr
 
 namespace trelm {
 
-// Opens the shared file, creates it where it is missing and grows it where it is too small. The descriptor, or -1.
-// `func_name` is what its messages carry.
+// Opens the shared file, creates it where it is missing and grows it where it is too small. The descriptor,
+// or -1. `func_name` is what its messages carry.
 int open_shared_file(const char* func_name, const char* path);
 
 }  // namespace trelm

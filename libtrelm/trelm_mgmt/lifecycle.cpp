@@ -7,72 +7,69 @@
 
 const char trelm_version_description[128] = "Calvexa Ulvard FC API library version v5.00 build2";
 
-namespace {
-
 using trelm::error;
+using trelm::Piece;
 using trelm::trace;
-
-}  // namespace
 
 uint32_t TRELM_LoadLibrary(void) {
     trelm_set_debug_level();
-    trace(__func__, {": entered."});
+    trace(__func__, ": entered.");
     if (trelm::database_is_open()) {
-        error(__func__, {": already loaded."});
+        error(__func__, ": already loaded.");
         return TRELM_STATUS_OK;
     }
     const uint32_t status = trelm_load_lib();
     if (status != 0) {
-        error(__func__, {{": load failed. rval=", status}});
+        error(__func__, Piece(": load failed. rval=", status));
         return TRELM_STATUS_FAILED;
     }
     if (!trelm_priv_database) {
-        error(__func__, {": no adapters found."});
+        error(__func__, ": no adapters found.");
         return TRELM_STATUS_OK;
     }
     if (!trelm::database_is_open()) {
-        error(__func__, {": shared db setup failed."});
+        error(__func__, ": shared db setup failed.");
         return TRELM_STATUS_FAILED;
     }
-    trace(__func__, {": exiting."});
+    trace(__func__, ": exiting.");
     return TRELM_STATUS_OK;
 }
 
 uint32_t TRELM_FreeLibrary(void) {
-    trace(__func__, {": entered."});
+    trace(__func__, ": entered.");
     const uint32_t status = trelm_unload_lib();
     if (status != 0) {
-        error(__func__, {{": unload failed. rval=", status}});
+        error(__func__, Piece(": unload failed. rval=", status));
         return TRELM_STATUS_FAILED;
     }
-    trace(__func__, {": exiting."});
+    trace(__func__, ": exiting.");
     return TRELM_STATUS_OK;
 }
 
 uint32_t TRELM_GetVersion(uint8_t* pVersion, uint32_t VersionSize) {
-    trace(__func__, {": entered."});
+    trace(__func__, ": entered.");
     if (pVersion && VersionSize) {
         const size_t whole = strlen(trelm_api_version);
         const size_t fits = whole < VersionSize ? whole : VersionSize - 1;
         memcpy(pVersion, trelm_api_version, fits);
         pVersion[fits] = '\0';
     }
-    trace(__func__, {{": exiting. version=", TRELM_VERSION_NUMBER, 16}});
+    trace(__func__, Piece(": exiting. version=", TRELM_VERSION_NUMBER, 16));
     return TRELM_VERSION_NUMBER;
 }
 
 uint32_t TRELM_GetPortCount(uint32_t* pPortCount) {
-    trace(__func__, {": entered."});
+    trace(__func__, ": entered.");
     if (!trelm_priv_database) {
-        error(__func__, {": no adapters found."});
+        error(__func__, ": no adapters found.");
         return TRELM_STATUS_FAILED;
     }
     if (!trelm::database_is_open()) {
-        error(__func__, {": error in shared database setup. Exiting."});
+        error(__func__, ": error in shared database setup. Exiting.");
         return TRELM_STATUS_FAILED;
     }
     if (!pPortCount) {
-        error(__func__, {": invalid parameter."});
+        error(__func__, ": invalid parameter.");
         return TRELM_STATUS_INVALID_PARAMETER;
     }
     uint32_t count = 0;
@@ -81,6 +78,6 @@ uint32_t TRELM_GetPortCount(uint32_t* pPortCount) {
         if (pdb->port_type != FC_PORTTYPE_NPIV) ++count;
     }
     *pPortCount = count;
-    trace(__func__, {{": exiting. cnt=", count}});
+    trace(__func__, Piece(": exiting. cnt=", count));
     return TRELM_STATUS_OK;
 }

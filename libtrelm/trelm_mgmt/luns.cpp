@@ -10,6 +10,7 @@ namespace {
 
 using trelm::fail_call;
 using trelm::LunAddress;
+using trelm::Piece;
 using trelm::read_be32;
 using trelm::read_be64;
 
@@ -32,7 +33,8 @@ struct trelm_scsi_inq_data {
     uint8_t product_rev[4];
 };
 static_assert(sizeof(trelm_scsi_inq_data) == 36 && offsetof(trelm_scsi_inq_data, vendor_id) == 8 &&
-              offsetof(trelm_scsi_inq_data, product_id) == 16 && offsetof(trelm_scsi_inq_data, product_rev) == 32);
+              offsetof(trelm_scsi_inq_data, product_id) == 16 &&
+              offsetof(trelm_scsi_inq_data, product_rev) == 32);
 
 // A list entry is four levels of two bytes each; the first level lands in the lowest 16 bits.
 uint32_t two_levels(const uint8_t* bytes) {
@@ -40,7 +42,7 @@ uint32_t two_levels(const uint8_t* bytes) {
 }
 
 uint32_t fail_lun(const char* func, const LunAddress& lun, const char* text, uint32_t status) {
-    trelm::error(func, {{"(", lun.handle}, {text, lun.lun, 16}, {", rval=", status, 16}});
+    trelm::error(func, Piece("(", lun.handle), Piece(text, lun.lun, 16), Piece(", rval=", status, 16));
     return status;
 }
 
@@ -94,9 +96,8 @@ uint32_t describe(const char* func, const LunAddress& lun, bool version_2, TRELM
 uint32_t TRELM_GetLunInfo(uint32_t Handle, uint32_t NpivIndex, uint32_t ScsiTgtNum, uint32_t* pLunCount,
                           TRELM_LUN_INFO** pLunInfo) {
     const char* func = __func__;
-    trelm::trace(func, {{"(", Handle},
-                        {"): entered for NPIV=", NpivIndex},
-                        {" and LunCount=", pLunCount ? *pLunCount : 0}});
+    trelm::trace(func, Piece("(", Handle), Piece("): entered for NPIV=", NpivIndex),
+                 Piece(" and LunCount=", pLunCount ? *pLunCount : 0));
     if (ScsiTgtNum >= TRELM_MAX_TARGETS || !pLunCount || *pLunCount == 0 || !pLunInfo || !*pLunInfo) {
         return fail_call(func, Handle, "): invalid parameter.", TRELM_STATUS_INVALID_PARAMETER);
     }
@@ -117,7 +118,8 @@ uint32_t TRELM_GetLunInfo(uint32_t Handle, uint32_t NpivIndex, uint32_t ScsiTgtN
     const uint32_t version = (*pLunInfo)->Version;
     auto* element = reinterpret_cast<uint8_t*>(*pLunInfo);
     const uint8_t* entry = data.get() + trelm::kReportLunsHeader;
-    for (uint32_t i = 0; i < luns; ++i, entry += trelm::kLunEntry, element += TRELM_LUN_INFO_STRIDE(version)) {
+    for (uint32_t i = 0; i < luns;
+         ++i, entry += trelm::kLunEntry, element += TRELM_LUN_INFO_STRIDE(version)) {
         lun.lun = two_levels(entry);
         lun.lun_ext = two_levels(entry + 4);
         status = describe(func, lun, version == 2, reinterpret_cast<TRELM_LUN_INFO*>(element));

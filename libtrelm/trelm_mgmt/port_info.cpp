@@ -41,8 +41,8 @@ void copy_wwn(uint8_t (&to)[8], uint64_t from) { trelm_revcpy(to, &from, sizeof 
 
 void write_mfw_version(uint8_t (&to)[32], uint32_t version) {
     char text[sizeof to] = {};
-    snprintf(text, sizeof text, "%02d.%02d.%02d.%02d", version >> 24, version >> 16 & 0xFF, version >> 8 & 0xFF,
-             version & 0xFF);
+    snprintf(text, sizeof text, "%02d.%02d.%02d.%02d", version >> 24, version >> 16 & 0xFF,
+             version >> 8 & 0xFF, version & 0xFF);
     copy_text(to, text);
 }
 
@@ -51,7 +51,7 @@ void fill_version_2(TRELM_FCOE_INFO& info, const trelm_hw_info& hw) {
     info.PCIEWidth = convert(kPcieWidths, hw.pcie_width);
     info.ChipRevId = hw.chip_rev_id;
     info.MediaType = kMediaType;
-    if (trelm::transport_of(hw).reports_mfw_version) write_mfw_version(info.MFWVersion, hw.mfw_version);
+    if (trelm::transport_of(&hw).reports_mfw_version) write_mfw_version(info.MFWVersion, hw.mfw_version);
 }
 
 void fill(TRELM_FCOE_INFO& info, const trelm_priv_db& pdb, const trelm_hw_info& hw) {
@@ -94,7 +94,7 @@ void fill(TRELM_VNPORT_INFO& info, const trelm_priv_db& pdb, const dorfc_fcf_inf
     info.FabricVlan = static_cast<uint16_t>(pdb.vlan);
     info.PortType = pdb.port_type == FC_PORTTYPE_NPIV ? TRELM_PORTTYPE_NPIV : TRELM_PORTTYPE_PHYSICAL;
     info.PortSpeed = pdb.port_speed;
-    info.PortState = trelm::transport_of(*pdb.hw_info).public_port_state(pdb.port_state);
+    info.PortState = trelm::transport_of(pdb.hw_info).public_port_state(pdb.port_state);
     info.PortSupportedSpeed = pdb.port_sup_speed;
     info.TgtCount = pdb.tgt_cnt;
     info.FcfCount = pdb.fcf_cnt;
@@ -107,7 +107,8 @@ uint32_t TRELM_GetFcoeInfo(uint32_t Handle, TRELM_FCOE_INFO* pFcoeInfo) {
     trace_call(__func__, Handle, "): entered.");
     const trelm_priv_db* pdb = trelm_get_pdb_from_user_handle(Handle);
     if (!pdb) return fail_call(__func__, Handle, "): get pdb failed.", TRELM_STATUS_FAILED);
-    if (!pFcoeInfo) return fail_call(__func__, Handle, "): invalid parameter.", TRELM_STATUS_INVALID_PARAMETER);
+    if (!pFcoeInfo)
+        return fail_call(__func__, Handle, "): invalid parameter.", TRELM_STATUS_INVALID_PARAMETER);
     if (pFcoeInfo->Version == 2) fill_version_2(*pFcoeInfo, *pdb->hw_info);
     fill(*pFcoeInfo, *pdb, *pdb->hw_info);
     trace_call(__func__, Handle, {"): exiting, rval=", TRELM_STATUS_OK});
@@ -116,11 +117,12 @@ uint32_t TRELM_GetFcoeInfo(uint32_t Handle, TRELM_FCOE_INFO* pFcoeInfo) {
 
 uint32_t TRELM_GetVNPortInfo(uint32_t Handle, uint32_t NpivIndex, TRELM_VNPORT_INFO* pVNPortInfo) {
     trace_call(__func__, Handle, "): entered.");
-    if (!pVNPortInfo) return fail_call(__func__, Handle, "): invalid parameter.", TRELM_STATUS_INVALID_PARAMETER);
+    if (!pVNPortInfo)
+        return fail_call(__func__, Handle, "): invalid parameter.", TRELM_STATUS_INVALID_PARAMETER);
     trelm_priv_db* pdb = trelm_get_vn_pdb_from_user_handle(Handle, NpivIndex);
     if (!pdb) return fail_call(__func__, Handle, "): get pdb failed.", TRELM_STATUS_FAILED);
 
-    const trelm::Transport& transport = trelm::transport_of(*pdb->hw_info);
+    const trelm::Transport& transport = trelm::transport_of(pdb->hw_info);
     if (transport.calling_port_info) trace_call(__func__, Handle, transport.calling_port_info);
     trelm::Outcome outcome = transport.refresh_port(pdb);
     if (outcome.failed()) return fail_request(__func__, Handle, "): port info failed, stat=", outcome);

@@ -20,13 +20,14 @@ uint32_t TRELM_GetPortStats(uint32_t Handle, uint32_t NpivIndex, TRELM_PORT_STAT
     trelm_priv_db* pdb = trelm_get_vn_pdb_from_user_handle(Handle, NpivIndex);
     if (!pdb) return fail_call(__func__, Handle, "): get pdb failed.", TRELM_STATUS_FAILED);
 
-    const trelm::Transport& transport = trelm::transport_of(*pdb->hw_info);
+    const trelm::Transport& transport = trelm::transport_of(pdb->hw_info);
     trelm::Heap<dorfc_port_stats> stats;
     if (!stats) return fail_call(__func__, Handle, transport.stats_alloc_failed, TRELM_STATUS_NO_MEMORY);
     const trelm::Outcome outcome = transport.port_stats(pdb, stats.get());
     if (outcome.failed()) return trelm::fail_request(__func__, Handle, "): get stats failed, stat=", outcome);
 
-    memcpy(reinterpret_cast<uint8_t*>(pStats) + offsetof(TRELM_PORT_STATS, RxFCoEFrames), stats.get(), kCounters);
+    memcpy(reinterpret_cast<uint8_t*>(pStats) + offsetof(TRELM_PORT_STATS, RxFCoEFrames), stats.get(),
+           kCounters);
     trelm::trace_call(__func__, Handle, {"): exiting, rval=", TRELM_STATUS_OK});
     return TRELM_STATUS_OK;
 }

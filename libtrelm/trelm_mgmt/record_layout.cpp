@@ -134,4 +134,3 @@ AT(TRELM_LUN_INFO, VolumeName, 113);
 AT(TRELM_LUN_INFO, MountPath, 145);
 AT(TRELM_LUN_INFO, PhysicalDrive, 209);
 AT(TRELM_LUN_INFO, ScsiLunNumExt, 213);
-

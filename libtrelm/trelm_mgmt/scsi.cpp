@@ -74,15 +74,15 @@ void copy_sense(TRELM_SCSI_CMND& cmnd, const dorfc_scsi_cmd& answer) {
 
 }  // namespace
 
-uint32_t TRELM_SendScsiCommand(uint32_t Handle, uint32_t NpivIndex, TRELM_SCSI_CMND* pScsiCmnd, uint32_t* pDataLen,
-                               uint8_t* pData) {
+uint32_t TRELM_SendScsiCommand(uint32_t Handle, uint32_t NpivIndex, TRELM_SCSI_CMND* pScsiCmnd,
+                               uint32_t* pDataLen, uint8_t* pData) {
     trelm::trace_call(__func__, Handle, "): entered.");
     if (!pScsiCmnd || !is_valid(*pScsiCmnd, pDataLen, pData)) {
         return fail_call(__func__, Handle, "): invalid parameter.", TRELM_STATUS_INVALID_PARAMETER);
     }
     trelm_priv_db* pdb = trelm_get_vn_pdb_from_user_handle(Handle, NpivIndex);
     if (!pdb) return fail_call(__func__, Handle, "): get pdb failed.", TRELM_STATUS_FAILED);
-    const Transport& transport = trelm::transport_of(*pdb->hw_info);
+    const Transport& transport = trelm::transport_of(pdb->hw_info);
     const uint32_t data_len = has_data_phase(*pScsiCmnd) ? *pDataLen : 0;
     if (transport.native && data_len > kScsiMaxData) {
         return fail_call(__func__, Handle, "): invalid parameter.", TRELM_STATUS_INVALID_PARAMETER);
@@ -91,9 +91,11 @@ uint32_t TRELM_SendScsiCommand(uint32_t Handle, uint32_t NpivIndex, TRELM_SCSI_C
     const CommandRecord record(transport.native);
     if (!record) return fail_call(__func__, Handle, transport.scsi_alloc_failed, TRELM_STATUS_NO_MEMORY);
     fill_request(record.get()->legacy, *pScsiCmnd, data_len);
-    const trelm::Outcome outcome = transport.send_scsi(pdb, record.get(), has_data_phase(*pScsiCmnd) ? pData : nullptr);
-    const uint32_t status =
-        outcome.failed() ? trelm::fail_request(__func__, Handle, transport.scsi_failed, outcome) : TRELM_STATUS_OK;
+    const trelm::Outcome outcome =
+        transport.send_scsi(pdb, record.get(), has_data_phase(*pScsiCmnd) ? pData : nullptr);
+    const uint32_t status = outcome.failed()
+                                ? trelm::fail_request(__func__, Handle, transport.scsi_failed, outcome)
+                                : TRELM_STATUS_OK;
     copy_sense(*pScsiCmnd, record.get()->legacy);
     trelm::trace_call(__func__, Handle, {"): exiting, rval=", status, 16});
     return status;

@@ -33,7 +33,8 @@ extern const ReadCommand kInquiry;
 extern const ReadCommand kReadCapacity10;
 extern const ReadCommand kReadCapacity16;
 
-// Sends the command through TRELM_SendScsiCommand. `data` has room for the command's data_len bytes and is cleared first.
+// Sends the command through TRELM_SendScsiCommand. `data` has room for the command's data_len bytes and is
+// cleared first.
 uint32_t send(const ReadCommand& command, const LunAddress& to, uint8_t* data);
 
 // Entries that the header of a LUN list announces, received or not.

@@ -10,6 +10,7 @@ using trelm::fail_call;
 using trelm::fail_request;
 using trelm::LunAddress;
 using trelm::Outcome;
+using trelm::Piece;
 
 constexpr uint32_t kDeviceOffline = 13;  // driver status
 
@@ -32,17 +33,16 @@ void fill(TRELM_TGT_INFO& info, uint32_t index, uint32_t luns, const dorfc_tgt_i
 }
 
 // Walks the driver's target table until `wanted` targets are listed.
-uint32_t list_targets(const char* func, uint32_t handle, uint32_t npiv_index, trelm_priv_db* pdb, uint32_t wanted,
-                      TRELM_TGT_INFO* element, dorfc_tgt_info* target, uint8_t* data) {
-    const trelm::Transport& transport = trelm::transport_of(*pdb->hw_info);
+uint32_t list_targets(const char* func, uint32_t handle, uint32_t npiv_index, trelm_priv_db* pdb,
+                      uint32_t wanted, TRELM_TGT_INFO* element, dorfc_tgt_info* target, uint8_t* data) {
+    const trelm::Transport& transport = trelm::transport_of(pdb->hw_info);
     for (uint32_t index = 0; index < TRELM_MAX_TARGETS; ++index) {
         *target = {};
         target->scsi_tgt_num = index;
         const Outcome outcome = transport.tgt_info(pdb, target);
         if (outcome.stat == kDeviceOffline) {
-            trelm::error(func, {{"(", handle},
-                                {"): device offline for index=", index},
-                                {" continuing for next index"}});
+            trelm::error(func, Piece("(", handle), Piece("): device offline for index=", index),
+                         " continuing for next index");
             continue;
         }
         if (outcome.failed()) return fail_request(func, handle, "): tgt info ioctl failed, stat=", outcome);
@@ -53,17 +53,18 @@ uint32_t list_targets(const char* func, uint32_t handle, uint32_t npiv_index, tr
             return TRELM_STATUS_OK;
         }
     }
-    trelm::error(func, {{"(", handle},
-                        {"): got index=", TRELM_MAX_TARGETS},
-                        {" which is above max supported value of=", TRELM_MAX_TARGETS}});
+    trelm::error(func, Piece("(", handle), Piece("): got index=", TRELM_MAX_TARGETS),
+                 Piece(" which is above max supported value of=", TRELM_MAX_TARGETS));
     return TRELM_STATUS_OK;
 }
 
 }  // namespace
 
-uint32_t TRELM_GetTgtInfo(uint32_t Handle, uint32_t NpivIndex, uint32_t* pTgtCount, TRELM_TGT_INFO** pTgtInfo) {
+uint32_t TRELM_GetTgtInfo(uint32_t Handle, uint32_t NpivIndex, uint32_t* pTgtCount,
+                          TRELM_TGT_INFO** pTgtInfo) {
     trelm::trace_call(__func__, Handle, "): entered.");
-    if (!pTgtCount) return fail_call(__func__, Handle, "): invalid parameter.", TRELM_STATUS_INVALID_PARAMETER);
+    if (!pTgtCount)
+        return fail_call(__func__, Handle, "): invalid parameter.", TRELM_STATUS_INVALID_PARAMETER);
     trelm_priv_db* pdb = trelm_get_vn_pdb_from_user_handle(Handle, NpivIndex);
     if (!pdb) return fail_call(__func__, Handle, "): get pdb failed.", TRELM_STATUS_FAILED);
     const uint32_t targets = pdb->tgt_cnt;
@@ -83,7 +84,8 @@ uint32_t TRELM_GetTgtInfo(uint32_t Handle, uint32_t NpivIndex, uint32_t* pTgtCou
     if (!data) return fail_call(__func__, Handle, "): pdata alloc failed.", TRELM_STATUS_NO_MEMORY);
     const trelm::Heap<dorfc_tgt_info> target;
     if (!target) {
-        return fail_call(__func__, Handle, trelm::transport_of(*pdb->hw_info).tgt_alloc_failed, TRELM_STATUS_NO_MEMORY);
+        return fail_call(__func__, Handle, trelm::transport_of(pdb->hw_info).tgt_alloc_failed,
+                         TRELM_STATUS_NO_MEMORY);
     }
     return list_targets(__func__, Handle, NpivIndex, pdb, targets, *pTgtInfo, target.get(), data.get());
 }

@@ -13,7 +13,8 @@ namespace {
 using trelm::Outcome;
 using trelm::scsi_cmd_record;
 
-// ---- Legacy ------------------------------------------------------------------------------------------------------------
+// ---- Legacy
+// ------------------------------------------------------------------------------------------------------------
 
 // One request over the port's open descriptor.
 template <auto request, class Record>
@@ -35,7 +36,8 @@ uint32_t legacy_open(trelm_priv_db* pdb, uint32_t, uint32_t* handle, uint32_t* e
 // The link-state reader has put the public value there already.
 uint32_t legacy_port_state(uint32_t port_state) { return port_state; }
 
-// ---- Native ------------------------------------------------------------------------------------------------------------
+// ---- Native
+// ------------------------------------------------------------------------------------------------------------
 
 template <auto request, class Record>
 Outcome over_callback(trelm_priv_db* pdb, Record* record) {
@@ -63,13 +65,17 @@ uint32_t native_close(trelm_priv_db* pdb, uint32_t*) {
 
 uint32_t native_port_state(uint32_t port_state) {
     switch (port_state) {
-        case FC_PORTSTATE_ONLINE: return TRELM_PORTSTATE_ONLINE;
-        case FC_PORTSTATE_LINKDOWN: return TRELM_PORTSTATE_LINKDOWN;
-        default: return TRELM_PORTSTATE_OTHER;
+        case FC_PORTSTATE_ONLINE:
+            return TRELM_PORTSTATE_ONLINE;
+        case FC_PORTSTATE_LINKDOWN:
+            return TRELM_PORTSTATE_LINKDOWN;
+        default:
+            return TRELM_PORTSTATE_OTHER;
     }
 }
 
-// ---- All ---------------------------------------------------------------------------------------------------------------
+// ---- All
+// ---------------------------------------------------------------------------------------------------------------
 
 void no_further_source(trelm_priv_db*) {}
 
@@ -137,8 +143,8 @@ constexpr trelm::Transport kPyx = {
     .close = native_close<trelm_pyxnt_close_adapter>,
     .open_failed = kKron.open_failed,
     .close_failed = kKron.close_failed,
-    .refresh_port = refresh_port<over_callback<trelm_pyxnt_get_port_info, cx_fcoe_port_info>, cx_fcoe_port_info,
-                                 no_further_source>,
+    .refresh_port = refresh_port<over_callback<trelm_pyxnt_get_port_info, cx_fcoe_port_info>,
+                                 cx_fcoe_port_info, no_further_source>,
     .fcf_info = over_callback<trelm_pyxnt_get_fcf_info, cx_fcoe_fcf_info>,
     .port_stats = over_callback<trelm_pyxnt_get_port_stats, cx_fcoe_port_stats>,
     .tgt_info = over_callback<trelm_pyxnt_get_tgt_info, cx_fcoe_tgt_info>,
@@ -158,14 +164,20 @@ bool is_kron_device(uint16_t device_id) { return (device_id & 0xFEFF) == 0x8080 
 
 }  // namespace
 
-const trelm::Transport& trelm::transport_of(const trelm_hw_info& hw) {
-    if (hw.native_driver != 1) return kLegacy;
-    return is_kron_device(hw.device_id) ? kKron : kPyx;
+const trelm::Transport& trelm::transport_of(const trelm_hw_info* hw) {
+    // Only the legacy driver's discovery keeps a port whose PCI location it could not read; such a port
+    // cannot be opened.
+    if (!hw || hw->native_driver != 1) return kLegacy;
+    return is_kron_device(hw->device_id) ? kKron : kPyx;
 }
 
-void trelm::trace_call(const char* func, uint32_t handle, Piece text) { trace(func, {{"(", handle}, text}); }
+void trelm::trace_call(const char* func, uint32_t handle, Piece text) {
+    trace(func, Piece("(", handle), text);
+}
 
-void trelm::error_call(const char* func, uint32_t handle, Piece text) { error(func, {{"(", handle}, text}); }
+void trelm::error_call(const char* func, uint32_t handle, Piece text) {
+    error(func, Piece("(", handle), text);
+}
 
 uint32_t trelm::fail_call(const char* func, uint32_t handle, Piece text, uint32_t status) {
     error_call(func, handle, text);
@@ -174,7 +186,7 @@ uint32_t trelm::fail_call(const char* func, uint32_t handle, Piece text, uint32_
 
 uint32_t trelm::fail_request(const char* func, uint32_t handle, const char* text, Outcome outcome) {
     const int err = errno;
-    error(func, {{"(", handle}, {text, outcome.stat}, {" errno=", err}});
+    error(func, Piece("(", handle), Piece(text, outcome.stat), Piece(" errno=", err));
     return trelm_xlate_err(outcome.stat);
 }
 

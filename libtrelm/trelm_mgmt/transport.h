@@ -1,5 +1,5 @@
-// transport.h - which driver serves a port, and what the public functions ask of it. A Transport is a complete table: the
-// functions read as their algorithms and know no driver.
+// transport.h - which driver serves a port, and what the public functions ask of it. A Transport is a
+// complete table: the functions read as their algorithms and know no driver.
 #pragma once
 
 #include "trelm_core.h"
@@ -15,7 +15,8 @@ struct Outcome {
     bool failed() const { return result != 0 || stat != 0; }
 };
 
-// The record of a SCSI command to either kind of driver: they begin alike, so the common fields can be read from both.
+// The record of a SCSI command to either kind of driver: they begin alike, so the common fields can be read
+// from both.
 union scsi_cmd_record {
     dorfc_scsi_cmd legacy;
     kronfc_scsi_cmd native;
@@ -38,9 +39,10 @@ struct Transport {
     const char* stats_alloc_failed;
     const char* tgt_alloc_failed;
 
-    // Sends the command; `data` is the caller's buffer of cmd's data_len bytes. A read leaves its data there on success.
+    // Sends the command; `data` is the caller's buffer of cmd's data_len bytes. A read leaves its data there
+    // on success.
     Outcome (*send_scsi)(trelm_priv_db* pdb, scsi_cmd_record* cmd, uint8_t* data);
-    bool native;  // the record is the native one, with room for kScsiMaxData bytes
+    bool native;  // one command moves at most kScsiMaxData bytes
     const char* scsi_alloc_failed;
     const char* scsi_failed;
 
@@ -49,9 +51,10 @@ struct Transport {
 };
 
 // The transport that serves the ports of a hardware record.
-const Transport& transport_of(const trelm_hw_info& hw);
+const Transport& transport_of(const trelm_hw_info* hw);
 
-// The lines of a public function: its name, the handle or instance in parentheses, and a text with perhaps a number.
+// The lines of a public function: its name, the handle or instance in parentheses, and a text with perhaps a
+// number.
 void trace_call(const char* func, uint32_t handle, Piece text);
 void error_call(const char* func, uint32_t handle, Piece text);
 // Logs the text and returns the status, so that failing is one expression.
