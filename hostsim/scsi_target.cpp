@@ -29,8 +29,7 @@ ScsiReply answer_for_nobody(const ScsiRequest& request) {
 }  // namespace
 
 std::optional<uint16_t> lun_number(uint32_t lun, uint32_t lun_ext) {
-    const bool is_single_level = lun_ext == 0 && lun >> 16 == 0;
-    if (!is_single_level) return std::nullopt;
+    if (lun_ext != 0) return std::nullopt;
     if (lun >> 14 == 1) return static_cast<uint16_t>(lun & kMaxLunNumber);
     if (lun <= 0xFF) return static_cast<uint16_t>(lun);
     return std::nullopt;

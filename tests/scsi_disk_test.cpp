@@ -163,7 +163,9 @@ TEST(ReadCapacity, TellsTheLastBlockAndDefersToTheLongForm) {
         EXPECT_EQ(get_be(whole, 0, 8), c.blocks - 1);
         EXPECT_EQ(get_be(whole, 8, 4), c.size);
     }
-    EXPECT_EQ(run(disk_of(small_disk()), {0x9E, 0x10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 12}).data.size(), 12u);
+    const Disk disk = disk_of(small_disk());
+    EXPECT_EQ(run(disk, {0x9E, 0x10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 12}).data.size(), 12u);
+    EXPECT_EQ(run(disk, {0x9E, 0x10, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0}).data.size(), 32u);
 }
 
 TEST(ModeSense, LaysOutHeaderDescriptorAndPages) {
@@ -280,41 +282,42 @@ struct TransferCase {
     uint8_t read, write;
     uint64_t blocks;
     uint32_t block_size;
+    uint32_t count;  // blocks of one transfer
 };
 
 class TransferLength : public ::testing::TestWithParam<TransferCase> {};
 
 TEST_P(TransferLength, ReturnsWhatWasWrittenUpToTheLastBlockAndRefusesWhatLiesBehind) {
-    const auto& [read, write, blocks, size] = GetParam();
+    const auto& [read, write, blocks, size, count] = GetParam();
+    const size_t bytes = size_t{count} * size;
     DiskConfig config = small_disk();
     config.block_count = blocks;
     config.block_size = size;
     const Disk disk = disk_of(config);
-    for (const uint64_t lba : {uint64_t{0}, blocks / 2 + 1, blocks - 3}) {
-        const Bytes data = pattern(size_t{3} * size, static_cast<uint8_t>(lba));
-        const Result written = send(disk, transfer_cdb(write, lba, 3), data);
+    for (const uint64_t lba : {uint64_t{0}, blocks / 2 + 1, blocks - count}) {
+        const Bytes data = pattern(bytes, static_cast<uint8_t>(lba));
+        const Result written = send(disk, transfer_cdb(write, lba, count), data);
         EXPECT_TRUE(written.good());
         EXPECT_EQ(written.reply.transferred, data.size());
-        EXPECT_EQ(run(disk, transfer_cdb(read, lba, 3)).data, data);
-        EXPECT_EQ(run(disk, transfer_cdb(read, lba, 3), size + 5).data,
+        EXPECT_EQ(run(disk, transfer_cdb(read, lba, count), bytes).data, data);
+        EXPECT_EQ(run(disk, transfer_cdb(read, lba, count), size + 5).data,
                   Bytes(data.begin(), data.begin() + size + 5));
     }
-    for (const uint64_t lba : {blocks - 2, blocks, blocks + 1}) {
-        EXPECT_EQ(run(disk, transfer_cdb(read, lba, 3)).code(), sense::kLbaOutOfRange);
-        EXPECT_EQ(send(disk, transfer_cdb(write, lba, 3), Bytes(size_t{3} * size, 1)).code(),
-                  sense::kLbaOutOfRange);
+    for (const uint64_t lba : {blocks - count + 1, blocks, blocks + 1}) {
+        EXPECT_EQ(run(disk, transfer_cdb(read, lba, count)).code(), sense::kLbaOutOfRange);
+        EXPECT_EQ(send(disk, transfer_cdb(write, lba, count), Bytes(bytes, 1)).code(), sense::kLbaOutOfRange);
     }
-    EXPECT_EQ(run(disk, transfer_cdb(read, blocks - 3, 3)).data,
-              pattern(size_t{3} * size, static_cast<uint8_t>(blocks - 3)));
-    EXPECT_TRUE(all_are(0, run(disk, transfer_cdb(read, 5, 2)).data));
+    EXPECT_EQ(run(disk, transfer_cdb(read, blocks - count, count), bytes).data,
+              pattern(bytes, static_cast<uint8_t>(blocks - count)));
+    EXPECT_TRUE(all_are(0, run(disk, transfer_cdb(read, count, 2)).data));
 }
 
 INSTANTIATE_TEST_SUITE_P(Commands, TransferLength,
-                         ::testing::Values(TransferCase{0x08, 0x0A, 100000, 512},
-                                           TransferCase{0x28, 0x2A, 0x300000, 512},
-                                           TransferCase{0xA8, 0xAA, 0xFFFFFF00, 4096},
-                                           TransferCase{0x88, 0x8A, 0x300000000, 512},
-                                           TransferCase{0x88, 0x8A, UINT64_MAX - 8, 4096}));
+                         ::testing::Values(TransferCase{0x08, 0x0A, 0x1FFFF0, 512, 255},
+                                           TransferCase{0x28, 0x2A, 0x300000, 512, 300},
+                                           TransferCase{0xA8, 0xAA, 0xFFFFFF00, 4096, 300},
+                                           TransferCase{0x88, 0x8A, 0x300000000, 512, 300},
+                                           TransferCase{0x88, 0x8A, UINT64_MAX - 8, 4096, 3}));
 
 TEST(Transfer, TakesZeroBlocksForNoneExceptInTheSixByteForm) {
     const Disk disk = disk_of(small_disk());
@@ -322,6 +325,10 @@ TEST(Transfer, TakesZeroBlocksForNoneExceptInTheSixByteForm) {
         EXPECT_TRUE(run(disk, transfer_cdb(opcode, 2047, 0)).good());
         EXPECT_EQ(run(disk, transfer_cdb(opcode, 2047, 0)).reply.transferred, 0u);
         EXPECT_EQ(run(disk, transfer_cdb(opcode, 2048, 0)).code(), sense::kLbaOutOfRange);
+    }
+    for (const uint8_t opcode : {0xA8, 0x88}) {  // counts that only their wide field can hold
+        EXPECT_EQ(run(disk, transfer_cdb(opcode, 0, 0x10000)).code(), sense::kLbaOutOfRange);
+        EXPECT_EQ(run(disk, transfer_cdb(opcode, 0, 0x1000000)).code(), sense::kLbaOutOfRange);
     }
     EXPECT_EQ(run(disk, transfer_cdb(0x08, 0, 0), 256 * 1024).reply.transferred, 256u * 512);
     EXPECT_EQ(run(disk, transfer_cdb(0x08, 1793, 0), 256 * 1024).code(), sense::kLbaOutOfRange);
