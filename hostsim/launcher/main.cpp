@@ -4,6 +4,7 @@
 #include <fmt/ostream.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -83,6 +84,16 @@ int list_as_lsof() {
     return 0;
 }
 
+// The command stands behind "--" and is not ours to read.
+std::vector<std::string> take_command(int& argc, char** argv) {
+    char** const end =
+        std::find_if(argv, argv + argc, [](const char* text) { return std::strcmp(text, "--") == 0; });
+    std::vector<std::string> command;
+    if (end != argv + argc) command.assign(end + 1, argv + argc);
+    argc = static_cast<int>(end - argv);
+    return command;
+}
+
 int dispatch(int argc, char** argv) {
     CLI::App app{"Runs programs, unmodified, on a simulated host with FCoE adapters.", "trelm-hostsim"};
     app.set_version_flag("--version", "trelm-hostsim " HOSTSIM_VERSION);
@@ -90,8 +101,11 @@ int dispatch(int argc, char** argv) {
     app.footer("Start with: trelm-hostsim new host.json, then trelm-hostsim run host.json -- trelmctl list");
 
     hostsim::RunOptions options;
+    options.command = take_command(argc, argv);
     std::string root;
-    CLI::App* run = app.add_subcommand("run", "Run a command on the host that a file describes");
+    CLI::App* run = app.add_subcommand("run",
+                                       "Run a command on the host that a file describes:\n  trelm-hostsim "
+                                       "run HOST.json [--root DIR] -- COMMAND [ARGUMENT]...");
     run->add_option("HOST.json", options.host_file, "The host file; edits show in the running host")
         ->required();
     CLI::Option* has_root = run->add_option("--root", root,
@@ -100,8 +114,6 @@ int dispatch(int argc, char** argv) {
     has_root->type_name("DIR")->check([](const std::string& value) {
         return value.empty() ? std::string("a directory is needed") : std::string();
     });
-    run->add_option("COMMAND", options.command, "The command and its arguments, after --")->required();
-    run->positionals_at_end();
     run->footer(
         "The command and all its children see the host's drivers, name, user, process listing and "
         "semaphores, and files\n"
@@ -123,6 +135,10 @@ int dispatch(int argc, char** argv) {
 
     try {
         app.parse(argc, argv);
+        if (*run && options.command.empty())
+            throw CLI::RequiredError(
+                "a command behind --, as in: trelm-hostsim run HOST.json -- trelmctl list");
+        if (!*run && !options.command.empty()) throw CLI::ExtrasError(options.command);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : kUsage;
     }

@@ -1,13 +1,10 @@
-// system.cpp - what a program asks of the system itself: its name, its user, System V semaphores, commands,
-// and the VMkernel management interface.
+// system.cpp - what a program asks of the system itself: its name, its user, System V semaphores and commands.
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -15,7 +12,6 @@
 #include "arguments.h"
 #include "attach.h"
 #include "interpose.h"
-#include "vmkmgmt.h"
 
 namespace hostsim {
 
@@ -117,38 +113,6 @@ INTERPOSED(int, system, (const char* command)) {
     if (state == nullptr || command == nullptr) return NEXT(system)(command);
     restore_environment();
     return NEXT(system)(on_host(*state, command).c_str());
-}
-
-// ---- The management interface
-// ---------------------------------------------------------------------------------------
-
-INTERPOSED(int, vmk_MgmtUserInit,
-           (vmk_MgmtApiSignature * signature, uint64_t cookie, vmk_MgmtUserHandle* handle)) {
-    Host* host = serving_host();
-    if (host == nullptr) return NEXT(vmk_MgmtUserInit)(signature, cookie, handle);
-    const OwnCalls own;
-    return host->management_init(signature, cookie, handle);
-}
-
-// No callback takes more parameters than this; the rest of a longer list is not looked at.
-static constexpr uint32_t kMostParameters = 4;
-
-extern "C" HOSTSIM_API int hostsim_invoke(vmk_MgmtUserHandle handle, uint64_t instance, uint64_t callback,
-                                          uint32_t count, ...) __asm__("vmk_MgmtUserCallbackInvokeInt");
-int hostsim_invoke(vmk_MgmtUserHandle handle, uint64_t instance, uint64_t callback, uint32_t count, ...) {
-    static constinit Next<int(vmk_MgmtUserHandle, uint64_t, uint64_t, uint32_t, void*, void*, void*, void*)>
-        next("vmk_MgmtUserCallbackInvokeInt");
-    std::array<void*, kMostParameters> parameters{};
-    va_list list;
-    va_start(list, count);
-    for (uint32_t i = 0; i < std::min(count, kMostParameters); ++i) parameters[i] = va_arg(list, void*);
-    va_end(list);
-    Host* host = serving_host();
-    if (host == nullptr)
-        return next(handle, instance, callback, count, parameters[0], parameters[1], parameters[2],
-                    parameters[3]);
-    const OwnCalls own;
-    return host->management_invoke(handle, instance, callback, count, parameters.data());
 }
 
 }  // namespace hostsim
