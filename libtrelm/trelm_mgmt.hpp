@@ -247,12 +247,14 @@ class Adapter {
         std::vector<TRELM_LUN_INFO> elements(16);
         uint32_t code = TRELM_STATUS_INSUFFICIENT_BUFFER;
         // The list may grow between two calls, but not for ever.
-        for (int attempt = 0; attempt < 4 && code == TRELM_STATUS_INSUFFICIENT_BUFFER; ++attempt) {
+        for (int attempt = 0; attempt < 4; ++attempt) {
             for (TRELM_LUN_INFO& element : elements) element = unfilled_lun();
             uint32_t count = static_cast<uint32_t>(elements.size());
             TRELM_LUN_INFO* array = elements.data();
             code = TRELM_GetLunInfo(handle_, npiv_index, target, &count, &array);
-            if (code == TRELM_STATUS_INSUFFICIENT_BUFFER) elements.resize(count);
+            // Where the room was enough, the code is a driver's status 9 instead.
+            if (code != TRELM_STATUS_INSUFFICIENT_BUFFER || count <= elements.size()) break;
+            elements.resize(count);
         }
         check(code, "TRELM_GetLunInfo", npiv_index);
         std::size_t filled = 0;

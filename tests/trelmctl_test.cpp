@@ -29,7 +29,7 @@ using Words = std::vector<std::string>;
 const std::string kTool = TRELM_BINARY_DIR "/bin/trelmctl";
 const std::string kLauncher = TRELM_BINARY_DIR "/bin/trelm-hostsim";
 
-struct Run {
+struct Result {
     int exit_status = -1;
     std::string out;
     std::string err;
@@ -62,7 +62,7 @@ class TrelmctlTest : public testing::Test {
     std::string path(const std::string& name) const { return directory_ + "/" + name; }
 
     // Runs a command with its output in files, so that neither stream can block the other.
-    Run run(const Words& words, const std::string& out = "") const {
+    Result execute(const Words& words, const std::string& out = "") const {
         const std::string out_path = out.empty() ? path("out") : out;
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
@@ -91,7 +91,7 @@ class TrelmctlTest : public testing::Test {
         std::ofstream(path("host.json")) << host;
         return on_file(path("host.json"), arguments);
     }
-    Run tool(const Words& arguments) const { return run(on_host(arguments)); }
+    Result tool(const Words& arguments) const { return execute(on_host(arguments)); }
     static Words on_sample(const std::string& name, const Words& arguments) {
         return on_file(TRELM_SOURCE_DIR "/hostsim/hosts/" + name, arguments);
     }
@@ -131,7 +131,7 @@ class TrelmctlTest : public testing::Test {
 // ---- Ports -----------------------------------------------------------------------------------------------
 
 TEST_F(TrelmctlTest, ListsPortsInAlignedColumns) {
-    const Run listed = tool({"list"});
+    const Result listed = tool({"list"});
     EXPECT_EQ(listed.exit_status, 0) << listed.err;
     EXPECT_EQ(listed.err, "");
     EXPECT_EQ(listed.out,
@@ -160,7 +160,7 @@ TEST_F(TrelmctlTest, ListsPortsAsJsonWithRawValues) {
 TEST_F(TrelmctlTest, APortThatFailsHidesNoOther) {
     add_fault(
         {{"operation", "port_info"}, {"port", "a"}, {"status", 6}, {"occurrence", 2}, {"count", "always"}});
-    const Run listed = tool({"list"});
+    const Result listed = tool({"list"});
     EXPECT_EQ(listed.exit_status, 1);
     ASSERT_EQ(lines_of(listed.out).size(), 3u);
     EXPECT_THAT(lines_of(listed.out)[1], StartsWith("   0  failed     20:01:00:c0:5a:00:00:01"));
@@ -168,7 +168,7 @@ TEST_F(TrelmctlTest, APortThatFailsHidesNoOther) {
     EXPECT_THAT(listed.err, AllOf(HasSubstr("port 0/3"), HasSubstr("TRELM_GetVNPortInfo"),
                                   HasSubstr("0x60000006"), HasSubstr("driver failed with its status 6")));
 
-    const Run as_json = tool({"list", "--json"});
+    const Result as_json = tool({"list", "--json"});
     EXPECT_EQ(as_json.exit_status, 1);
     const json document = as_json.document();
     EXPECT_EQ(document["ports"][0]["error"]["code"], "0x60000006");
@@ -217,33 +217,33 @@ TEST_F(TrelmctlTest, TellsWhichPortIsNotThere) {
               {"0/2", "0x60000001", "0/2"},
               {"20:01:00:c0:5a:00:00:99", "0x60000007", "20:01:00:c0:5a:00:00:99"}};
     for (const auto& missing : cases) {
-        const Run run = tool({"stats", missing.port, "--json"});
-        EXPECT_EQ(run.exit_status, 1);
-        EXPECT_EQ(run.document()["error"]["code"], missing.code);
-        EXPECT_EQ(run.document()["error"]["port"], missing.named);
+        const Result result = tool({"stats", missing.port, "--json"});
+        EXPECT_EQ(result.exit_status, 1);
+        EXPECT_EQ(result.document()["error"]["code"], missing.code);
+        EXPECT_EQ(result.document()["error"]["port"], missing.named);
     }
 }
 
 // ---- Machines and usage ----------------------------------------------------------------------------------
 
 TEST_F(TrelmctlTest, NamesTheSimulatedHostWhereThereIsNoHost) {
-    const Run run = this->run({kTool, "list"});
-    EXPECT_EQ(run.exit_status, 1);
-    EXPECT_EQ(run.out, "");
-    EXPECT_EQ(lines_of(run.err).size(), 1u);
-    EXPECT_THAT(run.err, AllOf(HasSubstr("not an ESXi host"),
-                               HasSubstr("trelm-hostsim run HOST.json -- trelmctl list")));
-    EXPECT_EQ(this->run({kTool, "version"}).exit_status, 0) << "the version needs no host";
+    const Result result = execute({kTool, "list"});
+    EXPECT_EQ(result.exit_status, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(lines_of(result.err).size(), 1u);
+    EXPECT_THAT(result.err, AllOf(HasSubstr("not an ESXi host"),
+                                  HasSubstr("trelm-hostsim run HOST.json -- trelmctl list")));
+    EXPECT_EQ(execute({kTool, "version"}).exit_status, 0) << "the version needs no host";
 
     host["effective_user"] = 1000;
     EXPECT_THAT(tool({"list"}).err, HasSubstr("run trelmctl as root"));
 }
 
 TEST_F(TrelmctlTest, AHostWithoutPortsHasItsOwnExitStatus) {
-    const Run run = this->run(on_sample("empty.json", {"list"}));
-    EXPECT_EQ(run.exit_status, 3);
-    EXPECT_THAT(run.err, HasSubstr("no FCoE port was found"));
-    const Run as_json = this->run(on_sample("empty.json", {"show", "0", "--json"}));
+    const Result result = execute(on_sample("empty.json", {"list"}));
+    EXPECT_EQ(result.exit_status, 3);
+    EXPECT_THAT(result.err, HasSubstr("no FCoE port was found"));
+    const Result as_json = execute(on_sample("empty.json", {"show", "0", "--json"}));
     EXPECT_EQ(as_json.exit_status, 3);
     EXPECT_EQ(as_json.document()["error"]["exit_status"], 3);
 }
@@ -269,21 +269,21 @@ TEST_F(TrelmctlTest, WrongUsageIsToldInTheFormAskedFor) {
     for (const auto& wrong : cases) {
         Words words{kTool};
         words.insert(words.end(), wrong.arguments.begin(), wrong.arguments.end());
-        const Run as_text = run(words);
+        const Result as_text = execute(words);
         EXPECT_EQ(as_text.exit_status, 2) << wrong.about;
         EXPECT_EQ(as_text.out, "");
         EXPECT_THAT(as_text.err, HasSubstr(wrong.about));
         words.emplace_back("--json");
-        const Run as_json = run(words);
+        const Result as_json = execute(words);
         EXPECT_EQ(as_json.exit_status, 2) << wrong.about;
         EXPECT_THAT(as_json.document()["error"]["meaning"].get<std::string>(), HasSubstr(wrong.about));
         EXPECT_EQ(as_json.document()["error"]["exit_status"], 2);
     }
-    EXPECT_EQ(run({kTool, "stats", "0", "--watch", "1", "--json"}).exit_status, 2);
+    EXPECT_EQ(execute({kTool, "stats", "0", "--watch", "1", "--json"}).exit_status, 2);
 }
 
 TEST_F(TrelmctlTest, OutputThatCannotBeWrittenIsAFailure) {
-    const Run full = run(on_host({"list"}), "/dev/full");
+    const Result full = execute(on_host({"list"}), "/dev/full");
     EXPECT_EQ(full.exit_status, 1);
     EXPECT_THAT(full.err, HasSubstr("No space left on device"));
 
@@ -292,7 +292,7 @@ TEST_F(TrelmctlTest, OutputThatCannotBeWrittenIsAFailure) {
                 path("pipe")};
     const Words command = on_host({"list"});
     words.insert(words.end(), command.begin(), command.end());
-    const Run gone = run(words);
+    const Result gone = execute(words);
     EXPECT_EQ(gone.exit_status, 1);
     EXPECT_THAT(gone.err, HasSubstr("Broken pipe"));
 }
@@ -354,7 +354,7 @@ TEST_F(TrelmctlTest, DrawsTheTreeInTheCharactersOfTheLocale) {
     const auto tree = [&](const std::string& locale) {
         Words words = on_host({"tree"});
         words.insert(words.begin(), {"/usr/bin/env", "LC_ALL=" + locale});
-        return run(words).out;
+        return execute(words).out;
     };
     const std::string expected =
         "port 0  vmhba7  20:01:00:c0:5a:00:00:01  online  10 Gbit/s  Ulvard 8042\n"
@@ -377,16 +377,16 @@ TEST_F(TrelmctlTest, ShowsWhatFailsInTheTreeAtItsPlace) {
                {"opcode", "0x12"},
                {"errno", "EIO"},
                {"count", "always"}});
-    const Run run = tool({"tree", "--json"});
-    EXPECT_EQ(run.exit_status, 1);
-    const json targets = run.document()["ports"][0]["targets"];
+    const Result result = tool({"tree", "--json"});
+    EXPECT_EQ(result.exit_status, 1);
+    const json targets = result.document()["ports"][0]["targets"];
     ASSERT_EQ(targets.size(), 2u);
     EXPECT_EQ(targets[0]["luns"][0]["capacity"], "64 GiB");
     EXPECT_THAT(targets[0]["luns"][1]["error"]["meaning"].get<std::string>(), HasSubstr("Not ready"));
     EXPECT_EQ(targets[0]["luns"][2]["error"], nullptr);
     EXPECT_EQ(targets[1]["luns"][0]["error"]["code"], "0x6000000B");
-    EXPECT_EQ(run.document()["ports"][0]["virtual_ports"][0]["npiv_index"], 1);
-    EXPECT_EQ(run.document()["ports"][1]["instance"], 1);
+    EXPECT_EQ(result.document()["ports"][0]["virtual_ports"][0]["npiv_index"], 1);
+    EXPECT_EQ(result.document()["ports"][1]["instance"], 1);
     EXPECT_THAT(lines_of(tool({"tree"}).out)[4],
                 HasSubstr("[failed: target 0 LUN 1 refused the command: Not ready"));
 }
@@ -399,9 +399,9 @@ TEST_F(TrelmctlTest, TakesAListingUpLunByLunWhereTheLibraryEndsIt) {
                {"status", 9},
                {"occurrence", 2},
                {"count", 2}});
-    const Run run = tool({"luns", "0", "0", "--json"});
-    EXPECT_EQ(run.exit_status, 1);
-    const json luns = run.document()["luns"];
+    const Result result = tool({"luns", "0", "0", "--json"});
+    EXPECT_EQ(result.exit_status, 1);
+    const json luns = result.document()["luns"];
     ASSERT_EQ(luns.size(), 3u);
     EXPECT_EQ(luns[0]["error"]["code"], "0x60000009");
     EXPECT_EQ(luns[1]["capacity"], "3 TiB");
@@ -410,10 +410,10 @@ TEST_F(TrelmctlTest, TakesAListingUpLunByLunWhereTheLibraryEndsIt) {
 }
 
 TEST_F(TrelmctlTest, TheSampleHostsAreListedWhole) {
-    const Run lab = run(on_sample("lab.json", {"tree", "--json"}));
+    const Result lab = execute(on_sample("lab.json", {"tree", "--json"}));
     EXPECT_EQ(lab.exit_status, 0) << lab.err;
     EXPECT_EQ(lab.document()["ports"].size(), 3u);
-    const Run degraded = run(on_sample("degraded.json", {"list"}));
+    const Result degraded = execute(on_sample("degraded.json", {"list"}));
     EXPECT_THAT(degraded.out, HasSubstr("link down"));
 }
 
@@ -425,20 +425,20 @@ TEST_F(TrelmctlTest, WhatIsWrittenIsReadAgain) {
     std::ofstream(path("block"), std::ios::binary) << block;
     // One launch for both commands: what a simulated host keeps in memory ends with it.
     std::ofstream(path("host.json")) << host;
-    const Run run = this->run({kLauncher, "run", path("host.json"), "--", "/bin/sh", "-c",
-                               "\"$0\" scsi 0 0 0 2a0000000005 00 00 01 00 --out \"$1\" > \"$1.told\" && "
-                               "\"$0\" scsi 0 0 0 28 0 0 0 0 5 0 0 1 0 --in 512 --raw",
-                               kTool, path("block")});
-    EXPECT_EQ(run.exit_status, 0) << run.err;
-    EXPECT_EQ(run.out, block);
+    const Result result = execute({kLauncher, "run", path("host.json"), "--", "/bin/sh", "-c",
+                                   "\"$0\" scsi 0 0 0 2a0000000005 00 00 01 00 --out \"$1\" > \"$1.told\" && "
+                                   "\"$0\" scsi 0 0 0 28 0 0 0 0 5 0 0 1 0 --in 512 --raw",
+                                   kTool, path("block")});
+    EXPECT_EQ(result.exit_status, 0) << result.err;
+    EXPECT_EQ(result.out, block);
     EXPECT_EQ(contents(path("block.told")), "Done, without sense data.\n");
 }
 
 TEST_F(TrelmctlTest, PutsSenseDataIntoWords) {
-    const Run past_the_end = tool({"scsi", "0", "0", "2", "28", "00", "ff", "ff", "ff", "f0", "00", "00",
-                                   "01", "00", "--in", "512", "--json"});
+    const Result past_the_end = tool({"scsi", "0", "0", "2", "28", "00", "ff", "ff", "ff", "f0", "00", "00",
+                                      "01", "00", "--in", "512", "--json"});
     EXPECT_EQ(past_the_end.exit_status, 1);
-    const Run refused = tool({"scsi", "0", "0", "0", "ff0000000000", "--json"});
+    const Result refused = tool({"scsi", "0", "0", "0", "ff0000000000", "--json"});
     EXPECT_EQ(refused.exit_status, 1);
     const json document = refused.document();
     EXPECT_EQ(document["sense"]["key"], "Illegal request");
@@ -447,7 +447,7 @@ TEST_F(TrelmctlTest, PutsSenseDataIntoWords) {
     EXPECT_EQ(document["sense"]["asc_raw"], 0x20);
     EXPECT_EQ(document["error"]["name"], "CHECK_CONDITION");
     EXPECT_EQ(document["data"], nullptr);
-    const Run as_text = tool({"scsi", "0", "0", "0", "ff0000000000"});
+    const Result as_text = tool({"scsi", "0", "0", "0", "ff0000000000"});
     EXPECT_THAT(
         as_text.out,
         StartsWith("Sense: Illegal request: invalid command operation code (05/20/00)\n00000000  70 "));
@@ -455,9 +455,9 @@ TEST_F(TrelmctlTest, PutsSenseDataIntoWords) {
 }
 
 TEST_F(TrelmctlTest, DumpsWhatItReads) {
-    const Run run = tool({"scsi", "0", "5", "2", "12", "00", "00", "00", "24", "00", "--in", "64"});
-    ASSERT_EQ(run.exit_status, 0) << run.err;
-    const Words lines = lines_of(run.out);
+    const Result result = tool({"scsi", "0", "5", "2", "12", "00", "00", "00", "24", "00", "--in", "64"});
+    ASSERT_EQ(result.exit_status, 0) << result.err;
+    const Words lines = lines_of(result.out);
     ASSERT_EQ(lines.size(), 4u);
     EXPECT_THAT(lines[0], AllOf(StartsWith("00000000  00 "), EndsWith("CALVEXA |")));
     EXPECT_EQ(lines[1], "00000010  55 4c 56 41 52 44 20 56  4f 4c 55 4d 45 20 20 20  |ULVARD VOLUME   |");

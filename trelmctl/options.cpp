@@ -162,13 +162,20 @@ bool asks_for_json(int argc, char** argv) {
                        [](const char* word) { return std::strcmp(word, "--json") == 0; });
 }
 
-int tell_usage_error(const CLI::ParseError& error, bool json) {
+// A misspelt command leaves a word over, and the complaint would be that no command was given.
+std::string what_is_wrong(const CLI::App& app, const CLI::ParseError& error) {
+    const auto unknown = app.remaining();
+    if (!app.get_subcommands().empty() || unknown.empty()) return error.what();
+    return fmt::format("there is no command or option \"{}\"", escaped(unknown.front()));
+}
+
+int tell_usage_error(const std::string& wrong, bool json) {
     if (!json) {
-        fmt::print(stderr, "{}\n", sentence(usage_failure(error.what())));
+        fmt::print(stderr, "{}\n", sentence(usage_failure(wrong)));
         return EXIT_USAGE;
     }
     Output output(true);
-    output.fail(usage_failure(error.what()));
+    output.fail(usage_failure(wrong));
     return output.finish();
 }
 
@@ -199,7 +206,7 @@ ParsedOptions parse_options(int argc, char** argv) {
     } catch (const CLI::Success& asked) {
         parsed.exit_status = app.exit(asked);
     } catch (const CLI::ParseError& error) {
-        parsed.exit_status = tell_usage_error(error, asks_for_json(argc, argv));
+        parsed.exit_status = tell_usage_error(what_is_wrong(app, error), asks_for_json(argc, argv));
     }
     return parsed;
 }

@@ -106,7 +106,8 @@ ScsiAnswer read_command(const LunAddress& address, std::span<const uint8_t> cdb,
 }
 
 ScsiAnswer write_command(const LunAddress& address, std::span<const uint8_t> cdb, std::vector<uint8_t> data) {
-    return send(address, cdb, data.empty() ? 0 : TRELM_SCSI_DATA_OUT, std::move(data));
+    const uint8_t direction = data.empty() ? 0 : TRELM_SCSI_DATA_OUT;
+    return send(address, cdb, direction, std::move(data));
 }
 
 std::vector<uint8_t> read_or_throw(const LunAddress& address, std::span<const uint8_t> cdb, uint32_t length) {
