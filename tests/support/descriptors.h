@@ -1,4 +1,5 @@
-// descriptors.h - the descriptors that this process has open, so that a test can say that a call left none behind.
+// descriptors.h - the descriptors that this process has open, so that a test can say that a call left none
+// behind.
 #pragma once
 
 #include <algorithm>

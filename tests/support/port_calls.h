@@ -1,5 +1,5 @@
-// port_calls.h - what tests of the per-port functions share: records written down byte by byte, the names that each
-// transport logs, and the ways in which a driver request can fail.
+// port_calls.h - what tests of the per-port functions share: records written down byte by byte, the names
+// that each transport logs, and the ways in which a driver request can fail.
 #pragma once
 
 #include <fmt/format.h>
@@ -95,8 +95,18 @@ struct Failure {
     }
 };
 
-// Has the driver fail one kind of request in every way; `call` is to return what the public function then returns. The
-// status of a driver counts before what its call returns.
+// One request that goes wrong, the `occurrence`-th of its kind.
+inline hostsim::Fault fault(hostsim::Operation operation, Failure failure, uint64_t occurrence = 1) {
+    hostsim::Fault fault;
+    fault.operation = operation;
+    fault.status = failure.status;
+    fault.error = failure.error;
+    fault.occurrence = occurrence;
+    return fault;
+}
+
+// Has the driver fail one kind of request in every way; `call` is to return what the public function then
+// returns. The status of a driver counts before what its call returns.
 template <typename Call>
 void expect_failures_translated(hostsim::Host& host, hostsim::Operation operation, const Call& call) {
     std::vector<std::pair<Failure, uint32_t>> rows{

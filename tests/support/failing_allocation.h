@@ -1,0 +1,50 @@
+// failing_allocation.h - makes one allocation of this thread fail. Included by a test executable once: it
+// stands before the C allocator (or the sanitizer's) of every library in the process.
+#pragma once
+
+#include <cerrno>
+#include <cstddef>
+
+extern "C" {
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+[[gnu::weak]] void* __interceptor_malloc(size_t size);
+[[gnu::weak]] void* __interceptor_calloc(size_t count, size_t size);
+}
+
+namespace trelm::test {
+
+inline constexpr size_t kAnySize = 0;
+inline thread_local bool allocation_is_to_fail = false;
+inline thread_local size_t failing_size = kAnySize;
+
+inline bool allocation_fails(size_t size) {
+    if (!allocation_is_to_fail || (failing_size != kAnySize && size != failing_size)) return false;
+    allocation_is_to_fail = false;
+    errno = ENOMEM;
+    return true;
+}
+
+// While it lives, the first allocation of that size fails.
+class FailingAllocation {
+  public:
+    explicit FailingAllocation(size_t size = kAnySize) {
+        failing_size = size;
+        allocation_is_to_fail = true;
+    }
+    ~FailingAllocation() { allocation_is_to_fail = false; }
+    FailingAllocation(const FailingAllocation&) = delete;
+    FailingAllocation& operator=(const FailingAllocation&) = delete;
+};
+
+}  // namespace trelm::test
+
+extern "C" [[gnu::visibility("default")]] void* malloc(size_t size) {
+    if (trelm::test::allocation_fails(size)) return nullptr;
+    return __interceptor_malloc ? __interceptor_malloc(size) : __libc_malloc(size);
+}
+
+extern "C" [[gnu::visibility("default")]] void* calloc(size_t count, size_t size) {
+    if (trelm::test::allocation_fails(count * size)) return nullptr;
+    return __interceptor_calloc ? __interceptor_calloc(count, size) : __libc_calloc(count, size);
+}
