@@ -2,6 +2,9 @@
 // behind.
 #pragma once
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <iterator>
@@ -11,6 +14,15 @@ namespace trelm::test {
 inline size_t open_descriptors() {
     const std::filesystem::directory_iterator entries("/proc/self/fd");
     return static_cast<size_t>(std::distance(begin(entries), end(entries)));
+}
+
+// Fills the place of a descriptor that a failed close has closed all the same, so that closing it again
+// works.
+inline void put_back(int descriptor) {
+    const int other = open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (other == descriptor) return;
+    dup2(other, descriptor);
+    close(other);
 }
 
 }  // namespace trelm::test
