@@ -202,10 +202,10 @@ struct Fault {
     static constexpr uint64_t kAlways = UINT64_MAX;
 
     Operation operation = Operation::port_info;
-    std::optional<DriverKind> driver;
-    std::string port;                // name or WWPN; empty: every port
-    std::optional<uint32_t> target;  // of tgt_info and scsi
-    std::optional<uint8_t> opcode;   // of scsi
+    std::optional<DriverKind> driver{};
+    std::string port{};                // name or WWPN; empty: every port
+    std::optional<uint32_t> target{};  // of tgt_info and scsi
+    std::optional<uint8_t> opcode{};   // of scsi
     uint64_t occurrence = 1;
     uint64_t count = 1;
     uint32_t status = 0;  // reported by the driver
