@@ -58,7 +58,7 @@ struct ScsiReply {
 
 HOSTSIM_API SenseData fixed_sense(SenseCode code);
 
-ScsiReply check_condition(SenseCode code);
+HOSTSIM_API ScsiReply check_condition(SenseCode code);
 
 // A field of the CDB that is wrong: the sense data points at its first byte and, where given, its highest
 // bit.
