@@ -409,6 +409,13 @@ TEST_F(TrelmctlTest, TakesAListingUpLunByLunWhereTheLibraryEndsIt) {
     EXPECT_EQ(luns[2]["vendor"], "CALVEXA");
 }
 
+TEST_F(TrelmctlTest, ListsAsManyLunsAsATargetCanHave) {
+    port(0)["targets"][0]["luns"] = {{{"number", 0}, {"count", 2047}, {"capacity", "1 GiB"}}};
+    const Words lines = lines_of(tool({"luns", "0", "0"}).out);
+    ASSERT_EQ(lines.size(), 2048u);
+    EXPECT_EQ(lines.back(), "0x47fe  disk  CALVEXA  ULVARD VOLUME  0500     1 GiB");
+}
+
 TEST_F(TrelmctlTest, TheSampleHostsAreListedWhole) {
     const Result lab = execute(on_sample("lab.json", {"tree", "--json"}));
     EXPECT_EQ(lab.exit_status, 0) << lab.err;

@@ -104,20 +104,20 @@ void parse_block_limits(Page& page) {
         std::size_t width;
     };
     static constexpr std::array limits{
-        Limit{"max_compare_and_write", "Largest COMPARE AND WRITE", 1, 1},
-        Limit{"optimal_transfer_granularity", "Optimal transfer granularity", 2, 2},
-        Limit{"max_transfer_length", "Largest transfer", 4, 4},
-        Limit{"optimal_transfer_length", "Optimal transfer", 8, 4},
-        Limit{"max_prefetch_length", "Largest prefetch", 12, 4},
-        Limit{"max_unmap_blocks", "Largest UNMAP", 16, 4},
+        Limit{"max_compare_and_write", "Largest COMPARE AND WRITE, blocks", 1, 1},
+        Limit{"optimal_transfer_granularity", "Optimal transfer granularity, blocks", 2, 2},
+        Limit{"max_transfer_length", "Largest transfer, blocks", 4, 4},
+        Limit{"optimal_transfer_length", "Optimal transfer, blocks", 8, 4},
+        Limit{"max_prefetch_length", "Largest prefetch, blocks", 12, 4},
+        Limit{"max_unmap_blocks", "Largest UNMAP, blocks", 16, 4},
         Limit{"max_unmap_descriptors", "Most UNMAP descriptors", 20, 4},
-        Limit{"optimal_unmap_granularity", "Optimal UNMAP granularity", 24, 4},
-        Limit{"max_write_same_blocks", "Largest WRITE SAME", 32, 8},
+        Limit{"optimal_unmap_granularity", "Optimal UNMAP granularity, blocks", 24, 4},
+        Limit{"max_write_same_blocks", "Largest WRITE SAME, blocks", 32, 8},
     };
     for (const Limit& limit : limits) {
         if (limit.at + limit.width > page.body.size()) break;
         const uint64_t value = big_endian(page.body, limit.at, limit.width);
-        page.text += fmt::format("  {:<30}{} blocks\n", limit.label, value);
+        page.text += fmt::format("  {:<38}{}\n", limit.label, value);
         page.json[limit.key] = value;
     }
 }
