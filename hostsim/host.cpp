@@ -110,8 +110,9 @@ Host::Host(std::unique_ptr<Core> core) : core_(std::move(core)) {
         [] {
             if (forking) forking->unlock();
         },
+        // The child's thread has another id than the one that took the lock, so it cannot give it back.
         [] {
-            if (forking) forking->unlock();
+            if (forking) new (forking) std::recursive_mutex;
         });
     (void)handlers;
     Host* none = nullptr;
