@@ -9,6 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -334,6 +336,18 @@ TEST_F(Log, KeepsLinesOfSeveralThreadsWhole) {
     for (uint64_t writer = 0; writer < 4; ++writer) threads.emplace_back(write_lines, writer);
     for (std::thread& thread : threads) thread.join();
     expect_lines_of(4, log.take());
+}
+
+TEST_F(Log, LetsAProcessForkWhileAnotherThreadWrites) {
+    set_debug_flags(kAllLines);
+    std::atomic<bool> done = false;
+    std::thread writer([&] {
+        while (!done) print_line("x");
+    });
+    for (int i = 0; i < 20; ++i) EXPECT_EQ(in_child([] { return print_line("child"), 0; }), 0);
+    done = true;
+    writer.join();
+    EXPECT_EQ(std::ranges::count(log.take(), "child"), 20);
 }
 
 TEST_F(Log, KeepsLinesOfSeveralProcessesWholeInTheFile) {

@@ -56,6 +56,8 @@ bool fails(std::string_view name) {
 FAILING(int, fsync, (int fd), (fd), -1)
 FAILING(int, remove, (const char* path), (path), -1)
 FAILING(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), -1)
+FAILING(void*, mmap, (void* at, size_t size, int access, int flags, int fd, off_t offset),
+        (at, size, access, flags, fd, offset), MAP_FAILED)
 FAILING(ssize_t, read, (int fd, void* bytes, size_t count), (fd, bytes, count), -1)
 
 namespace {
@@ -110,7 +112,17 @@ size_t open_descriptors() {
 
 class SharedDatabase : public ::testing::Test {
   protected:
-    SharedDatabase() { set_listing(2); }
+    SharedDatabase() {
+        forget();
+        set_listing(2);
+    }
+
+    // As in a process that has the library newly loaded; a fork begins with what its parent has open.
+    static void forget() {
+        trelm_db_sem_id = trelm_shm_fildes = -1;
+        trelm_shared_data = nullptr;
+        trelm_library_instance = 255;
+    }
 
     // The host's lsof is this shell script.
     void set_lsof(const std::string& script) const {
@@ -130,11 +142,8 @@ class SharedDatabase : public ::testing::Test {
         EXPECT_EQ(trelm_open_database(&fd), 0U);
         return fd;
     }
-    // As a process that has the library newly loaded; a fork begins with what its parent has open.
     int32_t open_anew() {
-        trelm_db_sem_id = trelm_shm_fildes = -1;
-        trelm_shared_data = nullptr;
-        trelm_library_instance = 255;
+        forget();
         return open();
     }
     void close() { EXPECT_EQ(trelm_close_database(trelm_shm_fildes), 0U); }
@@ -354,6 +363,7 @@ TEST_F(FailingDatabase, RefusesWhatIsNoRegularFile) {
         {"directory", EISDIR, [] { mkdir(kFile, 0755); }},
         {"link to a file", ELOOP, [] { EXPECT_EQ(symlink("/tmp/victim", kFile), 0); }},
         {"link to nothing", ELOOP, [] { EXPECT_EQ(symlink("/tmp/nothing", kFile), 0); }},
+        {"file with another name", EEXIST, [] { EXPECT_EQ(link("/tmp/victim", kFile), 0); }},
         {"pipe", EEXIST, [] { mkfifo(kFile, 0666); }},
     };
     std::ofstream("/tmp/victim") << "mine";
@@ -441,6 +451,12 @@ TEST_F(FailingDatabase, LeavesAnOldFileThatItCannotGrow) {
     EXPECT_EQ(contents().substr(0, 1000), old);
 }
 
+TEST_F(FailingDatabase, LeavesAFileThatItCannotMap) {
+    write_file(old_file(kSize, {}));
+    expect_failure({with("mmap on existing cxmgmt_native.dat failed=", EIO)}, "mmap");
+    EXPECT_EQ(contents(), old_file(kSize, {}));
+}
+
 TEST_F(FailingDatabase, LeavesASemaphoreOfOthersAlone) {
     const int foreign = semget(kKey, 3, IPC_CREAT | 0644);
     set_debug_flags(kErrorLines);
@@ -470,6 +486,18 @@ TEST_F(SharedDatabase, OutlivesAProcessThatDiesWhileItHoldsTheSemaphore) {
     EXPECT_TRUE(eventually([] { return semctl(trelm_db_sem_id, 0, GETNCNT) == 1; }));
     holder.kill_and_wait();
     EXPECT_EQ(second.wait(), 1);
+}
+
+TEST_F(SharedDatabase, GetsTheSemaphoreAnewWhereItIsTakenAwayMeanwhile) {
+    const int old_set = semget(kKey, 1, IPC_CREAT | 0644);
+    semctl(old_set, 0, SETVAL, 1);
+    trelm_sem_wait(old_set);
+    Child newcomer([this] { return open_anew(), 40 + trelm_library_instance; });
+    EXPECT_TRUE(eventually([&] { return semctl(old_set, 0, GETNCNT) == 1; }));
+    semctl(old_set, 0, IPC_RMID);
+    EXPECT_EQ(newcomer.wait(), 40);
+    EXPECT_TRUE(has_set());
+    EXPECT_EQ(semctl(semget(kKey, 0, 0), 0, GETVAL), 1);
 }
 
 TEST_F(SharedDatabase, LeavesTheSemaphoreToOneWhoWaitsAtTheEnd) {
@@ -511,7 +539,7 @@ TEST_F(SharedDatabase, HasNothingLeftWhenManyHaveComeAndGone) {
     for (int i = 0; i < 8; ++i) {
         children.push_back(std::make_unique<Child>([&] {
             gate.pass();
-            for (int round = 0; round < 12; ++round) {
+            for (int round = 0; round < 6; ++round) {
                 open();
                 std::atomic<int>& owner = owners[trelm_library_instance];
                 EXPECT_EQ(owner.fetch_add(1), 0);

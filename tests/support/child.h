@@ -24,7 +24,7 @@
 
 namespace trelm::test {
 
-inline constexpr std::chrono::seconds kPatience{60};
+inline constexpr std::chrono::seconds kPatience{120};
 // In place of an exit status: of one that did not end, of one in which an expectation failed.
 inline constexpr int kHung = -1000;
 inline constexpr int kFailed = 99;
