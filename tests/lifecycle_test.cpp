@@ -263,21 +263,32 @@ TEST(DriverStatus, From1To13IsACodeOfItsOwn) {
     }
 }
 
-class ManyLoads : public testing::TestWithParam<DriverKind> {};
-TRELM_ON_EACH_DRIVER(ManyLoads);
+// A thousand loads with the legacy driver, which opens files, in four processes at once; fewer with the
+// others.
+struct LoadsCase {
+    const char* name;
+    DriverKind kind;
+};
+class ManyLoads : public testing::TestWithParam<LoadsCase> {};
+INSTANTIATE_TEST_SUITE_P(
+    , ManyLoads,
+    testing::Values(LoadsCase{"kron", DriverKind::kron}, LoadsCase{"pyx", DriverKind::pyx},
+                    LoadsCase{"legacy1", DriverKind::legacy}, LoadsCase{"legacy2", DriverKind::legacy},
+                    LoadsCase{"legacy3", DriverKind::legacy}, LoadsCase{"legacy4", DriverKind::legacy}),
+    [](const auto& loads) { return loads.param.name; });
 
 TEST_P(ManyLoads, LeaveNoDescriptorBehind) {
-    const hostsim::Host host(hostsim::hosts::ports(GetParam(), 2, 1));
+    const bool legacy = GetParam().kind == DriverKind::legacy;
+    const hostsim::Host host(hostsim::hosts::ports(GetParam().kind, 2, 1));
+    const int rounds = legacy ? 250 : 50;
     size_t before = 0;
-    for (int round = 0; round < 1000; ++round) {
+    for (int round = 0; round < rounds; ++round) {
         ASSERT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
         if (round % 3 == 0) open_port(1);
         ASSERT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
         if (round == 0) before = open_descriptors();
-        if (round % 100 == 99) {
-            ASSERT_EQ(open_descriptors(), before) << "after " << round << " loads";
-        }
     }
+    EXPECT_EQ(open_descriptors(), before);
 }
 
 }  // namespace
