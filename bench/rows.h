@@ -1,0 +1,17 @@
+// rows.h - the rows of the table, a function a subject.
+#pragma once
+
+namespace bench {
+
+void add_call_rows();    // information, statistics, open and close
+void add_scsi_rows();    // SCSI commands, target and LUN discovery
+void add_memory_rows();  // page faults and memory
+void add_load_rows();    // load and free, the shared database
+void add_list_rows();    // the list container
+void add_log_rows();     // the debug log
+
+// What this executable does in a process of its own to measure memory: kMemoryProbe is its one argument.
+inline constexpr char kMemoryProbe[] = "--memory-probe";
+int probe_memory();
+
+}  // namespace bench
