@@ -15,10 +15,13 @@ void* __libc_calloc(size_t count, size_t size);
 namespace trelm::test {
 
 inline constexpr size_t kAnySize = 0;
-inline thread_local bool allocation_is_to_fail = false;
-inline thread_local size_t failing_size = kAnySize;
+inline constinit thread_local bool allocation_is_to_fail = false;
+inline constinit thread_local size_t failing_size = kAnySize;
 
-inline bool allocation_fails(size_t size) {
+// A sanitizer's runtime allocates before its checks can work, so these functions do without them.
+#define TRELM_UNCHECKED __attribute__((no_sanitize("address", "undefined", "thread")))
+
+TRELM_UNCHECKED inline bool allocation_fails(size_t size) {
     if (!allocation_is_to_fail || (failing_size != kAnySize && size != failing_size)) return false;
     allocation_is_to_fail = false;
     errno = ENOMEM;
@@ -39,12 +42,12 @@ class FailingAllocation {
 
 }  // namespace trelm::test
 
-extern "C" [[gnu::visibility("default")]] void* malloc(size_t size) {
+extern "C" TRELM_UNCHECKED __attribute__((visibility("default"))) void* malloc(size_t size) {
     if (trelm::test::allocation_fails(size)) return nullptr;
     return __interceptor_malloc ? __interceptor_malloc(size) : __libc_malloc(size);
 }
 
-extern "C" [[gnu::visibility("default")]] void* calloc(size_t count, size_t size) {
+extern "C" TRELM_UNCHECKED __attribute__((visibility("default"))) void* calloc(size_t count, size_t size) {
     if (trelm::test::allocation_fails(count * size)) return nullptr;
     return __interceptor_calloc ? __interceptor_calloc(count, size) : __libc_calloc(count, size);
 }
