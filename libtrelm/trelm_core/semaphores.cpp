@@ -10,6 +10,7 @@
 #include <sys/file.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <ctime>
@@ -39,7 +40,9 @@ FirstValue first_value(int32_t sem_id) {
     semid_ds status;
     Argument argument = {.status = &status};
     if (semctl(sem_id, 0, IPC_STAT, argument) != 0) return FirstValue::kUnknown;
-    const bool used = status.sem_otime != 0 || semctl(sem_id, 0, GETVAL) != 0;
+    const int value = semctl(sem_id, 0, GETVAL);
+    if (value == -1) return FirstValue::kUnknown;
+    const bool used = status.sem_otime != 0 || value != 0;
     return used ? FirstValue::kGiven : FirstValue::kMissing;
 }
 
@@ -106,6 +109,26 @@ int32_t create_set(key_t key) {
     return -1;
 }
 
+// Sets that could not be let go of: this process holds them still, and to wait for one would be to wait for
+// itself, for ever. It uses two sets at most.
+int32_t kept_sets[2] = {-1, -1};
+
+void keep(int32_t sem_id) { (kept_sets[0] == -1 ? kept_sets[0] : kept_sets[1]) = sem_id; }
+
+// Whether a wait is granted because the set is held from before. Others may have removed it meanwhile, and in
+// a forked child it is the parent's.
+bool holds_still(int32_t sem_id) {
+    for (int32_t& kept : kept_sets) {
+        if (sem_id == -1 || kept != sem_id) continue;
+        const int value = semctl(sem_id, 0, GETVAL);
+        const int holder = semctl(sem_id, 0, GETPID);
+        if (value == -1 || holder == -1) return false;
+        kept = -1;
+        return value == 0 && holder == getpid();
+    }
+    return false;
+}
+
 // An interrupted wait goes on: a host program's signals are none of the guarded region's business.
 int operate(int32_t sem_id, short operation) {
     sembuf step = {0, operation, SEM_UNDO};
@@ -116,9 +139,16 @@ int operate(int32_t sem_id, short operation) {
     return result;
 }
 
+int take(int32_t sem_id) { return holds_still(sem_id) ? 0 : operate(sem_id, -1); }
+
+int let_go(int32_t sem_id) {
+    const int result = operate(sem_id, 1);
+    if (result == -1) keep(sem_id);
+    return result;
+}
+
 // The failures of the log's own semaphore are not written to the log.
-int operate_logged(const char* func, int32_t sem_id, short operation, const char* warning) {
-    const int result = operate(sem_id, operation);
+int warn_of_failure(const char* func, int32_t sem_id, int result, const char* warning) {
     const bool logs_own = sem_id != -1 && sem_id == trelm_dbg_sem_id;
     if (result == -1 && !logs_own) trelm::error(func, trelm::Piece(warning, errno, 16));
     return result;
@@ -139,20 +169,20 @@ int32_t trelm::sem_get(key_t key) {
     return -1;
 }
 
-int trelm::sem_wait_unlogged(int32_t sem_id) { return operate(sem_id, -1); }
+int trelm::sem_wait_unlogged(int32_t sem_id) { return take(sem_id); }
 
-int trelm::sem_signal_unlogged(int32_t sem_id) { return operate(sem_id, 1); }
+int trelm::sem_signal_unlogged(int32_t sem_id) { return let_go(sem_id); }
 
 int trelm::sem_del(int32_t sem_id) { return semctl(sem_id, 0, IPC_RMID); }
 
 int trelm_sem_wait(int32_t sem_id) {
-    return operate_logged(__func__, sem_id, -1,
-                          ":libtrelm: WARNING - semaphore wait operation failed. errno=");
+    return warn_of_failure(__func__, sem_id, take(sem_id),
+                           ":libtrelm: WARNING - semaphore wait operation failed. errno=");
 }
 
 int trelm_sem_signal(int32_t sem_id) {
-    return operate_logged(__func__, sem_id, 1,
-                          ":libtrelm: WARNING - semaphore signal operation failed. errno=");
+    return warn_of_failure(__func__, sem_id, let_go(sem_id),
+                           ":libtrelm: WARNING - semaphore signal operation failed. errno=");
 }
 
 void trelm_set_debug_level(void) {

@@ -59,10 +59,15 @@ bool enter_guard() {
 
 // Lets go by taking the set away from everyone. It is not signalled first: whoever waits would then pass on a
 // set that is gone the next moment, beside the next comer's new one, and so would find out and start over
-// instead.
+// instead. Where the set cannot be taken away it is signalled all the same, so that nobody waits for ever.
 void remove_guard() {
-    trelm::sem_del(trelm_db_sem_id);
+    if (trelm::sem_del(trelm_db_sem_id) != 0) trelm_sem_signal(trelm_db_sem_id);
     trelm_db_sem_id = -1;
+}
+
+// Whom a failed signal would leave waiting finds no set, and starts over.
+void release_guard() {
+    if (trelm_sem_signal(trelm_db_sem_id) != 0) trelm::sem_del(trelm_db_sem_id);
 }
 
 void occupy(unsigned slot) {
@@ -133,7 +138,7 @@ LastOne leave() {
     if (alone && semctl(trelm_db_sem_id, 0, GETNCNT) == 0) {
         remove_guard();
     } else {
-        trelm_sem_signal(trelm_db_sem_id);
+        release_guard();
         trace(kClose, ": keeping semaphore.");
     }
     return last;
@@ -180,7 +185,7 @@ uint32_t trelm_open_database(int32_t* ret_handle) {
         remove_guard();
         return 1;
     }
-    trelm_sem_signal(trelm_db_sem_id);
+    release_guard();
     *ret_handle = trelm_shm_fildes = fd;
     trace(kOpen, Piece(": trelm_shm_fildes=", trelm_shm_fildes));
     trace(kOpen, Piece(": exiting. inst=", trelm_library_instance));
