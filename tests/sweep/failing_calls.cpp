@@ -1,0 +1,180 @@
+// failing_calls.cpp - the functions that can fail, in a table. A failing call does nothing, but for the
+// closing ones: those close and say that they failed, as the kernel does.
+#include "failing_calls.h"
+
+#include <dirent.h>
+#include <sys/mman.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+
+#include "../support/stand_before.h"
+#include "vmkmgmt.h"
+
+namespace trelm::sweep {
+namespace {
+
+constinit Failing failing_calls = Failing::none;
+constinit uint64_t failing_from = 0;
+constinit Trail* run = nullptr;  // null: nothing is counted
+
+bool fails(const char* name, int error) {
+    if (run == nullptr) return false;
+    const uint64_t call = ++run->calls;
+    if (failing_calls == Failing::none || call < failing_from) return false;
+    if (failing_calls == Failing::one && call != failing_from) return false;
+    if (run->first_failed == nullptr) run->first_failed = name;
+    errno = error;
+    return true;
+}
+
+// The library's live blocks. There are never many.
+constexpr size_t kMostBlocks = 4096;
+constinit void* blocks[kMostBlocks] = {};
+constinit size_t block_count = 0;
+
+#ifndef TRELM_SANITIZED
+void* remember(void* block) {
+    if (block == nullptr) return block;
+    if (block_count == kMostBlocks) abort();
+    blocks[block_count++] = block;
+    return block;
+}
+
+void forget(void* block) {
+    void** const end = blocks + block_count;
+    void** const found = block == nullptr ? end : std::find(blocks, end, block);
+    if (found != end) *found = blocks[--block_count];
+}
+#endif
+
+}  // namespace
+
+void arm(Failing failing, uint64_t n, Trail& trail) {
+    failing_calls = failing;
+    failing_from = n;
+    run = &trail;
+}
+
+void disarm() { run = nullptr; }
+
+size_t live_blocks() { return block_count; }
+
+bool counts_blocks() {
+#ifdef TRELM_SANITIZED
+    return false;
+#else
+    return true;
+#endif
+}
+
+// ---- Memory
+// ---------------------------------------------------------------------------------------------------------
+
+#ifndef TRELM_SANITIZED
+extern "C" {
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void __libc_free(void* block);
+}
+
+extern "C" [[gnu::visibility("default")]] void* before_malloc(size_t size) __asm__("malloc");
+void* before_malloc(size_t size) {
+    if (!CALLED_BY_LIBRARY()) return __libc_malloc(size);
+    return fails("malloc", ENOMEM) ? nullptr : remember(__libc_malloc(size));
+}
+
+extern "C" [[gnu::visibility("default")]] void* before_calloc(size_t count, size_t size) __asm__("calloc");
+void* before_calloc(size_t count, size_t size) {
+    if (!CALLED_BY_LIBRARY()) return __libc_calloc(count, size);
+    return fails("calloc", ENOMEM) ? nullptr : remember(__libc_calloc(count, size));
+}
+
+// Whoever frees: a list of the library's is emptied through a pointer to this function.
+extern "C" [[gnu::visibility("default")]] void before_free(void* block) __asm__("free");
+void before_free(void* block) {
+    if (block_count != 0) forget(block);
+    __libc_free(block);
+}
+#endif
+
+// ---- Everything else
+// ------------------------------------------------------------------------------------------------
+
+#define CAN_FAIL(result, name, parameters, arguments, failure, error)                            \
+    STANDS_BEFORE(result, name, parameters) {                                                    \
+        return CALLED_BY_LIBRARY() && fails(#name, error) ? (failure) : NEXT_OF(name) arguments; \
+    }
+
+// For what lets something go: that is done in any case.
+#define CAN_FAIL_AFTERWARDS(result, name, parameters, arguments, failure, error) \
+    STANDS_BEFORE(result, name, parameters) {                                    \
+        const result outcome = NEXT_OF(name) arguments;                          \
+        return CALLED_BY_LIBRARY() && fails(#name, error) ? (failure) : outcome; \
+    }
+
+using Status = struct stat;
+
+CAN_FAIL(int, open, (const char* path, int flags, mode_t mode), (path, flags, mode), -1, EACCES)
+CAN_FAIL(int, fstat, (int fd, Status* status), (fd, status), -1, EIO)
+CAN_FAIL(ssize_t, read, (int fd, void* bytes, size_t count), (fd, bytes, count), -1, EIO)
+CAN_FAIL(ssize_t, write, (int fd, const void* bytes, size_t count), (fd, bytes, count), -1, ENOSPC)
+CAN_FAIL(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), -1, EINVAL)
+CAN_FAIL(int, fsync, (int fd), (fd), -1, EIO)
+CAN_FAIL(int, flock, (int fd, int operation), (fd, operation), -1, ENOLCK)
+CAN_FAIL(void*, mmap, (void* at, size_t size, int access, int flags, int fd, off_t offset),
+         (at, size, access, flags, fd, offset), MAP_FAILED, ENOMEM)
+CAN_FAIL(int, msync, (void* at, size_t size, int flags), (at, size, flags), -1, EIO)
+CAN_FAIL(int, remove, (const char* path), (path), -1, EACCES)
+CAN_FAIL_AFTERWARDS(int, close, (int fd), (fd), -1, EIO)
+
+CAN_FAIL(FILE*, fopen, (const char* path, const char* mode), (path, mode), nullptr, EMFILE)
+CAN_FAIL(FILE*, fdopen, (int fd, const char* mode), (fd, mode), nullptr, ENOMEM)
+CAN_FAIL(char*, fgets, (char* text, int size, FILE* file), (text, size, file), nullptr, EIO)
+CAN_FAIL(int, fputs, (const char* text, FILE* file), (text, file), EOF, ENOSPC)
+CAN_FAIL(int, fflush, (FILE * file), (file), EOF, ENOSPC)
+CAN_FAIL_AFTERWARDS(int, fclose, (FILE * file), (file), EOF, ENOSPC)
+CAN_FAIL(DIR*, opendir, (const char* path), (path), nullptr, EMFILE)
+CAN_FAIL(dirent*, readdir, (DIR * directory), (directory), nullptr, EBADF)
+
+CAN_FAIL(int, ioctl, (int fd, unsigned long request, void* argument), (fd, request, argument), -1, EIO)
+CAN_FAIL(int, semget, (key_t key, int count, int flags), (key, count, flags), -1, ENOSPC)
+CAN_FAIL(int, semctl, (int set, int number, int command, void* argument), (set, number, command, argument),
+         -1, EPERM)
+CAN_FAIL(int, semop, (int set, sembuf* steps, size_t count), (set, steps, count), -1, ENOMEM)
+CAN_FAIL(int, uname, (utsname * name), (name), -1, EFAULT)
+CAN_FAIL(tm*, localtime_r, (const time_t* time, tm* local), (time, local), nullptr, EOVERFLOW)
+
+CAN_FAIL(int, vmk_MgmtUserInit,
+         (vmk_MgmtApiSignature * signature, uint64_t cookie, vmk_MgmtUserHandle* handle),
+         (signature, cookie, handle), EINVAL, EINVAL)
+CAN_FAIL(int, vmk_MgmtUserCallbackInvokeInt,
+         (vmk_MgmtUserHandle handle, uint64_t instance, uint64_t callback, uint32_t count, void* parameter),
+         (handle, instance, callback, count, parameter), -1, EIO)
+
+// The process listing, without the processes that make it: this one alone has the library loaded. Its pipe is
+// a descriptor that has to be closed all the same.
+STANDS_BEFORE(FILE*, popen, (const char* command, const char* mode)) {
+    if (!CALLED_BY_LIBRARY()) return NEXT_OF(popen)(command, mode);
+    if (fails("popen", EMFILE)) return nullptr;
+    int ends[2];
+    if (pipe(ends) != 0) abort();
+    if (write(ends[1], "2\n", 2) != 2) abort();
+    close(ends[1]);
+    return fdopen(ends[0], "r");
+}
+
+STANDS_BEFORE(int, pclose, (FILE * file)) {
+    if (!CALLED_BY_LIBRARY()) return NEXT_OF(pclose)(file);
+    fclose(file);
+    return fails("pclose", ECHILD) ? -1 : 0;
+}
+
+}  // namespace trelm::sweep
