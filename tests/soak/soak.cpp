@@ -1,0 +1,220 @@
+// soak.cpp - crowds of processes that load the library, work, free it and are killed, on one simulated host
+// with real semaphores and the real process listing. A crowd has its time, then its last processes end by
+// themselves; one that comes alone after it must find everything in order and leave nothing behind.
+#include <dlfcn.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <random>
+#include <string>
+
+#include "abuse.h"
+#include "crowd.h"
+#include "host.h"
+#include "hosts.h"
+#include "user.h"
+
+namespace trelm::soak {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kLogFile[] = "/var/tmp/libtrelm.log";
+constexpr int64_t kSecond = 1'000'000'000;
+constexpr int64_t kCrowdTime = 2 * kSecond;
+// Without a step of anyone's for so long, nobody goes on. What counts is that somebody steps, not how fast.
+constexpr int64_t kPatience = 60 * kSecond;
+constexpr size_t kCrowdSize = 6;
+// A round has about so many calls to be killed at, the more so with the log on.
+constexpr unsigned kFatalCalls = 60;
+constexpr unsigned kFatalCallsWithLog = 2000;
+
+struct Figures {
+    uint64_t crowds = 0;
+    uint64_t processes = 0;
+    uint64_t kills = 0;
+    uint64_t log_lines = 0;
+};
+
+class Soak {
+  public:
+    explicit Soak(unsigned seed) : random_(seed) {}
+
+    void run_crowd() {
+        ++figures.crowds;
+        const int64_t end = now() + kCrowdTime;
+        while (now() < end && crowd->failures == 0) {
+            while (living_.size() < kCrowdSize) start(true);
+            kill_some();
+            usleep(1000);
+            reap();
+            demand_steps();
+        }
+        while (!living_.empty()) {
+            usleep(1000);
+            reap();
+            demand_steps();
+        }
+    }
+
+    // What the crowd left: whole lines in the log, and nothing that would hinder one who comes alone.
+    void look_after_crowd() {
+        forget_all_processes();
+        check_log();
+        kills_in_crowd_ = 0;
+        start(false);
+        while (!living_.empty()) {
+            usleep(1000);
+            reap();
+            demand_steps();
+        }
+        if (fs::exists(kSharedFile)) fail("the last process left the shared file behind");
+        if (semget(kDatabaseKey, 0, 0) >= 0) fail("the last process left its semaphore set behind");
+        std::error_code ignored;
+        fs::remove(kLogFile, ignored);
+    }
+
+    Figures figures;
+
+  private:
+    unsigned pick(unsigned below) { return std::uniform_int_distribution<unsigned>(0, below - 1)(random_); }
+
+    void start(bool may_die) {
+        User user;
+        user.number = ++last_number_;
+        user.rounds = 1 + pick(4);
+        user.log_flags = pick(3) == 0 ? 7 : 0;
+        const unsigned fatal_calls = user.log_flags == 0 ? kFatalCalls : kFatalCallsWithLog;
+        user.fatal_call = may_die && pick(2) == 0 ? 1 + pick(fatal_calls) : 0;
+        if (user.number >= kMostProcesses) {
+            fail("there were too many processes");
+            return;
+        }
+        const pid_t id = fork();
+        if (id == 0) use_library(user);
+        living_[id] = user.number;
+        ++figures.processes;
+    }
+
+    void kill_some() {
+        if (living_.empty() || pick(200) != 0) return;
+        const auto victim = std::next(living_.begin(), pick(static_cast<unsigned>(living_.size())));
+        crowd->gone[victim->second] = true;
+        if (crowd->inside == victim->second) crowd->killed_at = now();
+        kill(victim->first, SIGKILL);
+    }
+
+    void reap() {
+        int status = 0;
+        for (pid_t id = waitpid(-1, &status, WNOHANG); id > 0; id = waitpid(-1, &status, WNOHANG)) {
+            const auto found = living_.find(id);
+            if (found == living_.end()) continue;
+            const bool killed = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+            if (!killed && status != 0) fail("process %u ended with status %x", found->second, status);
+            if (killed) ++figures.kills, ++kills_in_crowd_;
+            crowd->gone[found->second] = true;
+            living_.erase(found);
+            stepped_at_ = now();
+        }
+    }
+
+    void demand_steps() {
+        const uint64_t steps = crowd->entries + crowd->rounds;
+        if (steps != steps_) stepped_at_ = now();
+        steps_ = steps;
+        if (now() - stepped_at_ < kPatience) return;
+        fail("nobody of %zu processes went on", living_.size());
+        for (const auto& [id, number] : living_) kill(id, SIGKILL);
+        stepped_at_ = now();
+    }
+
+    // "Nov 22 21:05:09: text", with one stamp. A process that is killed while it writes may leave one line
+    // broken.
+    static bool is_whole(const std::string& line) {
+        constexpr size_t kStamp = 17;
+        const auto is_stamp = [&](size_t at) {
+            return line.size() > at + kStamp && line[at + 3] == ' ' && line[at + 9] == ':' &&
+                   line[at + 12] == ':' && line[at + 15] == ':' && line[at + 16] == ' ';
+        };
+        if (!is_stamp(0)) return false;
+        for (size_t at = 1; at + kStamp < line.size(); ++at) {
+            if (is_stamp(at)) return false;
+        }
+        return true;
+    }
+
+    void check_log() {
+        std::ifstream file(kLogFile);
+        uint64_t broken = 0;
+        std::string first;
+        for (std::string line; std::getline(file, line); ++figures.log_lines) {
+            if (is_whole(line)) continue;
+            if (++broken == 1) first = line;
+        }
+        if (broken > kills_in_crowd_)
+            fail("%llu log lines were broken by %llu kills, such as '%s'",
+                 static_cast<unsigned long long>(broken), static_cast<unsigned long long>(kills_in_crowd_),
+                 first.c_str());
+    }
+
+    std::mt19937 random_;
+    std::map<pid_t, uint32_t> living_;
+    uint32_t last_number_ = 0;
+    uint64_t kills_in_crowd_ = 0;
+    uint64_t steps_ = 0;
+    int64_t stepped_at_ = now();
+};
+
+void report(const Figures& figures, unsigned abuses) {
+    std::printf(
+        "soaked %llu processes in %llu crowds: %llu kills survived (%llu with the guard), %llu rounds, %llu "
+        "slot "
+        "resets, %llu log lines, longest wait after a kill %lld ms, %u abuses, %llu failures\n",
+        static_cast<unsigned long long>(figures.processes), static_cast<unsigned long long>(figures.crowds),
+        static_cast<unsigned long long>(figures.kills),
+        static_cast<unsigned long long>(crowd->killed_inside.load()),
+        static_cast<unsigned long long>(crowd->rounds.load()),
+        static_cast<unsigned long long>(crowd->resets.load()),
+        static_cast<unsigned long long>(figures.log_lines),
+        static_cast<long long>(crowd->longest_wait / 1'000'000), abuses,
+        static_cast<unsigned long long>(crowd->failures.load()));
+}
+
+int soak(unsigned seconds, unsigned seed) {
+    std::printf("soak: seed %u\n", seed);
+    std::fflush(stdout);
+    make_crowd();
+    const hostsim::Host host(hostsim::hosts::kron_ports(1));
+    const int64_t end = now() + seconds * kSecond;
+    const unsigned abuses = run_abuses();
+    Soak soak(seed);
+    do {
+        soak.run_crowd();
+        soak.look_after_crowd();
+    } while (now() < end && crowd->failures == 0);
+    report(soak.figures, abuses);
+    return crowd->failures == 0 ? 0 : 1;
+}
+
+}  // namespace
+}  // namespace trelm::soak
+
+int main(int argc, char** argv) {
+    unsigned seconds = 60;
+    unsigned seed = std::random_device{}();
+    CLI::App app("Crowds of processes that load the library, work, free it and are killed.");
+    app.add_option("--seconds", seconds, "How long crowds go on coming");
+    app.add_option("--seed", seed, "What chance starts from");
+    CLI11_PARSE(app, argc, argv);
+    return trelm::soak::soak(seconds, seed);
+}
