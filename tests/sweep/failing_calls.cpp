@@ -36,11 +36,12 @@ bool fails(const char* name, int error) {
 }
 
 // The library's live blocks. There are never many.
-constexpr size_t kMostBlocks = 4096;
-constinit void* blocks[kMostBlocks] = {};
 constinit size_t block_count = 0;
 
 #ifndef TRELM_SANITIZED
+constexpr size_t kMostBlocks = 4096;
+constinit void* blocks[kMostBlocks] = {};
+
 void* remember(void* block) {
     if (block == nullptr) return block;
     if (block_count == kMostBlocks) abort();
