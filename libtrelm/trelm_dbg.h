@@ -46,19 +46,24 @@ void write_line(const char* func_name, const Piece* pieces, size_t count);
 
 inline bool logs(DebugFlag category) { return __builtin_expect(trelm_debug & category, 0); }
 
-// Each takes the pieces of a line, as Piece or as plain text. They are put together behind the test alone.
+// Out of line, so that a call without a log neither makes room for the pieces nor puts them together.
 template <class... Pieces>
-inline void log(DebugFlag category, const char* func_name, Pieces... pieces) {
-    if (!logs(category)) return;
+[[gnu::cold, gnu::noinline]] void write_pieces(const char* func_name, Pieces... pieces) {
     const Piece line[] = {pieces...};
     write_line(func_name, line, sizeof...(pieces));
 }
+
+// Each takes the pieces of a line, as Piece or as plain text.
 template <class... Pieces>
-inline void trace(const char* func_name, Pieces... pieces) {
+[[gnu::always_inline]] inline void log(DebugFlag category, const char* func_name, Pieces... pieces) {
+    if (logs(category)) write_pieces(func_name, pieces...);
+}
+template <class... Pieces>
+[[gnu::always_inline]] inline void trace(const char* func_name, Pieces... pieces) {
     log(kTrace, func_name, pieces...);
 }
 template <class... Pieces>
-inline void error(const char* func_name, Pieces... pieces) {
+[[gnu::always_inline]] inline void error(const char* func_name, Pieces... pieces) {
     log(kError, func_name, pieces...);
 }
 

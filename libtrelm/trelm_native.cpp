@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "trelm_core/discovery.h"
+#include "trelm_core/location_index.h"
 #include "trelm_dbg.h"
 #include "trelm_pool.h"
 
@@ -120,6 +121,7 @@ Added add_instance(const native_driver& driver, uint32_t index, const Instance& 
         pdb->parent = trelm::find_parent(driver.find_parent_name, instance.pci);
     } else {
         added = add_hardware(driver, pdb, instance);
+        if (added == Added::kKept) trelm::index_newest_port();
     }
     if (added == Added::kKept) trelm_print_priv_data(pdb);
     return added;
@@ -142,6 +144,7 @@ uint32_t no_memory(const native_driver& driver, native_operation operation, cons
 
 void trace_exit(const native_driver& driver, native_operation operation, const trelm_priv_db* pdb,
                 uint32_t result) {
+    if (!trelm::logs(trelm::kTrace)) return;
     const char* func = driver.operation_names[operation];
     bool shows_result = kOperations[operation].exit_shows_result &&
                         (operation != trelm::kPortInfo || driver.port_info_exit_shows_result);
@@ -233,6 +236,7 @@ uint32_t trelm::native_find_all_instances(const native_driver& driver, uint32_t*
         driver.signed_count ? answer.hba_cnt : int64_t{static_cast<uint32_t>(answer.hba_cnt)};
     trace(driver.find_all_name, Piece(": Got hba_count=", hba_cnt));
 
+    const LocationIndex index_of_locations;
     uint32_t added = 0;
     for (uint32_t index = 0; index < kMaxInstances && index < hba_cnt; ++index) {
         Instance instance;

@@ -1,5 +1,8 @@
 // The pool of large request buffers: two slots, one for each block of a command. Slots change hands
 // atomically, so that two threads that use the library at once (which they should not) never share a block.
+//
+// What was given back last is taken first. A command gives its payload back before its record, of which only
+// the beginning is ever used: so each block keeps its part, and most of the record's is never touched.
 
 #include "trelm_pool.h"
 
@@ -13,8 +16,8 @@ void* slots[kSlots];
 }  // namespace
 
 void* trelm::pool_take(bool& fresh) {
-    for (void*& slot : slots) {
-        if (void* block = __atomic_exchange_n(&slot, nullptr, __ATOMIC_ACQ_REL)) {
+    for (size_t i = kSlots; i-- > 0;) {
+        if (void* block = __atomic_exchange_n(&slots[i], nullptr, __ATOMIC_ACQ_REL)) {
             fresh = false;
             return block;
         }

@@ -32,14 +32,17 @@ void fail_allocation(size_t size, int after = 0) {
 #ifndef TRELM_SANITIZED
 // The library gets its memory through the dynamic linker, where a test's own function stands before libc's. A
 // sanitizer wants that place for itself.
+static bool fails(size_t size) {
+    if (failing_size == 0 || size != failing_size || passes-- != 0) return false;
+    failing_size = 0;
+    errno = ENOMEM;
+    return true;
+}
+extern "C" void* __libc_malloc(size_t size);
+extern "C" void* malloc(size_t size) noexcept { return fails(size) ? nullptr : __libc_malloc(size); }
 extern "C" void* __libc_calloc(size_t count, size_t size);
 extern "C" void* calloc(size_t count, size_t size) noexcept {
-    if (failing_size != 0 && count * size == failing_size && passes-- == 0) {
-        failing_size = 0;
-        errno = ENOMEM;
-        return nullptr;
-    }
-    return __libc_calloc(count, size);
+    return fails(count * size) ? nullptr : __libc_calloc(count, size);
 }
 #endif
 

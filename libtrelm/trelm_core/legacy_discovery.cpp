@@ -8,6 +8,7 @@
 
 #include "trelm_core.h"
 #include "trelm_core/discovery.h"
+#include "trelm_core/location_index.h"
 #include "trelm_dbg.h"
 #include "trelm_owners.h"
 
@@ -77,7 +78,10 @@ Step attach_hardware(const NodePath& path, trelm_priv_db* pdb, const dorfc_port_
     }
     fill_hardware(*hw, path, port, pci);
     pdb->hw_info = hw;
-    if (trelm::is_supported_device(hw->device_id)) return Step::kKept;
+    if (trelm::is_supported_device(hw->device_id)) {
+        trelm::index_newest_port();
+        return Step::kKept;
+    }
     trelm_free_hw_info_element(hw);
     trelm_free_pdb_element(pdb);
     return Step::kDropped;
@@ -106,6 +110,7 @@ Step add_port(int fd, const NodePath& path, uint32_t index, uint16_t instance) {
 
 // Walks the driver's indexes until it has accounted for all its ports. False when memory ran out.
 bool add_ports(int fd, const NodePath& path, int32_t hba_count, uint16_t& instance) {
+    const trelm::LocationIndex index_of_locations;
     unsigned failures = 0;
     for (uint32_t index = 0; hba_count > 0 && index <= kMaxIndex && failures < kMaxFailuresInARow; ++index) {
         const Step step = add_port(fd, path, index, instance);

@@ -6,6 +6,7 @@
 
 #include "trelm_core.h"
 #include "trelm_core/discovery.h"
+#include "trelm_core/location_index.h"
 #include "trelm_dbg.h"
 
 trelm_dlist* trelm_priv_database = nullptr;
@@ -44,14 +45,26 @@ struct Roster {
     const char* no_record;
     const char* absent;
 
-    // Walks from the sentinel; the cursor rests on what is found, or on the sentinel.
+    // Walks from the sentinel; the cursor rests on what is found, or on the sentinel. It is not moved step by
+    // step: every call of the library comes through here.
     template <class Match>
-    Record* find(Match matches, int direction = 1) const {
-        trelm_dlist_start(list);
-        while (auto* record = static_cast<Record*>(_trelm_dlist_mark_move(list, direction))) {
-            if (matches(*record)) return record;
+    Record* find(Match matches, trelm_dl_node* trelm_dl_node::*step = &trelm_dl_node::next) const {
+        for (trelm_dl_node* node = list->head->*step; node && node != list->head; node = node->*step) {
+            auto* record = static_cast<Record*>(node->data);
+            if (!matches(*record)) continue;
+            list->marker = node;
+            return record;
         }
+        list->marker = list->head;
         return nullptr;
+    }
+
+    // The same where the index of a discovery knows how such a walk would end.
+    template <class Match>
+    Record* find(trelm::Place place, Match matches) const {
+        if (!place.known) return find(matches);
+        list->marker = place.node ? place.node : list->head;
+        return place.node ? static_cast<Record*>(place.node->data) : nullptr;
     }
 
     void free_all(const char* func) const {
@@ -88,7 +101,8 @@ struct Roster {
     void free_element(const char* func, const Record* record) const {
         trace(func, ": entered.");
         if (!list) return error(func, absent);
-        if (Record* found = find([record](const Record& candidate) { return &candidate == record; }, 0)) {
+        if (Record* found = find([record](const Record& candidate) { return &candidate == record; },
+                                 &trelm_dl_node::prev)) {
             drop_references(*found);
             trelm_dlist_delete(list, 1);
         }
@@ -194,7 +208,8 @@ trelm_hw_info* trelm::find_hw_info(const char* func_name, const dorfc_pci_info& 
         error(func_name, ": api_phy_info is NOT initialized. Exiting.");
         return nullptr;
     }
-    trelm_hw_info* found = hardware.find([&at](const trelm_hw_info& hw) { return lies_at(hw, at); });
+    trelm_hw_info* found =
+        hardware.find(hardware_place(at), [&at](const trelm_hw_info& hw) { return lies_at(hw, at); });
     trace(func_name, ": exiting.");
     return found;
 }
@@ -205,7 +220,7 @@ trelm_priv_db* trelm::find_parent(const char* func_name, const dorfc_pci_info& a
         error(func_name, kNoPortList);
         return nullptr;
     }
-    trelm_priv_db* found = ports.find([&at](const trelm_priv_db& pdb) {
+    trelm_priv_db* found = ports.find(port_place(at), [&at](const trelm_priv_db& pdb) {
         return is_physical(pdb) && pdb.hw_info && lies_at(*pdb.hw_info, at);
     });
     trace(func_name, ": exiting.");

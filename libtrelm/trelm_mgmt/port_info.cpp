@@ -1,6 +1,5 @@
 // Adapter and port information.
 
-#include <cstdio>
 #include <cstring>
 
 #include "trelm_mgmt/transport.h"
@@ -37,12 +36,23 @@ void copy_text(uint8_t (&to)[width], const char (&from)[width]) {
 }
 
 // World-wide names are numbers in the registry and bytes in public records.
-void copy_wwn(uint8_t (&to)[8], uint64_t from) { trelm_revcpy(to, &from, sizeof from); }
+void copy_wwn(uint8_t (&to)[8], uint64_t from) {
+    const uint64_t bytes = __builtin_bswap64(from);
+    memcpy(to, &bytes, sizeof bytes);
+}
 
+// Four numbers of at least two digits each, "08.37.30.00". By hand, as snprintf() takes several times as long
+// as all the rest of a call.
 void write_mfw_version(uint8_t (&to)[32], uint32_t version) {
     char text[sizeof to] = {};
-    snprintf(text, sizeof text, "%02d.%02d.%02d.%02d", version >> 24, version >> 16 & 0xFF,
-             version >> 8 & 0xFF, version & 0xFF);
+    char* at = text;
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        const uint32_t number = version >> shift & 0xFF;
+        if (number >= 100) *at++ = static_cast<char>('0' + number / 100);
+        *at++ = static_cast<char>('0' + number / 10 % 10);
+        *at++ = static_cast<char>('0' + number % 10);
+        if (shift) *at++ = '.';
+    }
     copy_text(to, text);
 }
 

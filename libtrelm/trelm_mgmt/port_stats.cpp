@@ -21,8 +21,10 @@ uint32_t TRELM_GetPortStats(uint32_t Handle, uint32_t NpivIndex, TRELM_PORT_STAT
     if (!pdb) return fail_call(__func__, Handle, "): get pdb failed.", TRELM_STATUS_FAILED);
 
     const trelm::Transport& transport = trelm::transport_of(pdb->hw_info);
-    trelm::Heap<dorfc_port_stats> stats;
+    const trelm::Heap<dorfc_port_stats> stats(trelm::kUncleared);
     if (!stats) return fail_call(__func__, Handle, transport.stats_alloc_failed, TRELM_STATUS_NO_MEMORY);
+    // The legacy driver gets this very record; a native one's answer overwrites all of it.
+    if (!transport.native) *stats.get() = {};
     const trelm::Outcome outcome = transport.port_stats(pdb, stats.get());
     if (outcome.failed()) return trelm::fail_request(__func__, Handle, "): get stats failed, stat=", outcome);
 

@@ -34,7 +34,7 @@ class CommandRecord {
   private:
     static void* allocate(bool native) {
         bool fresh;  // only the fields before the data area are used, and those are always set
-        return native ? trelm::pool_take(fresh) : calloc(1, sizeof(dorfc_scsi_cmd));
+        return native ? trelm::pool_take(fresh) : malloc(sizeof(dorfc_scsi_cmd));
     }
 
     bool native_;

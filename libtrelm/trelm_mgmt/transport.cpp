@@ -79,10 +79,14 @@ uint32_t native_port_state(uint32_t port_state) {
 
 void no_further_source(trelm_priv_db*) {}
 
+// Whether a driver gets the caller's own record, or one whose answer overwrites all of it.
+enum class Sees { kRecord, kCopy };
+
 // `request` reads a port information record; `then` corrects what the driver's own answer does not tell.
-template <auto request, class Record, void (*then)(trelm_priv_db*)>
+template <auto request, class Record, Sees driver_sees, void (*then)(trelm_priv_db*)>
 Outcome refresh_port(trelm_priv_db* pdb) {
-    Record port = {};
+    Record port;
+    if (driver_sees == Sees::kRecord) port = {};
     const Outcome outcome = request(pdb, &port);
     if (outcome.failed()) return outcome;
     pdb->port_id = port.portid;
@@ -100,7 +104,7 @@ constexpr trelm::Transport kLegacy = {
     .open_failed = "): open failed.",
     .close_failed = nullptr,
     .refresh_port = refresh_port<over_node<trelm_get_port_info, dorfc_port_info>, dorfc_port_info,
-                                 trelm_get_dorfc_link_state>,
+                                 Sees::kRecord, trelm_get_dorfc_link_state>,
     .fcf_info = over_node<trelm_get_fcf_info, dorfc_fcf_info>,
     .port_stats = over_node<trelm_get_port_stats, dorfc_port_stats>,
     .tgt_info = over_node<trelm_get_tgt_info, dorfc_tgt_info>,
@@ -122,7 +126,7 @@ constexpr trelm::Transport kKron = {
     .open_failed = "): native open failed.",
     .close_failed = "): native close failed.",
     .refresh_port = refresh_port<over_callback<trelmnt_get_port_info, kronfc_port_info>, kronfc_port_info,
-                                 no_further_source>,
+                                 Sees::kCopy, no_further_source>,
     .fcf_info = over_callback<trelmnt_get_fcf_info, kronfc_fcf_info>,
     .port_stats = over_callback<trelmnt_get_port_stats, kronfc_port_stats>,
     .tgt_info = over_callback<trelmnt_get_tgt_info, kronfc_tgt_info>,
@@ -144,7 +148,7 @@ constexpr trelm::Transport kPyx = {
     .open_failed = kKron.open_failed,
     .close_failed = kKron.close_failed,
     .refresh_port = refresh_port<over_callback<trelm_pyxnt_get_port_info, cx_fcoe_port_info>,
-                                 cx_fcoe_port_info, no_further_source>,
+                                 cx_fcoe_port_info, Sees::kCopy, no_further_source>,
     .fcf_info = over_callback<trelm_pyxnt_get_fcf_info, cx_fcoe_fcf_info>,
     .port_stats = over_callback<trelm_pyxnt_get_port_stats, cx_fcoe_port_stats>,
     .tgt_info = over_callback<trelm_pyxnt_get_tgt_info, cx_fcoe_tgt_info>,
@@ -169,14 +173,6 @@ const trelm::Transport& trelm::transport_of(const trelm_hw_info* hw) {
     // cannot be opened.
     if (!hw || hw->native_driver != 1) return kLegacy;
     return is_kron_device(hw->device_id) ? kKron : kPyx;
-}
-
-void trelm::trace_call(const char* func, uint32_t handle, Piece text) {
-    trace(func, Piece("(", handle), text);
-}
-
-void trelm::error_call(const char* func, uint32_t handle, Piece text) {
-    error(func, Piece("(", handle), text);
 }
 
 uint32_t trelm::fail_call(const char* func, uint32_t handle, Piece text, uint32_t status) {

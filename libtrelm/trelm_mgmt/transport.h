@@ -55,8 +55,12 @@ const Transport& transport_of(const trelm_hw_info* hw);
 
 // The lines of a public function: its name, the handle or instance in parentheses, and a text with perhaps a
 // number.
-void trace_call(const char* func, uint32_t handle, Piece text);
-void error_call(const char* func, uint32_t handle, Piece text);
+inline void trace_call(const char* func, uint32_t handle, const Piece& text) {
+    trace(func, Piece("(", handle), text);
+}
+inline void error_call(const char* func, uint32_t handle, const Piece& text) {
+    error(func, Piece("(", handle), text);
+}
 // Logs the text and returns the status, so that failing is one expression.
 uint32_t fail_call(const char* func, uint32_t handle, Piece text, uint32_t status);
 // The same for a failed request: the line shows its status and errno, which the returned code translates.
