@@ -3,11 +3,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
+#include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -192,6 +195,7 @@ class Line {
 };
 
 std::string text(const char* field, size_t width) { return {field, strnlen(field, width)}; }
+// Fields of the records may lie anywhere; where one is compared, a + takes its value and no reference to it.
 #define TEXT(field) text(field, sizeof(field))
 
 // ---- What all three drivers do alike
@@ -253,31 +257,31 @@ TEST_P(AnyDriver, TellsAPortAsItIsDescribed) {
     ASSERT_EQ(line.ask(Operation::port_info, 3, info), kGood);
     EXPECT_EQ(TEXT(info.manufacturer), std::string(64, 'M'));
     EXPECT_EQ(TEXT(info.model_name), adapter.model);
-    EXPECT_EQ(info.wwpn, 0x200002CA1E000100u);
-    EXPECT_EQ(info.portid, 0x010100u);
-    EXPECT_EQ(info.port_type, FC_PORTTYPE_NPORT);
-    EXPECT_EQ(info.link_state, FC_PORTSTATE_LINKDOWN);
+    EXPECT_EQ(+info.wwpn, 0x200002CA1E000100u);
+    EXPECT_EQ(+info.portid, 0x010100u);
+    EXPECT_EQ(+info.port_type, FC_PORTTYPE_NPORT);
+    EXPECT_EQ(+info.link_state, FC_PORTSTATE_LINKDOWN);
     EXPECT_THAT(info.mac, testing::ElementsAre(2, 4, 6, 8, 10, 12));
-    EXPECT_EQ(info.tgt_cnt, 1u) << "an offline target is not counted";
-    EXPECT_EQ(info.fcf_cnt, 1u);
-    EXPECT_EQ(info.npiv_count, 2u);
-    EXPECT_EQ(info.npiv_index, 0u);
+    EXPECT_EQ(+info.tgt_cnt, 1u) << "an offline target is not counted";
+    EXPECT_EQ(+info.fcf_cnt, 1u);
+    EXPECT_EQ(+info.npiv_count, 2u);
+    EXPECT_EQ(+info.npiv_index, 0u);
     const bool kron = GetParam() == DriverKind::kron;
     const auto& kron_info = reinterpret_cast<const kronfc_port_info&>(info);
     EXPECT_EQ(kron ? TEXT(kron_info.hba_name) : TEXT(info.hba_name), "vmhba5");
-    EXPECT_EQ(kron ? kron_info.mfw_version : 0x08251E00u, 0x08251E00u);
+    EXPECT_EQ(kron ? +kron_info.mfw_version : 0x08251E00u, 0x08251E00u);
 
     ASSERT_EQ(line.ask(Operation::port_info, 5, info), kGood);
-    EXPECT_EQ(info.port_type, FC_PORTTYPE_NPIV);
-    EXPECT_EQ(info.npiv_index, 2u);
+    EXPECT_EQ(+info.port_type, FC_PORTTYPE_NPIV);
+    EXPECT_EQ(+info.npiv_index, 2u);
     EXPECT_THAT(info.mac, testing::ElementsAre(0x0E, 0xFC, 0x00, 0x01, 0x01, 0x02)) << "given by the fabric";
 
     dorfc_pci_info pci{};
     ASSERT_EQ(line.ask(Operation::pci_info, 5, pci), kGood);
-    EXPECT_EQ(pci.domain_num, 1);
-    EXPECT_EQ(pci.function_num, 1) << "a virtual port stands where its physical port does";
-    EXPECT_EQ(pci.port_num, 2);
-    EXPECT_EQ(pci.chip_rev_id, GetParam() == DriverKind::legacy ? 0u : 5u);
+    EXPECT_EQ(+pci.domain_num, 1);
+    EXPECT_EQ(+pci.function_num, 1) << "a virtual port stands where its physical port does";
+    EXPECT_EQ(+pci.port_num, 2);
+    EXPECT_EQ(+pci.chip_rev_id, GetParam() == DriverKind::legacy ? 0u : 5u);
 }
 
 TEST_P(AnyDriver, AnswersForTargetsAndFcfsThatAreThere) {
@@ -302,11 +306,11 @@ TEST_P(AnyDriver, AnswersForTargetsAndFcfsThatAreThere) {
     dorfc_tgt_info target{};
     target.scsi_tgt_num = 127;
     EXPECT_EQ(line.ask(Operation::tgt_info, 0, target), kGood);
-    EXPECT_EQ(target.portid, 0x0A0B0Cu);
+    EXPECT_EQ(+target.portid, 0x0A0B0Cu);
 
     dorfc_fcf_info fcf{};
     EXPECT_EQ(line.ask(Operation::fcf_info, 0, fcf), kGood);
-    EXPECT_EQ(fcf.vfid, 22) << "a zeroed request gets the FCF in use";
+    EXPECT_EQ(+fcf.vfid, 22) << "a zeroed request gets the FCF in use";
     host.model().port(0, 0).fcfs.clear();
     fcf = {};
     EXPECT_NE(line.ask(Operation::fcf_info, 0, fcf).status, 0u);
@@ -323,9 +327,9 @@ TEST_P(AnyDriver, CountersStartWhereTheyAreToldAndGrowAtTheirRate) {
     ASSERT_EQ(line.ask(Operation::port_stats, 0, first), kGood);
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
     ASSERT_EQ(line.ask(Operation::port_stats, 0, second), kGood);
-    EXPECT_EQ(first.rx_fcoe_frames, uint64_t{1} << 40);
-    EXPECT_EQ(second.rx_fcoe_frames, first.rx_fcoe_frames);
-    EXPECT_GE(second.link_failures, first.link_failures + 2'000'000) << "2 ms at 1e9 a second";
+    EXPECT_EQ(+first.rx_fcoe_frames, uint64_t{1} << 40);
+    EXPECT_EQ(+second.rx_fcoe_frames, +first.rx_fcoe_frames);
+    EXPECT_GE(+second.link_failures, +first.link_failures + 2'000'000) << "2 ms at 1e9 a second";
 }
 
 TEST_P(AnyDriver, CarriesScsiDataBothWaysAndSenseBack) {
@@ -423,7 +427,7 @@ TEST_P(AnyDriver, ATestMayChangeAnyAnswer) {
     };
     dorfc_port_info info{};
     EXPECT_EQ(line.ask(Operation::port_info, 0, info), kGood);
-    EXPECT_EQ(info.tgt_cnt, 0xFFFFFFFFu);
+    EXPECT_EQ(+info.tgt_cnt, 0xFFFFFFFFu);
     dorfc_fcf_info fcf{};
     EXPECT_EQ(line.ask(Operation::fcf_info, 0, fcf), (Outcome{-1, 0, EBUSY}));
     EXPECT_EQ(line.host_number(0), 2u);
@@ -545,7 +549,7 @@ TEST(ManagementApi, RefusesInvocationsThatNoDriverWouldGet) {
     kronfc_port_info_cb unknown{};
     unknown.header.host_no = 4711;
     EXPECT_EQ(kron.invoke(NATIVE_CB_PORT_INFO, &unknown), kGood);
-    EXPECT_NE(unknown.header.status, 0u) << "there is no such host number";
+    EXPECT_NE(+unknown.header.status, 0u) << "there is no such host number";
 }
 
 TEST(ManagementApi, ATransferBeyondTheRecordIsRefusedByTheDriver) {
@@ -584,7 +588,7 @@ TEST(LegacyNode, RefusesBlocksThatAreNotItsOwn) {
         errno = 0;
         EXPECT_EQ(host.legacy_request(DORFC_GET_PORT_INFO, &block), -1) << c.what;
         EXPECT_EQ(errno, c.error) << c.what;
-        EXPECT_EQ(block.status, 0u) << c.what;
+        EXPECT_EQ(+block.status, 0u) << c.what;
     }
     dorfc_ioctl block = request_block(0, &payload);
     EXPECT_EQ(host.legacy_request(dorfc_request(9), &block), -1);
@@ -593,8 +597,8 @@ TEST(LegacyNode, RefusesBlocksThatAreNotItsOwn) {
     EXPECT_EQ(errno, EFAULT);
     block = request_block(1, &payload);
     EXPECT_EQ(host.legacy_request(DORFC_GET_PORT_INFO, &block), 0);
-    EXPECT_EQ(block.status, 7u) << "the driver has one port only";
-    EXPECT_EQ(payload.wwpn, 0u);
+    EXPECT_EQ(+block.status, 7u) << "the driver has one port only";
+    EXPECT_EQ(+payload.wwpn, 0u);
     EXPECT_EQ(host.count_calls(Operation::port_info), 1u) << "only the last came to the driver";
 }
 
