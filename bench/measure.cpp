@@ -53,9 +53,9 @@ void compare_cold(benchmark::State& state, const std::function<void()>& prepare,
     const auto time_first = [&prepare](const std::function<void()>& work) {
         return in_fresh_process([&] {
             prepare();
-            const auto start = Clock::now();
+            const double start = now();
             work();
-            return nanoseconds_since(start);
+            return now() - start;
         });
     };
     Samples samples;

@@ -1,31 +1,32 @@
 // measure.h - how an operation is compared with its floor: in one process and one run, in batches that take
 // turns, so that whatever else the machine does meets both alike. A row's ratio is the median of the ratios
-// of neighbouring batches.
+// of neighbouring batches. What counts is processor time, of which a busy machine takes nothing away.
 #pragma once
 
 #include <benchmark/benchmark.h>
 
-#include <chrono>
+#include <ctime>
 #include <functional>
 #include <string>
 #include <vector>
 
 namespace bench {
 
-using Clock = std::chrono::steady_clock;
-
-inline double nanoseconds_since(Clock::time_point start) {
-    return std::chrono::duration<double, std::nano>(Clock::now() - start).count();
+// Nanoseconds of a clock since its beginning.
+inline double now(clockid_t clock = CLOCK_THREAD_CPUTIME_ID) {
+    timespec time;
+    clock_gettime(clock, &time);
+    return static_cast<double>(time.tv_sec) * 1e9 + static_cast<double>(time.tv_nsec);
 }
 
 template <class Work>
 double time_batch(Work& work, size_t count) {
-    const auto start = Clock::now();
+    const double start = now();
     for (size_t i = 0; i < count; ++i) {
         work();
         benchmark::ClobberMemory();
     }
-    return nanoseconds_since(start) / static_cast<double>(count);
+    return (now() - start) / static_cast<double>(count);
 }
 
 // What the batches of a row took, and its line in the table.

@@ -35,36 +35,35 @@ TRELM_SCSI_CMND record_of(const Command& command) {
     return record;
 }
 
-void send(const Loaded& host, const Command& command, uint8_t* data) {
-    TRELM_SCSI_CMND record = record_of(command);
-    uint32_t length = command.length;
+void send(const Loaded& host, TRELM_SCSI_CMND& record, uint32_t length, uint8_t* data) {
     expect_ok(TRELM_SendScsiCommand(host.handle(), 0, &record, &length, data), "TRELM_SendScsiCommand");
-}
-
-ScsiPayload floor_of(Kind kind, const Command& command, uint8_t* data) {
-    return {kind, command.direction, command.operation_code, data, command.length};
 }
 
 void warm(benchmark::State& state, Kind kind, const Command& command) {
     const Loaded host({.kind = kind});
     std::vector<uint8_t> data(kMost, 1);
     std::vector<uint8_t> floor_data(kMost, 1);
-    ScsiPayload payload = floor_of(kind, command, floor_data.data());
+    TRELM_SCSI_CMND record = record_of(command);
+    ScsiPayload payload(kind, command.direction, command.operation_code, floor_data.data(), command.length);
     compare(
-        state, [&] { send(host, command, data.data()); }, [&] { payload.send(); });
+        state, [&] { send(host, record, command.length, data.data()); }, [&] { payload.send(); });
 }
 
 // The floor allocates a payload as fresh as the one that the library's first command gets.
 void cold(benchmark::State& state, Kind kind, const Command& command) {
     const Loaded host({.kind = kind});
     std::vector<uint8_t> data(kMost, 1);
+    TRELM_SCSI_CMND record = record_of(command);
     compare_cold(
         state,
         [&] {
             touch_kernel_memory();
             memset(data.data(), 2, data.size());
         },
-        [&] { send(host, command, data.data()); }, [&] { floor_of(kind, command, data.data()).send(); });
+        [&] { send(host, record, command.length, data.data()); },
+        [&] {
+            ScsiPayload(kind, command.direction, command.operation_code, data.data(), command.length).send();
+        });
 }
 
 constexpr uint8_t kReportLuns = 0xA0;
