@@ -1,6 +1,7 @@
 #include "state.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/random.h>
 #include <sys/sem.h>
@@ -10,6 +11,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -80,6 +82,11 @@ uint64_t hash(std::string_view name) {
     return mix(value) | 1;
 }
 
+constexpr const char* kTemporaryRoot = "trelm-hostsim-";
+
+// Locked, shared, by all who run the host at a root.
+fs::path users_path(const fs::path& root) { return root / ".hostsim" / "users"; }
+
 fs::path state_path(const fs::path& root) { return root / ".hostsim" / "state"; }
 
 class Descriptor {
@@ -147,6 +154,31 @@ void lay_out(const fs::path& root) {
 
 }  // namespace
 
+namespace {
+
+// Whether a host of this user was here and nobody runs it any more. A host that has only just begun may not
+// have taken its lock yet.
+bool is_forsaken(const fs::path& root) {
+    constexpr time_t kBeginning = 60;  // seconds
+    const Descriptor users(open(users_path(root).c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+    struct stat status {};
+    return users.get() >= 0 && fstat(users.get(), &status) == 0 && status.st_uid == geteuid() &&
+           status.st_mtime + kBeginning < time(nullptr) && flock(users.get(), LOCK_EX | LOCK_NB) == 0;
+}
+
+void remove_forsaken(const fs::path& directory) noexcept {
+    std::error_code error;
+    for (fs::directory_iterator at(directory, error), end; !error && at != end; at.increment(error)) {
+        const fs::path root = at->path();
+        if (!root.filename().string().starts_with(kTemporaryRoot) || !is_forsaken(root)) continue;
+        State::clean(root);
+        std::error_code ignored;
+        fs::remove_all(root, ignored);
+    }
+}
+
+}  // namespace
+
 State::State(std::string root, std::vector<std::string> passed, SharedState* shared, pid_t owner)
     : root_(std::move(root)),
       passed_(std::move(passed)),
@@ -160,6 +192,7 @@ State::~State() {
     const OwnCalls own;
     current_state.store(previous_);
     unmap_state(shared_);
+    if (in_use_ >= 0) close(in_use_);
     if (owner_ != getpid()) return;
     clean(root_);
     std::error_code error;
@@ -168,9 +201,10 @@ State::~State() {
 
 fs::path State::temporary_root() {
     const OwnCalls own;
-    const char* directory = std::getenv("TMPDIR");
-    std::string path =
-        std::string(directory != nullptr && *directory != 0 ? directory : "/tmp") + "/trelm-hostsim-XXXXXX";
+    const char* given = std::getenv("TMPDIR");
+    const std::string directory = given != nullptr && *given != 0 ? given : "/tmp";
+    remove_forsaken(directory);
+    std::string path = directory + "/" + kTemporaryRoot + "XXXXXX";
     if (mkdtemp(path.data()) == nullptr) fail("a directory for the simulated host, " + path);
     return fs::canonical(path);
 }
@@ -180,7 +214,10 @@ std::unique_ptr<State> State::temporary() {
     const fs::path root = temporary_root();
     try {
         create(root, "");
-        return std::unique_ptr<State>(new State(root.string(), {}, map_state(state_path(root), 0), getpid()));
+        std::unique_ptr<State> state(new State(root.string(), {}, map_state(state_path(root), 0), getpid()));
+        state->in_use_ = open(users_path(root).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        if (state->in_use_ < 0 || flock(state->in_use_, LOCK_SH) != 0) fail(users_path(root).string());
+        return state;
     } catch (...) {
         std::error_code error;
         fs::remove_all(root, error);

@@ -45,7 +45,8 @@ class HOSTSIM_API State {
     static std::unique_ptr<State> attach(const std::filesystem::path& root,
                                          std::vector<std::string> passed = {});
 
-    // Makes a directory for a host's root among the temporary files.
+    // Makes a directory for a host's root among the temporary files, where it also removes what hosts left
+    // behind whose processes were killed: their roots and semaphores.
     static std::filesystem::path temporary_root();
     // Lays out the root of a host (made if it is not there) and a fresh shared file in it. For whoever starts
     // a host. Semaphores of a host that ended without cleaning are removed.
@@ -85,6 +86,7 @@ class HOSTSIM_API State {
     std::vector<std::string> passed_;
     SharedState* shared_;
     pid_t owner_;      // the process whose object cleans up; 0: none
+    int in_use_ = -1;  // held locked by the owner of a temporary root and its forks
     State* previous_;  // current before this one
 };
 

@@ -20,6 +20,7 @@
 #include <unistd.h>
 #include <utime.h>
 
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -31,6 +32,7 @@
 #include "host.h"
 #include "hosts.h"
 #include "own_calls.h"
+#include "state.h"
 #include "trelm_driver_records.h"
 
 namespace {
@@ -352,6 +354,46 @@ TEST(HostsimSemaphores, GoWithTheirHostAndAreNoneOfTheMachines) {
     EXPECT_EQ(semctl(id, 0, GETVAL), -1);
     const Host next(hostsim::hosts::empty());
     EXPECT_EQ(semget(kKey, 1, 0), -1) << "another host has none of it";
+}
+
+TEST(HostsimSemaphores, OfAKilledHostGoWhenTheNextHostBegins) {
+    struct Left {
+        int semaphore;
+        char root[PATH_MAX];
+    };
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        const Host host(hostsim::hosts::empty());
+        Left left{semget(812, 1, IPC_CREAT | 0644), {}};
+        host.root().string().copy(left.root, sizeof left.root - 1);
+        _exit(write(ends[1], &left, sizeof left) == sizeof left ? 0 : 1);
+    }
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    Left left{};
+    ASSERT_EQ(read(ends[0], &left, sizeof left), static_cast<ssize_t>(sizeof left));
+    closes(ends[0]);
+    closes(ends[1]);
+    ASSERT_NE(semctl(left.semaphore, 0, GETVAL), -1);
+
+    // A host that has only begun is left alone, and so is one that runs, however old.
+    const fs::path users = fs::path(left.root) / ".hostsim/users";
+    const Host running(hostsim::hosts::empty());
+    const hostsim::OwnCalls own;  // the roots are the machine's
+    EXPECT_TRUE(fs::exists(left.root));
+    const auto long_ago = fs::file_time_type::clock::now() - std::chrono::hours(1);
+    fs::last_write_time(users, long_ago);
+    fs::last_write_time(running.root() / ".hostsim/users", long_ago);
+    const pid_t next = fork();
+    if (next == 0) {
+        fs::remove_all(hostsim::State::temporary_root());
+        _exit(0);
+    }
+    ASSERT_EQ(waitpid(next, nullptr, 0), next);
+    EXPECT_FALSE(fs::exists(left.root));
+    EXPECT_EQ(semctl(left.semaphore, 0, GETVAL), -1);
+    EXPECT_TRUE(fs::exists(running.root()));
 }
 
 }  // namespace

@@ -68,7 +68,7 @@ class Next<Result(Parameters...)> {
 
 #define INTERPOSED(result, name, parameters)                                                              \
     extern "C" __attribute__((visibility("default"))) result hostsim_at_##name parameters __asm__(#name); \
-    static constinit ::hostsim::Next<result parameters> next_##name(#name);                               \
+    [[maybe_unused]] static constinit ::hostsim::Next<result parameters> next_##name(#name);              \
     result hostsim_at_##name parameters
 
 #define NEXT(name) next_##name
