@@ -18,6 +18,7 @@
 #include <new>
 
 #include "../support/stand_before.h"
+#include "user.h"
 
 namespace trelm::soak {
 
@@ -25,15 +26,15 @@ Crowd* crowd = nullptr;
 
 namespace {
 
-constexpr key_t kDatabaseKey = 0x32C;
-constexpr char kSharedFile[] = "/tmp/trelm_shared.dat";
 constexpr size_t kFileSize = 163840;
+constexpr int64_t kDawdling = 10'000'000'000;  // at most
 constexpr uint32_t kTaken = 0x4;
 
 struct Self {
     uint32_t number = 0;  // 0: no process of the crowd
     uint64_t calls = 0;
     uint64_t fatal_call = 0;
+    bool dawdles = false;
     const uint8_t* instance = nullptr;  // the library's slot
     int32_t set = -1;                   // the database's semaphore
     const uint32_t* flags = nullptr;    // of the slots, in the mapped file
@@ -187,12 +188,13 @@ void fail(const char* format, ...) {
     fflush(stdout);
 }
 
-void join_crowd(uint32_t number, uint64_t fatal_call, const uint8_t* library_instance) {
+void join_crowd(const User& user, const uint8_t* library_instance) {
     self = {};
-    self.number = number;
-    self.fatal_call = fatal_call;
+    self.number = user.number;
+    self.fatal_call = user.fatal_call;
+    self.dawdles = user.dawdles;
     self.instance = library_instance;
-    if (!test::find_library()) fail("the library is not in process %u", number);
+    if (!test::find_library()) fail("the library is not in process %u", user.number);
 }
 
 // ---- The library's calls
@@ -223,8 +225,16 @@ static void after_semop(int32_t set, int operation, int outcome) {
     if (is_guards(set) && operation < 0 && outcome == 0) enter();
 }
 
+// Lets newcomers find the set and wait for it.
+static void dawdle() {
+    crowd->removing = true;
+    const int64_t end = now() + kDawdling;
+    while (semctl(self.set, 0, GETNCNT) == 0 && now() < end) usleep(1000);
+}
 static void before_semctl(int32_t set, int command) {
-    if (command == IPC_RMID && is_guards(set) && is_inside()) leave();
+    if (command != IPC_RMID || !is_guards(set) || !is_inside()) return;
+    if (self.dawdles) dawdle();
+    leave();
 }
 
 static void file_is_mapped(void* memory) {

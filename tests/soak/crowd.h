@@ -19,6 +19,7 @@ struct Crowd {
     std::atomic<uint32_t> holders[kSlots];   // who has the slot to itself
     std::atomic<bool> gone[kMostProcesses];  // killed, or to be killed the next moment
     std::atomic<int32_t> valued[kMostSets];  // semaphore sets that got their first value, as id + 1
+    std::atomic<bool> removing;              // a process that dawdles is about to remove the semaphore
     std::atomic<uint64_t> entries;           // into the region
     std::atomic<uint64_t> rounds;            // of load, work and free
     std::atomic<uint64_t> killed_inside;     // processes that were killed in the region
@@ -38,9 +39,10 @@ void forget_all_processes();
 // Says what went wrong and counts it. Nothing that a process says which is about to be killed counts.
 [[gnu::format(printf, 1, 2)]] void fail(const char* format, ...);
 
-// In a new process: takes its number, and the library as it was just loaded. It kills itself at its
-// `fatal_call`-th call from the library; 0: never.
-void join_crowd(uint32_t number, uint64_t fatal_call, const uint8_t* library_instance);
+struct User;
+
+// In a new process: takes its number, and the library as it was just loaded.
+void join_crowd(const User& user, const uint8_t* library_instance);
 
 int64_t now();
 

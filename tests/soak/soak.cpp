@@ -31,13 +31,17 @@ namespace fs = std::filesystem;
 
 constexpr char kLogFile[] = "/var/tmp/libtrelm.log";
 constexpr int64_t kSecond = 1'000'000'000;
-constexpr int64_t kCrowdTime = 2 * kSecond;
+constexpr int64_t kCrowdTime = kSecond;
 // Without a step of anyone's for so long, nobody goes on. What counts is that somebody steps, not how fast.
 constexpr int64_t kPatience = 60 * kSecond;
-constexpr size_t kCrowdSize = 6;
+constexpr unsigned kLargestCrowd = 6;  // small ones often have a last process
 // A round has about so many calls to be killed at, the more so with the log on.
 constexpr unsigned kFatalCalls = 60;
 constexpr unsigned kFatalCallsWithLog = 2000;
+
+// Of a process: one that may be killed, one that is not, and one that lets others come before it removes the
+// semaphore.
+enum class Part { mortal, survivor, dawdler };
 
 struct Figures {
     uint64_t crowds = 0;
@@ -52,19 +56,23 @@ class Soak {
 
     void run_crowd() {
         ++figures.crowds;
+        const unsigned size = 2 + pick(kLargestCrowd - 1);
         const int64_t end = now() + kCrowdTime;
         while (now() < end && crowd->failures == 0) {
-            while (living_.size() < kCrowdSize) start(true);
+            while (living_.size() < size) start(Part::mortal);
             kill_some();
-            usleep(1000);
-            reap();
-            demand_steps();
+            step();
         }
-        while (!living_.empty()) {
-            usleep(1000);
-            reap();
-            demand_steps();
-        }
+        see_all_end();
+    }
+
+    // Newcomers wait for the semaphore that the last process is about to remove.
+    void run_meeting() {
+        crowd->removing = false;
+        start(Part::dawdler);
+        while (!crowd->removing && !living_.empty()) step();
+        for (int newcomer = 0; newcomer < 2; ++newcomer) start(Part::survivor);
+        see_all_end();
     }
 
     // What the crowd left: whole lines in the log, and nothing that would hinder one who comes alone.
@@ -72,12 +80,8 @@ class Soak {
         forget_all_processes();
         check_log();
         kills_in_crowd_ = 0;
-        start(false);
-        while (!living_.empty()) {
-            usleep(1000);
-            reap();
-            demand_steps();
-        }
+        start(Part::survivor);
+        see_all_end();
         if (fs::exists(kSharedFile)) fail("the last process left the shared file behind");
         if (semget(kDatabaseKey, 0, 0) >= 0) fail("the last process left its semaphore set behind");
         std::error_code ignored;
@@ -87,15 +91,25 @@ class Soak {
     Figures figures;
 
   private:
+    void step() {
+        usleep(1000);
+        reap();
+        demand_steps();
+    }
+    void see_all_end() {
+        while (!living_.empty()) step();
+    }
+
     unsigned pick(unsigned below) { return std::uniform_int_distribution<unsigned>(0, below - 1)(random_); }
 
-    void start(bool may_die) {
+    void start(Part part) {
         User user;
         user.number = ++last_number_;
-        user.rounds = 1 + pick(4);
+        user.rounds = part == Part::dawdler ? 1 : 1 + pick(4);
         user.log_flags = pick(3) == 0 ? 7 : 0;
         const unsigned fatal_calls = user.log_flags == 0 ? kFatalCalls : kFatalCallsWithLog;
-        user.fatal_call = may_die && pick(2) == 0 ? 1 + pick(fatal_calls) : 0;
+        user.fatal_call = part == Part::mortal && pick(2) == 0 ? 1 + pick(fatal_calls) : 0;
+        user.dawdles = part == Part::dawdler;
         if (user.number >= kMostProcesses) {
             fail("there were too many processes");
             return;
@@ -201,6 +215,7 @@ int soak(unsigned seconds, unsigned seed) {
     do {
         soak.run_crowd();
         soak.look_after_crowd();
+        soak.run_meeting();
     } while (now() < end && crowd->failures == 0);
     report(soak.figures, abuses);
     return crowd->failures == 0 ? 0 : 1;

@@ -64,7 +64,7 @@ void work(const User& user, const Library& library) {
 
 void use_library(const User& user) {
     const Library library = load_library(user.log_flags);
-    join_crowd(user.number, user.fatal_call, library.instance);
+    join_crowd(user, library.instance);
     for (unsigned round = 0; round < user.rounds; ++round) {
         expect(user, "TRELM_LoadLibrary", library.load());
         work(user, library);

@@ -14,7 +14,8 @@ struct User {
     uint32_t number = 0;
     unsigned rounds = 1;  // of load, work and free
     uint32_t log_flags = 0;
-    uint64_t fatal_call = 0;  // at which it kills itself; 0: none
+    uint64_t fatal_call = 0;  // its call from the library at which it kills itself; 0: none
+    bool dawdles = false;     // before it removes the semaphore, until another waits for it
 };
 
 // In a new process: all its rounds, then its end.
