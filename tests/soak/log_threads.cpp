@@ -16,6 +16,11 @@
 #include "trelm_core.h"
 #include "trelm_dbg.h"
 
+// For ThreadSanitizer: a forked child never joins its parent's threads, and standard error is full of the
+// log.
+extern "C" [[gnu::visibility("default")]] const char* __tsan_default_options();
+const char* __tsan_default_options() { return "report_thread_leaks=0:log_path=stdout"; }
+
 namespace {
 
 constexpr unsigned kThreads = 4;
