@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "own_calls.h"
+#include "passed_directories.h"
 #include "simulator_paths.h"
 
 namespace hostsim {
@@ -214,7 +215,10 @@ std::unique_ptr<State> State::temporary() {
     const fs::path root = temporary_root();
     try {
         create(root, "");
-        std::unique_ptr<State> state(new State(root.string(), {}, map_state(state_path(root), 0), getpid()));
+        PassedDirectories passed;
+        passed.add_working_directory();
+        std::unique_ptr<State> state(
+            new State(root.string(), passed.directories(), map_state(state_path(root), 0), getpid()));
         state->in_use_ = open(users_path(root).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
         if (state->in_use_ < 0 || flock(state->in_use_, LOCK_SH) != 0) fail(users_path(root).string());
         return state;

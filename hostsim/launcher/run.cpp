@@ -10,6 +10,7 @@
 #include <system_error>
 
 #include "host_file.h"
+#include "passed_directories.h"
 #include "root_lock.h"
 #include "simulator_paths.h"
 #include "state.h"
@@ -43,38 +44,10 @@ std::string_view variable(const char* name) {
     return value == nullptr ? std::string_view() : value;
 }
 
-// ---- Directories of the machine that stay visible
-// --------------------------------------------------------------------
-
-bool is_hidden(const fs::path& directory) {
-    const std::string text = directory.string();
-    return text.starts_with("/tmp/") || text.starts_with("/var/tmp/");
-}
-
-class Passed {
-  public:
-    // `directory` as it is called and as it is, where it is one that the host's own "/tmp" or "/var/tmp"
-    // would hide.
-    void add(const fs::path& directory) {
-        std::error_code error;
-        if (directory.empty() || !fs::is_directory(directory, error)) return;
-        for (const fs::path& form :
-             {fs::absolute(directory).lexically_normal(), fs::canonical(directory, error)}) {
-            std::string text = form.string();
-            while (text.size() > 1 && text.back() == '/') text.pop_back();
-            if (is_hidden(text) && text != "/var/tmp") directories_.push_back(text);
-        }
-    }
-    const std::vector<std::string>& directories() const { return directories_; }
-
-  private:
-    std::vector<std::string> directories_;
-};
-
 // What the command needs of the machine: where it is started, what it is given, and the simulator itself.
-Passed passed_directories(const RunOptions& options) {
-    Passed passed;
-    passed.add(fs::current_path());
+PassedDirectories passed_directories(const RunOptions& options) {
+    PassedDirectories passed;
+    passed.add_working_directory();
     passed.add(options.host_file.parent_path());
     for (const fs::path& own : {launcher_path(), preload_path()}) {
         passed.add(own.parent_path());
@@ -135,7 +108,7 @@ class Environment {
     std::vector<std::string> entries_;
 };
 
-std::vector<std::string> environment_for(const fs::path& root, const Passed& passed) {
+std::vector<std::string> environment_for(const fs::path& root, const PassedDirectories& passed) {
     Environment environment;
     environment.set("LD_PRELOAD", preload_list());
     environment.set("PATH", search_path(root));
@@ -183,7 +156,7 @@ class Root {
 };
 
 // The steps to a passed directory are there too, so that a program which walks there finds a way.
-void make_steps(const fs::path& root, const Passed& passed) {
+void make_steps(const fs::path& root, const PassedDirectories& passed) {
     std::error_code error;
     for (const std::string& directory : passed.directories())
         fs::create_directories(root / fs::path(directory).relative_path().parent_path(), error);
@@ -195,7 +168,7 @@ int run(const RunOptions& given) {
     RunOptions options = given;
     read_host_file(options.host_file);
     options.host_file = fs::canonical(options.host_file);
-    const Passed passed = passed_directories(options);
+    const PassedDirectories passed = passed_directories(options);
     Root root(options.root);
     RootLock lock(root.path(), options.host_file.string());
     make_steps(root.path(), passed);

@@ -1,0 +1,29 @@
+#include "passed_directories.h"
+
+#include <system_error>
+
+namespace hostsim {
+namespace fs = std::filesystem;
+
+bool is_hidden(const fs::path& directory) {
+    const std::string text = directory.string();
+    return text.starts_with("/tmp/") || text.starts_with("/var/tmp/");
+}
+
+void PassedDirectories::add(const fs::path& directory) {
+    std::error_code error;
+    if (directory.empty() || !fs::is_directory(directory, error)) return;
+    for (const fs::path& form :
+         {fs::absolute(directory).lexically_normal(), fs::canonical(directory, error)}) {
+        std::string text = form.string();
+        while (text.size() > 1 && text.back() == '/') text.pop_back();
+        if (is_hidden(text)) directories_.push_back(text);
+    }
+}
+
+void PassedDirectories::add_working_directory() {
+    std::error_code error;
+    add(fs::current_path(error));
+}
+
+}  // namespace hostsim
