@@ -1,24 +1,52 @@
-// port_calls.h - what tests of the per-port functions share: records written down byte by byte, the names
-// that each transport logs, and the ways in which a driver request can fail.
+// port_calls.h - what tests of the library's functions share: records written down byte by byte, the lines
+// that each transport logs, the registry as a list, and the ways in which a driver request can fail.
 #pragma once
 
 #include <fmt/format.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
+#include <concepts>
 #include <cstring>
+#include <functional>
+#include <optional>
+#include <random>
 #include <span>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
+#include "descriptors.h"
 #include "guarded.h"
-#include "host.h"
-#include "trelm_mgmt.h"
+#include "loaded_host.h"
+#include "log_capture.h"
+#include "trelm_core.h"
+#include "trelm_driver_records.h"
 
 namespace trelm::test {
 
+using hostsim::Answer;
+using hostsim::DriverKind;
+using hostsim::Operation;
+using testing::Each;
+using testing::ElementsAre;
+
 using Lines = std::vector<std::string>;
+
+// Lines that begin alike.
+inline Lines lines(const std::string& beginning, Lines texts) {
+    for (std::string& text : texts) text.insert(0, beginning);
+    return texts;
+}
+inline Lines operator+(Lines first, const Lines& then) {
+    first.insert(first.end(), then.begin(), then.end());
+    return first;
+}
+
+// A field of a record: a little-endian number.
+struct Field {
+    size_t offset, width;
+    uint64_t value;
+};
 
 // A record as bytes, each field put at its offset.
 class Bytes : public std::vector<uint8_t> {
@@ -30,7 +58,12 @@ class Bytes : public std::vector<uint8_t> {
         for (size_t i = 0; i < size; ++i) bytes[i] = GuardedBytes::initial(i);
         return bytes;
     }
-    template <typename Integer>
+    template <std::same_as<Field>... Fields>
+    Bytes& put(const Fields&... fields) {
+        (copy(fields.offset, &fields.value, fields.width), ...);
+        return *this;
+    }
+    template <std::integral Integer>
     Bytes& put(size_t offset, Integer value) {
         return copy(offset, &value, sizeof value);
     }
@@ -40,7 +73,7 @@ class Bytes : public std::vector<uint8_t> {
         return copy(offset, text.data(), width);
     }
     // Most significant byte first.
-    Bytes& wwn(size_t offset, uint64_t name) { return put(offset, __builtin_bswap64(name)); }
+    Bytes& wwn(size_t offset, uint64_t name) { return put(Field{offset, 8, __builtin_bswap64(name)}); }
     Bytes& copy(size_t offset, const void* from, size_t size) {
         if (offset + size > this->size()) throw std::out_of_range("the field lies outside the record");
         std::memcpy(data() + offset, from, size);
@@ -56,7 +89,7 @@ inline std::vector<uint8_t> contents(const GuardedBytes& record) {
 }
 
 // With what the functions of a driver's transport begin.
-inline std::string transport(hostsim::DriverKind kind) {
+inline std::string transport(DriverKind kind) {
     static constexpr const char* kPrefixes[hostsim::kDriverKinds]{"trelmnt_", "trelm_pyxnt_", "trelm_"};
     return kPrefixes[static_cast<size_t>(kind)];
 }
@@ -68,13 +101,46 @@ inline uint32_t open_port(uint32_t instance = 0) {
     return handle;
 }
 
-// The payload of a request without what the driver's interface puts before it.
-inline std::vector<uint8_t> payload_of(const hostsim::Call& call) {
-    const size_t header = call.driver == hostsim::DriverKind::legacy ? 0 : 8;
-    return {call.payload.begin() + static_cast<std::ptrdiff_t>(header), call.payload.end()};
+inline std::vector<trelm_priv_db*> registry() {
+    std::vector<trelm_priv_db*> ports;
+    if (!trelm_priv_database) return ports;
+    trelm_dlist_start(trelm_priv_database);
+    while (auto* pdb = static_cast<trelm_priv_db*>(_trelm_dlist_mark_move(trelm_priv_database, 1))) {
+        ports.push_back(pdb);
+    }
+    return ports;
+}
+inline std::vector<uint32_t> instances() {
+    std::vector<uint32_t> numbers;
+    for (const trelm_priv_db* pdb : registry()) numbers.push_back(pdb->drvr_inst);
+    return numbers;
 }
 
-inline std::vector<hostsim::Call> calls_of(const hostsim::Host& host, hostsim::Operation operation) {
+// Adds an adapter of each device around the supported ones; gives the driver instances that are to be kept.
+inline std::vector<uint32_t> add_devices(hostsim::Model& model, DriverKind kind) {
+    std::vector<uint32_t> kept;
+    const std::vector<uint16_t> known{0x165C, 0x1662, 0x1663, 0x168A, 0x168E, 0x16A1,
+                                      0x16A2, 0x16A4, 0x16A5, 0x16AE, 0x8080, 0x8180};
+    uint32_t instance = 0;
+    const auto add = [&](uint16_t device) {
+        hostsim::Adapter& adapter = hostsim::hosts::add_adapter(model, kind, 1);
+        adapter.device_id = device;
+        adapter.vendor_id = 0xABCD;  // which does not matter
+        if (std::count(known.begin(), known.end(), device)) kept.push_back(instance);
+        ++instance;
+    };
+    for (uint16_t device = 0x1650; device < 0x16B0; ++device) add(device);
+    for (const uint16_t device : {0x8070, 0x8080, 0x8180, 0x8081}) add(device);
+    return kept;
+}
+
+// The payload of a request without what the driver's interface puts before it.
+inline std::vector<uint8_t> payload_of(const hostsim::Call& call) {
+    const ptrdiff_t header = call.driver == DriverKind::legacy ? 0 : 8;
+    return {call.payload.begin() + header, call.payload.end()};
+}
+
+inline std::vector<hostsim::Call> calls_of(const hostsim::Host& host, Operation operation) {
     std::vector<hostsim::Call> calls = host.calls();
     std::erase_if(calls, [&](const hostsim::Call& call) { return call.operation != operation; });
     return calls;
@@ -85,8 +151,8 @@ struct Failure {
     uint32_t status = 0;
     int error = 0;
 
-    void of(hostsim::Host& host, hostsim::Operation operation) const {
-        host.tamper = [failure = *this, operation](hostsim::Answer& answer) {
+    void of(hostsim::Host& host, Operation operation) const {
+        host.tamper = [failure = *this, operation](Answer& answer) {
             if (answer.call.operation != operation) return;
             answer.status = failure.status;
             answer.result = failure.error ? -1 : 0;
@@ -96,7 +162,7 @@ struct Failure {
 };
 
 // One request that goes wrong, the `occurrence`-th of its kind.
-inline hostsim::Fault fault(hostsim::Operation operation, Failure failure, uint64_t occurrence = 1) {
+inline hostsim::Fault fault(Operation operation, Failure failure, uint64_t occurrence = 1) {
     hostsim::Fault fault;
     fault.operation = operation;
     fault.status = failure.status;
@@ -108,17 +174,36 @@ inline hostsim::Fault fault(hostsim::Operation operation, Failure failure, uint6
 // Has the driver fail one kind of request in every way; `call` is to return what the public function then
 // returns. The status of a driver counts before what its call returns.
 template <typename Call>
-void expect_failures_translated(hostsim::Host& host, hostsim::Operation operation, const Call& call) {
-    std::vector<std::pair<Failure, uint32_t>> rows{
-        {{14, 0}, 0x6000000B},         {{255, 0}, 0x6000000B}, {{0x80000000, 0}, 0x6000000B},
-        {{0xFFFFFFFF, 0}, 0x6000000B}, {{0, EIO}, 0x6000000B}, {{5, EIO}, 0x60000005},
-        {{99, EIO}, 0x6000000B}};
-    for (uint32_t status = 1; status <= 13; ++status) rows.push_back({{status, 0}, 0x60000000 + status});
-    for (const auto& [failure, code] : rows) {
+void expect_failures_translated(hostsim::Host& host, Operation operation, const Call& call) {
+    std::vector<Failure> failures{{0, EIO}, {5, EIO}, {99, EIO}, {255, 0}, {0x80000000, 0}, {0xFFFFFFFF, 0}};
+    for (uint32_t status = 1; status <= 14; ++status) failures.push_back({status, 0});
+    for (const Failure failure : failures) {
         failure.of(host, operation);
-        EXPECT_EQ(call(), code) << "status " << failure.status << ", errno " << failure.error;
+        const bool own_code = failure.status >= 1 && failure.status <= 13;
+        EXPECT_EQ(call(), 0x60000000 + (own_code ? failure.status : 11))
+            << "status " << failure.status << ", errno " << failure.error;
     }
     host.tamper = nullptr;
+}
+
+// Lets `work` have the answer to every SCSI command, which then has a good status unless it says otherwise.
+template <typename Work>
+void answer_scsi(hostsim::Host& host, const Work& work) {
+    host.tamper = [work](Answer& answer) {
+        if (answer.call.operation != Operation::scsi) return;
+        answer.status = 0;
+        answer.result = 0;
+        work(answer, answer.as<dorfc_scsi_cmd>());
+    };
+}
+
+// A driver's record of a SCSI command up to its data: for target and LUN, reading, with room for all sense.
+inline Bytes scsi_record(uint32_t target, uint32_t lun, uint8_t cdb_length, const char* cdb,
+                         uint32_t length) {
+    return Bytes(292)
+        .put(Field{4, 4, target}, Field{8, 4, lun}, Field{12, 1, 1}, Field{13, 1, cdb_length})
+        .copy(14, cdb, 16)
+        .put(Field{30, 2, 256}, Field{288, 4, length});
 }
 
 }  // namespace trelm::test
