@@ -17,21 +17,27 @@ namespace trelm::test {
 inline constexpr size_t kAnySize = 0;
 inline constinit thread_local bool allocation_is_to_fail = false;
 inline constinit thread_local size_t failing_size = kAnySize;
+inline constinit thread_local unsigned passing = 0;
 
 // A sanitizer's runtime allocates before its checks can work, so these functions do without them.
 #define TRELM_UNCHECKED __attribute__((no_sanitize("address", "undefined", "thread")))
 
 TRELM_UNCHECKED inline bool allocation_fails(size_t size) {
     if (!allocation_is_to_fail || (failing_size != kAnySize && size != failing_size)) return false;
+    if (passing > 0) {
+        --passing;
+        return false;
+    }
     allocation_is_to_fail = false;
     errno = ENOMEM;
     return true;
 }
 
-// While it lives, the first allocation of that size fails.
+// While it lives, the first allocation of that size fails, after so many others of it.
 class FailingAllocation {
   public:
-    explicit FailingAllocation(size_t size = kAnySize) {
+    explicit FailingAllocation(size_t size = kAnySize, unsigned after = 0) {
+        passing = after;
         failing_size = size;
         allocation_is_to_fail = true;
     }
