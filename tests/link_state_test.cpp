@@ -1,20 +1,15 @@
 // The link state of a legacy port, read from text files: which files name a port ready, and the limits of the
 // reader.
-#include <gmock/gmock.h>
-
 #include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <set>
 
-#include "support/loaded_host.h"
 #include "support/port_calls.h"
-#include "trelm_core.h"
 
 namespace {
 
 using namespace trelm::test;
-using hostsim::DriverKind;
 
 // Files of a test, in a directory that no simulated host puts elsewhere.
 class LinkStateFiles : public testing::Test {
@@ -51,45 +46,38 @@ const std::string kReady = "state = LPORT_ST_READY.\n";
 
 TEST_F(LinkStateFiles, NameAPortReadyOverThreeLinesInOrder) {
     const std::string line = "some other line\n";
-    EXPECT_TRUE(names_ready(kSection + kName + kReady));
-    EXPECT_TRUE(names_ready(line + kSection + line + line + kName + line + kReady + line));
-    EXPECT_TRUE(names_ready("a" + kSection + "b" + kName + "c LPORT_ST_READY"))
-        << "the last line may lack its end";
-    EXPECT_TRUE(names_ready(kSection + kName + "LPORT_ST_DOWN\n" + kSection + "WWPN 1\n" + kReady))
-        << "another section's word counts when it follows the name";
-    EXPECT_TRUE(names_ready(kSection + kName + kReady + kSection + kName)) << "found once is found";
-    EXPECT_FALSE(names_ready(""));
-    EXPECT_FALSE(names_ready(kName + kReady + kSection));
-    EXPECT_FALSE(names_ready(kSection + kReady + kName));
-    EXPECT_FALSE(names_ready(kName + kSection + kReady));
-    EXPECT_FALSE(names_ready(kSection + kName + "LPORT_ST_READ\n"));
-    EXPECT_FALSE(names_ready(kSection + "WWPN 2000001B21ABCDEF\n" + kReady)) << "names are in lower case";
-    EXPECT_FALSE(names_ready(kSection + "WWPN 2000001b21abcdee\n" + kReady));
-    // Each of the three wants a line of its own.
-    EXPECT_FALSE(names_ready("SCSI Device Information: 2000001b21abcdef LPORT_ST_READY\n"));
-    EXPECT_FALSE(names_ready(kSection + "2000001b21abcdef LPORT_ST_READY\n"));
-}
-
-TEST_F(LinkStateFiles, SmallNamesAreWrittenWithTwoDigits) {
+    for (const std::string& ready :
+         {kSection + kName + kReady, line + kSection + line + line + kName + line + kReady + line,
+          "a" + kSection + "b" + kName + "c LPORT_ST_READY",  // the last line may lack its end
+          kSection + kName + "LPORT_ST_DOWN\n" + kSection + "WWPN 1\n" + kReady,  // another section's word
+          kSection + kName + kReady + kSection + kName}) {
+        EXPECT_TRUE(names_ready(ready)) << ready;
+    }
+    for (const std::string& other :
+         {std::string(), kName + kReady + kSection, kSection + kReady + kName, kName + kSection + kReady,
+          kSection + kName + "LPORT_ST_READ\n", kSection + "WWPN 2000001B21ABCDEF\n" + kReady,
+          kSection + "WWPN 2000001b21abcdee\n" + kReady,
+          // Each of the three wants a line of its own.
+          std::string("SCSI Device Information: 2000001b21abcdef LPORT_ST_READY\n"),
+          kSection + "2000001b21abcdef LPORT_ST_READY\n"}) {
+        EXPECT_FALSE(names_ready(other)) << other;
+    }
     pdb.wwpn = 5;
     EXPECT_FALSE(names_ready(kSection + "WWPN 5\n" + kReady));
-    EXPECT_TRUE(names_ready(kSection + "WWPN 05\n" + kReady));
+    EXPECT_TRUE(names_ready(kSection + "WWPN 05\n" + kReady)) << "small names have two digits";
     pdb.wwpn = 0x123;
     EXPECT_TRUE(names_ready(kSection + "WWPN 123\n" + kReady));
 }
 
 TEST_F(LinkStateFiles, LongLinesAreReadInPiecesOf255) {
-    const auto padded = [](size_t before) {
-        return std::string(before, '.') + "LPORT_ST_READY" + std::string(999, '.') + "\n";
-    };
-    EXPECT_TRUE(names_ready(kSection + kName + padded(0)));
-    EXPECT_TRUE(names_ready(kSection + kName + padded(241))) << "the last place in the first piece";
-    EXPECT_FALSE(names_ready(kSection + kName + padded(242))) << "cut by the end of the piece";
-    EXPECT_FALSE(names_ready(kSection + kName + padded(254)));
-    EXPECT_TRUE(names_ready(kSection + kName + padded(255)));
-    // The pieces of one line count as lines.
-    EXPECT_TRUE(names_ready("SCSI Device Information" + std::string(255, ' ') + "2000001b21abcdef" +
-                            std::string(255, ' ') + "LPORT_ST_READY"));
+    for (const auto& [before, ready] :
+         {std::pair{0, true}, {241, true}, {242, false}, {254, false}, {255, true}}) {
+        const std::string line = std::string(before, '.') + "LPORT_ST_READY" + std::string(999, '.') + "\n";
+        EXPECT_EQ(names_ready(kSection + kName + line), ready) << before;
+    }
+    const std::string gap(255, ' ');
+    EXPECT_TRUE(names_ready("SCSI Device Information" + gap + "2000001b21abcdef" + gap + "LPORT_ST_READY"))
+        << "the pieces of one line count as lines";
     EXPECT_FALSE(names_ready(std::string(100000, 'x')));
 }
 
@@ -115,7 +103,7 @@ std::set<std::string> listed(const std::string& directory, uint32_t& count) {
     return names;
 }
 
-TEST_F(LinkStateFiles, AListingHasAllNamesThatFitItsSlots) {
+TEST_F(LinkStateFiles, AListingHasAllNamesThatFitItsSlotsUntilItsTableIsFull) {
     uint32_t count = 4711;
     EXPECT_TRUE(listed(directory, count).empty());
     EXPECT_EQ(count, 0U);
@@ -133,11 +121,7 @@ TEST_F(LinkStateFiles, AListingHasAllNamesThatFitItsSlots) {
     EXPECT_EQ(trelm_read_directory((directory + "/1").c_str(), names, &count), 1U);
     EXPECT_EQ(trelm_read_directory(std::string(5000, 'p').c_str(), names, &count), 1U);
     EXPECT_EQ(count, 4711U);
-}
-
-TEST_F(LinkStateFiles, AListingStopsAtAFullTable) {
-    for (int i = 0; i < 128; ++i) write("file" + std::to_string(i), "");
-    uint32_t count = 0;
+    for (int i = 5; i < 128; ++i) write("file" + std::to_string(i), "");
     EXPECT_EQ(listed(directory, count).size(), 128U);
     for (int i = 128; i < 300; ++i) write("file" + std::to_string(i), "");
     EXPECT_EQ(listed(directory, count).size(), 128U);
