@@ -2,15 +2,12 @@
 #include "block_store.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <vector>
+
+#include "support/child.h"
+#include "support/programs.h"
 
 namespace hostsim {
 namespace {
@@ -25,32 +22,19 @@ Bytes read(const BlockStore& store, uint64_t first, size_t size) {
     return data;
 }
 
-class DirectoryStore : public ::testing::Test {
+class DirectoryStore : public trelm::test::Programs {
   protected:
-    void SetUp() override {
-        std::string name = (std::filesystem::temp_directory_path() / "block_store_test.XXXXXX").string();
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        base_ = name;
-    }
-    void TearDown() override {
-        std::error_code ignored;
-        if (!base_.empty()) std::filesystem::remove_all(base_, ignored);
-    }
-    std::shared_ptr<BlockStore> open() const { return directory_store(directory(), kBlock); }
-    std::string directory() const { return base_ / "luns" / "0"; }
-
-    std::filesystem::path base_;
+    std::shared_ptr<BlockStore> open() const { return directory_store(at("luns"), kBlock); }
 };
 
 TEST_F(DirectoryStore, ShowsEveryProcessWhatTheOthersWrote) {
     const auto store = open();
     EXPECT_EQ(read(*store, 7, 2 * kBlock), Bytes(2 * kBlock));
-    const pid_t child = fork();
-    if (child == 0)
-        _exit(open()->write(7, Bytes(kBlock, 1)) == kBlock && store->write(8, Bytes(9, 2)) == 9 ? 0 : 1);
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_EQ(status, 0);
+    ASSERT_EQ(
+        trelm::test::in_child([&] {
+            return open()->write(7, Bytes(kBlock, 1)) == kBlock && store->write(8, Bytes(9, 2)) == 9 ? 0 : 1;
+        }),
+        0);
     Bytes expected(2 * kBlock);
     std::fill_n(expected.begin(), kBlock, uint8_t{1});
     std::fill_n(expected.begin() + kBlock, 9, uint8_t{2});
@@ -66,24 +50,20 @@ TEST_F(DirectoryStore, IsNotBoundToWhatAFileCanHold) {
         EXPECT_EQ(open()->write(first, data), data.size());
         EXPECT_EQ(read(*open(), first, data.size()), data);
     }
-    for (const auto& file : std::filesystem::directory_iterator(directory())) {
+    for (const auto& file : std::filesystem::directory_iterator(at("luns"))) {
         EXPECT_LE(file.file_size(), kFile) << file.path();
     }
 }
 
 TEST_F(DirectoryStore, ReportsHowFarItCameAndLeavesErrnoAlone) {
-    std::filesystem::create_directories(std::filesystem::path(directory()) /
-                                        "blocks-1");  // no file can be there
+    std::filesystem::create_directories(at("luns/blocks-1"));  // no file can be there
     constexpr uint64_t kLastOfFile = (uint64_t{1} << 40) / kBlock - 1;
     errno = 0;
     EXPECT_EQ(read(*open(), kLastOfFile, 3 * kBlock).size(), kBlock);
     EXPECT_EQ(open()->write(kLastOfFile, Bytes(3 * kBlock)), kBlock);
     EXPECT_EQ(errno, 0);
-}
-
-TEST_F(DirectoryStore, FailsWhereItsDirectoryCannotBe) {
-    std::ofstream(base_ / "luns") << "a file";
-    EXPECT_EQ(open()->write(0, Bytes(kBlock)), 0u);
+    write("file", "");
+    EXPECT_EQ(directory_store(at("file/luns"), kBlock)->write(0, Bytes(kBlock)), 0u) << "no directory can be";
 }
 
 TEST(MemoryStore, KeepsWhatWasWrittenAcrossItsPages) {

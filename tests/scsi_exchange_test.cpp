@@ -4,8 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <numeric>
-
 namespace hostsim {
 namespace {
 
@@ -16,7 +14,6 @@ using Bytes = std::vector<uint8_t>;
 using Cdb = std::array<uint8_t, 16>;
 
 constexpr Cdb kReadTwo{0x28, 0, 0, 0, 0, 0, 0, 0, 2};
-constexpr Cdb kWriteTwo{0x2A, 0, 0, 0, 0, 0, 0, 0, 2};
 
 // LUN 1, by flat addressing.
 ScsiTarget target_of(bool reserved) {
@@ -53,21 +50,6 @@ template <typename Record>
 class ScsiExchange : public ::testing::Test {};
 using Records = ::testing::Types<kronfc_scsi_cmd, dorfc_scsi_cmd>;
 TYPED_TEST_SUITE(ScsiExchange, Records);
-
-TYPED_TEST(ScsiExchange, MovesDataBothWaysAndTellsHowMuch) {
-    Exchange<TypeParam> exchange;
-    Bytes data(1024);
-    std::iota(data.begin(), data.end(), uint8_t{9});
-    std::ranges::copy(data, exchange.data());
-    EXPECT_EQ(exchange.run(2, 10, kWriteTwo, 2000), 0u);
-    EXPECT_EQ(exchange.record->data_len, 1024u);
-    std::fill_n(exchange.data(), 1024, uint8_t{0});
-    EXPECT_EQ(exchange.run(1, 10, kReadTwo, 1000), 0u);
-    EXPECT_EQ(exchange.record->data_len, 1000u);
-    EXPECT_THAT(std::span(exchange.data(), 1000), ElementsAreArray(std::span(data).first(1000)));
-    EXPECT_THAT(std::span(exchange.data() + 1000, 24), Each(0));
-    EXPECT_EQ(exchange.record->sense_len, 0);
-}
 
 TYPED_TEST(ScsiExchange, CutsSenseDataToTheRoomThatTheRecordGives) {
     const SenseData refusal = fixed_sense(sense::kInvalidOpcode);

@@ -1,0 +1,73 @@
+// programs.h - a directory that goes with its test, and programs that are run in it with their output in
+// files, so that neither stream can block the other.
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+namespace trelm::test {
+
+using Words = std::vector<std::string>;
+inline const std::string kLauncher = TRELM_BINARY_DIR "/bin/trelm-hostsim";
+
+inline std::string text_of(const std::filesystem::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+struct Outcome {
+    int status = -1;  // as a shell tells it
+    std::string out;
+    std::string errors;
+};
+
+class Programs : public ::testing::Test {
+  protected:
+    ~Programs() override {
+        std::error_code ignored;
+        std::filesystem::remove_all(directory_, ignored);
+    }
+    std::string at(const std::string& name) const { return directory_ / name; }
+    void write(const std::string& name, const std::string& text) const { std::ofstream(at(name)) << text; }
+
+    pid_t start(const Words& words, const std::string& out = "") const {
+        std::vector<char*> arguments;
+        for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
+        arguments.push_back(nullptr);
+        const std::string files[]{"/dev/null", out.empty() ? at("out") : out, at("errors")};
+        const pid_t child = fork();
+        if (child != 0) return child;
+        for (int i = 0; i < 3; ++i) {
+            const int fd = open(files[i].c_str(), i == 0 ? O_RDONLY : O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            if (dup2(fd, i) != i) _exit(99);
+        }
+        execv(arguments[0], arguments.data());
+        _exit(99);
+    }
+    Outcome finish(pid_t child) const {
+        int status = 0;
+        if (waitpid(child, &status, 0) != child || !WIFEXITED(status)) return {};
+        return {WEXITSTATUS(status), text_of(at("out")), text_of(at("errors"))};
+    }
+    Outcome execute(const Words& words, const std::string& out = "") const {
+        return finish(start(words, out));
+    }
+
+  private:
+    static std::filesystem::path make_directory() {
+        std::string name = (std::filesystem::temp_directory_path() / "programs-XXXXXX").string();
+        return std::filesystem::canonical(mkdtemp(name.data()));
+    }
+    std::filesystem::path directory_ = make_directory();
+};
+
+}  // namespace trelm::test
