@@ -26,6 +26,7 @@
 #include "host.h"
 #include "hosts.h"
 #include "support/child.h"
+#include "support/descriptors.h"
 #include "support/failing_allocation.h"
 #include "support/log_capture.h"
 #include "trelm_core.h"
@@ -105,10 +106,7 @@ std::string old_file(size_t size, std::initializer_list<uint32_t> slot_flags) {
 
 std::string queue_of(const std::string& file, size_t slot) { return file.substr(32 + slot * 4116, 4116); }
 
-size_t open_descriptors() {
-    return static_cast<size_t>(
-        std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
-}
+std::string with(const std::string& text, int error) { return text + to_string(error); }
 
 class SharedDatabase : public ::testing::Test {
   protected:
@@ -297,15 +295,18 @@ TEST_F(SharedDatabase, CountsTwoListedLinesAsOneProcess) {
     EXPECT_THAT(log.take(), ElementsAre("trelm_get_total_libinst_count: popen failed."));
 }
 
-TEST_F(SharedDatabase, KeepsTheFileWhereTheCountCannotBeTold) {
+TEST_F(SharedDatabase, LeavesTheFileWhereItCannotTellOrRemoveOrHasNoSlot) {
+    using ::testing::IsSupersetOf;
     open();
     set_listing(0);
-    EXPECT_THAT(closing_lines(), ::testing::IsSupersetOf(Lines{"delete_sem=1", "keeping shared db file."}));
+    EXPECT_THAT(closing_lines(), IsSupersetOf(Lines{"delete_sem=1", "keeping shared db file."}));
     EXPECT_FALSE(has_set());
+    set_listing(2);
+    open();
+    failing_call = "remove";
+    EXPECT_THAT(closing_lines(), IsSupersetOf(Lines{"deleting shared db file.",
+                                                    with("Unable to remove shared data file. errno=", EIO)}));
     EXPECT_EQ(contents(), std::string(kSize, '\0'));
-}
-
-TEST_F(SharedDatabase, IsOnlyUnmappedByAProcessWithoutASlot) {
     const int32_t fd = open();
     trelm_library_instance = 255;
     EXPECT_THAT(closing_lines(), ElementsAre("close db file.", "keeping shared db file.", "exiting, ret=0"));
@@ -313,16 +314,6 @@ TEST_F(SharedDatabase, IsOnlyUnmappedByAProcessWithoutASlot) {
     EXPECT_EQ(trelm_shared_data, nullptr);
     EXPECT_EQ(flags_of(0), 5U);
     EXPECT_TRUE(has_set());
-}
-
-TEST_F(SharedDatabase, SaysSoWhereItsFileCannotBeRemoved) {
-    open();
-    failing_call = "remove";
-    EXPECT_THAT(closing_lines(),
-                ::testing::IsSupersetOf(Lines{"deleting shared db file.",
-                                              "Unable to remove shared data file. errno=" + to_string(EIO)}));
-    EXPECT_EQ(contents(), std::string(kSize, '\0'));
-    EXPECT_EQ(trelm_shm_fildes, -1);
 }
 
 // ---- Failures of opening
@@ -352,8 +343,6 @@ class FailingDatabase : public SharedDatabase {
     }
 };
 
-std::string with(const char* text, int error) { return text + to_string(error); }
-
 TEST_F(FailingDatabase, RefusesWhatIsNoRegularFile) {
     struct {
         const char* name;
@@ -381,80 +370,60 @@ TEST_F(FailingDatabase, RefusesWhatIsNoRegularFile) {
     expect_failure({with("Unable to create shared data file. errno=", ENOENT)});
 }
 
-TEST_F(FailingDatabase, RemovesANewFileThatItCannotWrite) {
-    expect_failure({with("fsync failed. errno=", EIO)}, "fsync");
-    EXPECT_FALSE(fs::exists(kFile));
-    EXPECT_EQ(in_child([this] {
-                  const rlimit short_files{1000, 1000};
-                  signal(SIGXFSZ, SIG_IGN);
-                  setrlimit(RLIMIT_FSIZE, &short_files);
-                  expect_failure({with("Unable to write completely to shared data file. errno=", EFBIG)});
-                  return 0;
-              }),
-              0);
-    EXPECT_FALSE(fs::exists(kFile));
-    const FailingAllocation fail(kSize);
-    expect_failure({with("malloc tmp mem failed=", ENOMEM)});
-    EXPECT_EQ(contents(), "");  // and yet this one is left
-    EXPECT_TRUE(fs::exists(kFile));
+// A fault that opening meets: what the file holds at first (-1: there is none) and afterwards, and what is
+// said.
+struct Fault {
+    ssize_t old_size;
+    std::string_view call;  // fails once
+    size_t allocation;      // of this size fails
+    rlim_t limit;           // of what a file may hold
+    const char* text;
+    int error;
+    ssize_t size;
+};
+
+TEST_F(FailingDatabase, GivesUpAtTheFirstFaultAndLeavesWhatWasThere) {
+    constexpr rlim_t kNone = RLIM_INFINITY;
+    constexpr size_t kNever = 1;
+    constexpr Fault faults[] = {
+        {-1, "", kNever, 100000, "Unable to write completely to shared data file. errno=", EFBIG, -1},
+        {1000, "", kNever, 100000, "Unable to upgrade shared data file. errno=", EFBIG, 100000},
+        {-1, "fsync", kNever, kNone, "fsync failed. errno=", EIO, -1},
+        {-1, "", kSize, kNone, "malloc tmp mem failed=", ENOMEM, 0},  // and yet this one is left
+        {1000, "read", kNever, kNone, "Unable to read shared data file. errno=", EIO, 1000},
+        {1000, "lseek", kNever, kNone, "Unable to seek to beginning of shared data file. errno=", EIO, 1000},
+        {1000, "fsync", kNever, kNone, "fsync failed for existing file. errno=", EIO, kSize},
+        {1000, "", 1000, kNone, "malloc failed=", ENOMEM, 1000},
+        {1000, "", kSize, kNone, "Unable to alloc new shared data buf. errno=", ENOMEM, 1000},
+        {kSize, "mmap", kNever, kNone, "mmap on existing cxmgmt_native.dat failed=", EIO, kSize},
+    };
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit limits;
+    getrlimit(RLIMIT_FSIZE, &limits);
+    for (const Fault& fault : faults) {
+        SCOPED_TRACE(fault.text);
+        fs::remove(kFile);
+        const std::string old = old_file(static_cast<size_t>(std::max<ssize_t>(fault.old_size, 0)), {});
+        if (fault.old_size >= 0) write_file(old);
+        const rlimit lower{fault.limit, limits.rlim_max};
+        setrlimit(RLIMIT_FSIZE, fault.limit == kNone ? &limits : &lower);
+        {
+            const FailingAllocation fail(fault.allocation);
+            expect_failure({with(fault.text, fault.error)}, fault.call);
+        }
+        setrlimit(RLIMIT_FSIZE, &limits);
+        EXPECT_EQ(fs::exists(kFile) ? static_cast<ssize_t>(fs::file_size(kFile)) : -1, fault.size);
+        EXPECT_EQ(contents().substr(0, old.size()), old);
+    }
 }
 
 TEST_F(FailingDatabase, SaysSoWhereTheNewFileCannotEvenBeRemoved) {
     // The first failure makes the second: whoever is asked to remove the file finds it gone.
-    struct Watch {
-        static void remove_it(int) { unlink(kFile); }
-    };
-    signal(SIGXFSZ, Watch::remove_it);
-    EXPECT_EQ(in_child([this] {
-                  const rlimit short_files{1000, 1000};
-                  setrlimit(RLIMIT_FSIZE, &short_files);
-                  expect_failure({with("Unable to write completely to shared data file. errno=", EFBIG),
-                                  with("Unable to remove shared data file. errno=", ENOENT)});
-                  return 0;
-              }),
-              0);
-}
-
-TEST_F(FailingDatabase, LeavesAnOldFileThatItCannotGrow) {
-    const std::string old = old_file(1000, {});
-    struct {
-        const char* call;
-        const char* text;
-        size_t size;
-    } const cases[] = {
-        {"read", "Unable to read shared data file. errno=", 1000},
-        {"lseek", "Unable to seek to beginning of shared data file. errno=", 1000},
-        {"fsync", "fsync failed for existing file. errno=", kSize},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.call);
-        write_file(old);
-        expect_failure({with(c.text, EIO)}, c.call);
-        EXPECT_EQ(contents().substr(0, 1000), old);
-        EXPECT_EQ(fs::file_size(kFile), c.size);
-    }
-    write_file(old);
-    for (const auto& [size, text] : {std::pair{old.size(), "malloc failed="},
-                                     std::pair{kSize, "Unable to alloc new shared data buf. errno="}}) {
-        const FailingAllocation fail(size);
-        expect_failure({with(text, ENOMEM)});
-        EXPECT_EQ(contents(), old);
-    }
-    EXPECT_EQ(in_child([this] {
-                  const rlimit short_files{5000, 5000};
-                  signal(SIGXFSZ, SIG_IGN);
-                  setrlimit(RLIMIT_FSIZE, &short_files);
-                  expect_failure({with("Unable to upgrade shared data file. errno=", EFBIG)});
-                  return 0;
-              }),
-              0);
-    EXPECT_EQ(contents().substr(0, 1000), old);
-}
-
-TEST_F(FailingDatabase, LeavesAFileThatItCannotMap) {
-    write_file(old_file(kSize, {}));
-    expect_failure({with("mmap on existing cxmgmt_native.dat failed=", EIO)}, "mmap");
-    EXPECT_EQ(contents(), old_file(kSize, {}));
+    signal(SIGXFSZ, [](int) { unlink(kFile); });
+    const rlimit short_files{1000, RLIM_INFINITY};
+    setrlimit(RLIMIT_FSIZE, &short_files);
+    expect_failure({with("Unable to write completely to shared data file. errno=", EFBIG),
+                    with("Unable to remove shared data file. errno=", ENOENT)});
 }
 
 TEST_F(FailingDatabase, LeavesASemaphoreOfOthersAlone) {
@@ -473,20 +442,6 @@ TEST_F(FailingDatabase, LeavesASemaphoreOfOthersAlone) {
 
 // ---- Several processes
 // ----------------------------------------------------------------------------------------------------
-
-TEST_F(SharedDatabase, OutlivesAProcessThatDiesWhileItHoldsTheSemaphore) {
-    open();
-    Child holder([](Channel& parent) {
-        trelm_sem_wait(trelm_db_sem_id);
-        parent.send("h");
-        return (pause(), 0);
-    });
-    ASSERT_EQ(holder.receive(1), "h");
-    Child second([this] { return open_anew(), trelm_library_instance; });
-    EXPECT_TRUE(eventually([] { return semctl(trelm_db_sem_id, 0, GETNCNT) == 1; }));
-    holder.kill_and_wait();
-    EXPECT_EQ(second.wait(), 1);
-}
 
 TEST_F(SharedDatabase, GetsTheSemaphoreAnewWhereItIsTakenAwayMeanwhile) {
     const int old_set = semget(kKey, 1, IPC_CREAT | 0644);
