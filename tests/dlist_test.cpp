@@ -325,6 +325,7 @@ TEST(RandomOperations, LeaveListAndModelAlike) {
             trelm_dlist_move(list, lists[1 - which], list.node(victim), direction);
             EXPECT_EQ(lists[1 - which]->marker, node);  // the node itself
             models[1 - which].insert(model.remove(victim, direction), direction);
+            EXPECT_EQ(list->headnode.next == nullptr, size == 1);  // the last one takes the ring along
         }
         for (size_t i = 0; i < 2; ++i) {
             const Items& items = models[i].items;
