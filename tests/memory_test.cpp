@@ -73,28 +73,34 @@ TEST_P(Memory, EveryCallSaysWhatItCouldNotAllocate) {
     }
 }
 
-// What the driver has found goes, and what other drivers have found before it.
+// What the driver has found goes, and what another has found before it.
 TEST_P(Memory, ADiscoveryThatRunsOutReleasesTheWholeRegistry) {
     TRELM_FreeLibrary();
-    host.edit([](hostsim::Model& model) { hostsim::hosts::add_adapter(model, DriverKind::kron, 6); });
-    const bool alone = GetParam() == DriverKind::kron;
-    for (const auto& [size, after] : {std::pair{sizeof(trelm_priv_db), 9U}, {sizeof(trelm_hw_info), 5U}}) {
-        const std::string text = size == sizeof(trelm_hw_info) ? "hw info mem" : "mem";
+    const bool legacy = GetParam() == DriverKind::legacy;
+    host.model() = hostsim::hosts::ports(GetParam(), 12);
+    for (const auto& [size, text] :
+         {std::pair{sizeof(trelm_priv_db), legacy ? "inst=Ah mem alloc" : "inst=10 mem alloc"},
+          {sizeof(trelm_hw_info), "inst=Ah hw info mem alloc"}}) {
         LogCapture log(kErrorLines);
         {
-            const FailingAllocation failing(size, after);
-            EXPECT_EQ(TRELM_LoadLibrary(), alone ? TRELM_STATUS_FAILED : TRELM_STATUS_OK);
+            const FailingAllocation failing(size, 10);
+            EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_FAILED);
         }
-        uint32_t count = 0;
-        EXPECT_EQ(TRELM_GetPortCount(&count), TRELM_STATUS_FAILED);
         EXPECT_EQ(trelm_priv_database, nullptr);
         EXPECT_EQ(trelm_phy_info, nullptr);
-        EXPECT_THAT(log.take(),
-                    testing::Contains(testing::MatchesRegex("trelmnt_find_all_instances: inst=[0-9]h? " +
-                                                            text + " alloc failed, exiting")));
+        const std::string line = transport(GetParam()) + "find_all_instances: " + text + " failed, exiting";
+        EXPECT_THAT(log.take(), testing::Contains(line));
         EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
         EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
     }
+    hostsim::hosts::add_adapter(host.model(), DriverKind::kron, 2);
+    {
+        const FailingAllocation failing(sizeof(trelm_hw_info), 13);
+        TRELM_LoadLibrary();
+    }
+    uint32_t count = 0;
+    EXPECT_EQ(TRELM_GetPortCount(&count), TRELM_STATUS_FAILED);
+    EXPECT_EQ(trelm_phy_info, nullptr);
     EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
 }
 
