@@ -24,7 +24,7 @@ std::string place_of(std::string_view text, size_t bytes_read) {
 }
 
 // The reason without the parser's own name, number and place.
-std::string reason_of(const json::parse_error& error) {
+std::string reason_of(const json::exception& error) {
     const std::string_view what = error.what();
     const size_t start = what.find(": ");
     return std::string(start == std::string_view::npos ? what : what.substr(start + 2));
@@ -64,6 +64,9 @@ nlohmann::json parse_document(std::string_view text) {
         return json::parse(text, watch, true, true);
     } catch (const json::parse_error& error) {
         throw JsonMistake(fmt::format("{}: {}", place_of(text, error.byte), reason_of(error)));
+    } catch (const json::out_of_range& error) {
+        // Of a number that no double holds the parser tells no place, but it quotes it.
+        throw JsonMistake(fmt::format("{}; write a number below 1.8e308", reason_of(error)));
     }
 }
 
