@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <cstdlib>
 
 extern "C" {
 void* __libc_malloc(size_t size);
