@@ -1,4 +1,5 @@
-// system.cpp - what a program asks of the system itself: its name, its user, System V semaphores and commands.
+// system.cpp - what a program asks of the system itself: its name, its user, System V semaphores and
+// commands.
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/utsname.h>
