@@ -55,6 +55,7 @@ void trelm::LocationIndex::give_up() {
     const ErrnoKeeper keep;
     free(entries_);
     entries_ = nullptr;
+    capacity_ = count_ = 0;
     usable_ = false;
 }
 

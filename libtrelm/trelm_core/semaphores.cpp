@@ -37,7 +37,7 @@ union Argument {
 enum class FirstValue { kMissing, kGiven, kUnknown };
 
 FirstValue first_value(int32_t sem_id) {
-    semid_ds status;
+    semid_ds status = {};
     Argument argument = {.status = &status};
     if (semctl(sem_id, 0, IPC_STAT, argument) != 0) return FirstValue::kUnknown;
     const int value = semctl(sem_id, 0, GETVAL);
@@ -74,7 +74,7 @@ bool set_free(int32_t sem_id) {
 
 // A set of several semaphores under our key is another program's.
 bool is_foreign(int32_t sem_id) {
-    semid_ds status;
+    semid_ds status = {};
     Argument argument = {.status = &status};
     return semctl(sem_id, 0, IPC_STAT, argument) == 0 && status.sem_nsems != 1;
 }
