@@ -85,11 +85,11 @@ TEST(CppLayer, ListsTargetsAndLunsWholeWhateverTheDriverAnnounces) {
     const trelm::Adapter adapter(library, 0);
     const auto targets = adapter.targets(0);
     ASSERT_EQ(targets.size(), 2u);
-    EXPECT_EQ(targets[1].ScsiTgtNum, 127u);
+    EXPECT_EQ(+targets[1].ScsiTgtNum, 127u);
     const auto luns = adapter.luns(0, 1);
     ASSERT_EQ(luns.size(), 20u);
-    EXPECT_EQ(luns[19].ScsiLunNum, 19u);
-    EXPECT_EQ(luns[19].Capacity, 2048u * 512);
+    EXPECT_EQ(+luns[19].ScsiLunNum, 19u);
+    EXPECT_EQ(+luns[19].Capacity, 2048u * 512);
     EXPECT_TRUE(adapter.targets(1).empty());
     host.model().adapters[0].ports[0].reported_target_count = UINT32_MAX;
     EXPECT_EQ(adapter.targets(0).size(), 2u);
@@ -98,7 +98,7 @@ TEST(CppLayer, ListsTargetsAndLunsWholeWhateverTheDriverAnnounces) {
     std::vector<TRELM_TGT_INFO> found;
     EXPECT_EQ(adapter.list_targets(0, found), 0x60000005u);
     ASSERT_EQ(found.size(), 1u) << "those before the one that fails";
-    EXPECT_EQ(found[0].ScsiTgtNum, 1u);
+    EXPECT_EQ(+found[0].ScsiTgtNum, 1u);
 }
 
 TEST(CppLayer, SendsCommandsAndLeavesSenseToTheCaller) {
