@@ -29,6 +29,7 @@ namespace {
 constexpr size_t kFileSize = 163840;
 constexpr int64_t kDawdling = 10'000'000'000;  // at most
 constexpr uint32_t kTaken = 0x4;
+constexpr uint32_t kEverySlot = (1U << kSlots) - 1;
 
 struct Self {
     uint32_t number = 0;  // 0: no process of the crowd
@@ -70,9 +71,14 @@ void enter() {
     if (waited > crowd->longest_wait) crowd->longest_wait = waited;
 }
 
-// A holder whom a reset of all slots displaced takes another's mark off when it leaves.
+// Its holder, or one whom a reset of all slots displaced, has taken the mark off or found it off.
+void forget_holder(unsigned slot) {
+    crowd->holders[slot] = 0;
+    crowd->doubtful &= ~(1U << slot);
+}
+
 void give_slot_back() {
-    if (self.leaving && *self.instance < kSlots) crowd->holders[*self.instance] = 0;
+    if (self.leaving && *self.instance < kSlots) forget_holder(*self.instance);
     self.leaving = false;
 }
 
@@ -90,15 +96,24 @@ void demand_guard(const char* call) {
 // ---- Slots
 // ----------------------------------------------------------------------------------------------------------
 
+bool was_marked(unsigned slot) { return (self.before[slot] & kTaken) != 0; }
+
 unsigned first_free_slot() {
     unsigned slot = 0;
-    while (slot < kSlots && (self.before[slot] & kTaken) != 0) ++slot;
+    while (slot < kSlots && was_marked(slot)) ++slot;
     return slot;
+}
+
+void settle_doubts() {
+    for (unsigned slot = 0; slot < kSlots; ++slot) {
+        if ((crowd->doubtful & 1U << slot) != 0 && !was_marked(slot)) forget_holder(slot);
+    }
+    crowd->doubtful = first_free_slot() == kSlots ? kEverySlot : 0;
 }
 
 void check_holders_are_marked() {
     for (unsigned slot = 0; slot < kSlots; ++slot) {
-        if (lives(crowd->holders[slot]) && (self.before[slot] & kTaken) == 0)
+        if (lives(crowd->holders[slot]) && !was_marked(slot))
             fail("slot %u of living process %u was marked free", slot, crowd->holders[slot].load());
     }
 }
@@ -106,10 +121,10 @@ void check_holders_are_marked() {
 void check_reset() {
     ++crowd->resets;
     for (unsigned slot = 1; slot < kSlots; ++slot) {
-        crowd->holders[slot] = 0;
+        forget_holder(slot);
         if ((self.flags[slot] & kTaken) != 0) fail("slot %u stayed marked when all were taken", slot);
     }
-    crowd->holders[0] = 0;
+    forget_holder(0);
 }
 
 void check_size() {
@@ -136,8 +151,9 @@ void check_slot() {
 
 void file_is_removed() {
     for (unsigned slot = 0; slot < kSlots; ++slot) {
-        const uint32_t holder = crowd->holders[slot].exchange(0);
+        const uint32_t holder = crowd->holders[slot];
         if (lives(holder)) fail("the file of living process %u was removed", holder);
+        forget_holder(slot);
     }
 }
 
@@ -173,7 +189,7 @@ void make_crowd() {
 void forget_all_processes() {
     crowd->inside = 0;
     crowd->killed_at = 0;
-    for (std::atomic<uint32_t>& holder : crowd->holders) holder = 0;
+    for (unsigned slot = 0; slot < kSlots; ++slot) forget_holder(slot);
 }
 
 void fail(const char* format, ...) {
@@ -241,6 +257,7 @@ static void file_is_mapped(void* memory) {
     demand_guard("mmap");
     self.flags = static_cast<const uint32_t*>(memory);
     memcpy(self.before, self.flags, sizeof self.before);
+    settle_doubts();
     self.joining = true;
 }
 
@@ -250,6 +267,7 @@ static void before_flush() {
         check_slot();
     } else {
         self.leaving = true;
+        if (*self.instance < kSlots) crowd->doubtful |= 1U << *self.instance;
     }
     self.joining = false;
 }

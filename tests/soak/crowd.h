@@ -15,8 +15,11 @@ inline constexpr size_t kMostSets = size_t{1} << 16;
 
 // Processes are numbered from 1 as they are born; 0 is nobody.
 struct Crowd {
-    std::atomic<uint32_t> inside;            // who is in the region that the database's semaphore guards
-    std::atomic<uint32_t> holders[kSlots];   // who has the slot to itself
+    std::atomic<uint32_t> inside;           // who is in the region that the database's semaphore guards
+    std::atomic<uint32_t> holders[kSlots];  // who has the slot to itself
+    // Slots whose marks someone in the region is about to take off, as bits. Should that process be killed
+    // there, nobody knows whether it still did, and the next one to see the marks believes them.
+    std::atomic<uint32_t> doubtful;
     std::atomic<bool> gone[kMostProcesses];  // killed, or to be killed the next moment
     std::atomic<int32_t> valued[kMostSets];  // semaphore sets that got their first value, as id + 1
     std::atomic<bool> removing;              // a process that dawdles is about to remove the semaphore
