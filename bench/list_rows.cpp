@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <list>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -16,81 +17,78 @@ namespace {
 constexpr size_t kSizes[] = {10, 100, 1000, 1024, 10000, 100000, 1000000};
 constexpr size_t kElementsInABatch = 20000;
 
-// All three sorts call the same function through a pointer, as a user of the list does.
-int compare_numbers(void* a, void* b) {
-    const uint32_t left = *static_cast<const uint32_t*>(a);
-    const uint32_t right = *static_cast<const uint32_t*>(b);
-    return left < right ? -1 : left > right;
+uint32_t number_at(void* element) { return *static_cast<const uint32_t*>(element); }
+
+// What a user writes. Which way the branch goes depends on random numbers, so the processor foretells every
+// second one wrongly, whoever sorts.
+int compare_with_branch(void* a, void* b) {
+    if (number_at(a) < number_at(b)) return -1;
+    asm volatile("");  // or the compiler might do without the branch
+    return number_at(a) > number_at(b);
 }
-int (*volatile comparison)(void*, void*) = compare_numbers;
+int compare_without_branch(void* a, void* b) {
+    return (number_at(a) > number_at(b)) - (number_at(a) < number_at(b));
+}
+
+// All three sorts call the same function through a pointer, as a user of the list does.
+int (*volatile comparison)(void*, void*);
 
 struct Less {
     int (*compare)(void*, void*) = comparison;
     bool operator()(void* a, void* b) const { return compare(a, b) < 0; }
 };
 
-struct ListSort {
-    static trelm_dlist* fill(std::vector<uint32_t>& numbers) {
-        trelm_dlist* list = trelm_dlist_new_with_delete(sizeof(uint32_t), [](void*) {});
-        for (uint32_t& number : numbers) trelm_dlist_push(list, &number);
-        return list;
-    }
-    static void sort(trelm_dlist* list) { trelm_dlist_sort_custom(list, comparison); }
-    static void destroy(trelm_dlist* list) { trelm_dlist_destroy(list); }
+struct OurList {
+    void add(uint32_t& number) { trelm_dlist_push(list.get(), &number); }
+    void sort() { trelm_dlist_sort_custom(list.get(), comparison); }
+    std::unique_ptr<trelm_dlist, decltype(&trelm_dlist_destroy)> list{
+        trelm_dlist_new_with_delete(sizeof(uint32_t), [](void*) {}), trelm_dlist_destroy};
 };
 
 struct StandardList {
-    static std::list<void*>* fill(std::vector<uint32_t>& numbers) {
-        auto* list = new std::list<void*>;
-        for (uint32_t& number : numbers) list->push_back(&number);
-        return list;
-    }
-    static void sort(std::list<void*>* list) { list->sort(Less{}); }
-    static void destroy(std::list<void*>* list) { delete list; }
+    void add(uint32_t& number) { list.push_back(&number); }
+    void sort() { list.sort(Less{}); }
+    std::list<void*> list;
 };
 
 struct Vector {
-    static std::vector<void*>* fill(std::vector<uint32_t>& numbers) {
-        auto* pointers = new std::vector<void*>;
-        for (uint32_t& number : numbers) pointers->push_back(&number);
-        return pointers;
-    }
-    static void sort(std::vector<void*>* pointers) {
-        std::stable_sort(pointers->begin(), pointers->end(), Less{});
-    }
-    static void destroy(std::vector<void*>* pointers) { delete pointers; }
+    void add(uint32_t& number) { pointers.push_back(&number); }
+    void sort() { std::stable_sort(pointers.begin(), pointers.end(), Less{}); }
+    std::vector<void*> pointers;
 };
 
-// Sorts enough containers of that many fresh random elements for the clock; nanoseconds an element.
 template <class Container>
-double sort_batch(std::vector<std::vector<uint32_t>>& inputs) {
-    std::vector<decltype(Container::fill(inputs[0]))> containers;
-    size_t elements = 0;
-    for (auto& input : inputs) {
-        containers.push_back(Container::fill(input));
-        elements += input.size();
-    }
+double time_sort(std::vector<Container>& containers) {
     const double start = now();
-    for (auto* container : containers) Container::sort(container);
-    const double took = now() - start;
-    for (auto* container : containers) Container::destroy(container);
-    return took / static_cast<double>(elements);
+    for (Container& container : containers) container.sort();
+    return now() - start;
 }
 
+// Enough containers of that many fresh random elements for the clock. Both kinds are filled element by
+// element in turn, so that neither's nodes lie better in memory than the other's.
 template <class Other>
-void sort_against(benchmark::State& state, size_t size) {
+void sort_against(benchmark::State& state, int (*compare)(void*, void*), size_t size) {
+    comparison = compare;
     const size_t lists = std::max<size_t>(1, kElementsInABatch / size);
     std::mt19937 random(4711);
+    std::vector<uint32_t> numbers(lists * size);
     Samples samples;
+    bool ours_first = false;
     for ([[maybe_unused]] auto _ : state) {
-        std::vector<std::vector<uint32_t>> inputs(lists, std::vector<uint32_t>(size));
-        for (auto& input : inputs)
-            for (uint32_t& number : input) number = static_cast<uint32_t>(random());
-        const double took = sort_batch<ListSort>(inputs);
-        samples.add(took, sort_batch<Other>(inputs));
+        for (uint32_t& number : numbers) number = static_cast<uint32_t>(random());
+        std::vector<OurList> ours(lists);
+        std::vector<Other> others(lists);
+        for (size_t i = 0; i < numbers.size(); ++i) {
+            ours[i / size].add(numbers[i]);
+            others[i / size].add(numbers[i]);
+        }
+        const double before = ours_first ? 0 : time_sort(others);
+        const double took = time_sort(ours);
+        samples.add(took, ours_first ? time_sort(others) : before);
         state.SetIterationTime(took * 1e-9);
+        ours_first = !ours_first;
     }
-    samples.report(state);
+    samples.report(state, static_cast<double>(numbers.size()));
 }
 
 void push_pop(benchmark::State& state) {
@@ -118,13 +116,22 @@ void push_pop(benchmark::State& state) {
 }  // namespace
 
 void add_list_rows() {
-    for (const size_t size : kSizes) {
-        const std::string name = "sort " + std::to_string(size) + " elements, per element, against ";
-        const int pairs = size > 100000 ? 7 : size > 10000 ? 31 : 101;
-        add_row(name + "std::list::sort", pairs,
-                [=](benchmark::State& state) { sort_against<StandardList>(state, size); });
-        add_row(name + "std::stable_sort of a vector", pairs,
-                [=](benchmark::State& state) { sort_against<Vector>(state, size); });
+    struct {
+        const char* name;
+        int (*compare)(void*, void*);
+    } constexpr kComparisons[] = {{"with a branch", compare_with_branch},
+                                  {"without a branch", compare_without_branch}};
+    for (const auto& comparison_used : kComparisons) {
+        for (const size_t size : kSizes) {
+            const std::string name = "sort " + std::to_string(size) + ", comparison " + comparison_used.name +
+                                     ", per element, against std::";
+            const int pairs = size > 100000 ? 7 : size > 10000 ? 31 : 101;
+            const auto compare = comparison_used.compare;
+            add_row(name + "list::sort", pairs,
+                    [=](benchmark::State& state) { sort_against<StandardList>(state, compare, size); });
+            add_row(name + "stable_sort of a vector", pairs,
+                    [=](benchmark::State& state) { sort_against<Vector>(state, compare, size); });
+        }
     }
     add_row("push and pop an element, against std::list", kPairs, push_pop);
 }

@@ -1,6 +1,7 @@
 // The list container. Rings of nodes are spliced with a few small helpers. The sort orders short runs in
-// arrays on the stack, merges them as chains (nodes linked by `next` alone) and puts the back links right
-// once at its end.
+// arrays on the stack and merges them as chains. Which of two elements comes next decides addresses there,
+// not branches: nobody can foretell it, and a branch that goes the other way than expected costs more than a
+// comparison.
 
 #include "trelm_dlist.h"
 
@@ -175,7 +176,8 @@ void _trelm_dlist_swap(trelm_dlist*, trelm_dl_node* a, trelm_dl_node* b) {
 
 namespace {
 
-// Nodes linked by `next` alone; the last one's `next` is null. `last` means nothing in an empty chain.
+// Linked nodes; the last one's `next` is null, and the first one's `prev` and an empty chain's `last` mean
+// nothing.
 struct Chain {
     trelm_dl_node* first = nullptr;
     trelm_dl_node* last = nullptr;
@@ -196,12 +198,8 @@ void append(trelm_dlist* list, Chain chain, uint64_t count) {
     if (!chain.first) return;
     if (!list->marker) list->marker = list->head;
     if (never_filled(list)) link(list->head, list->head);
-    trelm_dl_node* before = list->marker;
-    trelm_dl_node* after = before->next;
-    for (trelm_dl_node* node = chain.first; node; node = node->next) {
-        link(before, node);
-        before = node;
-    }
+    trelm_dl_node* after = list->marker->next;
+    link(list->marker, chain.first);
     link(chain.last, after);
     list->marker = chain.last;
     list->count += count;
@@ -209,16 +207,20 @@ void append(trelm_dlist* list, Chain chain, uint64_t count) {
 
 // Two sorted chains as one; ties take from a.
 Chain merge(Chain a, Chain b, trelm_dlist_compare compare) {
-    trelm_dl_node* first = nullptr;
-    trelm_dl_node** tail = &first;
-    while (a.first && b.first) {
-        Chain& lesser = compare(a.first->data, b.first->data) <= 0 ? a : b;
-        *tail = lesser.first;
-        tail = &lesser.first->next;
-        lesser.first = lesser.first->next;
+    trelm_dl_node* left = a.first;
+    trelm_dl_node* right = b.first;
+    trelm_dl_node start;
+    trelm_dl_node* tail = &start;
+    while (left && right) {
+        const bool takes_left = compare(left->data, right->data) <= 0;
+        trelm_dl_node* const lesser = takes_left ? left : right;
+        link(tail, lesser);
+        tail = lesser;
+        left = takes_left ? lesser->next : left;
+        right = takes_left ? right : lesser->next;
     }
-    *tail = a.first ? a.first : b.first;
-    return {first, a.first ? a.last : b.last};
+    link(tail, left ? left : right);
+    return {start.next, left ? a.last : b.last};
 }
 
 // Cuts at most `length` nodes off the front.
@@ -234,68 +236,122 @@ void join(Chain& chain, Chain more) {
     if (!chain.first) {
         chain = more;
     } else {
-        chain.last->next = more.first;
+        link(chain.last, more.first);
         chain.last = more.last;
     }
 }
 
 // Runs up to this length are sorted in arrays on the stack, where a merge costs far less than among linked
 // nodes.
-constexpr size_t kRun = 256;
-constexpr size_t kInsertion = 8;
+constexpr size_t kRun = 1024;
+constexpr size_t kGroup = 4;  // what the first step puts in order
 
 struct Item {
     void* data;
     trelm_dl_node* node;
 };
 
+// Merges two sorted neighbours; ties take from the first.
+void merge_neighbours(const Item* a, const Item* middle, const Item* end, Item* out,
+                      trelm_dlist_compare compare) {
+    const Item* b = middle;
+    while (a != middle && b != end) {
+        const bool takes_a = compare(a->data, b->data) <= 0;
+        *out++ = *(takes_a ? a : b);
+        a += takes_a;
+        b += !takes_a;
+    }
+    memcpy(out, a, static_cast<size_t>(middle - a) * sizeof(Item));
+    memcpy(out + (middle - a), b, static_cast<size_t>(end - b) * sizeof(Item));
+}
+
+// The same for neighbours of equal length, from both ends at once, so that neither comparison waits for the
+// other. A comparison that contradicts itself lets the two ends disagree on what is left between them.
+void merge_equals(const Item* from, size_t width, Item* to, trelm_dlist_compare compare) {
+    const Item* a = from;
+    const Item* b = from + width;
+    const Item* a_last = b - 1;
+    const Item* b_last = b + width - 1;
+    Item* last = to + 2 * width - 1;
+    for (Item* out = to; out <= last; ++out, --last) {
+        const bool takes_a = compare(a->data, b->data) <= 0;
+        *out = *(takes_a ? a : b);
+        a += takes_a;
+        b += !takes_a;
+        const bool leaves_b = compare(a_last->data, b_last->data) > 0;
+        *last = *(leaves_b ? a_last : b_last);
+        a_last -= leaves_b;
+        b_last -= !leaves_b;
+    }
+    if (a != a_last + 1 || b != b_last + 1)
+        merge_neighbours(from, from + width, from + 2 * width, to, compare);
+}
+
+// Each pair in order, then the lesser ones and the greater ones against each other: that gives the first and
+// the last, and what is left are two.
+void sort_group(Item (&items)[kGroup], trelm_dlist_compare compare) {
+    const auto exceeds = [compare](const Item& a, const Item& b) { return compare(a.data, b.data) > 0; };
+    const bool swaps_first = exceeds(items[0], items[1]);
+    const bool swaps_second = exceeds(items[2], items[3]);
+    const Item a[] = {items[swaps_first], items[!swaps_first]};
+    const Item b[] = {items[2 + swaps_second], items[2 + !swaps_second]};
+    const bool begins_with_b = exceeds(a[0], b[0]);
+    const bool ends_with_a = exceeds(a[1], b[1]);
+    const Item& earlier = begins_with_b ? a[0] : ends_with_a ? b[0] : a[1];
+    const Item& later = ends_with_a ? b[1] : begins_with_b ? a[1] : b[0];
+    const bool swaps_middle = exceeds(earlier, later);
+    items[0] = begins_with_b ? b[0] : a[0];
+    items[1] = swaps_middle ? later : earlier;
+    items[2] = swaps_middle ? earlier : later;
+    items[3] = ends_with_a ? a[1] : b[1];
+}
+
+// For what is left of a run when its groups are taken off.
 void insertion_sort(Item* items, size_t count, trelm_dlist_compare compare) {
     for (size_t i = 1; i < count; ++i) {
-        Item item = items[i];
+        const Item item = items[i];
         size_t at = i;
         for (; at && compare(items[at - 1].data, item.data) > 0; --at) items[at] = items[at - 1];
         items[at] = item;
     }
 }
 
-void merge_arrays(const Item* a, const Item* middle, const Item* end, Item* out,
-                  trelm_dlist_compare compare) {
-    const Item* b = middle;
-    while (a != middle && b != end) *out++ = compare(a->data, b->data) <= 0 ? *a++ : *b++;
-    memcpy(out, a, static_cast<size_t>(middle - a) * sizeof(Item));
-    memcpy(out + (middle - a), b, static_cast<size_t>(end - b) * sizeof(Item));
+// Merges neighbouring runs of that width, from one array to the other.
+void merge_pass(const Item* from, Item* to, size_t count, size_t width, trelm_dlist_compare compare) {
+    size_t at = 0;
+    for (; at + 2 * width <= count; at += 2 * width) merge_equals(from + at, width, to + at, compare);
+    const size_t middle = at + width < count ? at + width : count;
+    merge_neighbours(from + at, from + middle, from + count, to + at, compare);
 }
 
-// Sorts the run in place and returns it linked in order.
+// Sorts the run and returns it linked in order.
 Chain sort_run(Chain run, trelm_dlist_compare compare) {
     Item items[kRun];
     Item spare[kRun];
     size_t count = 0;
     for (trelm_dl_node* node = run.first; node; node = node->next) items[count++] = {node->data, node};
-    if (count < 2) return run;
-    for (size_t at = 0; at < count; at += kInsertion) {
-        insertion_sort(items + at, count - at < kInsertion ? count - at : kInsertion, compare);
+    size_t grouped = 0;
+    for (; grouped + kGroup <= count; grouped += kGroup)
+        sort_group(reinterpret_cast<Item(&)[kGroup]>(items[grouped]), compare);
+    insertion_sort(items + grouped, count - grouped, compare);
+
+    Item* sorted = items;
+    Item* other = spare;
+    for (size_t width = kGroup; width < count; width *= 2) {
+        merge_pass(sorted, other, count, width, compare);
+        Item* const merged = other;
+        other = sorted;
+        sorted = merged;
     }
-    Item* from = items;
-    Item* to = spare;
-    for (size_t width = kInsertion; width < count; width *= 2) {
-        for (size_t at = 0; at < count; at += 2 * width) {
-            size_t middle = at + width < count ? at + width : count;
-            size_t end = at + 2 * width < count ? at + 2 * width : count;
-            merge_arrays(from + at, from + middle, from + end, to + at, compare);
-        }
-        Item* sorted = to;
-        to = from;
-        from = sorted;
-    }
-    for (size_t i = 0; i + 1 < count; ++i) from[i].node->next = from[i + 1].node;
-    from[count - 1].node->next = nullptr;
-    return {from[0].node, from[count - 1].node};
+    for (size_t i = 0; i + 1 < count; ++i) link(sorted[i].node, sorted[i + 1].node);
+    sorted[count - 1].node->next = nullptr;
+    return {sorted[0].node, sorted[count - 1].node};
 }
 
 // Merges equal-sized neighbours as they arise, as one counts in binary, so that what is merged is still in
 // the cache.
-Chain sort_chain(Chain chain, trelm_dlist_compare compare) {
+Chain sort_chain(Chain chain, uint64_t count, trelm_dlist_compare compare) {
+    if (count <= kRun) return sort_run(chain, compare);
     Chain levels[64];
     size_t highest = 0;
     while (chain.first) {
@@ -351,7 +407,7 @@ void trelm_dlist_sort_custom(trelm_dlist* list, trelm_dlist_compare compare) {
     trelm_dlist* temporary = trelm_dlist_new_with_delete(list->data_size, list->del_func);
     if (!temporary) return;
     uint64_t count = list->count;
-    append(temporary, sort_chain(detach(list), compare), count);
+    append(temporary, sort_chain(detach(list), count, compare), count);
     take_over(list, temporary);
     trelm_dlist_destroy(temporary);
 }
