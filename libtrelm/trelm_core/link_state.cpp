@@ -1,6 +1,8 @@
 // The link state of a legacy port, read from the text files that its driver keeps under /proc.
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
@@ -16,10 +18,53 @@ constexpr size_t kNameRoom = 32;
 constexpr size_t kPathRoom = 256;
 constexpr size_t kLineRoom = 256;
 
-// Reads on until a line holds the text. Lines longer than the buffer are looked at piece by piece.
-bool skip_past(FILE* file, const char* text) {
+// A text file line by line; lines longer than a piece come in several. A stream would give the same, but the
+// system call and the memory that it takes to open one cost more than reading the file.
+class LineReader {
+  public:
+    explicit LineReader(const char* path) : file_(path ? open(path, O_RDONLY | O_CLOEXEC) : -1) {}
+
+    explicit operator bool() const { return static_cast<bool>(file_); }
+
+    bool next(char (&line)[kLineRoom]) {
+        size_t length = 0;
+        bool ended = false;
+        while (!ended && length < kLineRoom - 1 && (begin_ != end_ || refill())) {
+            const char* const from = buffer_ + begin_;
+            size_t taken = end_ - begin_ < kLineRoom - 1 - length ? end_ - begin_ : kLineRoom - 1 - length;
+            if (const void* newline = memchr(from, '\n', taken)) {
+                taken = static_cast<size_t>(static_cast<const char*>(newline) - from) + 1;
+                ended = true;
+            }
+            memcpy(line + length, from, taken);
+            length += taken;
+            begin_ += taken;
+        }
+        line[length] = '\0';
+        return length != 0;
+    }
+
+  private:
+    bool refill() {
+        ssize_t got;
+        do {
+            got = read(file_.get(), buffer_, sizeof buffer_);
+        } while (got < 0 && errno == EINTR);
+        begin_ = 0;
+        end_ = got > 0 ? static_cast<size_t>(got) : 0;
+        return end_ != 0;
+    }
+
+    trelm::Descriptor file_;
+    size_t begin_ = 0;
+    size_t end_ = 0;
+    char buffer_[4096];
+};
+
+// Reads on until a line, or a piece of one, holds the text.
+bool skip_past(LineReader& file, const char* text) {
     char line[kLineRoom];
-    while (fgets(line, sizeof line, file)) {
+    while (file.next(line)) {
         if (strstr(line, text)) return true;
     }
     return false;
@@ -50,13 +95,13 @@ uint32_t trelm_read_directory(const char* pth, char (*file_names)[32], uint32_t*
 }
 
 uint32_t trelm_read_file_for_link(const char* filename, trelm_priv_db* pdb) {
-    trelm::Stream file(filename ? fopen(filename, "re") : nullptr);
+    LineReader file(filename);
     if (!file) return 1;
     char wwpn[32];
     snprintf(wwpn, sizeof wwpn, "%02llx", static_cast<unsigned long long>(pdb->wwpn));
     uint32_t result = 1;
-    while (skip_past(file.get(), "SCSI Device Information") && skip_past(file.get(), wwpn) &&
-           skip_past(file.get(), "LPORT_ST_READY")) {
+    while (skip_past(file, "SCSI Device Information") && skip_past(file, wwpn) &&
+           skip_past(file, "LPORT_ST_READY")) {
         pdb->port_state = TRELM_PORTSTATE_ONLINE;
         result = 0;
     }
