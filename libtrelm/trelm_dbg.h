@@ -46,24 +46,34 @@ void write_line(const char* func_name, const Piece* pieces, size_t count);
 
 inline bool logs(DebugFlag category) { return __builtin_expect(trelm_debug & category, 0); }
 
-// Out of line, so that a call without a log neither makes room for the pieces nor puts them together.
+template <class T, class>
+using For = T;
+
+// Out of line, and with the pieces taken apart: a call without a log then neither makes room for them nor
+// puts them together, which it would for a Piece, as that is too large for registers.
 template <class... Pieces>
-[[gnu::cold, gnu::noinline]] void write_pieces(const char* func_name, Pieces... pieces) {
-    const Piece line[] = {pieces...};
-    write_line(func_name, line, sizeof...(pieces));
-}
+struct LineOf {
+    [[gnu::cold, gnu::noinline]] static void write(const char* func_name, For<const char*, Pieces>... texts,
+                                                   For<uint64_t, Pieces>... numbers,
+                                                   For<uint8_t, Pieces>... radixes) {
+        const Piece line[] = {Piece(texts, numbers, radixes)...};
+        write_line(func_name, line, sizeof...(Pieces));
+    }
+};
 
 // Each takes the pieces of a line, as Piece or as plain text.
 template <class... Pieces>
-[[gnu::always_inline]] inline void log(DebugFlag category, const char* func_name, Pieces... pieces) {
-    if (logs(category)) write_pieces(func_name, pieces...);
+[[gnu::always_inline]] inline void log(DebugFlag category, const char* func_name, const Pieces&... pieces) {
+    if (!logs(category)) return;
+    LineOf<For<Piece, Pieces>...>::write(func_name, Piece(pieces).text..., Piece(pieces).number...,
+                                         Piece(pieces).radix...);
 }
 template <class... Pieces>
-[[gnu::always_inline]] inline void trace(const char* func_name, Pieces... pieces) {
+[[gnu::always_inline]] inline void trace(const char* func_name, const Pieces&... pieces) {
     log(kTrace, func_name, pieces...);
 }
 template <class... Pieces>
-[[gnu::always_inline]] inline void error(const char* func_name, Pieces... pieces) {
+[[gnu::always_inline]] inline void error(const char* func_name, const Pieces&... pieces) {
     log(kError, func_name, pieces...);
 }
 

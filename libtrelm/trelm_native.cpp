@@ -173,6 +173,12 @@ uint32_t send(const native_driver& driver, native_operation operation, const tre
     return 0;
 }
 
+// The payload of an operation other than a SCSI command.
+struct Request {
+    native_cb_header header;
+    uint8_t body[sizeof(kronfc_port_stats)];  // the largest
+} __attribute__((packed));
+
 uint32_t data_length(const kronfc_scsi_cmd& cmd) {
     return cmd.direction == SCSI_DIRECTION_IN || cmd.direction == SCSI_DIRECTION_OUT ? cmd.data_len : 0;
 }
@@ -181,10 +187,10 @@ constexpr size_t kScsiLead = offsetof(kronfc_scsi_cmd, data_buffer);  // what pr
 
 // Fills a wrapper that is zero wherever the command says nothing. The driver sees all of it, so what an
 // earlier command left in the block is cleared, but for what is overwritten.
-void fill_scsi(kronfc_scsi_cmd_cb& wrapper, bool fresh, const kronfc_scsi_cmd& cmd, const uint8_t* data) {
+void fill_scsi(kronfc_scsi_cmd_cb& wrapper, bool cleared, const kronfc_scsi_cmd& cmd, const uint8_t* data) {
     const uint32_t out = cmd.direction == SCSI_DIRECTION_OUT ? cmd.data_len : 0;
     kronfc_scsi_cmd& to = wrapper.cmnd;
-    if (!fresh) {
+    if (!cleared) {
         memset(&wrapper, 0, sizeof wrapper.header + kScsiLead);
         memset(to.data_buffer + out, 0, sizeof to.data_buffer - out);
     }
@@ -210,7 +216,7 @@ uint32_t exchange(const native_driver& driver, trelm_priv_db* pdb, const kronfc_
     } else {
         trelm::Pooled<kronfc_scsi_cmd_cb> wrapper;
         if (!wrapper) return no_memory(driver, trelm::kScsiCmd, pdb, stat);
-        fill_scsi(*wrapper.get(), wrapper.fresh(), cmd, data);
+        fill_scsi(*wrapper.get(), wrapper.cleared(), cmd, data);
         result = send(driver, trelm::kScsiCmd, pdb, &wrapper->header, stat);
         if (result == 0) take(wrapper->cmnd);
     }
@@ -288,20 +294,20 @@ uint32_t trelm::native_close_adapter(const native_driver& driver, trelm_priv_db*
 }
 
 uint32_t trelm::native_request(const native_driver& driver, native_operation operation, trelm_priv_db* pdb,
-                               void* payload, uint32_t* stat) {
+                               void* payload, size_t wanted, uint32_t* stat) {
     const Operation& row = kOperations[operation];
     trace_at(driver.operation_names[operation], handle_of(pdb), "): entered.");
-    Heap<uint8_t> memory(sizeof(native_cb_header) + row.payload);
-    if (!memory) return no_memory(driver, operation, pdb, stat);
-    auto* wrapper = reinterpret_cast<native_cb_header*>(memory.get());
-    auto* body = memory.get() + sizeof(native_cb_header);
+    Pooled<Request> request;
+    if (!request) return no_memory(driver, operation, pdb, stat);
+    uint8_t* const body = request->body;
+    memset(request.get(), 0, sizeof request->header + row.payload);
     if (operation == kTgtInfo) {
         constexpr size_t at = offsetof(kronfc_tgt_info, scsi_tgt_num);
         memcpy(body + at, static_cast<uint8_t*>(payload) + at, sizeof(kronfc_tgt_info::scsi_tgt_num));
     }
-    uint32_t result = send(driver, operation, pdb, wrapper, stat);
-    if (result == 0) memcpy(payload, body, row.payload);
-    memory.reset();
+    uint32_t result = send(driver, operation, pdb, &request->header, stat);
+    if (result == 0) memcpy(payload, body, wanted);
+    request.reset();
     trace_exit(driver, operation, pdb, result);
     return result;
 }

@@ -52,9 +52,10 @@ uint32_t native_open_adapter(const native_driver& driver, trelm_priv_db* pdb, ui
                              uint32_t* papi_handle);
 uint32_t native_close_adapter(const native_driver& driver, trelm_priv_db* pdb);
 
-// One operation with a payload of at most 512 bytes; on success the payload is the driver's answer.
+// One operation with a payload of at most 512 bytes; on success `payload` receives the first `wanted` bytes
+// of the driver's answer.
 uint32_t native_request(const native_driver& driver, native_operation operation, trelm_priv_db* pdb,
-                        void* payload, uint32_t* stat);
+                        void* payload, size_t wanted, uint32_t* stat);
 
 // A SCSI command whose data lies inside the record.
 uint32_t native_send_scsi_cmd(const native_driver& driver, trelm_priv_db* pdb, kronfc_scsi_cmd* pcmd,

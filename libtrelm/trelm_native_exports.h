@@ -40,16 +40,16 @@
     }                                                                                                        \
     uint32_t prefix##_close_adapter(trelm_priv_db* pdb) { return trelm::native_close_adapter(driver, pdb); } \
     uint32_t prefix##_get_port_info(trelm_priv_db* pdb, records##_port_info* port_info, uint32_t* stat) {    \
-        return trelm::native_request(driver, trelm::kPortInfo, pdb, port_info, stat);                        \
+        return trelm::native_request(driver, trelm::kPortInfo, pdb, port_info, sizeof *port_info, stat);     \
     }                                                                                                        \
     uint32_t prefix##_get_port_stats(trelm_priv_db* pdb, records##_port_stats* pstats, uint32_t* stat) {     \
-        return trelm::native_request(driver, trelm::kPortStats, pdb, pstats, stat);                          \
+        return trelm::native_request(driver, trelm::kPortStats, pdb, pstats, sizeof *pstats, stat);          \
     }                                                                                                        \
     uint32_t prefix##_get_tgt_info(trelm_priv_db* pdb, records##_tgt_info* ptgt, uint32_t* stat) {           \
-        return trelm::native_request(driver, trelm::kTgtInfo, pdb, ptgt, stat);                              \
+        return trelm::native_request(driver, trelm::kTgtInfo, pdb, ptgt, sizeof *ptgt, stat);                \
     }                                                                                                        \
     uint32_t prefix##_get_fcf_info(trelm_priv_db* pdb, records##_fcf_info* pfcf, uint32_t* stat) {           \
-        return trelm::native_request(driver, trelm::kFcfInfo, pdb, pfcf, stat);                              \
+        return trelm::native_request(driver, trelm::kFcfInfo, pdb, pfcf, sizeof *pfcf, stat);                \
     }                                                                                                        \
     uint32_t prefix##_send_scsi_cmd(trelm_priv_db* pdb, records##_scsi_cmd* pcmd, uint32_t* stat) {          \
         return trelm::native_send_scsi_cmd(driver, pdb, pcmd, stat);                                         \

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -53,7 +52,6 @@ class Owner {
 };
 
 inline void close_descriptor(int fd) { close(fd); }
-inline void close_stream(FILE* stream) { fclose(stream); }
 inline void close_directory(DIR* directory) { closedir(directory); }
 template <class T>
 void free_heap(T* memory) {
@@ -61,29 +59,14 @@ void free_heap(T* memory) {
 }
 
 using Descriptor = Owner<int, -1, close_descriptor>;
-using Stream = Owner<FILE*, nullptr, close_stream>;
 using Directory = Owner<DIR*, nullptr, close_directory>;
 
-// Small blocks come from malloc(), whose cache of recently freed ones calloc() may not use (glibc's does
-// not): for a request's record that halves the cost of its allocation. Large ones may be fresh pages, zero
-// already.
-inline void* allocate_zeroed(size_t bytes) {
-    constexpr size_t kSmall = 1024;
-    if (bytes > kSmall) return calloc(1, bytes);
-    void* memory = malloc(bytes);
-    return memory ? memset(memory, 0, bytes) : nullptr;
-}
-
-enum Uncleared { kUncleared };
-
-// Zero-filled memory from the C allocator, unless the caller wants it as it comes; none when it is exhausted.
+// Zero-filled memory from the C allocator; none when it is exhausted.
 template <class T>
 class Heap : public Owner<T*, nullptr, free_heap<T>> {
   public:
     explicit Heap(size_t count = 1)
-        : Owner<T*, nullptr, free_heap<T>>(
-              static_cast<T*>(allocate_zeroed((count ? count : 1) * sizeof(T)))) {}
-    explicit Heap(Uncleared) : Owner<T*, nullptr, free_heap<T>>(static_cast<T*>(malloc(sizeof(T)))) {}
+        : Owner<T*, nullptr, free_heap<T>>(static_cast<T*>(calloc(count ? count : 1, sizeof(T)))) {}
 };
 
 }  // namespace trelm

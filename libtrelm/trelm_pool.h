@@ -1,7 +1,8 @@
-// trelm_pool.h - large request buffers. A SCSI command to a native driver takes two blocks of a quarter of a
-// megabyte; given back to the C allocator each time, they cost more in page faults than the command itself.
-// So a block that is given back is kept for the next request, up to a bound, and all of them are freed when
-// the library is.
+// trelm_pool.h - memory for requests. A SCSI command to a native driver takes two blocks of a quarter of a
+// megabyte; given back to the C allocator each time, they cost more in page faults than the command itself. A
+// request for counters takes two of half a kilobyte, and to allocate and free those costs as much as the rest
+// of the library's part. So a block that is given back is kept for the next request, up to two of either
+// size, and all of them are freed when the library is.
 #pragma once
 
 #include <cstddef>
@@ -11,32 +12,33 @@
 
 namespace trelm {
 
-inline constexpr size_t kPoolBlock = sizeof(kronfc_scsi_cmd_cb);
+inline constexpr size_t kSmallBlock = sizeof(native_cb_header) + sizeof(kronfc_port_stats);
+inline constexpr size_t kLargeBlock = sizeof(kronfc_scsi_cmd_cb);
 
-// A block with whatever its last user left in it, or zero-filled when it is `fresh`; null when memory is
-// exhausted.
-void* pool_take(bool& fresh);
-void pool_give_back(void* block);
+// At least so many bytes, kLargeBlock at most, with whatever their last user left there, or zero-filled when
+// they are `cleared`; null when memory is exhausted.
+void* pool_take(size_t bytes, bool& cleared);
+// The same number of bytes as when they were taken.
+void pool_give_back(void* block, size_t bytes);
 // Frees the blocks that are kept.
 void pool_empty();
 
 template <class T>
 void give_back(T* memory) {
-    pool_give_back(memory);
+    pool_give_back(memory, sizeof(T));
 }
 
-// A block as a record of type T, at most kPoolBlock bytes.
+// Memory of the pool as a record of type T.
 template <class T>
 class Pooled : public Owner<T*, nullptr, give_back<T>> {
-    static_assert(sizeof(T) <= kPoolBlock);
+    static_assert(sizeof(T) <= kLargeBlock);
 
   public:
-    Pooled() { this->reset(static_cast<T*>(pool_take(fresh_))); }
-    // All zeros already.
-    bool fresh() const { return fresh_; }
+    Pooled() { this->reset(static_cast<T*>(pool_take(sizeof(T), cleared_))); }
+    bool cleared() const { return cleared_; }
 
   private:
-    bool fresh_ = false;
+    bool cleared_ = false;
 };
 
 }  // namespace trelm

@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "trelm_mgmt/transport.h"
-#include "trelm_owners.h"
+#include "trelm_pool.h"
 
 namespace {
 
@@ -21,7 +21,7 @@ uint32_t TRELM_GetPortStats(uint32_t Handle, uint32_t NpivIndex, TRELM_PORT_STAT
     if (!pdb) return fail_call(__func__, Handle, "): get pdb failed.", TRELM_STATUS_FAILED);
 
     const trelm::Transport& transport = trelm::transport_of(pdb->hw_info);
-    const trelm::Heap<dorfc_port_stats> stats(trelm::kUncleared);
+    const trelm::Pooled<dorfc_port_stats> stats;
     if (!stats) return fail_call(__func__, Handle, transport.stats_alloc_failed, TRELM_STATUS_NO_MEMORY);
     // The legacy driver gets this very record; a native one's answer overwrites all of it.
     if (!transport.native) *stats.get() = {};

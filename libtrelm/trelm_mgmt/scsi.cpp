@@ -13,17 +13,17 @@ using trelm::fail_call;
 using trelm::scsi_cmd_record;
 using trelm::Transport;
 
-// A command record of the size that the port's driver takes, for one call.
+// A command record of the size that the port's driver takes, for one call. Only the fields before the data
+// area are used, and those are always set.
 class CommandRecord {
   public:
-    explicit CommandRecord(bool native) : native_(native), memory_(allocate(native)) {}
+    explicit CommandRecord(bool native) : bytes_(native ? sizeof(kronfc_scsi_cmd) : sizeof(dorfc_scsi_cmd)) {
+        bool cleared;
+        memory_ = trelm::pool_take(bytes_, cleared);
+    }
     ~CommandRecord() {
         trelm::ErrnoKeeper keep;
-        if (native_ && memory_) {
-            trelm::pool_give_back(memory_);
-        } else {
-            free(memory_);
-        }
+        if (memory_) trelm::pool_give_back(memory_, bytes_);
     }
     CommandRecord(const CommandRecord&) = delete;
     CommandRecord& operator=(const CommandRecord&) = delete;
@@ -32,12 +32,7 @@ class CommandRecord {
     scsi_cmd_record* get() const { return static_cast<scsi_cmd_record*>(memory_); }
 
   private:
-    static void* allocate(bool native) {
-        bool fresh;  // only the fields before the data area are used, and those are always set
-        return native ? trelm::pool_take(fresh) : malloc(sizeof(dorfc_scsi_cmd));
-    }
-
-    bool native_;
+    size_t bytes_;
     void* memory_;
 };
 

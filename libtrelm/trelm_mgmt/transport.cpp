@@ -39,12 +39,18 @@ uint32_t legacy_port_state(uint32_t port_state) { return port_state; }
 // ---- Native
 // ------------------------------------------------------------------------------------------------------------
 
-template <auto request, class Record>
+// Of the driver's answer only the beginning that is looked at is copied.
+template <const trelm::native_driver& driver, trelm::native_operation operation, size_t looked_at,
+          class Record>
 Outcome over_callback(trelm_priv_db* pdb, Record* record) {
+    static_assert(looked_at <= sizeof(Record));
     Outcome outcome = {};
-    outcome.result = request(pdb, record, &outcome.stat);
+    outcome.result = trelm::native_request(driver, operation, pdb, record, looked_at, &outcome.stat);
     return outcome;
 }
+
+constexpr size_t kPortInfoLookedAt = offsetof(dorfc_port_info, tgt_cnt) + sizeof(dorfc_port_info::tgt_cnt);
+constexpr size_t kStatsLookedAt = offsetof(dorfc_port_stats, reserved);
 
 template <const trelm::native_driver& driver>
 Outcome native_send_scsi(trelm_priv_db* pdb, scsi_cmd_record* cmd, uint8_t* data) {
@@ -125,11 +131,12 @@ constexpr trelm::Transport kKron = {
     .close = native_close<trelmnt_close_adapter>,
     .open_failed = "): native open failed.",
     .close_failed = "): native close failed.",
-    .refresh_port = refresh_port<over_callback<trelmnt_get_port_info, kronfc_port_info>, kronfc_port_info,
-                                 Sees::kCopy, no_further_source>,
-    .fcf_info = over_callback<trelmnt_get_fcf_info, kronfc_fcf_info>,
-    .port_stats = over_callback<trelmnt_get_port_stats, kronfc_port_stats>,
-    .tgt_info = over_callback<trelmnt_get_tgt_info, kronfc_tgt_info>,
+    .refresh_port =
+        refresh_port<over_callback<trelm::kron_driver, trelm::kPortInfo, kPortInfoLookedAt, kronfc_port_info>,
+                     kronfc_port_info, Sees::kCopy, no_further_source>,
+    .fcf_info = over_callback<trelm::kron_driver, trelm::kFcfInfo, sizeof(dorfc_fcf_info), kronfc_fcf_info>,
+    .port_stats = over_callback<trelm::kron_driver, trelm::kPortStats, kStatsLookedAt, kronfc_port_stats>,
+    .tgt_info = over_callback<trelm::kron_driver, trelm::kTgtInfo, sizeof(dorfc_tgt_info), kronfc_tgt_info>,
     .calling_port_info = "): callin native port info.",
     .calling_fcf_info = "): callin native fcf info.",
     .stats_alloc_failed = "): nqstats alloc failed.",
@@ -147,11 +154,12 @@ constexpr trelm::Transport kPyx = {
     .close = native_close<trelm_pyxnt_close_adapter>,
     .open_failed = kKron.open_failed,
     .close_failed = kKron.close_failed,
-    .refresh_port = refresh_port<over_callback<trelm_pyxnt_get_port_info, cx_fcoe_port_info>,
-                                 cx_fcoe_port_info, Sees::kCopy, no_further_source>,
-    .fcf_info = over_callback<trelm_pyxnt_get_fcf_info, cx_fcoe_fcf_info>,
-    .port_stats = over_callback<trelm_pyxnt_get_port_stats, cx_fcoe_port_stats>,
-    .tgt_info = over_callback<trelm_pyxnt_get_tgt_info, cx_fcoe_tgt_info>,
+    .refresh_port =
+        refresh_port<over_callback<trelm::pyx_driver, trelm::kPortInfo, kPortInfoLookedAt, cx_fcoe_port_info>,
+                     cx_fcoe_port_info, Sees::kCopy, no_further_source>,
+    .fcf_info = over_callback<trelm::pyx_driver, trelm::kFcfInfo, sizeof(dorfc_fcf_info), cx_fcoe_fcf_info>,
+    .port_stats = over_callback<trelm::pyx_driver, trelm::kPortStats, kStatsLookedAt, cx_fcoe_port_stats>,
+    .tgt_info = over_callback<trelm::pyx_driver, trelm::kTgtInfo, sizeof(dorfc_tgt_info), cx_fcoe_tgt_info>,
     .calling_port_info = nullptr,
     .calling_fcf_info = nullptr,
     .stats_alloc_failed = "): nstats alloc failed.",

@@ -55,10 +55,10 @@ const Transport& transport_of(const trelm_hw_info* hw);
 
 // The lines of a public function: its name, the handle or instance in parentheses, and a text with perhaps a
 // number.
-inline void trace_call(const char* func, uint32_t handle, const Piece& text) {
+[[gnu::always_inline]] inline void trace_call(const char* func, uint32_t handle, const Piece& text) {
     trace(func, Piece("(", handle), text);
 }
-inline void error_call(const char* func, uint32_t handle, const Piece& text) {
+[[gnu::always_inline]] inline void error_call(const char* func, uint32_t handle, const Piece& text) {
     error(func, Piece("(", handle), text);
 }
 // Logs the text and returns the status, so that failing is one expression.
