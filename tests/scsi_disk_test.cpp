@@ -1,475 +1,206 @@
-// scsi_disk_test.cpp - the simulated disks and targets: what each command answers, what stands in its way,
-// and how it travels in a driver's record.
+// scsi_disk_test.cpp - the simulated disks and targets: what each command answers, byte by byte, what stands
+// in its way, and what is read of what was written. An answer is the SCSI status with the data or the sense
+// behind it; a command never writes past the bytes that it says it sent.
 #include "scsi_disk.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <algorithm>
+#include <iomanip>
+#include <sstream>
 
 #include "scsi_target.h"
 
 namespace hostsim {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
-
 using Bytes = std::vector<uint8_t>;
-using Cdb = std::array<uint8_t, 16>;
 
-DiskConfig small_disk() {
+// Bytes as they are written down here: in hex, as 'text', or as .N for N zeros.
+Bytes bytes(const std::string& notation) {
+    Bytes all;
+    std::istringstream in(notation);
+    for (std::string word; (in >> std::ws).peek() != EOF;) {
+        const bool is_text = in.peek() == '\'';
+        in >> std::quoted(word, '\'');
+        if (is_text) {
+            all.insert(all.end(), word.begin(), word.end());
+        } else if (word[0] == '.') {
+            all.resize(all.size() + std::stoul(word.substr(1)));
+        } else {
+            all.push_back(static_cast<uint8_t>(std::stoul(word, nullptr, 16)));
+        }
+    }
+    return all;
+}
+
+Bytes operator+(Bytes first, std::span<const uint8_t> then) {
+    first.insert(first.end(), then.begin(), then.end());
+    return first;
+}
+Bytes good(const Bytes& data = {}) { return Bytes{0} + data; }
+Bytes good(const char* data) { return good(bytes(data)); }
+// The bytes at the end say which field of the CDB is wrong.
+Bytes refused(SenseCode code, const char* field = ".3") {
+    return Bytes{2, 0x70, 0, code.key, 0, 0, 0, 0, 10, 0, 0, 0, 0, code.asc, code.ascq, 0} + bytes(field);
+}
+
+template <typename Unit>
+Bytes ask(const Unit& unit, const Bytes& cdb, size_t room = 65536, const Bytes& data_out = {}) {
+    Bytes buffer(room + 16, 0xE7);
+    ScsiRequest request;
+    std::ranges::copy(cdb, request.cdb.begin());
+    request.data_out = data_out;
+    if (data_out.empty()) request.data_in = std::span(buffer).first(room);
+    const ScsiReply reply = unit.run(request);
+    const size_t came = std::min(data_out.empty() ? reply.transferred : 0, room);
+    EXPECT_TRUE(std::all_of(buffer.begin() + static_cast<ptrdiff_t>(came), buffer.end(),
+                            [](uint8_t byte) { return byte == 0xE7; }));
+    const Bytes status{static_cast<uint8_t>(reply.status)};
+    if (reply.status == ScsiStatus::good) return status + std::span(buffer).first(came);
+    return reply.status == ScsiStatus::check_condition ? status + reply.sense : status;
+}
+
+DiskConfig config_of(uint64_t blocks, uint32_t block_size = 512) {
     DiskConfig config;
-    config.vendor = "CALVEXA";
-    config.product = "ULVARD VOLUME, LONG NAME";
-    config.revision = "05";
-    config.serial = "CX0000017";
-    config.naa = 0x5000C500A1B2C3D4;
-    config.block_count = 2048;
+    config.vendor = "CALVEXA", config.product = "ULVARD VOLUME, LONG NAME";
+    config.revision = "05", config.serial = "CX0000017";
+    config.naa = 0x5000C500A1B2C3D4, config.device_type = 0x2D;
+    config.block_count = blocks, config.block_size = block_size;
     return config;
+}
+Disk disk_of(const DiskConfig& config) { return {config, memory_store(config.block_size)}; }
+
+TEST(Disk, AnswersEachCommandToTheByteAndSendsNoMoreThanThereIsRoomFor) {
+    const Disk large = disk_of(config_of(0x123456789A)), small = disk_of(config_of(2048));
+    const SenseCode field = sense::kInvalidField, range = sense::kLbaOutOfRange;
+    const struct {
+        const Disk& disk;
+        const char* cdb;
+        Bytes answer;
+    } rows[]{
+        {large, "12 00 00 00 FF",
+         good("2D 00 06 12 5B 00 00 02 'CALVEXA ULVARD VOLUME, L05  ' .22 00 A0 0A 40 04 60 04 C0 .30")},
+        {large, "12 01 00 00 FF", good("2D 00 00 04 00 80 83 B0")},
+        {large, "12 01 80 00 FF", good("2D 80 00 09 'CX0000017'")},
+        {large, "12 01 83 00 FF",
+         good("2D 83 00 31 01 03 00 08 50 00 C5 00 A1 B2 C3 D4 02 01 00 21 'CALVEXA ULVARD VOLUME, "
+              "LCX0000017'")},
+        {large, "12 01 B0 00 FF", good("2D B0 00 3C .2 00 08 .4 00 00 02 00 .48")},
+        {large, "03 00 00 00 FF", good("70 .6 0A .10")},
+        {small, "25", good("00 00 07 FF 00 00 02 00")},
+        {large, "9E 10 .11 0C", good("00 00 00 12 34 56 78 99 00 00 02 00")},
+        {large, "1A 08 3F 00 FF", good("23 00 10 00 08 12 .18 0A 0A 00 10 .4 FF FF .2")},
+        {large, "5A 10 0A .4 01 00",
+         good("00 22 00 10 01 00 00 10 00 00 00 12 34 56 78 9A .4 00 00 02 00 0A 0A 00 10 .4 FF FF .2")},
+        {small, "28 00 00 00 07 FF 00 00 00", good()},
+        {small, "35 00 00 00 07 FE 00 00 02", good()},
+        {small, "C1", refused(sense::kInvalidOpcode)},
+        {small, "1A 00 C8 00 FF", refused(sense::kNoSavedParameters)},
+        {small, "12 00 80 00 FF", refused(field, "C0 00 02")},
+        {small, "00 .4 04", refused(field, "CA 00 05")},
+        {small, "28 20 .6 01", refused(field, "CF 00 01")},
+        {small, "1A 00 1C 00 FF", refused(field, "CD 00 02")},
+        {small, "08 00 07 01 00", refused(range)},  // 0 stands for 256 blocks
+        {small, "A8 .5 00 01 00 00", refused(range)},
+        {small, "35 00 00 00 07 FF 00 00 02", refused(range)},
+    };
+    for (const auto& [disk, cdb, answer] : rows) {
+        SCOPED_TRACE(cdb);
+        EXPECT_EQ(ask(disk, bytes(cdb)), answer);
+        if (answer[0] != 0 || answer.size() == 1) continue;
+        EXPECT_EQ(ask(disk, bytes(cdb), answer.size() - 2), Bytes(answer.begin(), answer.end() - 1));
+    }
 }
 
 // A command of the READ or WRITE family with its fields where its length has them.
-Cdb transfer_cdb(uint8_t opcode, uint64_t lba, uint32_t blocks) {
-    constexpr struct {
-        size_t lba_at, lba_width, blocks_at, blocks_width;
-    } kLayouts[] = {{1, 3, 4, 1}, {2, 4, 7, 2}, {2, 4, 7, 2}, {}, {2, 8, 10, 4}, {2, 4, 6, 4}};
-    const auto& layout = kLayouts[opcode >> 5];
-    Cdb cdb{opcode};
-    put_be(cdb, layout.lba_at, layout.lba_width, lba);
-    put_be(cdb, layout.blocks_at, layout.blocks_width, blocks);
+Bytes transfer(uint8_t opcode, uint64_t lba, uint32_t blocks) {
+    constexpr size_t kLayouts[][4]{{1, 3, 4, 1}, {2, 4, 7, 2}, {2, 4, 7, 2}, {}, {2, 8, 10, 4}, {2, 4, 6, 4}};
+    const auto& [lba_at, lba_width, blocks_at, blocks_width] = kLayouts[opcode >> 5];
+    Bytes cdb(16);
+    cdb[0] = opcode;
+    put_be(cdb, lba_at, lba_width, lba);
+    put_be(cdb, blocks_at, blocks_width, blocks);
     return cdb;
 }
 
-bool all_are(uint8_t value, std::span<const uint8_t> bytes) {
-    return !bytes.empty() && std::ranges::all_of(bytes, [&](uint8_t byte) { return byte == value; });
-}
-
-// A reply with the data that came; bytes of the buffer behind that must be as they were.
-struct Result {
-    ScsiReply reply;
-    Bytes data;
-
-    SenseCode code() const { return {reply.sense[2], reply.sense[12], reply.sense[13]}; }
-    bool good() const { return reply.status == ScsiStatus::good; }
-};
-
-template <typename Run>
-Result run_in(const Cdb& cdb, size_t room, const Run& run) {
-    constexpr uint8_t kUntouched = 0xE7;
-    Result result;
-    Bytes buffer(room + 16, kUntouched);
-    ScsiRequest request;
-    request.cdb = cdb;
-    request.data_in = std::span(buffer).first(room);
-    result.reply = run(request);
-    EXPECT_LE(result.reply.transferred, room);
-    EXPECT_TRUE(all_are(kUntouched, std::span(buffer).subspan(result.reply.transferred)));
-    result.data.assign(buffer.begin(),
-                       buffer.begin() + static_cast<std::ptrdiff_t>(result.reply.transferred));
-    return result;
-}
-
-Result run(const Disk& disk, const Cdb& cdb, size_t room = 65536) {
-    return run_in(cdb, room, [&](const ScsiRequest& request) { return disk.run(request); });
-}
-
-Result send(const Disk& disk, const Cdb& cdb, const Bytes& data) {
-    ScsiRequest request;
-    request.cdb = cdb;
-    request.data_out = data;
-    return {disk.run(request), {}};
-}
-
-Disk disk_of(const DiskConfig& config) { return {config, memory_store(config.block_size)}; }
-
-Bytes pattern(size_t size, uint8_t seed) {
-    Bytes data(size);
-    for (size_t i = 0; i < size; ++i) data[i] = static_cast<uint8_t>(seed + i * 31 + i / 251);
-    return data;
-}
-
-Bytes part(const Bytes& data, size_t at, size_t width) {
-    const auto bytes = std::span(data).subspan(at, width);
-    return {bytes.begin(), bytes.end()};
-}
-
-Bytes text(std::string_view characters) { return {characters.begin(), characters.end()}; }
-
-// ---- Identity
-
-TEST(Inquiry, DescribesTheDeviceInPaddedText) {
-    DiskConfig config = small_disk();
-    config.device_type = 0x2D;
-    const Bytes data = run(disk_of(config), {0x12, 0, 0, 0, 255}).data;
-    ASSERT_EQ(data.size(), 96u);
-    EXPECT_EQ(part(data, 0, 5), (Bytes{0x2D, 0x00, 0x06, 0x12, 91}));
-    EXPECT_EQ(part(data, 8, 28), text("CALVEXA ULVARD VOLUME, L05  "));
-    EXPECT_EQ(run(disk_of(config), {0x12, 1, 0x80, 0, 255}).data[0], 0x2D);
-}
-
-TEST(Inquiry, SendsNoMoreThanAllocatedAndNoMoreThanThereIsRoomFor) {
-    const Disk disk = disk_of(small_disk());
-    const Bytes whole = run(disk, {0x12, 0, 0, 0, 255}).data;
-    for (uint8_t length = 0; length < 100; ++length) {
-        const Bytes expected(whole.begin(), whole.begin() + std::min<std::ptrdiff_t>(length, 96));
-        EXPECT_EQ(run(disk, {0x12, 0, 0, 0, length}).data, expected);
-        EXPECT_EQ(run(disk, {0x12, 0, 0, 1, 0}, length).data, expected);
-    }
-}
-
-TEST(Inquiry, HasFourVitalProductDataPages) {
-    const Disk disk = disk_of(small_disk());
-    EXPECT_THAT(run(disk, {0x12, 1, 0x00, 0, 255}).data, ElementsAre(0, 0x00, 0, 4, 0x00, 0x80, 0x83, 0xB0));
-    EXPECT_EQ(run(disk, {0x12, 1, 0x80, 0, 255}).data, text(std::string_view("\0\x80\0\x09"
-                                                                             "CX0000017",
-                                                                             13)));
-
-    const Bytes names = run(disk, {0x12, 1, 0x83, 0, 255}).data;
-    ASSERT_EQ(names.size(), 53u);
-    EXPECT_THAT(part(names, 0, 20), ElementsAre(0, 0x83, 0, 49, 1, 3, 0, 8, 0x50, 0x00, 0xC5, 0x00, 0xA1,
-                                                0xB2, 0xC3, 0xD4, 2, 1, 0, 33));
-    EXPECT_EQ(part(names, 20, 33), text("CALVEXA ULVARD VOLUME, LCX0000017"));
-
-    const Bytes limits = run(disk, {0x12, 1, 0xB0, 0, 255}).data;
-    ASSERT_EQ(limits.size(), 64u);
-    EXPECT_EQ(get_be(limits, 6, 2), 8u);     // 4096 bytes
-    EXPECT_EQ(get_be(limits, 12, 4), 512u);  // 262144 bytes
-}
-
-// ---- Capacity and mode pages
-
-TEST(ReadCapacity, TellsTheLastBlockAndDefersToTheLongForm) {
-    struct {
-        uint64_t blocks;
-        uint32_t size;
-        uint32_t last_in_short_form;
-    } const cases[] = {
-        {1, 512, 0},
-        {0x100000, 512, 0x0FFFFF},
-        {0xFFFFFFFF, 512, 0xFFFFFFFE},
-        {0x100000000, 512, 0xFFFFFFFF},
-        {0x200000000, 4096, 0xFFFFFFFF},
-        {UINT64_MAX, 4096, 0xFFFFFFFF},
-    };
-    for (const auto& c : cases) {
-        DiskConfig config = small_disk();
-        config.block_count = c.blocks;
-        config.block_size = c.size;
-        const Bytes brief = run(disk_of(config), {0x25}, 32).data;
-        const Bytes whole = run(disk_of(config), {0x9E, 0x10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 32}).data;
-        ASSERT_EQ(brief.size(), 8u);
-        ASSERT_EQ(whole.size(), 32u);
-        EXPECT_EQ(get_be(brief, 0, 4), c.last_in_short_form);
-        EXPECT_EQ(get_be(brief, 4, 4), c.size);
-        EXPECT_EQ(get_be(whole, 0, 8), c.blocks - 1);
-        EXPECT_EQ(get_be(whole, 8, 4), c.size);
-    }
-    const Disk disk = disk_of(small_disk());
-    EXPECT_EQ(run(disk, {0x9E, 0x10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 12}).data.size(), 12u);
-    EXPECT_EQ(run(disk, {0x9E, 0x10, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0}).data.size(), 32u);
-}
-
-TEST(ModeSense, LaysOutHeaderDescriptorAndPages) {
-    DiskConfig config = small_disk();
-    config.block_count = 0x123456789A;
-    config.block_size = 4096;
-    const Disk disk = disk_of(config);
-    const Bytes caching{0x08, 18, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
-    const Bytes control{0x0A, 10, 0, 0x10, 0, 0, 0, 0, 0xFF, 0xFF, 0, 0};
-    const Bytes control_mask{0x0A, 10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
-    const Bytes brief_blocks{0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0x10, 0x00};
-    const Bytes whole_blocks{0, 0, 0, 0x12, 0x34, 0x56, 0x78, 0x9A, 0, 0, 0, 0, 0, 0, 0x10, 0};
-    struct {
-        Cdb cdb;
-        std::vector<Bytes> parts;
-    } const cases[] = {
-        {{0x1A, 0, 0x08, 0, 255}, {{31, 0, 0x10, 8}, brief_blocks, caching}},
-        {{0x1A, 8, 0x0A, 0, 255}, {{15, 0, 0x10, 0}, control}},
-        {{0x1A, 8, 0x3F, 0, 255}, {{35, 0, 0x10, 0}, caching, control}},
-        {{0x1A, 8, 0x3F, 0xFF, 255}, {{35, 0, 0x10, 0}, caching, control}},
-        {{0x1A, 8, 0x4A, 0, 255}, {{15, 0, 0x10, 0}, control_mask}},
-        {{0x1A, 8, 0x8A, 0, 255}, {{15, 0, 0x10, 0}, control}},
-        {{0x5A, 0, 0x0A, 0, 0, 0, 0, 1, 0}, {{0, 26, 0, 0x10, 0, 0, 0, 8}, brief_blocks, control}},
-        {{0x5A, 0x10, 0x0A, 0, 0, 0, 0, 1, 0}, {{0, 34, 0, 0x10, 1, 0, 0, 16}, whole_blocks, control}},
-        {{0x5A, 0x18, 0x0A, 0, 0, 0, 0, 0, 9}, {{0, 18, 0, 0x10, 0, 0, 0, 0}, {0x0A}}},
-    };
-    for (const auto& c : cases) {
-        Bytes expected;
-        for (const Bytes& part : c.parts) expected.insert(expected.end(), part.begin(), part.end());
-        EXPECT_EQ(run(disk, c.cdb).data, expected);
-    }
-}
-
-// ---- What is refused
-
-TEST(SenseData, SaysWhatIsWrongAndWhereInTheCdb) {
-    struct {
-        Cdb cdb;
-        SenseCode code;
-        Bytes pointer;  // the sense-key-specific bytes
-    } const cases[] = {
-        {{0xC1}, sense::kInvalidOpcode, {0, 0, 0}},
-        {{0x12, 1, 0x81, 0, 255}, sense::kInvalidField, {0xC0, 0, 2}},
-        {{0x12, 0, 0x80, 0, 255}, sense::kInvalidField, {0xC0, 0, 2}},
-        {{0x12, 2, 0, 0, 255}, sense::kInvalidField, {0xC9, 0, 1}},
-        {{0x00, 0, 0, 0, 0, 4}, sense::kInvalidField, {0xCA, 0, 5}},
-        {{0x03, 1, 0, 0, 18}, sense::kInvalidField, {0xC8, 0, 1}},
-        {{0x25, 0, 0, 0, 0, 1}, sense::kInvalidField, {0xC0, 0, 2}},
-        {{0x9E, 0x11}, sense::kInvalidField, {0xCC, 0, 1}},
-        {{0x28, 0x20, 0, 0, 0, 0, 0, 0, 1}, sense::kInvalidField, {0xCF, 0, 1}},
-        {{0x1A, 0, 0x1C, 0, 255}, sense::kInvalidField, {0xCD, 0, 2}},
-        {{0x5A, 0, 0x08, 1, 0, 0, 0, 0, 255}, sense::kInvalidField, {0xC0, 0, 3}},
-        {{0x1A, 0, 0xC8, 0, 255}, sense::kNoSavedParameters, {0, 0, 0}},
-    };
-    const Disk disk = disk_of(small_disk());
-    for (const auto& c : cases) {
-        const Result result = run(disk, c.cdb);
-        SCOPED_TRACE(::testing::PrintToString(c.cdb));
-        EXPECT_EQ(result.reply.status, ScsiStatus::check_condition);
-        EXPECT_EQ(result.code(), c.code);
-        EXPECT_EQ(result.reply.sense[0], 0x70);
-        EXPECT_EQ(result.reply.sense[7], 10);
-        EXPECT_THAT(std::span(result.reply.sense).subspan(15), ElementsAreArray(c.pointer));
-        EXPECT_TRUE(result.data.empty());
-    }
-}
-
-TEST(Condition, StopsTheCommandsThatItConcerns) {
-    enum : unsigned { kUnready = 1, kAttention = 2, kReserved = 4, kEverything = 7 };
-    struct {
-        Cdb cdb;
-        unsigned stopped_by;
-    } const commands[] = {{{0x00}, kUnready | kAttention},
-                          {{0x03, 0, 0, 0, 18}, 0},
-                          {{0x12, 0, 0, 0, 36}, 0},
-                          {{0x25}, kUnready | kAttention},
-                          {{0x9E, 0x10}, kUnready | kAttention},
-                          {{0x1A, 0, 0x3F, 0, 99}, kAttention | kReserved},
-                          {{0x5A, 0, 0x3F}, kAttention | kReserved},
-                          {transfer_cdb(0x08, 0, 1), kEverything},
-                          {transfer_cdb(0x88, 0, 1), kEverything},
-                          {{0x35}, kEverything}};
-    struct {
-        unsigned kind;
-        std::optional<SenseCode> condition;
-        uint64_t blocks;
-        ScsiReply answer;
-    } const conditions[] = {{0, {}, 8, {}},
-                            {kUnready, sense::kNeedsStart, 8, check_condition(sense::kNeedsStart)},
-                            {kUnready, {}, 0, check_condition(sense::kNoMedium)},
-                            {kAttention, sense::kPowerOnReset, 8, check_condition(sense::kPowerOnReset)},
-                            {kReserved, {}, 8, {ScsiStatus::reservation_conflict, 0, {}}}};
-    for (const auto& [kind, condition, blocks, answer] : conditions) {
-        DiskConfig config = small_disk();
-        config.condition = condition;
-        config.block_count = blocks;
-        config.reserved = kind == kReserved;
-        const Disk disk = disk_of(config);
-        for (const auto& [cdb, stopped_by] : commands) {
-            SCOPED_TRACE(::testing::Message() << "condition " << kind << ", command " << int{cdb[0]});
-            const Result result = run(disk, cdb);
-            const bool stopped = (stopped_by & kind) != 0;
-            EXPECT_EQ(result.reply.status, stopped ? answer.status : ScsiStatus::good);
-            EXPECT_EQ(result.reply.sense, stopped ? answer.sense : SenseData{});
+TEST(Disk, ReturnsWhatWasWrittenUpToTheLastBlockAndRefusesWhatLiesBehind) {
+    const std::tuple<uint8_t, uint8_t, uint64_t, uint32_t, uint32_t> rows[]{
+        {0x08, 0x0A, 0x1FFFF0, 512, 255},
+        {0x28, 0x2A, 0x300000, 512, 300},
+        {0xA8, 0xAA, 0xFFFFFF00, 4096, 300},
+        {0x88, 0x8A, 0x300000000, 512, 300},
+        {0x88, 0x8A, UINT64_MAX - 8, 4096, 3}};
+    for (const auto& [read, write, blocks, size, count] : rows) {
+        SCOPED_TRACE(int{read});
+        const Disk disk = disk_of(config_of(blocks, size));
+        const size_t length = size_t{count} * size;
+        const auto pattern = [length](uint64_t lba) {
+            Bytes data(length);
+            for (size_t i = 0; i < length; ++i) data[i] = static_cast<uint8_t>(lba * 7 + i * 31 + i / 251);
+            return data;
+        };
+        for (const uint64_t lba : {uint64_t{0}, blocks / 2 + 1, blocks - count}) {
+            EXPECT_EQ(ask(disk, transfer(write, lba, count), 0, pattern(lba)), good());
+            EXPECT_EQ(ask(disk, transfer(read, lba, count), length), good(pattern(lba)));
         }
-        const SenseCode now = Result{answer, {}}.code();
-        EXPECT_THAT(run(disk, {0x03, 0, 0, 0, 255}).data, ElementsAreArray(fixed_sense(now)));
-    }
-}
-
-// ---- Reading and writing
-
-struct TransferCase {
-    uint8_t read, write;
-    uint64_t blocks;
-    uint32_t block_size;
-    uint32_t count;  // blocks of one transfer
-};
-
-class TransferLength : public ::testing::TestWithParam<TransferCase> {};
-
-TEST_P(TransferLength, ReturnsWhatWasWrittenUpToTheLastBlockAndRefusesWhatLiesBehind) {
-    const auto& [read, write, blocks, size, count] = GetParam();
-    const size_t bytes = size_t{count} * size;
-    DiskConfig config = small_disk();
-    config.block_count = blocks;
-    config.block_size = size;
-    const Disk disk = disk_of(config);
-    for (const uint64_t lba : {uint64_t{0}, blocks / 2 + 1, blocks - count}) {
-        const Bytes data = pattern(bytes, static_cast<uint8_t>(lba));
-        const Result written = send(disk, transfer_cdb(write, lba, count), data);
-        EXPECT_TRUE(written.good());
-        EXPECT_EQ(written.reply.transferred, data.size());
-        EXPECT_EQ(run(disk, transfer_cdb(read, lba, count), bytes).data, data);
-        EXPECT_EQ(run(disk, transfer_cdb(read, lba, count), size + 5).data,
-                  Bytes(data.begin(), data.begin() + size + 5));
-    }
-    for (const uint64_t lba : {blocks - count + 1, blocks, blocks + 1}) {
-        EXPECT_EQ(run(disk, transfer_cdb(read, lba, count)).code(), sense::kLbaOutOfRange);
-        EXPECT_EQ(send(disk, transfer_cdb(write, lba, count), Bytes(bytes, 1)).code(), sense::kLbaOutOfRange);
-    }
-    EXPECT_EQ(run(disk, transfer_cdb(read, blocks - count, count), bytes).data,
-              pattern(bytes, static_cast<uint8_t>(blocks - count)));
-    EXPECT_TRUE(all_are(0, run(disk, transfer_cdb(read, count, 2)).data));
-}
-
-INSTANTIATE_TEST_SUITE_P(Commands, TransferLength,
-                         ::testing::Values(TransferCase{0x08, 0x0A, 0x1FFFF0, 512, 255},
-                                           TransferCase{0x28, 0x2A, 0x300000, 512, 300},
-                                           TransferCase{0xA8, 0xAA, 0xFFFFFF00, 4096, 300},
-                                           TransferCase{0x88, 0x8A, 0x300000000, 512, 300},
-                                           TransferCase{0x88, 0x8A, UINT64_MAX - 8, 4096, 3}));
-
-TEST(Transfer, TakesZeroBlocksForNoneExceptInTheSixByteForm) {
-    const Disk disk = disk_of(small_disk());
-    for (const uint8_t opcode : {0x28, 0xA8, 0x88}) {
-        EXPECT_TRUE(run(disk, transfer_cdb(opcode, 2047, 0)).good());
-        EXPECT_EQ(run(disk, transfer_cdb(opcode, 2047, 0)).reply.transferred, 0u);
-        EXPECT_EQ(run(disk, transfer_cdb(opcode, 2048, 0)).code(), sense::kLbaOutOfRange);
-    }
-    for (const uint8_t opcode : {0xA8, 0x88}) {  // counts that only their wide field can hold
-        EXPECT_EQ(run(disk, transfer_cdb(opcode, 0, 0x10000)).code(), sense::kLbaOutOfRange);
-        EXPECT_EQ(run(disk, transfer_cdb(opcode, 0, 0x1000000)).code(), sense::kLbaOutOfRange);
-    }
-    EXPECT_EQ(run(disk, transfer_cdb(0x08, 0, 0), 256 * 1024).reply.transferred, 256u * 512);
-    EXPECT_EQ(run(disk, transfer_cdb(0x08, 1793, 0), 256 * 1024).code(), sense::kLbaOutOfRange);
-}
-
-TEST(Transfer, WritesNothingOfAWriteThatComesShortAndIgnoresWhatIsTooMuch) {
-    const Disk disk = disk_of(small_disk());
-    EXPECT_EQ(send(disk, transfer_cdb(0x2A, 4, 2), Bytes(1023, 0xAA)).code(), sense::kDataPhaseError);
-    EXPECT_TRUE(all_are(0, run(disk, transfer_cdb(0x28, 4, 2)).data));
-    EXPECT_EQ(send(disk, transfer_cdb(0x2A, 4, 1), Bytes(1024, 0xAA)).reply.transferred, 512u);
-    EXPECT_TRUE(all_are(0xAA, run(disk, transfer_cdb(0x28, 4, 1)).data));
-    EXPECT_TRUE(all_are(0, run(disk, transfer_cdb(0x28, 5, 1)).data));
-}
-
-TEST(SynchronizeCache, ChecksItsRange) {
-    const Disk disk = disk_of(small_disk());
-    for (const uint8_t opcode : {0x35, 0x91}) {
-        EXPECT_TRUE(run(disk, transfer_cdb(opcode, 0, 0)).good());
-        EXPECT_TRUE(run(disk, transfer_cdb(opcode, 2046, 2)).good());
-        EXPECT_EQ(run(disk, transfer_cdb(opcode, 2047, 2)).code(), sense::kLbaOutOfRange);
-    }
-}
-
-// Fails behind the first block, as a disk with one good block would.
-class FailingStore final : public BlockStore {
-  public:
-    FailingStore() : BlockStore(512) {}
-
-  private:
-    size_t do_read(uint64_t first, std::span<uint8_t> data) const override {
-        return good(first, data.size());
-    }
-    size_t do_write(uint64_t first, std::span<const uint8_t> data) override {
-        return good(first, data.size());
-    }
-    static size_t good(uint64_t first, size_t size) { return first == 0 ? std::min<size_t>(size, 512) : 0; }
-};
-
-TEST(MediumError, NamesTheBlockThatFailed) {
-    DiskConfig config = small_disk();
-    config.block_count = 0x300000000;
-    const Disk disk(config, std::make_shared<FailingStore>());
-    struct {
-        uint64_t lba;
-        uint32_t failed;
-        uint8_t response;  // with a bit that says whether a block is named
-    } const cases[] = {{0, 1, 0xF0}, {0xFFFFFFFF, 0xFFFFFFFF, 0xF0}, {0x100000000, 0, 0x70}};
-    for (const auto& c : cases) {
-        const Result read = run(disk, transfer_cdb(0x88, c.lba, 2));
-        const Result written = send(disk, transfer_cdb(0x8A, c.lba, 2), Bytes(1024));
-        EXPECT_EQ(read.code(), sense::kReadError);
-        EXPECT_EQ(written.code(), sense::kWriteError);
-        for (const Result& result : {read, written}) {
-            EXPECT_EQ(result.reply.sense[0], c.response);
-            EXPECT_EQ(get_be(result.reply.sense, 3, 4), c.failed);
+        for (const uint64_t lba : {blocks - count + 1, blocks, blocks + 1}) {
+            EXPECT_EQ(ask(disk, transfer(read, lba, count)), refused(sense::kLbaOutOfRange));
+            EXPECT_EQ(ask(disk, transfer(write, lba, count), 0, pattern(1)), refused(sense::kLbaOutOfRange));
         }
+        EXPECT_EQ(ask(disk, transfer(write, 0, 2), 0, Bytes(2 * size - 1)), refused(sense::kDataPhaseError));
+        EXPECT_EQ(ask(disk, transfer(write, 0, 1), 0, Bytes(2 * size)), good()) << "more than announced";
+        Bytes first = pattern(0);
+        std::fill_n(first.begin(), size, uint8_t{0});
+        EXPECT_EQ(ask(disk, transfer(read, 0, count), length), good(first));
+        EXPECT_EQ(ask(disk, transfer(read, count, 2), 2 * size), good(Bytes(2 * size))) << "never written";
     }
 }
 
-// ---- Targets
+// A target by one of its addresses.
+struct At {
+    const ScsiTarget& target;
+    uint32_t lun, lun_ext = 0;
+    ScsiReply run(const ScsiRequest& request) const { return target.run(lun, lun_ext, request); }
+};
 
 ScsiTarget target_of(const std::vector<std::pair<uint16_t, LunAddressing>>& luns) {
     std::vector<ScsiLun> units;
-    for (const auto& [number, addressing] : luns) {
-        DiskConfig config = small_disk();
-        config.block_count = number + 1u;  // tells the LUNs apart
-        units.push_back({number, addressing, disk_of(config)});
-    }
+    for (const auto& [number, addressing] : luns)
+        units.push_back({number, addressing, disk_of(config_of(number + 1u))});  // tells the LUNs apart
     return ScsiTarget(std::move(units));
 }
 
-Result run(const ScsiTarget& target, uint32_t lun, uint32_t lun_ext, const Cdb& cdb, size_t room = 65536) {
-    return run_in(cdb, room, [&](const ScsiRequest& request) { return target.run(lun, lun_ext, request); });
-}
-
-Cdb report_luns(uint8_t select, uint32_t allocation) {
-    Cdb cdb{0xA0, 0, select};
-    put_be(cdb, 6, 4, allocation);
-    return cdb;
-}
-
-TEST(Target, IsReachedByEitherWayOfAddressing) {
-    const ScsiTarget target =
-        target_of({{5, LunAddressing::peripheral}, {9, LunAddressing::flat}, {0x3FFF, LunAddressing::flat}});
-    struct {
-        uint32_t lun, lun_ext;
-        std::optional<uint32_t> last_block;
-    } const cases[] = {
-        {5, 0, 5},           {0x4005, 0, 5},  {9, 0, 9},       {0x4009, 0, 9},
-        {0x7FFF, 0, 0x3FFF}, {0x3FFF, 0, {}}, {0x0105, 0, {}}, {6, 0, {}},
-        {0x8005, 0, {}},     {0xC105, 0, {}}, {5, 1, {}},      {0x10005, 0, {}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(::testing::Message() << std::hex << c.lun << " " << c.lun_ext);
-        const Result result = run(target, c.lun, c.lun_ext, {0x25});
-        if (c.last_block) {
-            ASSERT_EQ(result.data.size(), 8u);
-            EXPECT_EQ(get_be(result.data, 0, 4), *c.last_block);
-        } else {
-            EXPECT_EQ(result.code(), sense::kLunNotSupported);
-        }
-    }
-}
-
-TEST(Target, ListsItsLunsInOrderEachByItsOwnAddress) {
+TEST(Target, ListsItsLunsInOrderAndAnswersForThoseThatAreNotThere) {
     const ScsiTarget target = target_of(
         {{300, LunAddressing::peripheral}, {2, LunAddressing::flat}, {1, LunAddressing::peripheral}});
-    const Bytes list{0,    0, 0, 24, 0, 0, 0, 0, 0,    1,    0, 0, 0, 0, 0, 0,
-                     0x40, 2, 0, 0,  0, 0, 0, 0, 0x41, 0x2C, 0, 0, 0, 0, 0, 0};
-    EXPECT_EQ(run(target, 0, 0, report_luns(0, 16384)).data, list);
-    EXPECT_EQ(run(target, 0x4000, 0, report_luns(2, 16384)).data, list);
-    EXPECT_EQ(run(target, 1, 0, report_luns(0, 16384)).data, list);
-    EXPECT_TRUE(all_are(0, run(target, 0, 0, report_luns(1, 16384)).data));
-    EXPECT_EQ(run(target, 0, 0, report_luns(3, 16384)).code(), sense::kInvalidField);
-    EXPECT_EQ(run(target, 7, 0, report_luns(0, 16384)).code(), sense::kLunNotSupported);
-    for (uint32_t length = 0; length <= list.size(); ++length) {
-        EXPECT_EQ(run(target, 0, 0, report_luns(0, length)).data, Bytes(list.begin(), list.begin() + length));
-    }
-    EXPECT_THAT(run(target_of({}), 0, 0, report_luns(0, 16)).data, ElementsAreArray(Bytes(8)));
-}
+    const Bytes list = good("00 00 00 18 .4 00 01 .6 40 02 .6 41 2C .6");
+    const Bytes nobody = refused(sense::kLunNotSupported);
+    const std::tuple<uint32_t, const char*, Bytes> rows[]{
+        {0, "A0 .7 40 00", list},
+        {0x4000, "A0 00 02 .5 40 00", list},
+        {0, "A0 .8 0B", Bytes(list.begin(), list.begin() + 12)},
+        {0, "A0 00 01 .5 40 00", good(".8")},
+        {0, "A0 00 03 .5 40 00", refused(sense::kInvalidField, "C0 00 02")},
+        {7, "A0 .7 40 00", nobody},
+        {0, "12 00 00 00 24", good("7F 00 06 12 5B 00 00 02 '                            '")},
+        {0, "03 00 00 00 12", good(Bytes(nobody.begin() + 1, nobody.end()))},
+        {7, "12 01 80 00 24", nobody},
+        {0xFFFFFFFF, "00", nobody},
+        {0x8001, "00", nobody},
+        {0x10001, "00", nobody},
+        {0x4001, "25", good("00 00 00 01 00 00 02 00")},
+        {0x412C, "25", good("00 00 01 2C 00 00 02 00")},
+    };
+    EXPECT_EQ(ask(At{target, 1, 1}, {0}), nobody);
+    for (const auto& [lun, cdb, answer] : rows) EXPECT_EQ(ask(At{target, lun}, bytes(cdb)), answer) << cdb;
 
-TEST(Target, CountsLunsThatTheHostHasNoRoomFor) {
-    std::vector<std::pair<uint16_t, LunAddressing>> luns;
-    for (uint16_t number = 0; number < 3000; ++number) luns.emplace_back(number, LunAddressing::peripheral);
-    const Bytes cut = run(target_of(luns), 0, 0, report_luns(0, 16384), 16384).data;
-    ASSERT_EQ(cut.size(), 16384u);
-    EXPECT_EQ(get_be(cut, 0, 4), 3000u * 8);
-    EXPECT_EQ(get_be(cut, 16376, 8), uint64_t{0x4000 | 2046} << 48);
-}
-
-TEST(Target, AnswersForALunThatIsNotThere) {
-    const ScsiTarget target = target_of({{1, LunAddressing::peripheral}});
-    for (const uint32_t lun : {0u, 2u, 0xFFFFFFFFu}) {
-        const Bytes inquiry = run(target, lun, 0, {0x12, 0, 0, 0, 36}).data;
-        ASSERT_EQ(inquiry.size(), 36u);
-        EXPECT_EQ(inquiry[0], 0x7F);
-        EXPECT_THAT(run(target, lun, 0, {0x03, 0, 0, 0, 18}).data,
-                    ElementsAreArray(fixed_sense(sense::kLunNotSupported)));
-        EXPECT_EQ(run(target, lun, 0, {0x12, 1, 0x80, 0, 36}).code(), sense::kLunNotSupported);
-        EXPECT_EQ(run(target, lun, 0, {0x00}).code(), sense::kLunNotSupported);
-    }
+    std::vector<std::pair<uint16_t, LunAddressing>> many(3000);
+    for (uint16_t number = 0; number < 3000; ++number) many[number].first = number;
+    const Bytes cut = ask(At{target_of(many), 0}, bytes("A0 .7 40 00"), 16384);
+    ASSERT_EQ(cut.size(), 1u + 16384);
+    EXPECT_EQ(get_be(cut, 1, 4), 3000u * 8) << "those that there is no room for are counted";
+    EXPECT_EQ(get_be(cut, 16377, 8), uint64_t{0x4000 | 2046} << 48);
 }
 
 }  // namespace

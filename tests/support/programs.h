@@ -10,13 +10,22 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
 namespace trelm::test {
 
 using Words = std::vector<std::string>;
+inline Words operator+(Words first, const Words& then) {
+    first.insert(first.end(), then.begin(), then.end());
+    return first;
+}
+inline Words words_of(const std::string& text) {
+    std::istringstream stream(text);
+    return {std::istream_iterator<std::string>(stream), {}};
+}
+
 inline const std::string kLauncher = TRELM_BINARY_DIR "/bin/trelm-hostsim";
 
 inline std::string text_of(const std::filesystem::path& path) {
@@ -26,8 +35,7 @@ inline std::string text_of(const std::filesystem::path& path) {
 
 struct Outcome {
     int status = -1;  // as a shell tells it
-    std::string out;
-    std::string errors;
+    std::string out, errors;
 };
 
 class Programs : public ::testing::Test {
@@ -39,6 +47,7 @@ class Programs : public ::testing::Test {
     std::string at(const std::string& name) const { return directory_ / name; }
     void write(const std::string& name, const std::string& text) const { std::ofstream(at(name)) << text; }
 
+    // Its output goes to the files "out" and "errors" unless it is to go elsewhere.
     pid_t start(const Words& words, const std::string& out = "") const {
         std::vector<char*> arguments;
         for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
