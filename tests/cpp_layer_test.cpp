@@ -32,7 +32,7 @@ TEST(CppLayer, GivesBackWhatItTookAndSaysWhatFailedWhere) {
             trelm::Adapter other(library, 0);
             other = std::move(adapter);
             EXPECT_EQ(other.instance(), 1u);
-            EXPECT_EQ(other.info().PhyPortNum, 2u);
+            EXPECT_EQ(+other.info().PhyPortNum, 2u);
             host.inject({.operation = Operation::port_stats, .status = 13});
             try {
                 other.stats(1);
@@ -58,7 +58,7 @@ TEST(CppLayer, ListsWholeWhateverTheDriverAnnounces) {
     const auto luns = adapter.luns(4, 1);
     ASSERT_EQ(luns.size(), 20u);
     EXPECT_EQ(+luns[19].ScsiLunNum, 19u);
-    EXPECT_EQ(adapter.targets(4).at(1).ScsiTgtNum, 127u);
+    EXPECT_EQ(+adapter.targets(4).at(1).ScsiTgtNum, 127u);
     EXPECT_TRUE(adapter.targets(1).empty());
     host.model().port(0, 0).reported_target_count = UINT32_MAX;
     EXPECT_EQ(adapter.targets(4).size(), 2u);

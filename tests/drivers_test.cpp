@@ -24,9 +24,10 @@ namespace hosts = hostsim::hosts;
 class AnyDriver : public testing::TestWithParam<DriverKind> {};
 TRELM_ON_EACH_DRIVER(AnyDriver);
 
-TEST_P(AnyDriver, FaultsHitThePortAndOccurrenceThatTheyName) {
+TEST_P(AnyDriver, FaultsHitWhatTheyNameAndLunsAnswerAsTheyAreDescribed) {
     Model model = hosts::ports(GetParam(), 2);
-    hosts::add_target(model.port(0, 0), 0, 1).luns[0].reserved = true;
+    hostsim::Target& target = hosts::add_target(model.port(0, 0), 0, 2);
+    target.luns[0].reserved = target.luns[1].unit_attention = true;
     hosts::add_target(model.port(0, 0), 1, 1).offline = true;
     const auto stats = Operation::port_stats;
     model.faults = {{.operation = stats, .port = "port0.1", .occurrence = 2, .count = 2, .status = 6},
@@ -44,14 +45,19 @@ TEST_P(AnyDriver, FaultsHitThePortAndOccurrenceThatTheyName) {
     EXPECT_EQ(TRELM_SendScsiCommand(handles[0], 0, &refused, nullptr, nullptr), TRELM_STATUS_OK);
     EXPECT_THAT(std::vector(refused.Sense, refused.Sense + 9),
                 testing::ElementsAre(0x70, 0, 5, 0, 0, 0, 0, 10, 0));
+    for (const int key : {6, 0}) {
+        auto ready = trelm::scsi_command(0, 1, {0, 0, 0, 0, 0, 0}, 0);
+        EXPECT_EQ(TRELM_SendScsiCommand(handles[0], 0, &ready, nullptr, nullptr), TRELM_STATUS_OK);
+        EXPECT_EQ(ready.Sense[2], key) << "a unit attention is reported once";
+    }
     // The fault of the target comes before what the driver itself says of one that is offline.
     const std::tuple<uint32_t, uint8_t, uint32_t> commands[]{
         {0, 0, 0},          {0, 0x28, 0x6000000B}, {1, 0x12, 0x6000000D},
         {1, 0, 0x6000000B}, {1, 0, 0x6000000B},    {1, 0, 0x6000000D}};
-    for (const auto& [target, opcode, code] : commands) {
-        auto command = trelm::scsi_command(target, 0, {opcode, 0, 0, 0, 0, 0}, 0);
+    for (const auto& [number, opcode, code] : commands) {
+        auto command = trelm::scsi_command(number, 0, {opcode, 0, 0, 0, 0, 0}, 0);
         EXPECT_EQ(TRELM_SendScsiCommand(handles[0], 0, &command, nullptr, nullptr), code)
-            << target << ' ' << int{opcode};
+            << number << ' ' << int{opcode};
     }
 }
 

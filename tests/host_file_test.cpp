@@ -29,19 +29,19 @@ std::string mistake_in(const std::string& text) {
 
 // A sound host with one of everything, to be changed at one place.
 const char kSound[] = R"({ // with a comment
-  "name": "h", "drivers": {"kron": {"order": ["a", "28:00:00:00:00:00:00:02"]}, "legacy": {"state": "no_device"}},
+  "drivers": {"kron": {"order": ["a", "28:00:00:00:00:00:00:02"]}, "legacy": {"state": "no_device"}},
   "adapters": [{"driver": "kron", "management_firmware": "08.37.30.00",
-    "pci": {"address": "0001:3b:1f", "vendor_id": "0x1077", "device_id": 32896, "speed": "5 GT/s", "width": 4},
-    "ports": [{"name": "a", "wwnn": "20:00:00:00:00:00:00:01", "wwpn": "20:00:00:00:00:00:00:02", "function": 3,
-      "supported_speed": ["1 Gbit", "10 Gbit"], "speed": "40 Gbit", "link": "link_down", "host_no": 7,
-      "counters": {"rx_fcoe_frames": 5, "link_failures": {"start": 18446744073709551615, "rate": 0.5}},
-      "fcfs": [{"switch_name": "20:00:00:00:00:00:00:03", "fabric_name": "10:00:00:00:00:00:00:03",
-                "fcf_mac": "02:00:00:00:00:01"}],
-      "targets": [{"index": 127, "wwnn": "50:00:00:00:00:00:00:01", "wwpn": "50:00:00:00:00:00:00:02",
-        "luns": [{"number": 0, "capacity": "2 TiB"}, {"number": 300, "count": 3000, "capacity": 1048576},
-                 {"number": 256, "block_count": 100, "block_size": 4096, "backing": "file", "directory": "disks/a"}]}],
-      "virtual_ports": [{"wwnn": "28:00:00:00:00:00:00:01", "wwpn": "28:00:00:00:00:00:00:02"}]}]}],
-  "faults": [{"operation": "scsi", "port": "a", "target": 127, "opcode": "0x28", "count": "always", "errno": "EIO"}]})";
+  "pci": {"address": "0001:3b:1f", "vendor_id": "0x1077", "device_id": 32896, "speed": "5 GT/s", "width": 4},
+  "ports": [{"name": "a", "wwnn": "20:00:00:00:00:00:00:01", "wwpn": "20:00:00:00:00:00:00:02", "function": 3,
+    "supported_speed": ["1 Gbit", "10 Gbit"], "speed": "40 Gbit", "link": "link_down", "host_no": 7,
+    "counters": {"rx_fcoe_frames": 5, "link_failures": {"start": 18446744073709551615, "rate": 0.5}},
+    "fcfs": [{"switch_name": "20:00:00:00:00:00:00:03", "fabric_name": "10:00:00:00:00:00:00:03",
+              "fcf_mac": "02:00:00:00:00:01"}],
+    "targets": [{"index": 127, "wwnn": "50:00:00:00:00:00:00:01", "wwpn": "50:00:00:00:00:00:00:02",
+      "luns": [{"number": 0, "capacity": "2 TiB"}, {"number": 300, "count": 3000, "capacity": 1048576},
+               {"number": 256, "block_count": 100, "backing": "file", "directory": "disks/a"}]}],
+    "virtual_ports": [{"wwnn": "28:00:00:00:00:00:00:01", "wwpn": "28:00:00:00:00:00:00:02"}]}]}],
+  "faults": [{"operation": "scsi", "target": 127, "opcode": "0x28", "count": "always", "errno": "EIO"}]})";
 
 TEST(HostFile, ArrivesInTheModel) {
     const hostsim::Model model = hostsim::parse_host(kSound, "host.json", "/base");

@@ -34,25 +34,25 @@ class Trelmctl : public Programs {
 
     // Two ports; the first with a virtual port that comes before it in NPIV indexes, and two targets with a
     // gap.
-    json host = json::parse(R"({"name": "tool-host", "adapters": [{
-      "driver": "kron", "model": "Ulvard 8042", "firmware_version": "8.37.30.0", "management_firmware": "08.37.30.00",
-      "pci": {"address": "0001:3b:02", "vendor_id": "0x1077", "device_id": "0x8080", "speed": "8 GT/s", "width": 8},
-      "ports": [
-        {"name": "a", "npiv_index": 3, "hba_name": "vmhba7", "port_id": "0x010200", "vlan": 20,
-         "wwnn": "20:00:00:c0:5a:00:00:01", "wwpn": "20:01:00:c0:5a:00:00:01",
-         "supported_speed": ["1 Gbit", "10 Gbit"], "counters": {"tx_fcoe_frames": {"start": 7, "rate": 1000000}},
-         "fcfs": [{"switch_name": "20:64:00:c0:5a:00:00:01", "fabric_name": "10:00:00:c0:5a:00:00:01",
-                   "fcf_mac": "00:c0:5a:0f:00:01"}],
-         "targets": [
-           {"index": 0, "wwnn": "50:00:00:c0:5a:00:00:10", "wwpn": "50:00:00:c0:5a:00:00:11", "port_id": "0x010600",
-            "luns": [{"number": 0, "capacity": "64 GiB", "serial_number": "SER0"},
-                     {"number": 1, "capacity": "3 TiB", "product": "BIG\u001b[31m"},
-                     {"number": 300, "capacity": "1 GiB", "block_size": 4096}]},
-           {"index": 5, "wwnn": "50:00:00:c0:5a:00:00:10", "wwpn": "50:00:00:c0:5a:00:00:12",
-            "luns": [{"number": 2, "capacity": "1536 MiB"}]}],
-         "virtual_ports": [{"npiv_index": 1, "wwnn": "28:00:00:c0:5a:00:00:01", "wwpn": "28:01:00:c0:5a:00:00:01"}]},
-        {"name": "b", "function": 1, "wwnn": "20:00:00:c0:5a:00:00:02", "wwpn": "20:01:00:c0:5a:00:00:02",
-         "link": "link_down", "speed": "unknown"}]}]})");
+    json host = json::parse(R"({"name": "tool-host", "adapters": [{"driver": "kron",
+ "model": "Ulvard 8042", "firmware_version": "8.37.30.0", "management_firmware": "08.37.30.00",
+ "pci": {"address": "0001:3b:02", "vendor_id": "0x1077", "device_id": "0x8080", "speed": "8 GT/s", "width": 8},
+ "ports": [
+   {"name": "a", "npiv_index": 3, "hba_name": "vmhba7", "port_id": "0x010200", "vlan": 20,
+    "wwnn": "20:00:00:c0:5a:00:00:01", "wwpn": "20:01:00:c0:5a:00:00:01",
+    "supported_speed": ["1 Gbit", "10 Gbit"], "counters": {"tx_fcoe_frames": {"start": 7, "rate": 1000000}},
+    "fcfs": [{"switch_name": "20:64:00:c0:5a:00:00:01", "fabric_name": "10:00:00:c0:5a:00:00:01",
+              "fcf_mac": "00:c0:5a:0f:00:01"}],
+    "targets": [
+      {"index": 0, "wwnn": "50:00:00:c0:5a:00:00:10", "wwpn": "50:00:00:c0:5a:00:00:11", "port_id": "0x010600",
+       "luns": [{"number": 0, "capacity": "64 GiB", "serial_number": "SER0"},
+                {"number": 1, "capacity": "3 TiB", "product": "BIG\u001b[31m"},
+                {"number": 300, "capacity": "1 GiB", "block_size": 4096}]},
+      {"index": 5, "wwnn": "50:00:00:c0:5a:00:00:10", "wwpn": "50:00:00:c0:5a:00:00:12",
+       "luns": [{"number": 2, "capacity": "1536 MiB"}]}],
+    "virtual_ports": [{"npiv_index": 1, "wwnn": "28:00:00:c0:5a:00:00:01", "wwpn": "28:01:00:c0:5a:00:00:01"}]},
+   {"name": "b", "function": 1, "wwnn": "20:00:00:c0:5a:00:00:02", "wwpn": "20:01:00:c0:5a:00:00:02",
+    "link": "link_down", "speed": "unknown"}]}]})");
 };
 
 TEST_F(Trelmctl, PrintsAlignedTextAndDrawsTheTreeInTheCharactersOfTheLocale) {
@@ -94,26 +94,27 @@ TEST_F(Trelmctl, SpeaksJsonWithRawValuesBesideWordedOnes) {
         const char *arguments, *place, *expected;
     } rows[]{
         {"list", "/ports/0", R"({"instance": 0, "npiv_index": 3, "state": "online", "state_raw": 8,
-          "wwpn": "20:01:00:c0:5a:00:00:01", "speed": "10 Gbit/s", "speed_raw": 4, "model": "Ulvard 8042", "driver": "kronfc",
-          "pci_address": "0001:3b:02.0", "virtual_ports": 1, "targets": 2, "error": null})"},
-        {"show 0", "", R"({"format_version": 1,
-          "port": {"instance": 0, "npiv_index": 3, "hba_name": "vmhba7", "port_type": "physical", "port_type_raw": 0,
-            "state": "online", "state_raw": 8, "speed": "10 Gbit/s", "speed_raw": 4, "supported_speeds": "1, 10 Gbit/s",
-            "supported_speeds_raw": 5, "wwpn": "20:01:00:c0:5a:00:00:01", "wwnn": "20:00:00:c0:5a:00:00:01",
-            "parent_wwpn": "20:01:00:c0:5a:00:00:01", "port_fcid": "0x010200", "port_fcid_raw": 66048,
-            "targets": 2, "fcf_count": 1, "npiv_indexes": [1, 3]},
+          "wwpn": "20:01:00:c0:5a:00:00:01", "speed": "10 Gbit/s", "speed_raw": 4, "model": "Ulvard 8042",
+          "driver": "kronfc", "pci_address": "0001:3b:02.0", "virtual_ports": 1, "targets": 2,
+          "error": null})"},
+        {"show 0", "", R"({"format_version": 1, "port": {"instance": 0, "npiv_index": 3, "hba_name": "vmhba7",
+          "port_type": "physical", "port_type_raw": 0, "state": "online", "state_raw": 8,
+          "speed": "10 Gbit/s", "speed_raw": 4, "supported_speeds": "1, 10 Gbit/s", "supported_speeds_raw": 5,
+          "wwpn": "20:01:00:c0:5a:00:00:01", "wwnn": "20:00:00:c0:5a:00:00:01",
+          "parent_wwpn": "20:01:00:c0:5a:00:00:01", "port_fcid": "0x010200", "port_fcid_raw": 66048,
+          "targets": 2, "fcf_count": 1, "npiv_indexes": [1, 3]},
           "fabric": {"fabric_name": "10:00:00:c0:5a:00:00:01", "switch_name": "20:64:00:c0:5a:00:00:01",
-            "fcf_mac": "00:c0:5a:0f:00:01", "fc_map": "0x0efc00", "fc_map_raw": 982016, "fabric_vlan": 20,
-            "fabric_priority": 128, "keep_alive_timeout": 8000},
-          "adapter": {"model": "Ulvard 8042", "description": "Calvexa Ulvard 8042", "physical_port_number": 1,
-            "wwpn": "20:01:00:c0:5a:00:00:01", "wwnn": "20:00:00:c0:5a:00:00:01", "mac": "00:c0:5a:00:00:01",
-            "mtu": 2500, "vlan": 20, "virtual_ports": 1, "media_type": 4, "firmware_version": "8.37.30.0",
-            "management_firmware_version": "08.37.30.00"},
-          "driver": {"name": "kronfc", "version": "1.0.24.0", "date": "Mar 12 2019", "loaded": "yes", "loaded_raw": 1},
-          "pci": {"address": "0001:3b:02.0", "vendor_id": "0x1077", "vendor_id_raw": 4215, "device_id": "0x8080",
-            "device_id_raw": 32896, "subsystem_vendor_id": "0x0000", "subsystem_vendor_id_raw": 0,
-            "subsystem_id": "0x0000", "subsystem_id_raw": 0, "revision": "0x0000", "revision_raw": 0,
-            "chip_revision": 0, "link": "8.0 GT/s x8", "link_raw": {"speed": 80, "width": 6}}})"},
+          "fcf_mac": "00:c0:5a:0f:00:01", "fc_map": "0x0efc00", "fc_map_raw": 982016, "fabric_vlan": 20,
+          "fabric_priority": 128, "keep_alive_timeout": 8000}, "adapter": {"model": "Ulvard 8042",
+          "description": "Calvexa Ulvard 8042", "physical_port_number": 1, "wwpn": "20:01:00:c0:5a:00:00:01",
+          "wwnn": "20:00:00:c0:5a:00:00:01", "mac": "00:c0:5a:00:00:01", "mtu": 2500, "vlan": 20,
+          "virtual_ports": 1, "media_type": 4, "firmware_version": "8.37.30.0",
+          "management_firmware_version": "08.37.30.00"}, "driver": {"name": "kronfc", "version": "1.0.24.0",
+          "date": "Mar 12 2019", "loaded": "yes", "loaded_raw": 1}, "pci": {"address": "0001:3b:02.0",
+          "vendor_id": "0x1077", "vendor_id_raw": 4215, "device_id": "0x8080", "device_id_raw": 32896,
+          "subsystem_vendor_id": "0x0000", "subsystem_vendor_id_raw": 0, "subsystem_id": "0x0000",
+          "subsystem_id_raw": 0, "revision": "0x0000", "revision_raw": 0, "chip_revision": 0,
+          "link": "8.0 GT/s x8", "link_raw": {"speed": 80, "width": 6}}})"},
         {"show 200100C05A000001/3", "/port/port_type", "\"physical\""},
         {"show 0/1", "/port/port_type", "\"virtual\""},
         {"show 0x280100c05a000001", "/port/parent_wwpn", "\"20:01:00:c0:5a:00:00:01\""},
@@ -123,19 +124,20 @@ TEST_F(Trelmctl, SpeaksJsonWithRawValuesBesideWordedOnes) {
           "revision": "0500", "capacity": "1 GiB", "capacity_bytes": 1073741824, "error": null})"},
         {"capacity 0 5 2", "", R"({"format_version": 1, "instance": 0, "npiv_index": 3, "target": 5, "lun": 2,
           "lun_text": "2", "capacity": "1.5 GiB", "capacity_bytes": 1610612736, "blocks": 3145728,
-          "last_block": 3145727, "block_size": 512, "blocks_per_physical_block": null, "thin_provisioned": null})"},
+          "last_block": 3145727, "block_size": 512, "blocks_per_physical_block": null,
+          "thin_provisioned": null})"},
         {"inquiry 0 0 0 --page 83", "/designators",
-         R"([{"type": "NAA", "type_raw": 3, "association": "logical unit",
-          "association_raw": 0, "value": "30c05a0000110000"}, {"type": "T10 vendor id", "type_raw": 1,
+         R"([{"type": "NAA", "type_raw": 3, "association": "logical unit", "association_raw": 0,
+          "value": "30c05a0000110000"}, {"type": "T10 vendor id", "type_raw": 1,
           "association": "logical unit", "association_raw": 0, "value": "CALVEXA ULVARD VOLUME   SER0"}])"},
         {"scsi 0 0 0 ff0000000000", "",
-         R"x({"format_version": 1, "instance": 0, "npiv_index": 3, "target": 0, "lun": 0,
-          "lun_text": "0", "cdb": "ff0000000000", "data": null, "sense": {"key": "Illegal request", "key_raw": 5,
-            "additional": "invalid command operation code", "asc_raw": 32, "ascq_raw": 0, "deferred": false,
-            "bytes": "700005000000000a00000000200000000000"},
-          "error": {"code": null, "name": "CHECK_CONDITION", "advice": null, "operation": "TRELM_SendScsiCommand",
-            "meaning": "target 0 LUN 0 refused the command: Illegal request: invalid command operation code (05/20/00)",
-            "port": "0/3", "exit_status": 1}})x"}};
+         R"x({"format_version": 1, "instance": 0, "npiv_index": 3, "target": 0, "lun": 0, "lun_text": "0",
+          "cdb": "ff0000000000", "data": null, "sense": {"key": "Illegal request", "key_raw": 5,
+          "additional": "invalid command operation code", "asc_raw": 32, "ascq_raw": 0, "deferred": false,
+          "bytes": "700005000000000a00000000200000000000"}, "error": {"code": null, "name": "CHECK_CONDITION",
+          "advice": null, "operation": "TRELM_SendScsiCommand",
+          "meaning": "target 0 LUN 0 refused the command: Illegal request: invalid command operation code (05/20/00)",
+          "port": "0/3", "exit_status": 1}})x"}};
     for (const auto& [arguments, place, expected] : rows)
         EXPECT_EQ(document(arguments)[json::json_pointer(place)], json::parse(expected)) << arguments;
     EXPECT_EQ(tool("--json list").out, tool("list --json").out);
@@ -219,16 +221,15 @@ TEST_F(Trelmctl, ShowsEveryCounterWholeAndWatchesRates) {
         for (json& value : group) value = UINT64_MAX - value.get<uint64_t>();
     }
     EXPECT_EQ(document, json::parse(R"({"format_version": 1, "instance": 0, "npiv_index": 1,
-      "frames": {"rx_fcoe_frames": 0, "rx_fcoe_bytes": 1, "rx_fcp_frames": 2, "tx_fcoe_frames": 3, "tx_fcoe_bytes": 4,
-        "tx_fcp_frames": 5},
-      "requests": {"read_requests": 13, "write_requests": 14, "control_requests": 15, "read_megabytes": 16,
-        "write_megabytes": 17},
-      "fabric": {"fip_vlan_negotiations": 18, "fip_fabric_discoveries": 19, "flogi_count": 20, "fdisc_count": 21},
-      "errors": {"fcoe_dropped_frames": 6, "sequences_dropped": 7, "fc_crc_error_frames": 8,
-        "wrong_fcoe_version_frames": 9, "eofa_frames": 10, "missing_frames": 11, "sequence_timeouts": 12,
-        "link_failures": 29},
-      "recovery": {"ulp_tov_expirations": 22, "rec_expirations": 23, "abts_count": 24, "srr_count": 25,
-        "reset_lun_count": 26, "reset_target_count": 27, "session_level_recovery_count": 28}})"));
+          "frames": {"rx_fcoe_frames": 0, "rx_fcoe_bytes": 1, "rx_fcp_frames": 2, "tx_fcoe_frames": 3,
+          "tx_fcoe_bytes": 4, "tx_fcp_frames": 5}, "requests": {"read_requests": 13, "write_requests": 14,
+          "control_requests": 15, "read_megabytes": 16, "write_megabytes": 17},
+          "fabric": {"fip_vlan_negotiations": 18, "fip_fabric_discoveries": 19, "flogi_count": 20,
+          "fdisc_count": 21}, "errors": {"fcoe_dropped_frames": 6, "sequences_dropped": 7,
+          "fc_crc_error_frames": 8, "wrong_fcoe_version_frames": 9, "eofa_frames": 10, "missing_frames": 11,
+          "sequence_timeouts": 12, "link_failures": 29}, "recovery": {"ulp_tov_expirations": 22,
+          "rec_expirations": 23, "abts_count": 24, "srr_count": 25, "reset_lun_count": 26,
+          "reset_target_count": 27, "session_level_recovery_count": 28}})"));
 
     const json samples = this->document("stats 0 --watch 0.05 --count 2")["samples"];
     ASSERT_EQ(samples.size(), 2u);
@@ -243,8 +244,9 @@ TEST_F(Trelmctl, WhatIsWrittenIsReadAgainOverEachDriver) {
     std::string block(512, '\0');
     for (std::size_t i = 0; i < block.size(); ++i) block[i] = static_cast<char>(i * 7);
     write("block", block);
-    for (const char* driver : {"kron", "pyx", "legacy"}) {
+    for (const auto& [driver, device] : {std::pair{"kron", 0x8080}, {"pyx", 0x16A1}, {"legacy", 0x168E}}) {
         host["adapters"][0]["driver"] = driver;
+        host["adapters"][0]["pci"]["device_id"] = device;
         write("host.json", host.dump());
         // One launch for both commands: what a simulated host keeps in memory ends with it.
         const Outcome outcome =
