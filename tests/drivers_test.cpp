@@ -40,9 +40,14 @@ TEST_P(AnyDriver, FaultsHitWhatTheyNameAndLunsAnswerAsTheyAreDescribed) {
     for (const int port : {0, 0, 1, 1, 0, 1, 1})
         codes.push_back(TRELM_GetPortStats(handles[port], 0, &record));
     EXPECT_THAT(codes, testing::ElementsAre(0, 0, 0, 0x60000006, 0, 0x60000006, 0));
+    uint32_t came = 0;
+    library.host.tamper = [&came](hostsim::Answer& answer) {
+        if (answer.call.operation == Operation::scsi) came = answer.as<dorfc_scsi_cmd>().sense_len;
+    };
     auto refused = trelm::scsi_command(0, 0, {0xC1, 0, 0, 0, 0, 0}, 0);
     refused.SenseLength = 8;
     EXPECT_EQ(TRELM_SendScsiCommand(handles[0], 0, &refused, nullptr, nullptr), TRELM_STATUS_OK);
+    EXPECT_EQ(came, 8u);
     EXPECT_THAT(std::vector(refused.Sense, refused.Sense + 9),
                 testing::ElementsAre(0x70, 0, 5, 0, 0, 0, 0, 10, 0));
     for (const int key : {6, 0}) {

@@ -79,7 +79,6 @@ TEST(HostFile, TellsEachMistakeWithItsPlaceAndWhatIsAllowed) {
         {"/name", "\"a\\u0000b\"", "zero byte"},
         {"/effective_user", "1.5", "0 to 4294967295"},
         {"Apci", "{}", "\"address\" is missing"},
-        {"Adriver", "\"nfs\"", "\"kron\", \"pyx\" and \"legacy\""},
         {"Amodel", "\"123456789012345678901234567890123\"", "33 bytes, at most 32"},
         {"Pcounters/read_req", "{\"rate\": -1}", "0 to 1e15", "Pcounters/read_req/rate"},
         {"Pwwpn", "\"00:00:00:00:00:00:00:00\"", "eight bytes"},

@@ -49,7 +49,8 @@ TEST_F(HostsimRun, ReturnsTheStatusOfTheCommandOrSaysWhyItDidNotStart) {
     const Outcome missing = launch({"run", at("host.json"), "--", "no-such-program"});
     EXPECT_EQ(missing.status, 127);
     EXPECT_THAT(missing.errors, HasSubstr("no-such-program"));
-    const pid_t launcher = start(script("trap 'exit 7' TERM; : > $D/ready; while :; do sleep 0.05; done"));
+    const pid_t launcher =
+        start(script("trap 'exit 7' TERM; : > $D/ready; for i in $(seq 999); do sleep 0.05; done"));
     ASSERT_TRUE(appears("ready"));
     kill(launcher, SIGTERM);
     EXPECT_EQ(finish(launcher).status, 7) << "signals are forwarded";
