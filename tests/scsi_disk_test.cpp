@@ -1,6 +1,6 @@
-// scsi_disk_test.cpp - the simulated disks and targets: what each command answers, byte by byte, what stands
-// in its way, and what is read of what was written. An answer is the SCSI status with the data or the sense
-// behind it; a command never writes past the bytes that it says it sent.
+// scsi_disk_test.cpp - the simulated disks and targets: what each command answers, byte by byte, and what is
+// read of what was written. An answer is the SCSI status with the data or the sense behind it; a command
+// never writes past the bytes that it says it sent.
 #include "scsi_disk.h"
 
 #include <gtest/gtest.h>
