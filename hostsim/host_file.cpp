@@ -42,9 +42,9 @@ MacAddress read_mac(const JsonValue& value) {
 
 uint32_t read_fc_address(const JsonValue& value) { return value.number<uint32_t>(0xFFFFFF); }
 
-constexpr NamedNumber kPortStates[]{{"unknown", 1},  {"online", 2},      {"offline", 3},
-                                    {"bypassed", 4}, {"diagnostics", 5}, {"link_down", 7},
-                                    {"error", 8},    {"loopback", 9},    {"deleted", 10}};
+constexpr NamedNumber kPortStates[]{{"unknown", 0}, {"not_present", 1}, {"online", 2},      {"offline", 3},
+                                    {"blocked", 4}, {"bypassed", 5},    {"diagnostics", 6}, {"link_down", 7},
+                                    {"error", 8},   {"loopback", 9},    {"deleted", 10}};
 constexpr NamedNumber kPortTypes[]{{"unknown", 0}, {"other", 1}, {"not_present", 2},    {"nport", 3},
                                    {"nlport", 4},  {"lport", 5}, {"point_to_point", 6}, {"npiv", 7}};
 constexpr NamedNumber kSpeeds[]{

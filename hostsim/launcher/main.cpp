@@ -24,6 +24,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr char kRunFooter[] =
+    R"(The command and all its children see the host's drivers, name, user, process listing and semaphores, and
+files of its own under /tmp and /var/tmp. What they need of the machine there stays visible: the directory
+they are started in, those of the host file and of paths on the command line, and the command itself. Other
+files that lie directly in /tmp or /var/tmp are the host's. The exit status is the command's, or 128 and the
+number of the signal that ended it. Several commands may run on one --root at the same time.)";
+
 constexpr int kFailed = 1;
 constexpr int kUsage = 2;
 
@@ -114,15 +121,7 @@ int dispatch(int argc, char** argv) {
     has_root->type_name("DIR")->check([](const std::string& value) {
         return value.empty() ? std::string("a directory is needed") : std::string();
     });
-    run->footer(
-        "The command and all its children see the host's drivers, name, user, process listing and "
-        "semaphores, and files\n"
-        "of its own under /tmp and /var/tmp. What they need of the machine there stays visible: the "
-        "directory they are\n"
-        "started in, those of the host file and of paths on the command line. The exit status is the "
-        "command's, or 128\n"
-        "and the number of the signal that ended it. Several commands may run on one --root at the same "
-        "time.");
+    run->footer(kRunFooter);
 
     std::vector<std::string> files;
     CLI::App* checking = app.add_subcommand("check", "Say whether host files are sound");

@@ -53,6 +53,7 @@ PassedDirectories passed_directories(const RunOptions& options) {
         passed.add(own.parent_path());
         passed.add(own.parent_path().parent_path());
     }
+    if (options.command.front().starts_with('/')) passed.add_file(options.command.front());
     for (const std::string& argument : options.command)
         if (argument.starts_with('/')) passed.add(fs::path(argument).parent_path());
     for (const std::string& directory : split(variable("PATH"), ":"))
