@@ -4,9 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <utility>
-
 #include "host.h"
 #include "hosts.h"
 #include "trelm_mgmt.h"
@@ -18,10 +15,8 @@ namespace trelm::test {
 inline hostsim::Model two_port_host(hostsim::DriverKind kind) {
     hostsim::Model model = hostsim::hosts::ports(kind, 2, 2);
     const auto equip = [](hostsim::Port& port) {
-        hostsim::hosts::add_fcf(port);
-        hostsim::hosts::add_fcf(port);
-        hostsim::hosts::add_target(port, 0, 2);
-        hostsim::hosts::add_target(port, 3, 2);
+        for (int fcf = 0; fcf < 2; ++fcf) hostsim::hosts::add_fcf(port);
+        for (const uint32_t target : {0U, 3U}) hostsim::hosts::add_target(port, target, 2);
     };
     for (hostsim::PhysicalPort& port : model.adapters.at(0).ports) {
         equip(port);

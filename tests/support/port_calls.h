@@ -5,15 +5,8 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
-#include <concepts>
 #include <cstring>
-#include <functional>
-#include <optional>
 #include <random>
-#include <span>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "descriptors.h"
 #include "guarded.h"
@@ -74,6 +67,9 @@ class Bytes : public std::vector<uint8_t> {
     }
     // Most significant byte first.
     Bytes& wwn(size_t offset, uint64_t name) { return put(Field{offset, 8, __builtin_bswap64(name)}); }
+    Bytes& fill(size_t offset, int byte, size_t size) {
+        return copy(offset, std::string(size, static_cast<char>(byte)).data(), size);
+    }
     Bytes& copy(size_t offset, const void* from, size_t size) {
         if (offset + size > this->size()) throw std::out_of_range("the field lies outside the record");
         std::memcpy(data() + offset, from, size);
@@ -83,7 +79,6 @@ class Bytes : public std::vector<uint8_t> {
     const std::vector<uint8_t>& all() const { return *this; }
 };
 
-inline std::vector<uint8_t> to_vector(std::span<const uint8_t> bytes) { return {bytes.begin(), bytes.end()}; }
 inline std::vector<uint8_t> contents(const GuardedBytes& record) {
     return {record.data(), record.data() + record.size()};
 }
@@ -119,18 +114,17 @@ inline std::vector<uint32_t> instances() {
 // Adds an adapter of each device around the supported ones; gives the driver instances that are to be kept.
 inline std::vector<uint32_t> add_devices(hostsim::Model& model, DriverKind kind) {
     std::vector<uint32_t> kept;
-    const std::vector<uint16_t> known{0x165C, 0x1662, 0x1663, 0x168A, 0x168E, 0x16A1,
-                                      0x16A2, 0x16A4, 0x16A5, 0x16AE, 0x8080, 0x8180};
-    uint32_t instance = 0;
-    const auto add = [&](uint16_t device) {
+    std::vector<uint16_t> devices{0x8070, 0x8080, 0x8180, 0x8081};
+    for (uint16_t device = 0x1650; device < 0x16B0; ++device) devices.push_back(device);
+    for (uint32_t instance = 0; instance < devices.size(); ++instance) {
         hostsim::Adapter& adapter = hostsim::hosts::add_adapter(model, kind, 1);
-        adapter.device_id = device;
+        adapter.device_id = devices[instance];
         adapter.vendor_id = 0xABCD;  // which does not matter
-        if (std::count(known.begin(), known.end(), device)) kept.push_back(instance);
-        ++instance;
-    };
-    for (uint16_t device = 0x1650; device < 0x16B0; ++device) add(device);
-    for (const uint16_t device : {0x8070, 0x8080, 0x8180, 0x8081}) add(device);
+        for (const uint16_t known : {0x165C, 0x1662, 0x1663, 0x168A, 0x168E, 0x16A1, 0x16A2, 0x16A4, 0x16A5,
+                                     0x16AE, 0x8080, 0x8180}) {
+            if (adapter.device_id == known) kept.push_back(instance);
+        }
+    }
     return kept;
 }
 
@@ -163,27 +157,8 @@ struct Failure {
 
 // One request that goes wrong, the `occurrence`-th of its kind.
 inline hostsim::Fault fault(Operation operation, Failure failure, uint64_t occurrence = 1) {
-    hostsim::Fault fault;
-    fault.operation = operation;
-    fault.status = failure.status;
-    fault.error = failure.error;
-    fault.occurrence = occurrence;
-    return fault;
-}
-
-// Has the driver fail one kind of request in every way; `call` is to return what the public function then
-// returns. The status of a driver counts before what its call returns.
-template <typename Call>
-void expect_failures_translated(hostsim::Host& host, Operation operation, const Call& call) {
-    std::vector<Failure> failures{{0, EIO}, {5, EIO}, {99, EIO}, {255, 0}, {0x80000000, 0}, {0xFFFFFFFF, 0}};
-    for (uint32_t status = 1; status <= 14; ++status) failures.push_back({status, 0});
-    for (const Failure failure : failures) {
-        failure.of(host, operation);
-        const bool own_code = failure.status >= 1 && failure.status <= 13;
-        EXPECT_EQ(call(), 0x60000000 + (own_code ? failure.status : 11))
-            << "status " << failure.status << ", errno " << failure.error;
-    }
-    host.tamper = nullptr;
+    return {
+        .operation = operation, .occurrence = occurrence, .status = failure.status, .error = failure.error};
 }
 
 // Lets `work` have the answer to every SCSI command, which then has a good status unless it says otherwise.
@@ -195,15 +170,6 @@ void answer_scsi(hostsim::Host& host, const Work& work) {
         answer.result = 0;
         work(answer, answer.as<dorfc_scsi_cmd>());
     };
-}
-
-// A driver's record of a SCSI command up to its data: for target and LUN, reading, with room for all sense.
-inline Bytes scsi_record(uint32_t target, uint32_t lun, uint8_t cdb_length, const char* cdb,
-                         uint32_t length) {
-    return Bytes(292)
-        .put(Field{4, 4, target}, Field{8, 4, lun}, Field{12, 1, 1}, Field{13, 1, cdb_length})
-        .copy(14, cdb, 16)
-        .put(Field{30, 2, 256}, Field{288, 4, length});
 }
 
 }  // namespace trelm::test

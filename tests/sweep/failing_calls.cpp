@@ -1,7 +1,5 @@
 // failing_calls.cpp - the functions that can fail, in a table. A failing call does nothing, but for the
 // closing ones: those close and say that they failed, as the kernel does.
-#include "failing_calls.h"
-
 #include <dirent.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
@@ -16,6 +14,7 @@
 #include <ctime>
 
 #include "../support/stand_before.h"
+#include "sweep.h"
 #include "vmkmgmt.h"
 
 namespace trelm::sweep {
@@ -67,14 +66,6 @@ void arm(Failing failing, uint64_t n, Trail& trail) {
 void disarm() { run = nullptr; }
 
 size_t live_blocks() { return block_count; }
-
-bool counts_blocks() {
-#ifdef TRELM_SANITIZED
-    return false;
-#else
-    return true;
-#endif
-}
 
 // ---- Memory
 // ---------------------------------------------------------------------------------------------------------

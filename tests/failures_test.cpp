@@ -1,0 +1,215 @@
+// How calls end: the lines of the way that each goes, what it refuses, what becomes of a request that goes
+// wrong, and which memory ran out.
+#include "support/failing_allocation.h"
+#include "support/port_calls.h"
+
+namespace {
+
+using namespace trelm::test;
+
+// A call, and how its lines begin: with its function and handle.
+struct Call {
+    std::string text;
+    std::function<uint32_t()> make;
+
+    std::string line(const std::string& end) const { return text.substr(0, text.find(',')) + "): " + end; }
+    std::string function() const { return text.substr(0, text.find('(')); }
+};
+#define CALL(...) (Call{#__VA_ARGS__, [&] { return __VA_ARGS__; }})
+
+TRELM_SCSI_CMND scsi_command(uint8_t direction, uint8_t cdb_length) {
+    TRELM_SCSI_CMND command{};
+    command.Direction = direction, command.CDBLength = cdb_length;
+    return command;
+}
+
+class Calls : public OnEachDriver {
+  protected:
+    Calls() { open_port(); }
+
+    const size_t kind = static_cast<size_t>(GetParam());
+    const bool native = GetParam() != DriverKind::legacy;
+    Guarded<TRELM_VNPORT_INFO> port;
+    Guarded<TRELM_PORT_STATS> stats;
+    Guarded<std::array<TRELM_TGT_INFO, 2>> targets;
+    std::array<TRELM_LUN_INFO, 2> luns{};
+    TRELM_SCSI_CMND read = scsi_command(1, 6);
+    std::array<uint8_t, 96> data{};
+    uint32_t length = 96, one = 1, two = 2, zero = 0;
+    TRELM_TGT_INFO *tgts = targets->data(), *no_tgts = nullptr;
+    TRELM_LUN_INFO *lun_array = luns.data(), *no_luns = nullptr;
+    const Call get_port = CALL(TRELM_GetVNPortInfo(1, 0, port.get()));
+    const Call get_stats = CALL(TRELM_GetPortStats(1, 0, stats.get()));
+    const Call send = CALL(TRELM_SendScsiCommand(1, 0, &read, &length, data.data()));
+    const Call get_targets = CALL(TRELM_GetTgtInfo(1, 0, &two, &tgts));
+    const Call get_luns = CALL(TRELM_GetLunInfo(1, 0, 3, &two, &lun_array));
+    LogCapture log;
+};
+TRELM_ON_EACH_DRIVER(Calls);
+
+TEST_P(Calls, RefuseWhatMakesNoSenseInTheirOrder) {
+    TRELM_SCSI_CMND long_cdb = scsi_command(0, 17), write = scsi_command(2, 6), none = scsi_command(255, 6);
+    uint32_t too_long = 262145;
+    std::vector<Call> invalid{CALL(TRELM_GetFcoeInfo(1, nullptr)),
+                              CALL(TRELM_GetVNPortInfo(9, 0, nullptr)),
+                              CALL(TRELM_GetPortStats(9, 0, nullptr)),
+                              CALL(TRELM_SendScsiCommand(9, 0, nullptr, &length, data.data())),
+                              CALL(TRELM_SendScsiCommand(9, 0, &long_cdb, &length, data.data())),
+                              CALL(TRELM_SendScsiCommand(9, 0, &write, nullptr, data.data())),
+                              CALL(TRELM_SendScsiCommand(9, 0, &read, &length, nullptr)),
+                              CALL(TRELM_GetTgtInfo(9, 0, nullptr, &tgts)),
+                              CALL(TRELM_GetTgtInfo(1, 0, &two, &no_tgts)),
+                              CALL(TRELM_GetTgtInfo(1, 0, &two, nullptr)),
+                              CALL(TRELM_GetLunInfo(9, 0, 128, &two, &lun_array)),
+                              CALL(TRELM_GetLunInfo(9, 0, 3, &zero, &lun_array)),
+                              CALL(TRELM_GetLunInfo(9, 0, 3, nullptr, &lun_array)),
+                              CALL(TRELM_GetLunInfo(9, 0, 3, &two, &no_luns)),
+                              CALL(TRELM_GetLunInfo(9, 0, 3, &two, nullptr))};
+    if (native) invalid.push_back(CALL(TRELM_SendScsiCommand(1, 0, &write, &too_long, data.data())));
+    std::vector<Call> nowhere{CALL(TRELM_GetFcoeInfo(9, nullptr)),
+                              CALL(TRELM_GetVNPortInfo(1, 78, port.get())),
+                              CALL(TRELM_GetPortStats(1, 3, stats.get())),
+                              CALL(TRELM_SendScsiCommand(9, 0, &write, &too_long, data.data())),
+                              CALL(TRELM_SendScsiCommand(9, 0, &read, &zero, nullptr)),
+                              CALL(TRELM_SendScsiCommand(9, 0, &none, nullptr, nullptr)),
+                              CALL(TRELM_GetTgtInfo(9, 0, &zero, &no_tgts))};
+    std::vector<Call> too_small{CALL(TRELM_GetTgtInfo(1, 0, &one, &tgts))};
+    host.clear_calls();
+    for (const auto& [calls, code, end] :
+         {std::tuple{&invalid, TRELM_STATUS_INVALID_PARAMETER, "invalid parameter."},
+          {&nowhere, TRELM_STATUS_FAILED, "get pdb failed."},
+          {&too_small, TRELM_STATUS_INSUFFICIENT_BUFFER, "API tgt count greater than apps tgt count."}}) {
+        for (const Call& call : *calls) {
+            EXPECT_EQ(call.make(), code) << call.text;
+            EXPECT_EQ(log.take_of(call.function()).back(), call.line(end)) << call.text;
+        }
+    }
+    EXPECT_TRUE(host.calls().empty() && port.untouched() && stats.untouched() && targets.untouched());
+    EXPECT_EQ(std::pair(one, zero), std::pair(2U, 0U)) << "as many targets as there are";
+}
+
+// The status of a driver counts before what its call returns. The last of each goes well.
+TEST_P(Calls, AreTracedAndTranslateFailuresOfTheDriver) {
+    const char* const scsi[]{"scsi cmd native", "scsi cmd PYX native", "scsi cmd ioctl"};
+    std::vector<Failure> ends{{0, EIO}, {5, EIO}, {99, EIO}, {255, 0}, {0x80000000, 0}, {0xFFFFFFFF, 0}};
+    for (uint32_t status = 1; status <= 14; ++status) ends.push_back({status, 0});
+    ends.push_back({});
+    for (const auto& [operation, call, request] : {std::tuple{Operation::port_info, &get_port, "port info"},
+                                                   {Operation::fcf_info, &get_port, "fcf info"},
+                                                   {Operation::port_stats, &get_stats, "get stats"},
+                                                   {Operation::scsi, &send, scsi[kind]},
+                                                   {Operation::tgt_info, &get_targets, "tgt info ioctl"}}) {
+        port = {};
+        for (const auto& [status, error] : ends) {
+            const bool fails = status != 0 || error != 0;
+            if (operation == Operation::tgt_info && (status == 13 || !fails))
+                continue;  // offline, or all there
+            SCOPED_TRACE(fmt::format("{}: status {}, errno {}", request, status, error));
+            const uint32_t code = !fails ? 0 : 0x60000000 + (status >= 1 && status <= 13 ? status : 11);
+            Failure{status, error}.of(host, operation);
+            log.take();
+            errno = 77;
+            EXPECT_EQ(call->make(), code);
+            Lines texts{"entered."};
+            if (GetParam() == DriverKind::kron && call == &get_port) {
+                texts.push_back("callin native port info.");
+                if (operation == Operation::fcf_info || !fails) texts.push_back("callin native fcf info.");
+            }
+            if (fails) {
+                texts.push_back(
+                    fmt::format("{} failed, stat={} errno={}", request, status, error ? EIO : 77));
+            }
+            if (!fails)
+                texts.push_back("exiting, rval=0");
+            else if (operation == Operation::scsi)
+                texts.push_back(fmt::format("exiting, rval={:X}h", code));
+            EXPECT_EQ(log.take_of(call->function()), lines(call->line(""), texts));
+            EXPECT_TRUE(!fails || (port.untouched() && stats.untouched() && targets.untouched()));
+        }
+    }
+}
+
+TEST_P(Calls, SayWhatTheyCouldNotAllocate) {
+    constexpr size_t kBlock = 262444;  // a native SCSI command with its header
+    const std::string own = transport(GetParam());
+    const auto of_driver = [&](const char* kron, const char* pyx, const char* legacy) {
+        return std::array{kron, pyx, legacy}.at(kind);
+    };
+    std::vector<std::tuple<size_t, const Call*, std::string, unsigned>> rows{
+        {512, &get_stats, get_stats.line(of_driver("nqstats", "nstats", "stats")), 0},
+        {native ? kBlock : 320, &send, send.line(of_driver("nqcmd", "ncmd", "cmd")), 0},
+        {16384, &get_targets, get_targets.line("pdata"), 0},
+        {64, &get_targets,
+         get_targets.line(of_driver("native nqtgt_info", "native ntgt_info", "ioctl tgt_info")), 0},
+        {16384, &get_luns, get_luns.line("pdata"), 0},
+        {kBlock, &send, own + "send_scsi_cmd(1): pcmd_cb", 1},
+        {520, &get_stats, own + "get_port_stats(1): pstats_cb", 0},
+        {520, &get_port, own + "get_port_info(1): port_info_cb", 0},
+        {72, &get_port, own + "get_fcf_info(1): pfcf_cb", 0},
+        {72, &get_targets, own + "get_tgt_info(1): ptgt_cb", 0}};
+    if (!native) rows.resize(5);
+    for (const auto& [size, call, line, after] : rows) {
+        TRELM_FreeLibrary();  // with what is kept for the next command
+        TRELM_LoadLibrary();
+        open_port();
+        log.take();
+        {
+            const FailingAllocation failing(size, after);
+            EXPECT_EQ(call->make(), TRELM_STATUS_NO_MEMORY) << line;
+        }
+        EXPECT_THAT(log.take(), testing::Contains(line + " alloc failed."));
+        EXPECT_EQ(call->make(), TRELM_STATUS_OK) << line;
+    }
+}
+
+class Discovery : public testing::TestWithParam<DriverKind> {};
+TRELM_ON_EACH_DRIVER(Discovery);
+
+TEST_P(Discovery, ThatRunsOutOfMemoryReleasesTheWholeRegistry) {
+    const hostsim::Host host(hostsim::hosts::ports(GetParam(), 12));
+    for (const auto& [size, text] : {std::pair{sizeof(trelm_priv_db), " mem alloc failed, exiting"},
+                                     {sizeof(trelm_hw_info), "=Ah hw info mem alloc failed, exiting"}}) {
+        LogCapture log(kErrorLines);
+        const FailingAllocation failing(size, 10);
+        EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_FAILED);
+        EXPECT_TRUE(trelm_priv_database == nullptr && trelm_phy_info == nullptr);
+        EXPECT_THAT(log.take(), testing::Contains(testing::EndsWith(text)));
+    }
+}
+
+// Without memory for the index by which virtual ports find theirs, or for a larger one, they are found too.
+TEST_P(Discovery, FindsTheFirstPhysicalPortAtAVirtualPortsLocationWithAndWithoutAnIndex) {
+    hostsim::Model model = hostsim::hosts::ports(GetParam(), 70, 1);
+    uint32_t id = 0;
+    for (size_t i = 0; i < model.adapters.size(); ++i) {
+        hostsim::Adapter& adapter = model.adapters[i];
+        if (i < 6) adapter.pci_bus = 5, adapter.pci_domain = i / 4, adapter.pci_device = i / 2 % 2;
+        // Every other adapter has both its ports in one place; the first of these are there before others
+        // ask.
+        if (i < 6) adapter.ports[0].pci_function = 2 * (i % 2);
+        for (hostsim::PhysicalPort& port : adapter.ports) {
+            port.port_id = ++id;
+            port.virtual_ports[0].port_id = i % 2 ? adapter.ports[0].port_id : id;
+            if (i % 2) port.pci_function = adapter.ports[0].pci_function;
+            if (i < 4) model.driver(GetParam()).order.push_back(port.name);
+        }
+    }
+    const hostsim::Host host(model);
+    for (const size_t unavailable : {0, 64 * 32, 256 * 32}) {
+        std::optional<FailingAllocation> failing;
+        if (unavailable != 0) failing.emplace(unavailable);
+        EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
+        EXPECT_FALSE(unavailable != 0 && allocation_is_to_fail) << "the index has another size";
+        failing.reset();
+        EXPECT_EQ(registry().size(), 140U);
+        for (const trelm_priv_db* pdb : registry()) {
+            if (pdb->port_type != FC_PORTTYPE_NPIV) continue;
+            ASSERT_NE(pdb->parent, nullptr);
+            EXPECT_EQ(pdb->parent->port_id, pdb->port_id);
+            EXPECT_EQ(pdb->parent->hw_info, pdb->hw_info);
+        }
+        TRELM_FreeLibrary();
+    }
+}
+
+}  // namespace
