@@ -1,12 +1,10 @@
 #include "abuse.h"
 
-#include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -22,27 +20,16 @@ namespace fs = std::filesystem;
 constexpr char kVictim[] = "/tmp/victim";
 constexpr char kPrecious[] = "not the library's to touch";
 
-void write_file(const char* path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
-void write_shared_file(size_t size, char byte) { write_file(kSharedFile, std::string(size, byte)); }
-
-std::string contents(const char* path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+void write_shared_file(size_t size, char byte) {
+    std::ofstream(kSharedFile, std::ios::binary) << std::string(size, byte);
 }
-
-void make_set(int semaphores, int value) {
-    const int set = semget(kDatabaseKey, semaphores, IPC_CREAT | IPC_EXCL | 0644);
-    if (value >= 0) semctl(set, 0, SETVAL, value);
-}
-void remove_set() {
-    if (const int set = semget(kDatabaseKey, 0, 0); set >= 0) semctl(set, 0, IPC_RMID);
-}
+int set_of(int semaphores, int flags = 0) { return semget(kDatabaseKey, semaphores, flags | 0644); }
+int make_set(int semaphores) { return set_of(semaphores, IPC_CREAT | IPC_EXCL); }
 
 bool nothing_more() { return true; }
-bool victim_is_whole() { return contents(kVictim) == kPrecious; }
-bool set_is_whole() {
-    const int set = semget(kDatabaseKey, 3, 0);
-    return set >= 0 && semctl(set, 0, GETVAL) == 2;
+bool victim_is_whole() {
+    std::ifstream file(kVictim, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), {}) == kPrecious;
 }
 
 struct Abuse {
@@ -64,12 +51,13 @@ constexpr Abuse kAbuses[] = {
     {"a file with another name", [] { fs::create_hard_link(kVictim, kSharedFile); }, true, victim_is_whole},
     {"a directory", [] { fs::create_directory(kSharedFile); }, true, nothing_more},
     {"a pipe without another end", [] { mkfifo(kSharedFile, 0644); }, true, nothing_more},
-    {"a set of several semaphores", [] { make_set(3, 2); }, true, set_is_whole},
-    {"a set that would let several in", [] { make_set(1, 5); }, false, nothing_more},
-    {"a set that never got its first value", [] { make_set(1, -1); }, false, nothing_more},
+    {"a set of several semaphores", [] { semctl(make_set(3), 0, SETVAL, 2); }, true,
+     [] { return semctl(set_of(3), 0, GETVAL) == 2; }},
+    {"a set that would let several in", [] { semctl(make_set(1), 0, SETVAL, 5); }, false, nothing_more},
+    {"a set that never got its first value", [] { make_set(1); }, false, nothing_more},
 };
 
-int status_of_load(bool refused) {
+bool load_ends_well(bool refused) {
     const pid_t id = fork();
     if (id == 0) {
         alarm(60);  // ends the process
@@ -78,26 +66,23 @@ int status_of_load(bool refused) {
     int status = 0;
     while (waitpid(id, &status, 0) != id) {
     }
-    return status;
-}
-
-void run(const Abuse& abuse) {
-    write_file(kVictim, kPrecious);
-    abuse.prepare();
-    if (status_of_load(abuse.refused) != 0)
-        fail("%s was not %s", abuse.what, abuse.refused ? "refused" : "recovered from");
-    if (!abuse.holds()) fail("%s did not stay as it was", abuse.what);
-    remove_set();
-    fs::remove(kSharedFile);
-    fs::remove(kVictim);
-    if (status_of_load(false) != 0) fail("after %s the library did not load", abuse.what);
+    return status == 0;
 }
 
 }  // namespace
 
 unsigned run_abuses() {
-    for (const Abuse& abuse : kAbuses) run(abuse);
-    return sizeof kAbuses / sizeof *kAbuses;
+    for (const Abuse& abuse : kAbuses) {
+        std::ofstream(kVictim, std::ios::binary) << kPrecious;
+        abuse.prepare();
+        if (!load_ends_well(abuse.refused))
+            fail("%s was not %s", abuse.what, abuse.refused ? "refused" : "recovered from");
+        if (!abuse.holds()) fail("%s did not stay as it was", abuse.what);
+        if (const int set = set_of(0); set >= 0) semctl(set, 0, IPC_RMID);
+        for (const char* path : {kSharedFile, kVictim}) fs::remove(path);
+        if (!load_ends_well(false)) fail("after %s the library did not load", abuse.what);
+    }
+    return std::size(kAbuses);
 }
 
 }  // namespace trelm::soak

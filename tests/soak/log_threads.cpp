@@ -3,11 +3,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
-#include <string>
+#include <regex>
 #include <thread>
 #include <vector>
 
@@ -26,7 +26,6 @@ namespace {
 constexpr unsigned kThreads = 4;
 constexpr uint64_t kLines = 200;
 constexpr unsigned kForks = 10;
-constexpr char kLogFile[] = "/var/tmp/libtrelm.log";  // of the simulated host
 constexpr char kWords[] = "): a line in two pieces, number ";
 
 void write_lines(uint64_t writer) {
@@ -38,36 +37,24 @@ void write_lines(uint64_t writer) {
     }
 }
 
-// Children that log while the threads of their parent do.
-bool fork_and_log() {
-    bool all_ended = true;
-    for (unsigned i = 0; i < kForks; ++i) {
-        const pid_t child = fork();
-        if (child == 0) {
-            trelm_dbg_print("writer", "(", kThreads, 10, 0);
-            trelm_dbg_print(nullptr, kWords, i, 10, 1);
-            _exit(0);
-        }
-        int status = 0;
-        all_ended = waitpid(child, &status, 0) == child && status == 0 && all_ended;
+// A child that logs while the threads of its parent do.
+bool fork_and_log(unsigned number) {
+    const pid_t child = fork();
+    if (child == 0) {
+        trelm_dbg_print("writer", "(", kThreads, 10, 0);
+        trelm_dbg_print(nullptr, kWords, number, 10, 1);
+        _exit(0);
     }
-    return all_ended;
+    int status = 0;
+    return waitpid(child, &status, 0) == child && status == 0;
 }
 
 // Whole lines of the log file; a stamp of the time stands before each.
 uint64_t count_whole_lines() {
-    std::ifstream file(kLogFile);
+    const std::regex whole_line(".{15}: writer\\(\\d\\): a line in two pieces, number \\d+");
+    std::ifstream file("/var/tmp/libtrelm.log");  // of the simulated host
     uint64_t whole = 0;
-    for (std::string line; std::getline(file, line);) {
-        const size_t begin = line.find("writer(");
-        unsigned long writer = 0;
-        unsigned long number = 0;
-        int length = -1;
-        if (begin == std::string::npos) continue;
-        sscanf(line.c_str() + begin, "writer(%lu): a line in two pieces, number %lu%n", &writer, &number,
-               &length);
-        whole += length >= 0 && begin + static_cast<size_t>(length) == line.size();
-    }
+    for (std::string line; std::getline(file, line);) whole += std::regex_match(line, whole_line);
     return whole;
 }
 
@@ -80,14 +67,14 @@ int main() {
     trelm_set_debug_level();
     std::vector<std::thread> threads;
     for (uint64_t writer = 0; writer < kThreads; ++writer) threads.emplace_back(write_lines, writer);
-    const bool children_ended = fork_and_log();
+    unsigned failures = 0;
+    for (unsigned i = 0; i < kForks; ++i) failures += !fork_and_log(i);
     for (std::thread& thread : threads) thread.join();
 
     constexpr uint64_t kWanted = kThreads * kLines + kForks;
     const uint64_t whole = count_whole_lines();
-    const unsigned failures = (children_ended ? 0 : 1) + (whole == kWanted ? 0 : 1);
-    std::printf("logged %llu lines of %u threads and %u children, %llu whole, %u failures\n",
-                static_cast<unsigned long long>(kWanted), kThreads, kForks,
-                static_cast<unsigned long long>(whole), failures);
+    failures += whole != kWanted;
+    std::printf("logged %" PRIu64 " lines of %u threads and %u children, %" PRIu64 " whole, %u failures\n",
+                kWanted, kThreads, kForks, whole, failures);
     return failures == 0 ? 0 : 1;
 }

@@ -3,15 +3,11 @@
 #include <dirent.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
-#include <sys/stat.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <ctime>
 
 #include "../support/stand_before.h"
 #include "sweep.h"
@@ -34,27 +30,6 @@ bool fails(const char* name, int error) {
     return true;
 }
 
-// The library's live blocks. There are never many.
-constinit size_t block_count = 0;
-
-#ifndef TRELM_SANITIZED
-constexpr size_t kMostBlocks = 4096;
-constinit void* blocks[kMostBlocks] = {};
-
-void* remember(void* block) {
-    if (block == nullptr) return block;
-    if (block_count == kMostBlocks) abort();
-    blocks[block_count++] = block;
-    return block;
-}
-
-void forget(void* block) {
-    void** const end = blocks + block_count;
-    void** const found = block == nullptr ? end : std::find(blocks, end, block);
-    if (found != end) *found = blocks[--block_count];
-}
-#endif
-
 }  // namespace
 
 void arm(Failing failing, uint64_t n, Trail& trail) {
@@ -65,34 +40,47 @@ void arm(Failing failing, uint64_t n, Trail& trail) {
 
 void disarm() { run = nullptr; }
 
-size_t live_blocks() { return block_count; }
-
 // ---- Memory
 // ---------------------------------------------------------------------------------------------------------
 
-#ifndef TRELM_SANITIZED
+#ifdef TRELM_SANITIZED
+size_t live_blocks() { return 0; }
+#else
 extern "C" {
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
 void __libc_free(void* block);
+[[gnu::visibility("default")]] void* before_malloc(size_t size) __asm__("malloc");
+[[gnu::visibility("default")]] void* before_calloc(size_t count, size_t size) __asm__("calloc");
+[[gnu::visibility("default")]] void before_free(void* block) __asm__("free");
 }
 
-extern "C" [[gnu::visibility("default")]] void* before_malloc(size_t size) __asm__("malloc");
+// The library's live blocks. There are never many.
+static constinit size_t block_count = 0;
+static constinit void* blocks[4096] = {};
+
+size_t live_blocks() { return block_count; }
+
+static void* remember(void* block) {
+    if (block_count == std::size(blocks)) abort();
+    return blocks[block_count++] = block;
+}
+
 void* before_malloc(size_t size) {
     if (!CALLED_BY_LIBRARY()) return __libc_malloc(size);
     return fails("malloc", ENOMEM) ? nullptr : remember(__libc_malloc(size));
 }
 
-extern "C" [[gnu::visibility("default")]] void* before_calloc(size_t count, size_t size) __asm__("calloc");
 void* before_calloc(size_t count, size_t size) {
     if (!CALLED_BY_LIBRARY()) return __libc_calloc(count, size);
     return fails("calloc", ENOMEM) ? nullptr : remember(__libc_calloc(count, size));
 }
 
 // Whoever frees: a list of the library's is emptied through a pointer to this function.
-extern "C" [[gnu::visibility("default")]] void before_free(void* block) __asm__("free");
 void before_free(void* block) {
-    if (block_count != 0) forget(block);
+    void** const end = blocks + block_count;
+    void** const found = block == nullptr ? end : std::find(blocks, end, block);
+    if (found != end) *found = blocks[--block_count];
     __libc_free(block);
 }
 #endif
@@ -106,18 +94,16 @@ void before_free(void* block) {
     }
 
 // For what lets something go: that is done in any case.
-#define CAN_FAIL_AFTERWARDS(result, name, parameters, arguments, failure, error) \
-    STANDS_BEFORE(result, name, parameters) {                                    \
-        const result outcome = NEXT_OF(name) arguments;                          \
-        return CALLED_BY_LIBRARY() && fails(#name, error) ? (failure) : outcome; \
+#define CAN_FAIL_AFTERWARDS(name, type, error)                            \
+    STANDS_BEFORE(int, name, (type held)) {                               \
+        const int outcome = NEXT_OF(name)(held);                          \
+        return CALLED_BY_LIBRARY() && fails(#name, error) ? -1 : outcome; \
     }
 
-using Status = struct stat;
-
 CAN_FAIL(int, open, (const char* path, int flags, mode_t mode), (path, flags, mode), -1, EACCES)
-CAN_FAIL(int, fstat, (int fd, Status* status), (fd, status), -1, EIO)
-CAN_FAIL(ssize_t, read, (int fd, void* bytes, size_t count), (fd, bytes, count), -1, EIO)
-CAN_FAIL(ssize_t, write, (int fd, const void* bytes, size_t count), (fd, bytes, count), -1, ENOSPC)
+CAN_FAIL(int, fstat, (int fd, struct stat* status), (fd, status), -1, EIO)
+CAN_FAIL(ssize_t, read, (int fd, void* to, size_t count), (fd, to, count), -1, EIO)
+CAN_FAIL(ssize_t, write, (int fd, const void* from, size_t count), (fd, from, count), -1, ENOSPC)
 CAN_FAIL(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), -1, EINVAL)
 CAN_FAIL(int, fsync, (int fd), (fd), -1, EIO)
 CAN_FAIL(int, flock, (int fd, int operation), (fd, operation), -1, ENOLCK)
@@ -125,30 +111,29 @@ CAN_FAIL(void*, mmap, (void* at, size_t size, int access, int flags, int fd, off
          (at, size, access, flags, fd, offset), MAP_FAILED, ENOMEM)
 CAN_FAIL(int, msync, (void* at, size_t size, int flags), (at, size, flags), -1, EIO)
 CAN_FAIL(int, remove, (const char* path), (path), -1, EACCES)
-CAN_FAIL_AFTERWARDS(int, close, (int fd), (fd), -1, EIO)
+CAN_FAIL_AFTERWARDS(close, int, EIO)
 
 CAN_FAIL(FILE*, fopen, (const char* path, const char* mode), (path, mode), nullptr, EMFILE)
 CAN_FAIL(FILE*, fdopen, (int fd, const char* mode), (fd, mode), nullptr, ENOMEM)
 CAN_FAIL(char*, fgets, (char* text, int size, FILE* file), (text, size, file), nullptr, EIO)
 CAN_FAIL(int, fputs, (const char* text, FILE* file), (text, file), EOF, ENOSPC)
 CAN_FAIL(int, fflush, (FILE * file), (file), EOF, ENOSPC)
-CAN_FAIL_AFTERWARDS(int, fclose, (FILE * file), (file), EOF, ENOSPC)
+CAN_FAIL_AFTERWARDS(fclose, FILE*, ENOSPC)
 CAN_FAIL(DIR*, opendir, (const char* path), (path), nullptr, EMFILE)
 CAN_FAIL(dirent*, readdir, (DIR * directory), (directory), nullptr, EBADF)
 
-CAN_FAIL(int, ioctl, (int fd, unsigned long request, void* argument), (fd, request, argument), -1, EIO)
+CAN_FAIL(int, ioctl, (int fd, unsigned long request, void* to), (fd, request, to), -1, EIO)
 CAN_FAIL(int, semget, (key_t key, int count, int flags), (key, count, flags), -1, ENOSPC)
-CAN_FAIL(int, semctl, (int set, int number, int command, void* argument), (set, number, command, argument),
-         -1, EPERM)
+CAN_FAIL(int, semctl, (int set, int n, int command, void* to), (set, n, command, to), -1, EPERM)
 CAN_FAIL(int, semop, (int set, sembuf* steps, size_t count), (set, steps, count), -1, ENOMEM)
 CAN_FAIL(int, uname, (utsname * name), (name), -1, EFAULT)
 CAN_FAIL(tm*, localtime_r, (const time_t* time, tm* local), (time, local), nullptr, EOVERFLOW)
 
-CAN_FAIL(int, vmk_MgmtUserInit,
-         (vmk_MgmtApiSignature * signature, uint64_t cookie, vmk_MgmtUserHandle* handle),
+using Signature = vmk_MgmtApiSignature;
+CAN_FAIL(int, vmk_MgmtUserInit, (Signature * signature, uint64_t cookie, uint64_t* handle),
          (signature, cookie, handle), EINVAL, EINVAL)
 CAN_FAIL(int, vmk_MgmtUserCallbackInvokeInt,
-         (vmk_MgmtUserHandle handle, uint64_t instance, uint64_t callback, uint32_t count, void* parameter),
+         (uint64_t handle, uint64_t instance, uint64_t callback, uint32_t count, void* parameter),
          (handle, instance, callback, count, parameter), -1, EIO)
 
 // The process listing, without the processes that make it: this one alone has the library loaded. Its pipe is
@@ -157,8 +142,7 @@ STANDS_BEFORE(FILE*, popen, (const char* command, const char* mode)) {
     if (!CALLED_BY_LIBRARY()) return NEXT_OF(popen)(command, mode);
     if (fails("popen", EMFILE)) return nullptr;
     int ends[2];
-    if (pipe(ends) != 0) abort();
-    if (write(ends[1], "2\n", 2) != 2) abort();
+    if (pipe(ends) != 0 || write(ends[1], "2\n", 2) != 2) abort();
     close(ends[1]);
     return fdopen(ends[0], "r");
 }

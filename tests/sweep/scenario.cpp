@@ -49,8 +49,12 @@ class Run {
   public:
     Run(const SweptHost& host, Trail& trail) : host_(host), trail_(trail) {}
 
+    template <typename... Values>
+    void demand(bool fulfilled, fmt::format_string<Values...> complaint, Values&&... values) {
+        if (!fulfilled) complain(trail_, fmt::format(complaint, std::forward<Values>(values)...));
+    }
     // Judges what a function returned, which comes back, and the guards of what it was given.
-    uint32_t check(const char* function, uint32_t code, Codes allowed,
+    uint32_t judge(const char* function, uint32_t code, Codes allowed,
                    std::initializer_list<const GuardedBytes*> given = {}) {
         demand(code == TRELM_STATUS_OK || allowed(code), "{} returned {:#x}", function, code);
         for (const GuardedBytes* bytes : given) {
@@ -59,74 +63,60 @@ class Run {
         }
         return code;
     }
-    template <typename... Values>
-    void demand(bool fulfilled, fmt::format_string<Values...> complaint, Values&&... values) {
-        if (!fulfilled) complain(trail_, fmt::format(complaint, std::forward<Values>(values)...));
-    }
+#define CHECK(function, arguments, ...) judge(#function, function arguments, __VA_ARGS__)
 
     void before_load() {
         Guarded<uint32_t> count;
         GuardedBytes version(13);
-        check("TRELM_GetPortCount", TRELM_GetPortCount(count.get()), failed);
-        demand(bool(count.untouched()), "TRELM_GetPortCount counted ports of a library not loaded");
-        demand(TRELM_GetVersion(version.data(), 13) == TRELM_VERSION_NUMBER,
-               "TRELM_GetVersion told another version");
-        check("TRELM_GetVersion", TRELM_STATUS_OK, nothing, {&version});
+        CHECK(TRELM_GetPortCount, (count.get()), failed);
+        demand(bool(count.untouched()), "ports were counted of a library not loaded");
+        const uint32_t number = TRELM_GetVersion(version.data(), 13);
+        demand(number == TRELM_VERSION_NUMBER && version.guards_intact(), "the version was {:#x}", number);
     }
 
     void load() {
-        for (int time = 0; time < 2; ++time) check("TRELM_LoadLibrary", TRELM_LoadLibrary(), failed);
+        for (int time = 0; time < 2; ++time) CHECK(TRELM_LoadLibrary, (), failed);
         Guarded<uint32_t> count;
         *count = 0;
-        const uint32_t code = check("TRELM_GetPortCount", TRELM_GetPortCount(count.get()), failed, {&count});
         // A virtual port whose driver does not say what it is counts as a physical one.
-        demand(code != TRELM_STATUS_OK || *count <= 2 * host_.ports, "TRELM_GetPortCount counted {} ports",
-               *count);
+        if (CHECK(TRELM_GetPortCount, (count.get()), failed, {&count}) == TRELM_STATUS_OK)
+            demand(*count <= 2 * host_.ports, "{} ports were counted", *count);
     }
 
     uint32_t open(uint32_t instance) {
         Guarded<uint32_t> handle;
         *handle = 0;
-        const uint32_t code =
-            check("TRELM_OpenAdapter", TRELM_OpenAdapter(instance, handle.get()), of_open, {&handle});
-        demand(code != TRELM_STATUS_OK || *handle != 0, "TRELM_OpenAdapter gave handle 0");
-        return code == TRELM_STATUS_OK ? *handle : kNoSuchHandle;
+        if (CHECK(TRELM_OpenAdapter, (instance, handle.get()), of_open, {&handle})) return kNoSuchHandle;
+        demand(*handle != 0, "a port was opened with handle 0");
+        return *handle;
     }
-    void close(uint32_t handle) { check("TRELM_CloseAdapter", TRELM_CloseAdapter(handle), of_close); }
 
     void ask(uint32_t handle, uint32_t npiv) {
         Guarded<TRELM_FCOE_INFO> fcoe;
-        fcoe->Version = 2;
-        check("TRELM_GetFcoeInfo", TRELM_GetFcoeInfo(handle, fcoe.get()), of_arguments, {&fcoe});
         Guarded<TRELM_VNPORT_INFO> port;
-        const uint32_t told =
-            check("TRELM_GetVNPortInfo", TRELM_GetVNPortInfo(handle, npiv, port.get()), of_driver, {&port});
-        demand(told == TRELM_STATUS_OK || port.untouched(), "TRELM_GetVNPortInfo failed with {:#x} half-way",
-               told);
         Guarded<TRELM_PORT_STATS> stats;
-        const uint32_t counted =
-            check("TRELM_GetPortStats", TRELM_GetPortStats(handle, npiv, stats.get()), of_driver, {&stats});
-        demand(counted == TRELM_STATUS_OK || stats.untouched(),
-               "TRELM_GetPortStats failed with {:#x} half-way", counted);
+        fcoe->Version = 2;
+        CHECK(TRELM_GetFcoeInfo, (handle, fcoe.get()), of_arguments, {&fcoe});
+        if (CHECK(TRELM_GetVNPortInfo, (handle, npiv, port.get()), of_driver, {&port}))
+            demand(bool(port.untouched()), "failed port information was written");
+        if (CHECK(TRELM_GetPortStats, (handle, npiv, stats.get()), of_driver, {&stats}))
+            demand(bool(stats.untouched()), "failed statistics were written");
     }
 
-    void list(uint32_t handle, uint32_t npiv, uint32_t version, uint32_t room) {
+    void list(uint32_t handle, uint32_t version, uint32_t room) {
         Guarded<uint32_t> count;
-        *count = room;
         GuardedBytes array(room * sizeof(TRELM_TGT_INFO));
         auto* targets = reinterpret_cast<TRELM_TGT_INFO*>(array.data());
-        check("TRELM_GetTgtInfo", TRELM_GetTgtInfo(handle, npiv, count.get(), &targets), of_driver,
-              {&array, &count});
         *count = room;
+        CHECK(TRELM_GetTgtInfo, (handle, 0, count.get(), &targets), of_driver, {&array, &count});
         array = GuardedBytes(room * TRELM_LUN_INFO_STRIDE(version));
         auto* luns = reinterpret_cast<TRELM_LUN_INFO*>(array.data());
         luns->Version = version;
-        check("TRELM_GetLunInfo", TRELM_GetLunInfo(handle, npiv, 0, count.get(), &luns), of_driver,
-              {&array, &count});
+        *count = room;
+        CHECK(TRELM_GetLunInfo, (handle, 0, 0, count.get(), &luns), of_driver, {&array, &count});
     }
 
-    void send(uint32_t handle, uint32_t npiv, std::initializer_list<uint8_t> cdb, uint8_t direction,
-              uint32_t length) {
+    void send(uint32_t handle, const std::vector<uint8_t>& cdb, uint8_t direction, uint32_t length) {
         Guarded<TRELM_SCSI_CMND> command;
         *command = {};
         command->Direction = direction, command->CDBLength = static_cast<uint8_t>(cdb.size());
@@ -134,34 +124,55 @@ class Run {
         command->SenseLength = sizeof command->Sense;
         GuardedBytes data(length);
         uint32_t moved = length;
-        check("TRELM_SendScsiCommand",
-              TRELM_SendScsiCommand(handle, npiv, command.get(), &moved, data.data()), of_driver,
+        CHECK(TRELM_SendScsiCommand, (handle, 0, command.get(), &moved, data.data()), of_driver,
               {&command, &data});
-        demand(direction != TRELM_SCSI_DATA_OUT || data.untouched(),
-               "TRELM_SendScsiCommand changed what it was to send");
-        demand(moved == length, "TRELM_SendScsiCommand changed the data length");
+        demand(direction != TRELM_SCSI_DATA_OUT || data.untouched(), "what was to be sent was changed");
+        demand(moved == length, "a data length was changed");
     }
 
-    void work(uint32_t handle, uint32_t npiv) {
-        ask(handle, npiv);
-        list(handle, npiv, 2, 4);
-        list(handle, npiv, 1, 1);
-        send(handle, npiv, {0x00, 0, 0, 0, 0, 0}, 0, 0);                                  // TEST UNIT READY
-        send(handle, npiv, {0x12, 0, 0, 0, 96, 0}, TRELM_SCSI_DATA_IN, 96);               // INQUIRY
-        send(handle, npiv, {0x2A, 0, 0, 0, 0, 1, 0, 0, 1, 0}, TRELM_SCSI_DATA_OUT, 512);  // WRITE(10)
-        send(handle, npiv, {0x28, 0, 0, 0, 0, 1, 0, 0, 1, 0}, TRELM_SCSI_DATA_IN, 512);   // READ(10)
+    // With an instance that may not be there.
+    void work(uint32_t instance) {
+        const uint32_t handle = open(instance);
+        open(instance);
+        ask(handle, 0);
+        list(handle, 2, 4);
+        list(handle, 1, 1);
+        send(handle, {0x00, 0, 0, 0, 0, 0}, 0, 0);                                  // TEST UNIT READY
+        send(handle, {0x12, 0, 0, 0, 96, 0}, TRELM_SCSI_DATA_IN, 96);               // INQUIRY
+        send(handle, {0x2A, 0, 0, 0, 0, 1, 0, 0, 1, 0}, TRELM_SCSI_DATA_OUT, 512);  // WRITE(10)
+        send(handle, {0x28, 0, 0, 0, 0, 1, 0, 0, 1, 0}, TRELM_SCSI_DATA_IN, 512);   // READ(10)
+        if (instance == 0) ask(handle, 1);
+        for (int time = 0; time < 2; ++time) CHECK(TRELM_CloseAdapter, (handle), of_close);
     }
-
-    void free() { check("TRELM_FreeLibrary", TRELM_FreeLibrary(), failed); }
 
     // With the log on, some of whose calls can fail as well. It takes its flags when a port is opened.
     void use_log() {
         setenv("TRELM_API_DEBUG", "5", 1);
         const uint32_t handle = open(0);
         ask(kNoSuchHandle, 0);
-        close(handle);
-        free();
+        CHECK(TRELM_CloseAdapter, (handle), of_close);
+        CHECK(TRELM_FreeLibrary, (), failed);
         setenv("TRELM_API_DEBUG", "0", 1);
+    }
+
+    // Where nothing fails.
+    void work_well() {
+        uint32_t count = 0;
+        CHECK(TRELM_LoadLibrary, (), nothing);
+        CHECK(TRELM_GetPortCount, (&count), nothing);
+        demand(count == host_.ports, "afterwards there were {} ports", count);
+        for (uint32_t instance = 0; instance < count; ++instance) {
+            uint32_t handle = 0;
+            TRELM_VNPORT_INFO info = {};
+            TRELM_SCSI_CMND ready = {};
+            ready.CDBLength = 6;
+            CHECK(TRELM_OpenAdapter, (instance, &handle), nothing);
+            CHECK(TRELM_GetVNPortInfo, (handle, 0, &info), nothing);
+            demand(info.TgtCount == 2, "afterwards a port had {} targets", +info.TgtCount);
+            CHECK(TRELM_SendScsiCommand, (handle, 0, &ready, nullptr, nullptr), nothing);
+            CHECK(TRELM_CloseAdapter, (handle), nothing);
+        }
+        CHECK(TRELM_FreeLibrary, (), nothing);
     }
 
   private:
@@ -189,37 +200,11 @@ void use_library(const SweptHost& host, Trail& trail) {
     Run run(host, trail);
     run.before_load();
     run.load();
-    for (uint32_t instance = 0; instance <= host.ports; ++instance) {
-        const uint32_t handle = run.open(instance);
-        run.open(instance);
-        run.work(handle, 0);
-        if (instance == 0) run.ask(handle, 1);
-        run.close(handle);
-        run.close(handle);
-    }
+    for (uint32_t instance = 0; instance <= host.ports; ++instance) run.work(instance);
     run.use_log();
-    run.free();
+    run.CHECK(TRELM_FreeLibrary, (), failed);
 }
 
-void use_library_again(const SweptHost& host, Trail& trail) {
-    Run run(host, trail);
-    run.check("afterwards TRELM_LoadLibrary", TRELM_LoadLibrary(), nothing);
-    uint32_t count = 0;
-    run.check("afterwards TRELM_GetPortCount", TRELM_GetPortCount(&count), nothing);
-    run.demand(count == host.ports, "afterwards there were {} ports", count);
-    for (uint32_t instance = 0; instance < count; ++instance) {
-        uint32_t handle = 0;
-        TRELM_VNPORT_INFO info = {};
-        TRELM_SCSI_CMND ready = {};
-        ready.CDBLength = 6;
-        run.check("afterwards TRELM_OpenAdapter", TRELM_OpenAdapter(instance, &handle), nothing);
-        run.check("afterwards TRELM_GetVNPortInfo", TRELM_GetVNPortInfo(handle, 0, &info), nothing);
-        run.demand(info.TgtCount == 2, "afterwards a port had {} targets", +info.TgtCount);
-        run.check("afterwards TRELM_SendScsiCommand",
-                  TRELM_SendScsiCommand(handle, 0, &ready, nullptr, nullptr), nothing);
-        run.check("afterwards TRELM_CloseAdapter", TRELM_CloseAdapter(handle), nothing);
-    }
-    run.check("afterwards TRELM_FreeLibrary", TRELM_FreeLibrary(), nothing);
-}
+void use_library_again(const SweptHost& host, Trail& trail) { Run(host, trail).work_well(); }
 
 }  // namespace trelm::sweep
