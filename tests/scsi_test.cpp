@@ -76,12 +76,13 @@ TEST_P(Scsi, NoMoreComesBackThanCameAndThanThereIsRoomFor) {
     for (const auto& [wanted, came, sense, claimed, arrived] : rows) {
         for (const uint32_t status : {0U, 9U}) {
             SCOPED_TRACE(fmt::format("{} of sense came, {} of data, status {}", came, claimed, status));
-            answer_scsi(host, [&](Answer& answer, dorfc_scsi_cmd& record) {
-                memset(record.sense, 0x5E, sizeof record.sense);
-                std::fill(answer.data.begin(), answer.data.end(), uint8_t{0x3C});
-                record.sense_len = static_cast<uint16_t>(came), record.data_len = claimed;
-                answer.status = status;
-            });
+            answer_scsi(host,
+                        [status, came = came, claimed = claimed](Answer& answer, dorfc_scsi_cmd& record) {
+                            memset(record.sense, 0x5E, sizeof record.sense);
+                            std::fill(answer.data.begin(), answer.data.end(), uint8_t{0x3C});
+                            record.sense_len = static_cast<uint16_t>(came), record.data_len = claimed;
+                            answer.status = status;
+                        });
             Guarded<TRELM_SCSI_CMND> sent;
             const Bytes command =
                 Bytes::initial(292).put(Field{16, 1, 1}, Field{17, 1, 6}, Field{34, 2, wanted});

@@ -158,10 +158,9 @@ TEST_P(Targets, ACommandThatFailsEndsTheListOfLunsAndIsNamed) {
           {0x12, 2, 1, "send scsi inquiry cmd failed for lun=1Fh, rval=60000006h"},
           {0x25, 1, 0, "scsi read capacity cmd failed for lun=0, rval=60000006h"},
           {0x9E, 1, 2, "scsi read capacity cmd failed for lun=20h, rval=60000006h"}}) {
-        host.edit([&](hostsim::Model& model) {
-            model.faults = {fault(Operation::scsi, {.status = 6}, occurrence)};
-            model.faults[0].opcode = static_cast<uint8_t>(opcode);
-        });
+        hostsim::Fault fails = fault(Operation::scsi, {.status = 6}, occurrence);
+        fails.opcode = static_cast<uint8_t>(opcode);
+        host.edit([&fails](hostsim::Model& model) { model.faults = {fails}; });
         EXPECT_EQ(list_luns(3), 0x60000006U);
         EXPECT_EQ(log.take_of("TRELM_GetLunInfo").back(), std::string("TRELM_GetLunInfo(1): ") + line);
         EXPECT_TRUE(array.only_written(std::max(4U, filled * 217)));

@@ -20,16 +20,14 @@ constexpr uint32_t kNoSuchHandle = 0x4711;
 
 hostsim::Model host_of(std::initializer_list<DriverKind> kinds) {
     hostsim::Model model;
-    const auto equip = [](hostsim::Port& port) {
-        hostsim::hosts::add_fcf(port);
-        hostsim::hosts::add_target(port, 0, 2);
-        hostsim::hosts::add_target(port, 3, 1);
-    };
     for (const DriverKind kind : kinds) {
         model.driver(kind).presence = hostsim::Driver::Presence::present;
-        hostsim::Adapter& adapter = hostsim::hosts::add_adapter(model, kind, 1, 1);
-        equip(adapter.ports[0]);
-        equip(adapter.ports[0].virtual_ports[0]);
+        hostsim::PhysicalPort& physical = hostsim::hosts::add_adapter(model, kind, 1, 1).ports[0];
+        for (hostsim::Port* port : {static_cast<hostsim::Port*>(&physical), &physical.virtual_ports[0]}) {
+            hostsim::hosts::add_fcf(*port);
+            hostsim::hosts::add_target(*port, 0, 2);
+            hostsim::hosts::add_target(*port, 3, 1);
+        }
     }
     return model;
 }

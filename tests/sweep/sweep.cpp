@@ -93,10 +93,8 @@ bool run(const Chore& chore, Trail& trail) {
     }
     clear_host();
     if (status == 0 && trail.complaint[0] == '\0') return true;
-    const char* const ending = status == 0                   ? "ended"
-                               : !WIFSIGNALED(status)        ? "failed"
-                               : WTERMSIG(status) == SIGALRM ? "hung"
-                                                             : strsignal(WTERMSIG(status));
+    const bool hung = WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM;
+    const char* const ending = hung ? "hung" : WIFSIGNALED(status) ? strsignal(WTERMSIG(status)) : "ended";
     fmt::print(stderr, "sweep: {} (repeat: --host {} --call {} --manner {}): {} {:#x}: {}\n",
                trail.first_failed == nullptr ? "?" : trail.first_failed, kHosts[chore.host].name, chore.n,
                kManners[static_cast<size_t>(chore.failing)], ending, status, trail.complaint);
@@ -131,19 +129,15 @@ void work_off_in_processes(const std::vector<Chore>& chores, Tally& tally) {
     if (tally.runs != chores.size()) ++tally.failures;
 }
 
-uint64_t count_calls(size_t host) {
-    Trail& trail = make_shared_memory<Trail>();
-    const hostsim::Host running(kHosts[host].model());
-    if (!run({host, Failing::none, 0}, trail)) std::exit(1);
-    return trail.calls;
-}
-
-// Every call, or every so manieth from a random one on.
+// Every call of a run without failures, or every so manieth from a random one on.
 std::vector<Chore> plan(uint64_t every, uint64_t& calls) {
     const uint64_t first = 1 + std::random_device{}() % every;
     std::vector<Chore> chores;
+    Trail& trail = make_shared_memory<Trail>();
     for (size_t host = 0; host < kSweptHosts; ++host) {
-        const uint64_t counted = count_calls(host);
+        const hostsim::Host running(kHosts[host].model());
+        if (!run({host, Failing::none, 0}, trail)) std::exit(1);
+        const uint64_t counted = trail.calls;
         calls += counted;
         for (const Failing failing : {Failing::one, Failing::onwards}) {
             for (uint64_t n = first; n <= counted; n += every) chores.push_back({host, failing, n});
