@@ -146,24 +146,23 @@ TEST_P(Calls, SayWhatTheyCouldNotAllocate) {
         TRELM_LoadLibrary();
         open_port();
         log.take();
-        {
-            const FailingAllocation failing(size, after);
-            EXPECT_EQ(call->make(), TRELM_STATUS_NO_MEMORY) << line;
-        }
+        std::optional<FailingAllocation> failing(std::in_place, size, after);
+        EXPECT_EQ(call->make(), TRELM_STATUS_NO_MEMORY) << line;
+        failing.reset();
         EXPECT_THAT(log.take(), testing::Contains(line + " alloc failed."));
         EXPECT_EQ(call->make(), TRELM_STATUS_OK) << line;
     }
-    for (const auto& [size, end] : {std::pair{sizeof(trelm_priv_db), " mem alloc failed, exiting"},
-                                    {sizeof(trelm_hw_info), " hw info mem alloc failed, exiting"}}) {
+    for (const size_t size : {sizeof(trelm_priv_db), sizeof(trelm_hw_info)}) {
         TRELM_FreeLibrary();
-        {
-            const FailingAllocation failing(size, 1);
-            EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_FAILED);
-        }
+        std::optional<FailingAllocation> failing(std::in_place, size, 1);
+        EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_FAILED);
+        failing.reset();
+        const char* const end = size == sizeof(trelm_hw_info) ? " hw info mem alloc failed, exiting"
+                                                              : " mem alloc failed, exiting";
         EXPECT_THAT(log.take(), testing::Contains(testing::EndsWith(end)));
         EXPECT_TRUE(trelm_priv_database == nullptr && trelm_phy_info == nullptr);
         TRELM_FreeLibrary();
-        TRELM_LoadLibrary();
+        EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
     }
 }
 
@@ -172,8 +171,7 @@ TRELM_ON_EACH_DRIVER(Discovery);
 
 // Without memory for the index by which virtual ports find theirs, or for a larger one, they are found too.
 TEST_P(Discovery, FindsTheFirstPhysicalPortAtAVirtualPortsLocationWithAndWithoutAnIndex) {
-    const size_t count =
-        GetParam() == DriverKind::legacy ? 12 : 72;  // whose link-state files take their time
+    const size_t count = GetParam() == DriverKind::legacy ? 12 : 72;  // link-state files take time
     hostsim::Model model = hostsim::hosts::ports(GetParam(), count, 1);
     uint32_t id = 0;
     for (uint16_t i = 0; i < 6; ++i) {

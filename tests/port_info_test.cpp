@@ -137,16 +137,19 @@ TEST_P(PortInfo, CountsArriveUnchangedEachAtItsPlace) {
 }
 
 TEST_P(PortInfo, PcieSpeedsAndWidthsAreConverted) {
-    const uint32_t rows[][4]{{20, 1, 25, 3}, {21, 2, 50, 4}, {22, 8, 80, 6},
-                             {23, 16, 0, 8}, {19, 32, 0, 9}, {0, 12, 0, 0}};
-    for (const auto& [speed, width, public_speed, public_width] : rows) {
+    for (const auto& [speed, width, converted] : {std::tuple{20U, 1U, std::pair{25U, 3U}},
+                                                  {21, 2, {50, 4}},
+                                                  {22, 8, {80, 6}},
+                                                  {23, 16, {0, 8}},
+                                                  {19, 32, {0, 9}},
+                                                  {0, 12, {0, 0}}}) {
         TRELM_FreeLibrary();
         host.model().adapters[0].pcie_speed = speed, host.model().adapters[0].pcie_width = width;
         TRELM_LoadLibrary();
         TRELM_FCOE_INFO info{};
         info.Version = 2;
         EXPECT_EQ(TRELM_GetFcoeInfo(open_port(), &info), TRELM_STATUS_OK);
-        EXPECT_EQ(std::pair(+info.PCIESpeed, +info.PCIEWidth), std::pair(public_speed, public_width));
+        EXPECT_EQ(std::pair(+info.PCIESpeed, +info.PCIEWidth), converted);
     }
 }
 

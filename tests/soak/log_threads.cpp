@@ -4,12 +4,10 @@
 #include <unistd.h>
 
 #include <cinttypes>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <regex>
 #include <thread>
-#include <vector>
 
 #include "host.h"
 #include "hosts.h"

@@ -10,9 +10,6 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <csignal>
-#include <filesystem>
-#include <fstream>
 #include <random>
 #include <thread>
 
@@ -158,10 +155,7 @@ int main(int argc, char** argv) {
     app.add_option("--call", call, "The call that fails in a single run");
     app.add_option("--manner", manner, "Whether it fails alone")->check(CLI::IsMember({"one", "onwards"}));
     CLI11_PARSE(app, argc, argv);
-    if (!trelm::test::find_library()) {
-        fmt::print(stderr, "sweep: libtrelm.so is not in this process; link it\n");
-        return 1;
-    }
+    if (!trelm::test::find_library()) throw std::logic_error("libtrelm.so is not in this process; link it");
     const Chore single{host == kHosts[0].name ? 0U : 1U, manner == "one" ? Failing::one : Failing::onwards,
                        call};
     Tally& tally = make_shared_memory<Tally>();
