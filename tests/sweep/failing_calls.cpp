@@ -23,8 +23,8 @@ constinit Trail* run = nullptr;  // null: nothing is counted
 bool fails(const char* name, int error) {
     if (run == nullptr) return false;
     const uint64_t call = ++run->calls;
-    if (failing_calls == Failing::none || call < failing_from) return false;
-    if (failing_calls == Failing::one && call != failing_from) return false;
+    const bool later = failing_calls == Failing::onwards && call > failing_from;
+    if (failing_calls == Failing::none || (call != failing_from && !later)) return false;
     if (run->first_failed == nullptr) run->first_failed = name;
     errno = error;
     return true;

@@ -43,13 +43,13 @@ bool of_open(uint32_t code) {
     return of_arguments(code) || of_close(code) || code == TRELM_STATUS_INVALID_INSTANCE;
 }
 
-class Run {
-  public:
-    Run(const SweptHost& host, Trail& trail) : host_(host), trail_(trail) {}
+struct Run {
+    const SweptHost& host;
+    Trail& trail;
 
     template <typename... Values>
     void demand(bool fulfilled, fmt::format_string<Values...> complaint, Values&&... values) {
-        if (!fulfilled) complain(trail_, fmt::format(complaint, std::forward<Values>(values)...));
+        if (!fulfilled) complain(trail, fmt::format(complaint, std::forward<Values>(values)...));
     }
     // Judges what a function returned, which comes back, and the guards of what it was given.
     uint32_t judge(const char* function, uint32_t code, Codes allowed,
@@ -63,22 +63,17 @@ class Run {
     }
 #define CHECK(function, arguments, ...) judge(#function, function arguments, __VA_ARGS__)
 
-    void before_load() {
+    void load() {
         Guarded<uint32_t> count;
-        GuardedBytes version(13);
         CHECK(TRELM_GetPortCount, (count.get()), failed);
         demand(bool(count.untouched()), "ports were counted of a library not loaded");
+        GuardedBytes version(13);
         const uint32_t number = TRELM_GetVersion(version.data(), 13);
         demand(number == TRELM_VERSION_NUMBER && version.guards_intact(), "the version was {:#x}", number);
-    }
-
-    void load() {
         for (int time = 0; time < 2; ++time) CHECK(TRELM_LoadLibrary, (), failed);
-        Guarded<uint32_t> count;
-        *count = 0;
         // A virtual port whose driver does not say what it is counts as a physical one.
         if (CHECK(TRELM_GetPortCount, (count.get()), failed, {&count}) == TRELM_STATUS_OK)
-            demand(*count <= 2 * host_.ports, "{} ports were counted", *count);
+            demand(*count <= 2 * host.ports, "{} ports were counted", *count);
     }
 
     uint32_t open(uint32_t instance) {
@@ -158,7 +153,7 @@ class Run {
         uint32_t count = 0;
         CHECK(TRELM_LoadLibrary, (), nothing);
         CHECK(TRELM_GetPortCount, (&count), nothing);
-        demand(count == host_.ports, "afterwards there were {} ports", count);
+        demand(count == host.ports, "afterwards there were {} ports", count);
         for (uint32_t instance = 0; instance < count; ++instance) {
             uint32_t handle = 0;
             TRELM_VNPORT_INFO info = {};
@@ -172,10 +167,6 @@ class Run {
         }
         CHECK(TRELM_FreeLibrary, (), nothing);
     }
-
-  private:
-    const SweptHost& host_;
-    Trail& trail_;
 };
 
 }  // namespace
@@ -195,14 +186,13 @@ void complain(Trail& trail, const std::string& what) {
 
 void use_library(const SweptHost& host, Trail& trail) {
     setenv("TRELM_API_DEBUG", "0", 1);
-    Run run(host, trail);
-    run.before_load();
+    Run run{host, trail};
     run.load();
     for (uint32_t instance = 0; instance <= host.ports; ++instance) run.work(instance);
     run.use_log();
     run.CHECK(TRELM_FreeLibrary, (), failed);
 }
 
-void use_library_again(const SweptHost& host, Trail& trail) { Run(host, trail).work_well(); }
+void use_library_again(const SweptHost& host, Trail& trail) { Run{host, trail}.work_well(); }
 
 }  // namespace trelm::sweep
