@@ -19,12 +19,12 @@ class Targets : public testing::TestWithParam<DriverKind> {
     Targets() { open_port(); }
 
     hostsim::Port& port() { return host.model().port(0, 0); }
-    // Number, blocks and their size of each LUN of the first target.
+    // Number, blocks and their size of each LUN of the third target.
     hostsim::Target& set_luns(const std::vector<std::array<uint64_t, 3>>& luns) {
-        port().targets[0].luns.clear();
+        port().targets[2].luns.clear();
         for (const auto& [number, blocks, size] : luns)
-            hostsim::hosts::add_lun(port().targets[0], uint32_t(number), blocks, uint32_t(size));
-        return port().targets[0];
+            hostsim::hosts::add_lun(port().targets[2], uint32_t(number), blocks, uint32_t(size));
+        return port().targets[2];
     }
     // Ask for a list in an array of so many elements.
     uint32_t list_targets(uint32_t elements) {
@@ -36,7 +36,7 @@ class Targets : public testing::TestWithParam<DriverKind> {
         array = GuardedBytes(size_t{elements} * (version == 2 ? 217 : 213));
         memcpy(array.data(), &version, sizeof version);
         auto* to = reinterpret_cast<TRELM_LUN_INFO*>(array.data());
-        return TRELM_GetLunInfo(1, 0, 0, &(count = elements), &to);
+        return TRELM_GetLunInfo(1, 0, 3, &(count = elements), &to);
     }
     // The first targets, each with so many LUNs.
     void expect_targets(const std::vector<uint32_t>& luns) {
@@ -145,7 +145,7 @@ TEST_P(Targets, AListOfLunsHasEveryFieldInPlaceInBothLayouts) {
         sent.resize(292);
         EXPECT_EQ(sent, Bytes(292)
                             .copy(14, cdb, 16)
-                            .put(Field{8, 4, call == 0 ? 0U : 0x412C}, Field{12, 1, 1},
+                            .put(Field{4, 4, 3}, Field{8, 4, call == 0 ? 0U : 0x412C}, Field{12, 1, 1},
                                  Field{13, 1, cdb_length}, Field{30, 2, 256}, Field{288, 4, room})
                             .all());
     }
