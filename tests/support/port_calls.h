@@ -72,7 +72,7 @@ class Bytes : public std::vector<uint8_t> {
     }
     Bytes& copy(size_t offset, const void* from, size_t size) {
         if (offset + size > this->size()) throw std::out_of_range("the field lies outside the record");
-        std::memcpy(data() + offset, from, size);
+        std::copy_n(static_cast<const uint8_t*>(from), size, data() + offset);
         return *this;
     }
     // So that records are compared, and shown, as bytes.
