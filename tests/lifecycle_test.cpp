@@ -1,5 +1,5 @@
-// Loading and freeing the library: the order of discovery, who may load, what each state answers, and that
-// nothing is left behind.
+// From load to free: the order of discovery, who may load, what every call answers and says in each state,
+// which driver serves a port, and that nothing is left behind.
 #include <filesystem>
 
 #include "support/port_calls.h"
@@ -8,148 +8,87 @@ namespace {
 
 using namespace trelm::test;
 
-// A driver of a host: absent, or there with so many ports.
-using Ports = std::optional<size_t>;
-constexpr Ports kAbsent = std::nullopt;
-
-hostsim::Model host_with(Ports pyx, Ports legacy, Ports kron) {
-    hostsim::Model model;
-    for (const auto& [kind, ports] :
-         {std::pair{DriverKind::pyx, pyx}, {DriverKind::legacy, legacy}, {DriverKind::kron, kron}}) {
-        if (!ports) continue;
-        model.driver(kind).presence = hostsim::Driver::Presence::present;
-        if (*ports) hostsim::hosts::add_adapter(model, kind, *ports, 1);
-    }
-    return model;
-}
-
 // The drivers that were asked for their ports, in order.
 std::string asked(const hostsim::Host& host) {
     std::string order;
-    for (const hostsim::Call& call : host.calls()) {
-        if (call.operation != Operation::hba_count) continue;
-        order += std::string(order.empty() ? "" : " ") +
-                 std::string(hostsim::kDriverKindNames[static_cast<size_t>(call.driver)]);
-    }
+    for (const hostsim::Call& call : calls_of(host, Operation::hba_count))
+        order.append(hostsim::kDriverKindNames.at(static_cast<size_t>(call.driver))).append(" ");
     return order;
 }
 
-struct LoadCase {
-    const char* name;
-    Ports pyx, legacy, kron;
-    uint32_t status;  // of the load
-    uint32_t ports;   // 0: the library stays unloaded
-    const char* asked;
-};
-
-class LoadOrder : public testing::TestWithParam<LoadCase> {};
-INSTANTIATE_TEST_SUITE_P(
-    , LoadOrder,
-    testing::Values(LoadCase{"PyxKeepsTheLegacyDriverOut", 1, 2, 1, 0, 2, "pyx kron"},
-                    LoadCase{"PyxAlone", 2, kAbsent, kAbsent, 0, 2, "pyx"},
-                    LoadCase{"LegacyInThePlaceOfPyx", kAbsent, 2, 1, 0, 3, "legacy kron"},
-                    LoadCase{"LegacyAlone", kAbsent, 2, kAbsent, 0, 2, "legacy"},
-                    LoadCase{"KronAlone", kAbsent, kAbsent, 2, 0, 2, "kron"},
-                    LoadCase{"KronBesideAnEmptyPyx", 0, 2, 1, 0, 1, "pyx kron"},
-                    LoadCase{"KronBesideAnEmptyLegacy", kAbsent, 0, 1, 0, 1, "legacy kron"},
-                    LoadCase{"EmptyPyxKeepsTheLegacyDriverOut", 0, 2, kAbsent, 0, 0, "pyx"},
-                    LoadCase{"AllEmpty", 0, kAbsent, 0, 0, 0, "pyx kron"},
-                    LoadCase{"OnlyLegacyAnswersAndIsEmpty", kAbsent, 0, kAbsent, 0, 0, "legacy"},
-                    LoadCase{"OnlyKronAnswersAndIsEmpty", kAbsent, kAbsent, 0, TRELM_STATUS_FAILED, 0,
-                             "kron"},
-                    LoadCase{"NoDriver", kAbsent, kAbsent, kAbsent, TRELM_STATUS_FAILED, 0, ""}),
-    [](const auto& load) { return load.param.name; });
-
-TEST_P(LoadOrder, IsPyxOrLegacyAndThenKron) {
-    const LoadCase& row = GetParam();
-    const hostsim::Host host(host_with(row.pyx, row.legacy, row.kron));
-    const Lines expected = Lines{"TRELM_LoadLibrary: entered."} +
-                           lines("trelm_load_lib: ", {"entered. Got uid=0", "API Version: v5.00 build2"}) +
-                           lines("trelm_check_esx: ", {"entered.", "exiting"}) +
-                           Lines{"trelm_load_lib: OS_Type=1"} +
-                           lines("trelm_load_lib: ", row.ports ? Lines{} : Lines{"ERROR finding adapters."}) +
-                           lines("trelm_load_lib: ", {row.status ? "exiting, rval=1" : "exiting, rval=0"}) +
-                           lines("TRELM_LoadLibrary: ", {row.status  ? "load failed. rval=1"
-                                                         : row.ports ? "exiting."
-                                                                     : "no adapters found."});
-    LogCapture log;
-    for (int round = 0; round < 2; ++round) {
+TEST(Load, TriesPyxOrLegacyAndThenKron) {
+    constexpr int kAbsent = -1;
+    struct Row {
+        std::array<int, 3> ports;  // of the kron, pyx and legacy driver
+        uint32_t status, found;    // the library stays unloaded where nothing is found
+        std::string asked;
+    };
+    for (const Row& row : {Row{{1, 1, 2}, 0, 2, "pyx kron "},
+                           {{1, kAbsent, 2}, 0, 3, "legacy kron "},
+                           {{kAbsent, kAbsent, 2}, 0, 2, "legacy "},
+                           {{2, kAbsent, kAbsent}, 0, 2, "kron "},
+                           {{1, 0, 2}, 0, 1, "pyx kron "},
+                           {{1, kAbsent, 0}, 0, 1, "legacy kron "},
+                           {{kAbsent, 0, 2}, 0, 0, "pyx "},
+                           {{kAbsent, kAbsent, 0}, 0, 0, "legacy "},
+                           {{0, kAbsent, kAbsent}, TRELM_STATUS_FAILED, 0, "kron "},
+                           {{kAbsent, kAbsent, kAbsent}, TRELM_STATUS_FAILED, 0, ""}}) {
+        SCOPED_TRACE(testing::PrintToString(row.ports));
+        hostsim::Model model;
+        for (const DriverKind kind : {DriverKind::kron, DriverKind::pyx, DriverKind::legacy}) {
+            const int ports = row.ports.at(static_cast<size_t>(kind));
+            if (ports == kAbsent) continue;
+            model.driver(kind).presence = hostsim::Driver::Presence::present;
+            if (ports) hostsim::hosts::add_adapter(model, kind, static_cast<size_t>(ports), 1);
+        }
+        const hostsim::Host host(model);
+        LogCapture log;
         log.take();
         EXPECT_EQ(TRELM_LoadLibrary(), row.status);
-        if (!round) {
-            EXPECT_EQ(log.take_of({"TRELM_LoadLibrary", "trelm_load_lib", "trelm_check_esx"}), expected);
-        }
-        EXPECT_EQ(
-            std::string(row.asked) + (round && !row.ports && *row.asked ? std::string(" ") + row.asked : ""),
-            asked(host))
+        EXPECT_EQ(log.take_of({"TRELM_LoadLibrary", "trelm_load_lib", "trelm_check_esx"}),
+                  lines("", {"TRELM_LoadLibrary: entered.", "trelm_load_lib: entered. Got uid=0",
+                             "trelm_load_lib: API Version: v5.00 build2", "trelm_check_esx: entered.",
+                             "trelm_check_esx: exiting", "trelm_load_lib: OS_Type=1"}) +
+                      lines("trelm_load_lib: ", row.found ? Lines{} : Lines{"ERROR finding adapters."}) +
+                      lines("trelm_load_lib: ", {row.status ? "exiting, rval=1" : "exiting, rval=0"}) +
+                      lines("TRELM_LoadLibrary: ", {row.status  ? "load failed. rval=1"
+                                                    : row.found ? "exiting."
+                                                                : "no adapters found."}));
+        EXPECT_EQ(asked(host), row.asked);
+        EXPECT_EQ(TRELM_LoadLibrary(), row.status);
+        EXPECT_EQ(asked(host), row.found ? row.asked : row.asked + row.asked)
             << "a load that found no port is made anew, another is not";
         uint32_t count = 99;
-        EXPECT_EQ(TRELM_GetPortCount(&count), row.ports ? TRELM_STATUS_OK : TRELM_STATUS_FAILED);
-        EXPECT_EQ(count, row.ports ? row.ports : 99U);
-    }
-    EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
-}
-
-TEST(Load, FallsBackToTheLegacyDriverWhereverThePyxDriverFails) {
-    for (const auto& [operation, status] : {std::pair{Operation::init, 2U}, {Operation::hba_count, 1U}}) {
-        hostsim::Model model = host_with(1, 2, 1);
-        hostsim::Fault refusal = fault(operation, {.status = status});
-        refusal.driver = DriverKind::pyx;
-        model.faults.push_back(refusal);
-        const Loaded library(model);
-        uint32_t count = 0;
-        EXPECT_EQ(TRELM_GetPortCount(&count), TRELM_STATUS_OK);
-        EXPECT_EQ(count, 3U);
+        EXPECT_EQ(TRELM_GetPortCount(&count), row.found ? TRELM_STATUS_OK : TRELM_STATUS_FAILED);
+        EXPECT_EQ(count, row.found ? row.found : 99U);
+        EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
     }
 }
 
 TEST(Load, WantsRootOnAnEsxiHost) {
-    struct Row {
-        uint32_t user;
-        const char* system;
-        uint32_t status;
-        const char* line;
-        uint8_t os_type;
-    };
-    for (const Row& row :
-         {Row{1000, "VMkernel", TRELM_STATUS_FAILED,
-              "trelm_load_lib:libtrelm: ERROR - libtrelm must be loaded with root privileges.", 0},
-          {0, "Linux", TRELM_STATUS_FAILED, "trelm_load_lib:ERROR - libtrelm supported for ESXi only", 2},
-          {0, "vmkernel", TRELM_STATUS_FAILED, "trelm_load_lib:ERROR - libtrelm supported for ESXi only", 2},
-          {0, "a VMkernel of its own", TRELM_STATUS_OK, nullptr, 1}}) {
-        SCOPED_TRACE(row.system);
+    const char not_esxi[] =
+        "trelm_load_lib:ERROR - libtrelm supported for ESXi only\n"
+        "TRELM_LoadLibrary: load failed. rval=1\n";
+    const char not_root[] =
+        "trelm_load_lib:libtrelm: ERROR - libtrelm must be loaded with root privileges.\n"
+        "TRELM_LoadLibrary: load failed. rval=1\n";
+    for (const auto& [user, system, os_type, line] : {std::tuple{1000U, "VMkernel", 0, +not_root},
+                                                      {0U, "Linux", 2, +not_esxi},
+                                                      {0U, "vmkernel", 2, +not_esxi},
+                                                      {0U, "a VMkernel of its own", 1, ""}}) {
         trelm_os_type = 0;
         hostsim::Model model = hostsim::hosts::kron_ports(1);
-        model.effective_user = row.user;
-        model.system_name = row.system;
+        model.effective_user = user;
+        model.system_name = system;
         const hostsim::Host host(model);
         LogCapture log(kErrorLines);
-        EXPECT_EQ(TRELM_LoadLibrary(), row.status);
-        EXPECT_EQ(trelm_os_type, row.os_type);
-        if (row.line) {
-            EXPECT_THAT(log.take(), ElementsAre(row.line, "TRELM_LoadLibrary: load failed. rval=1"));
-            EXPECT_TRUE(host.calls().empty());
-        }
+        const bool refused = *line != '\0';
+        EXPECT_EQ(TRELM_LoadLibrary(), refused ? TRELM_STATUS_FAILED : TRELM_STATUS_OK);
+        EXPECT_EQ(trelm_os_type, os_type);
+        EXPECT_THAT(log.take_text(), testing::StartsWith(line));
+        EXPECT_EQ(host.calls().empty(), refused);
         TRELM_FreeLibrary();
     }
-}
-
-TEST(Load, TwiceChangesNothing) {
-    Loaded library(hostsim::hosts::kron_ports(2, 3));
-    library.host.edit([](hostsim::Model& model) { hostsim::hosts::add_adapter(model, DriverKind::kron, 1); });
-    library.host.clear_calls();
-    LogCapture log;
-    log.take();
-    EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
-    EXPECT_THAT(log.take(), ElementsAre("TRELM_LoadLibrary: entered.", "TRELM_LoadLibrary: already loaded."));
-    uint32_t count = 0;
-    TRELM_GetPortCount(&count);
-    EXPECT_EQ(count, 2U) << "ports that appear later are seen after a free and a load";
-    EXPECT_TRUE(library.host.calls().empty());
-    TRELM_FreeLibrary();
-    TRELM_LoadLibrary();
-    TRELM_GetPortCount(&count);
-    EXPECT_EQ(count, 3U);
 }
 
 TEST(Load, WithoutASharedDatabaseFindsNothing) {
@@ -157,73 +96,175 @@ TEST(Load, WithoutASharedDatabaseFindsNothing) {
     std::filesystem::create_directories(host.root() / "tmp/trelm_shared.dat");
     LogCapture log;
     EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_FAILED);
-    const Lines lines = log.take_of({"TRELM_LoadLibrary", "trelm_load_lib"});
-    ASSERT_GE(lines.size(), 3U);
-    EXPECT_THAT(Lines(lines.end() - 3, lines.end()),
-                ElementsAre("trelm_load_lib: ERROR setting up database.", "trelm_load_lib: exiting, rval=1",
-                            "TRELM_LoadLibrary: load failed. rval=1"));
-    EXPECT_EQ(trelm_priv_database, nullptr);
-    EXPECT_EQ(trelm_phy_info, nullptr);
+    EXPECT_THAT(log.take_text(), testing::EndsWith("trelm_load_lib: ERROR setting up database.\n"
+                                                   "trelm_load_lib: exiting, rval=1\n"
+                                                   "TRELM_LoadLibrary: load failed. rval=1\n"));
+    EXPECT_TRUE(!trelm_priv_database && !trelm_phy_info);
     std::filesystem::remove_all(host.root() / "tmp/trelm_shared.dat");
     EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
     EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
 }
 
-TEST(Free, IsLoggedInEveryState) {
-    Loaded library(hostsim::hosts::legacy_ports(1, 2));
-    LogCapture log;
-    open_port();
-    log.take();
-    EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
-    const Lines lines = log.take_of(
-        {"TRELM_FreeLibrary", "trelm_unload_lib", "trelm_cleanup_hbas", "trelm_free_all_pdb_mem"});
-    ASSERT_EQ(lines.size(), 9U);
-    EXPECT_THAT(lines[4], testing::MatchesRegex("trelm_cleanup_hbas: closing handle=[0-9]+"));
-    EXPECT_THAT(lines, ElementsAre("TRELM_FreeLibrary: entered.", "trelm_unload_lib: entered.",
-                                   "trelm_unload_lib: lib inst=0 going to call cleanup_hbas.",
-                                   "trelm_cleanup_hbas: entered. lib inst=0", lines[4],
-                                   "trelm_cleanup_hbas: lib inst=0 exiting.",
-                                   "trelm_unload_lib: lib inst 0 going to call close_database.",
-                                   "trelm_unload_lib: exiting, rval=0", "TRELM_FreeLibrary: exiting."));
-    EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
-    EXPECT_THAT(log.take(), ElementsAre("TRELM_FreeLibrary: entered.", "trelm_unload_lib: entered.",
-                                        "trelm_unload_lib: lib inst=0 going to call cleanup_hbas.",
-                                        "trelm_cleanup_hbas: entered. lib inst=0",
-                                        "trelm_cleanup_hbas: api_priv_data not found, exiting",
-                                        "trelm_unload_lib: inst 0 db not opened. exiting.",
-                                        "trelm_free_all_pdb_mem: no memory allocated for api_priv_data.",
-                                        "trelm_free_all_hw_info_mem: no memory allocated for api_phy_info.",
-                                        "TRELM_FreeLibrary: exiting."));
-}
+using Lifecycle = OnEachDriver;
+TRELM_ON_EACH_DRIVER(Lifecycle);
 
-TEST(PortCount, NeedsALoadedLibraryBeforeAResult) {
-    const hostsim::Host host(hostsim::hosts::kron_ports(2, 3));
+TEST_P(Lifecycle, EveryCallSaysWhatItDoesInEachState) {
+    const bool legacy = GetParam() == DriverKind::legacy;
+    const std::string open = "TRELM_OpenAdapter", close = "TRELM_CloseAdapter", own = transport(GetParam());
+    const std::string count = "TRELM_GetPortCount: ", look_up = "trelm_get_pdb_from_user_handle: ";
+    const std::string invalid = "invalid parameter.", no_pdb = "get pdb failed.";
+    const std::string exit = legacy ? "exiting, rval=0" : "exiting.";
+    TRELM_FreeLibrary();
     LogCapture log;
+    uint32_t handle = 4711, ports = 0;
     log.take();
-    uint32_t count = 7;
     EXPECT_EQ(TRELM_GetPortCount(nullptr), TRELM_STATUS_FAILED);
+    EXPECT_EQ(TRELM_OpenAdapter(0, nullptr), TRELM_STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(TRELM_OpenAdapter(0, &handle), TRELM_STATUS_FAILED);
+    EXPECT_EQ(TRELM_CloseAdapter(1), TRELM_STATUS_FAILED);
+    EXPECT_EQ(log.take(),
+              lines(count, {"entered.", "no adapters found."}) +
+                  lines(open + "(0): ", {"entered.", invalid, "entered.", "no adapters found."}) +
+                  lines("", {close + "(1): entered.", look_up + "no memory allocated for api_priv_data",
+                             close + "(1): " + no_pdb}));
     TRELM_LoadLibrary();
+    hostsim::hosts::add_adapter(host.model(), GetParam(), 1);
     log.take();
+    EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
     EXPECT_EQ(TRELM_GetPortCount(nullptr), TRELM_STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(TRELM_GetPortCount(&count), TRELM_STATUS_OK);
-    EXPECT_EQ(count, 2U);
-    const int32_t descriptor = trelm_shm_fildes;
-    trelm_shm_fildes = -1;
+    EXPECT_EQ(TRELM_GetPortCount(&ports), TRELM_STATUS_OK);
+    EXPECT_EQ(ports, 2U) << "ports that appear later are seen after a free and a load";
+    const int32_t descriptor = std::exchange(trelm_shm_fildes, -1);
     EXPECT_EQ(TRELM_GetPortCount(nullptr), TRELM_STATUS_FAILED);
     trelm_shm_fildes = descriptor;
+    EXPECT_EQ(TRELM_OpenAdapter(2, nullptr), TRELM_STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(TRELM_OpenAdapter(2, &handle), TRELM_STATUS_INVALID_INSTANCE);
+    EXPECT_EQ(TRELM_CloseAdapter(0), TRELM_STATUS_FAILED);
+    EXPECT_EQ(handle, 4711U);
+    EXPECT_EQ(log.take(),
+              lines("TRELM_LoadLibrary: ", {"entered.", "already loaded."}) +
+                  lines(count, {"entered.", invalid, "entered.", "exiting. cnt=2", "entered.",
+                                "error in shared database setup. Exiting."}) +
+                  lines(open + "(2): ", {"entered.", invalid, "entered.", "pdb not found, exiting"}) +
+                  lines("", {close + "(0): entered.", look_up + "invalid handle", close + "(0): " + no_pdb}));
+    open_port(1);
+    EXPECT_EQ(TRELM_CloseAdapter(2), TRELM_STATUS_OK);
+    EXPECT_EQ(TRELM_CloseAdapter(2), TRELM_STATUS_FAILED);
+    EXPECT_EQ(log.take(),
+              lines("", {open + "(1): entered.", own + "open_adapter: entered."}) +
+                  lines(own, legacy ? Lines{"open_adapter(1): opened adapter instance."} : Lines{}) +
+                  lines("", {own + "open_adapter: " + exit, open + "(1): exiting, Return Handle=2 rval=0",
+                             close + "(2): entered.", own + "close_adapter(2): entered.",
+                             own + "close_adapter(0): " + exit, close + "(2): exiting, rval=0"}) +
+                  lines(close + "(2): ", {"entered.", no_pdb}));
+    open_port();
+    const std::string node = std::to_string(registry().at(0)->hw_info->oshandle);
+    log.take();
+    EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
+    const Lines freeing = lines("", {"TRELM_FreeLibrary: entered.", "trelm_unload_lib: entered.",
+                                     "trelm_unload_lib: lib inst=0 going to call cleanup_hbas.",
+                                     "trelm_cleanup_hbas: entered. lib inst=0"});
+    EXPECT_EQ(log.take_of({"TRELM_FreeLibrary", "trelm_unload_lib", "trelm_cleanup_hbas"}),
+              freeing + lines("trelm_cleanup_hbas: closing handle=", legacy ? Lines{node} : Lines{}) +
+                  lines("", {"trelm_cleanup_hbas: lib inst=0 exiting.",
+                             "trelm_unload_lib: lib inst 0 going to call close_database.",
+                             "trelm_unload_lib: exiting, rval=0", "TRELM_FreeLibrary: exiting."}));
+    EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
+    EXPECT_EQ(log.take(),
+              freeing + lines("", {"trelm_cleanup_hbas: api_priv_data not found, exiting",
+                                   "trelm_unload_lib: inst 0 db not opened. exiting.",
+                                   "trelm_free_all_pdb_mem: no memory allocated for api_priv_data.",
+                                   "trelm_free_all_hw_info_mem: no memory allocated for api_phy_info.",
+                                   "TRELM_FreeLibrary: exiting."}));
+    TRELM_LoadLibrary();
+    TRELM_GetPortCount(&ports);
+    EXPECT_EQ(ports, 3U);
+}
+
+bool works(uint32_t handle) {
+    TRELM_FCOE_INFO info{};
+    return TRELM_GetFcoeInfo(handle, &info) == TRELM_STATUS_OK;
+}
+
+// A thousand loads, each with opens and closes in any order, of which some stay open.
+TEST_P(Lifecycle, KeepTheirCountsAndLeaveNoDescriptorBehind) {
+    const bool legacy = GetParam() == DriverKind::legacy;
     TRELM_FreeLibrary();
-    EXPECT_THAT(log.take_of("TRELM_GetPortCount"),
-                ElementsAre("TRELM_GetPortCount: entered.", "TRELM_GetPortCount: invalid parameter.",
-                            "TRELM_GetPortCount: entered.", "TRELM_GetPortCount: exiting. cnt=2",
-                            "TRELM_GetPortCount: entered.",
-                            "TRELM_GetPortCount: error in shared database setup. Exiting."));
-    EXPECT_EQ(TRELM_GetPortCount(&count), TRELM_STATUS_FAILED);
-    EXPECT_EQ(log.take().back(), "TRELM_GetPortCount: no adapters found.");
+    const size_t unloaded = open_descriptors();
+    std::mt19937 random(20);
+    for (int round = 0; round < (legacy ? 1000 : 100); ++round) {
+        ASSERT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
+        ASSERT_FALSE(works(1)) << "a handle from before the load";
+        const size_t before = open_descriptors();
+        std::array<int, 2> opens{};
+        for (int step = 0; step < 8; ++step) {
+            const uint32_t instance = random() % 2;
+            int& open = opens[instance];
+            if (random() % 2) {
+                open_port(instance);
+                ++open;
+            } else {
+                const uint32_t status = TRELM_CloseAdapter(instance + 1);
+                ASSERT_EQ(status, open > 0 ? TRELM_STATUS_OK : TRELM_STATUS_FAILED);
+                open -= status == TRELM_STATUS_OK;
+            }
+            ASSERT_EQ(works(instance + 1), open > 0);
+            ASSERT_EQ(open_descriptors(), before + (legacy ? (opens[0] > 0) + (opens[1] > 0) : 0));
+        }
+        ASSERT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
+        ASSERT_EQ(open_descriptors(), unloaded);
+    }
+}
+
+TEST(LegacyPort, ANodeThatCannotBeOpenedOrClosedGivesTheSystemsError) {
+    Loaded library(two_port_host(DriverKind::legacy));
+    LogCapture log;
+    log.take();
+    library.host.inject(fault(Operation::open, {.error = EACCES}));
+    uint32_t handle = 0;
+    EXPECT_EQ(TRELM_OpenAdapter(1, &handle), uint32_t{EACCES});
+    EXPECT_EQ(log.take(),
+              lines("", {"TRELM_OpenAdapter(1): entered.", "trelm_open_adapter: entered.",
+                         "trelm_open_adapter(1): error opening adapter=13, fd=18446744073709551615",
+                         "trelm_open_adapter: exiting, rval=1", "TRELM_OpenAdapter(1): open failed.",
+                         "TRELM_OpenAdapter(1): exiting, Return Handle=0 rval=Dh"}));
+    open_port(1);
+    library.host.inject(fault(Operation::close, {.error = EIO}));
+    log.take();
+    EXPECT_EQ(TRELM_CloseAdapter(2), uint32_t{EIO});
+    EXPECT_EQ(log.take(), lines("", {"TRELM_CloseAdapter(2): entered.", "trelm_close_adapter(2): entered.",
+                                     "trelm_close_adapter(2): exiting, rval=1",
+                                     "TRELM_CloseAdapter(2): exiting, rval=5"}));
+    EXPECT_TRUE(works(2)) << "a port that could not be closed stays open";
+    put_back(trelm_get_pdb_from_user_handle(2)->hw_info->oshandle);
+    EXPECT_EQ(TRELM_CloseAdapter(2), TRELM_STATUS_OK);
+}
+
+// A driver serves the ports that it found, but for the native ones, where the device decides between the two.
+TEST(DriverOfAPort, FollowsFromDriverKindAndDevice) {
+    using enum DriverKind;
+    struct Row {
+        DriverKind found_by;
+        std::vector<uint16_t> devices;
+        DriverKind served_by;
+    };
+    for (const Row& row : {Row{pyx, {0x8080, 0x8180, 0x165C}, kron},
+                           {kron, {0x1662, 0x16AE}, pyx},
+                           {legacy, {0x8080, 0x16A1}, legacy}}) {
+        hostsim::Model model = hostsim::hosts::ports(row.found_by, 0);
+        for (const uint16_t device : row.devices)
+            hostsim::hosts::add_adapter(model, row.found_by, 1).device_id = device;
+        const Loaded library(model);
+        LogCapture log;
+        for (uint32_t instance = 0; instance < row.devices.size(); ++instance) {
+            log.take();
+            open_port(instance);
+            EXPECT_EQ(log.take().at(1), transport(row.served_by) + "open_adapter: entered.") << instance;
+        }
+    }
 }
 
 TEST(Version, FitsTheCallersBuffer) {
-    EXPECT_EQ(TRELM_GetVersion(nullptr, 0), 0x05000200U);
-    EXPECT_EQ(TRELM_GetVersion(nullptr, 100), 0x05000200U);
     const std::string text = "v5.00 build2";
     for (const uint32_t size : {0U, 1U, 2U, 12U, 13U, 14U, 100U}) {
         GuardedBytes buffer(100);
@@ -232,40 +273,6 @@ TEST(Version, FitsTheCallersBuffer) {
         EXPECT_EQ(TRELM_GetVersion(buffer.data(), size), 0x05000200U);
         EXPECT_EQ(contents(buffer), expected.all()) << size;
     }
-    const hostsim::Host host(hostsim::hosts::empty());
-    LogCapture log;
-    log.take();
-    TRELM_GetVersion(nullptr, 0);
-    EXPECT_THAT(log.take(),
-                ElementsAre("TRELM_GetVersion: entered.", "TRELM_GetVersion: exiting. version=5000200h"));
-}
-
-// A thousand loads with the legacy driver, which opens files, in four processes at once; fewer with the
-// others.
-struct LoadsCase {
-    const char* name;
-    DriverKind kind;
-};
-class ManyLoads : public testing::TestWithParam<LoadsCase> {};
-INSTANTIATE_TEST_SUITE_P(
-    , ManyLoads,
-    testing::Values(LoadsCase{"kron", DriverKind::kron}, LoadsCase{"pyx", DriverKind::pyx},
-                    LoadsCase{"legacy1", DriverKind::legacy}, LoadsCase{"legacy2", DriverKind::legacy},
-                    LoadsCase{"legacy3", DriverKind::legacy}, LoadsCase{"legacy4", DriverKind::legacy}),
-    [](const auto& loads) { return loads.param.name; });
-
-TEST_P(ManyLoads, LeaveNoDescriptorBehind) {
-    const bool legacy = GetParam().kind == DriverKind::legacy;
-    const hostsim::Host host(hostsim::hosts::ports(GetParam().kind, 2, 1));
-    const int rounds = legacy ? 250 : 50;
-    size_t before = 0;
-    for (int round = 0; round < rounds; ++round) {
-        ASSERT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
-        if (round % 3 == 0) open_port(1);
-        ASSERT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
-        if (round == 0) before = open_descriptors();
-    }
-    EXPECT_EQ(open_descriptors(), before);
 }
 
 }  // namespace

@@ -1,9 +1,7 @@
 // The link state of a legacy port, read from text files: which files name a port ready, and the limits of the
 // reader.
-#include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <set>
 
 #include "support/port_calls.h"
 
@@ -14,19 +12,15 @@ using namespace trelm::test;
 // Files of a test, in a directory that no simulated host puts elsewhere.
 class LinkStateFiles : public testing::Test {
   protected:
-    LinkStateFiles()
-        : directory(std::string(TRELM_BINARY_DIR) + "/link_state_" + std::to_string(getpid()) + "_" +
-                    std::to_string(++made)) {
+    LinkStateFiles() {
         std::filesystem::create_directories(directory);
         pdb.wwpn = 0x2000'001B'21AB'CDEF;
-        pdb.port_state = 4;
     }
     ~LinkStateFiles() override { std::filesystem::remove_all(directory); }
 
     std::string write(const std::string& name, const std::string& text) const {
-        const std::string path = directory + "/" + name;
-        std::ofstream(path) << text;
-        return path;
+        std::ofstream(directory + "/" + name) << text;
+        return directory + "/" + name;
     }
     bool names_ready(const std::string& text) {
         pdb.port_state = 4;
@@ -35,112 +29,73 @@ class LinkStateFiles : public testing::Test {
         return result == 0;
     }
 
-    static inline std::atomic<int> made = 0;
-    const std::string directory;
+    const std::string directory = TRELM_BINARY_DIR "/link_state_" + std::to_string(getpid());
     trelm_priv_db pdb{};
 };
 
-const std::string kSection = "SCSI Device Information:\n";
-const std::string kName = "WWPN 2000001b21abcdef here\n";
-const std::string kReady = "state = LPORT_ST_READY.\n";
-
 TEST_F(LinkStateFiles, NameAPortReadyOverThreeLinesInOrder) {
-    const std::string line = "some other line\n";
-    for (const std::string& ready :
-         {kSection + kName + kReady, line + kSection + line + line + kName + line + kReady + line,
-          "a" + kSection + "b" + kName + "c LPORT_ST_READY",  // the last line may lack its end
-          kSection + kName + "LPORT_ST_DOWN\n" + kSection + "WWPN 1\n" + kReady,  // another section's word
-          kSection + kName + kReady + kSection + kName}) {
-        EXPECT_TRUE(names_ready(ready)) << ready;
+    const std::string section = "SCSI Device Information:\n", name = "WWPN 2000001b21abcdef here\n";
+    const std::string ready = "state = LPORT_ST_READY.\n", line = "some other line\n", gap(255, ' ');
+    for (const auto& [text, expected] : std::vector<std::pair<std::string, bool>>{
+             {line + section + line + line + name + line + ready + line, true},
+             {"a" + section + "b" + name + "c LPORT_ST_READY", true},  // the last line may lack its end
+             {section + name + "LPORT_ST_DOWN\n" + section + "WWPN 1\n" + ready, true},  // another's word
+             {section + name + ready + section + name, true},
+             {"", false},
+             {name + ready + section, false},
+             {section + ready + name, false},
+             {name + section + ready, false},
+             {section + name + "LPORT_ST_READ\n", false},
+             {section + "WWPN 2000001B21ABCDEF\n" + ready, false},
+             {section + "WWPN 2000001b21abcdee\n" + ready, false},
+             {section + "2000001b21abcdef LPORT_ST_READY\n", false},  // each of the three wants its own line
+             {"SCSI Device Information: 2000001b21abcdef\n" + ready, false},
+             // Long lines are read in pieces of 255, which count as lines.
+             {section + name + std::string(241, '.') + ready.substr(8) + gap, true},
+             {section + name + std::string(242, '.') + ready.substr(8) + gap, false},
+             {section + name + std::string(255, '.') + ready.substr(8) + gap, true},
+             {"SCSI Device Information" + gap + "2000001b21abcdef" + gap + "LPORT_ST_READY", true},
+             {std::string(100000, 'x'), false}}) {
+        EXPECT_EQ(names_ready(text), expected) << text;
     }
-    for (const std::string& other :
-         {std::string(), kName + kReady + kSection, kSection + kReady + kName, kName + kSection + kReady,
-          kSection + kName + "LPORT_ST_READ\n", kSection + "WWPN 2000001B21ABCDEF\n" + kReady,
-          kSection + "WWPN 2000001b21abcdee\n" + kReady,
-          // Each of the three wants a line of its own.
-          std::string("SCSI Device Information: 2000001b21abcdef LPORT_ST_READY\n"),
-          kSection + "2000001b21abcdef LPORT_ST_READY\n"}) {
-        EXPECT_FALSE(names_ready(other)) << other;
+    for (const auto& [wwpn, shown] : {std::pair{0x123, "123"}, {5, "05"}}) {
+        pdb.wwpn = static_cast<uint64_t>(wwpn);
+        EXPECT_TRUE(names_ready(section + "WWPN " + shown + "\n" + ready));
     }
-    pdb.wwpn = 5;
-    EXPECT_FALSE(names_ready(kSection + "WWPN 5\n" + kReady));
-    EXPECT_TRUE(names_ready(kSection + "WWPN 05\n" + kReady)) << "small names have two digits";
-    pdb.wwpn = 0x123;
-    EXPECT_TRUE(names_ready(kSection + "WWPN 123\n" + kReady));
-}
-
-TEST_F(LinkStateFiles, LongLinesAreReadInPiecesOf255) {
-    for (const auto& [before, ready] :
-         {std::pair{0, true}, {241, true}, {242, false}, {254, false}, {255, true}}) {
-        const std::string line = std::string(before, '.') + "LPORT_ST_READY" + std::string(999, '.') + "\n";
-        EXPECT_EQ(names_ready(kSection + kName + line), ready) << before;
-    }
-    const std::string gap(255, ' ');
-    EXPECT_TRUE(names_ready("SCSI Device Information" + gap + "2000001b21abcdef" + gap + "LPORT_ST_READY"))
-        << "the pieces of one line count as lines";
-    EXPECT_FALSE(names_ready(std::string(100000, 'x')));
-}
-
-TEST_F(LinkStateFiles, WithoutAFileAPortIsNotReady) {
+    EXPECT_FALSE(names_ready(section + "WWPN 5\n" + ready)) << "small names have two digits";
     EXPECT_EQ(trelm_read_file_for_link(nullptr, &pdb), 1U);
-    EXPECT_EQ(trelm_read_file_for_link((directory + "/none").c_str(), &pdb), 1U);
+    EXPECT_EQ(trelm_read_file_for_link(write("none/file", "").c_str(), &pdb), 1U);
     EXPECT_EQ(trelm_read_file_for_link(directory.c_str(), &pdb), 1U);
-    EXPECT_EQ(pdb.port_state, 4U);
+    trelm_get_dorfc_link_state(&pdb);
+    EXPECT_EQ(pdb.port_state, 4U) << "without the driver's directory the link is down";
 }
 
-// The names that a listing gives, with the guards of the table checked.
-std::set<std::string> listed(const std::string& directory, uint32_t& count) {
+TEST_F(LinkStateFiles, AreListedWhereTheirNamesFitTheirSlotsUntilTheTableIsFull) {
     GuardedBytes table(128 * 32);
-    EXPECT_EQ(trelm_read_directory(directory.c_str(), reinterpret_cast<char(*)[32]>(table.data()), &count),
-              0U);
-    EXPECT_TRUE(table.guards_intact());
-    std::set<std::string> names;
-    for (uint32_t i = 0; i < count && i < 128; ++i) {
-        const char* name = reinterpret_cast<const char*>(table.data()) + 32 * size_t{i};
-        EXPECT_LT(strnlen(name, 32), 32U) << "a name without an end";
-        names.insert(std::string(name, strnlen(name, 32)));
-    }
-    return names;
-}
-
-TEST_F(LinkStateFiles, AListingHasAllNamesThatFitItsSlotsUntilItsTableIsFull) {
+    auto* const names = reinterpret_cast<char(*)[32]>(table.data());
     uint32_t count = 4711;
-    EXPECT_TRUE(listed(directory, count).empty());
-    EXPECT_EQ(count, 0U);
-    const std::string longest(31, 'n');
-    for (const std::string& name : {std::string("1"), std::string(".hidden"), std::string("..."), longest,
-                                    std::string(32, 'n'), std::string(33, 'm'), std::string(255, 'l')}) {
-        write(name, "");
+    for (const std::string& other :
+         {directory + "/none", write("file", ""), directory + std::string(5000, 'p')}) {
+        EXPECT_EQ(trelm_read_directory(other.c_str(), names, &count), 1U);
     }
-    std::filesystem::create_directory(directory + "/sub");
-    EXPECT_EQ(listed(directory, count), (std::set<std::string>{"1", ".hidden", "...", longest, "sub"}));
-    EXPECT_EQ(count, 5U);
-    char names[128][32];
-    count = 4711;
-    EXPECT_EQ(trelm_read_directory((directory + "/none").c_str(), names, &count), 1U);
-    EXPECT_EQ(trelm_read_directory((directory + "/1").c_str(), names, &count), 1U);
-    EXPECT_EQ(trelm_read_directory(std::string(5000, 'p').c_str(), names, &count), 1U);
     EXPECT_EQ(count, 4711U);
-    for (int i = 5; i < 128; ++i) write("file" + std::to_string(i), "");
-    EXPECT_EQ(listed(directory, count).size(), 128U);
-    for (int i = 128; i < 300; ++i) write("file" + std::to_string(i), "");
-    EXPECT_EQ(listed(directory, count).size(), 128U);
+    EXPECT_TRUE(table.untouched());
+    const std::string longest(31, 'n');
+    std::vector<std::string> expected{"file", ".hidden", "...", longest};
+    for (const std::string& name : expected) write(name, "");
+    for (const size_t length : {32, 33, 255}) write(std::string(length, 'm'), "");
+    const auto list = [&] {
+        EXPECT_EQ(trelm_read_directory(directory.c_str(), names, &count), 0U);
+        EXPECT_TRUE(table.guards_intact());
+        std::vector<std::string> listed;
+        for (uint32_t i = 0; i < std::min(count, 128U); ++i)
+            listed.emplace_back(names[i], strnlen(names[i], 32));
+        return listed;
+    };
+    EXPECT_THAT(list(), testing::UnorderedElementsAreArray(expected));
+    for (int i = 0; i < 300; ++i) write("file" + std::to_string(i), "");
+    EXPECT_THAT(list(), Each(testing::SizeIs(testing::AllOf(testing::Ge(3), testing::Le(31)))));
     EXPECT_EQ(count, 128U);
-}
-
-TEST(LinkState, OfASimulatedPortFollowsItsLink) {
-    Loaded library(hostsim::hosts::legacy_ports(2, 1));
-    for (const uint32_t state : {2U, 7U, 3U, 2U}) {
-        library.host.model().port(0, 1).link_state = state;
-        trelm_priv_db* pdb = trelm_get_pdb_from_user_instance(1);
-        pdb->port_state = 99;
-        trelm_get_dorfc_link_state(pdb);
-        EXPECT_EQ(pdb->port_state, state == 2 ? 8U : 4U);
-    }
-    library.host.model().driver(DriverKind::legacy).presence = hostsim::Driver::Presence::absent;
-    trelm_priv_db* pdb = trelm_get_pdb_from_user_instance(0);
-    trelm_get_dorfc_link_state(pdb);
-    EXPECT_EQ(pdb->port_state, 4U) << "without the driver's directory the link is down";
 }
 
 }  // namespace
