@@ -207,7 +207,7 @@ TEST(LegacyPort, WhoseNodeCannotBeOpenedOrClosedGivesTheSystemsError) {
     open_port(1);
     library.host.inject(fault(Operation::close, {.error = EIO}));
     EXPECT_EQ(TRELM_CloseAdapter(2), uint32_t{EIO});
-    put_back(trelm_get_pdb_from_user_handle(2)->hw_info->oshandle);
+    put_back(registry().at(1)->hw_info->oshandle);
     EXPECT_EQ(TRELM_CloseAdapter(2), TRELM_STATUS_OK) << "what could not be closed stays open";
 }
 

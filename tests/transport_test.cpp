@@ -1,6 +1,5 @@
 // The transports to the three drivers, called directly: what goes out byte by byte, how each request ends and
 // what it then says, and what the legacy driver's node has to be.
-#include <fcntl.h>
 
 #include <fstream>
 
