@@ -1,4 +1,4 @@
-// Discovery of each driver's ports: what is asked, kept, dropped or passed over, in which order it ends up,
+// Discovery of each driver's ports: what is kept, dropped or passed over, in which order it ends up,
 // and what a driver that answers badly can do.
 #include <memory>
 
@@ -51,7 +51,7 @@ class Discovery : public testing::TestWithParam<DriverKind> {
 };
 TRELM_ON_EACH_DRIVER(Discovery);
 
-TEST_P(Discovery, AsksEachPortInTurnAndFillsBothRecords) {
+TEST_P(Discovery, FillsBothRecordsAndPutsPhysicalPortsInFront) {
     hostsim::Model model = two_port_host(GetParam());
     hostsim::Adapter& adapter = model.adapters[0];
     adapter.management_firmware = 0x01020304, adapter.chip_revision = 0x55667788;
