@@ -32,8 +32,7 @@ TEST(Interface, ExportsThePublicNamesInOneNodeAndTheInternalOnesInAnother) {
               "TRELM_GetPortStats TRELM_GetTgtInfo TRELM_GetVNPortInfo TRELM_GetVersion TRELM_LoadLibrary "
               "TRELM_OpenAdapter TRELM_SendScsiCommand trelm_version_description ");
     const std::string internal = told_by(nm, ".* [^A] \\(.*\\)@@LIBTRELM_PRIVATE");
-    EXPECT_EQ(std::count(internal.begin(), internal.end(), ' '), 114)
-        << "one was lost or let out: " << internal;
+    EXPECT_EQ(std::count(internal.begin(), internal.end(), ' '), 114) << internal;
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // these need their run-time library too
