@@ -1,4 +1,4 @@
-// list_model.h - what a list is to be: a vector and the position of the cursor.
+// list_model.h - what a list is to be: a vector and the position of the cursor, its size for the sentinel.
 #pragma once
 
 #include <vector>
@@ -6,64 +6,35 @@
 #include "target.h"
 #include "trelm_dlist.h"
 
-namespace trelm::fuzz {
-
-// What a list is to hold. The sentinel is the position behind the last element, and before the first.
 struct Model {
     std::vector<void*> items;
     size_t cursor = 0;
-    bool has_cursor = false;  // a new list has none
 
-    bool at_sentinel() const { return cursor == items.size(); }
-    void to_sentinel() {
-        cursor = items.size();
-        has_cursor = true;
-    }
-    void move(bool forward) {
-        if (!has_cursor) return;
-        cursor = (cursor + (forward ? 1 : items.size())) % (items.size() + 1);
-    }
+    void* at_cursor() const { return cursor < items.size() ? items[cursor] : nullptr; }
+    void move(bool forward) { cursor = (cursor + (forward ? 1 : items.size())) % (items.size() + 1); }
     void put(size_t at, void* data) {
         items.insert(items.begin() + static_cast<ptrdiff_t>(at), data);
         cursor = at;
-        has_cursor = true;
     }
-    void insert(void* data, bool forward) {
-        if (!has_cursor) to_sentinel();
-        put(!forward ? cursor : at_sentinel() ? 0 : cursor + 1, data);
-    }
+    void insert(void* data, bool forward) { put(forward ? (cursor + 1) % (items.size() + 1) : cursor, data); }
     void* remove(size_t at, bool forward) {
-        void* data = items[at];
-        const bool was_sentinel = at_sentinel();
+        void* const data = items[at];
         if (cursor == at) move(forward);
-        const bool to_end = at_sentinel() || was_sentinel;
+        if (cursor > at) --cursor;
         items.erase(items.begin() + static_cast<ptrdiff_t>(at));
-        cursor = to_end ? items.size() : cursor - (cursor > at);
         return data;
     }
-    size_t position(auto matches) const {
-        return static_cast<size_t>(std::find_if(items.begin(), items.end(), matches) - items.begin());
+    // The cursor goes to the first that matches, or to the sentinel.
+    void* find(auto matches) {
+        cursor = static_cast<size_t>(std::find_if(items.begin(), items.end(), matches) - items.begin());
+        return at_cursor();
     }
-    void sort(auto less) {
-        if (items.size() < 2) return;
-        std::stable_sort(items.begin(), items.end(), less);
-        cursor = items.size() - 1;
+    void check(trelm_dlist* list) const {
+        REQUIRE(list->head == &list->headnode && !list->headnode.data && list->count == items.size());
+        const trelm_dl_node* node = list->head;
+        for (size_t i = 0; i < items.size(); ++i, node = node->next)
+            REQUIRE(node->next->prev == node && node->next->data == items[i]);
+        REQUIRE(items.empty() || (node->next == list->head && list->head->prev == node));
+        REQUIRE(trelm_dlist_mark(list) == at_cursor());
     }
 };
-
-inline void check(const trelm_dlist* list, const Model& model) {
-    REQUIRE(list->head == &list->headnode && list->headnode.data == nullptr);
-    REQUIRE(list->count == model.items.size());
-    const trelm_dl_node* node = list->head;
-    for (size_t i = 0; i < model.items.size(); ++i) {
-        REQUIRE(node->next->prev == node);
-        node = node->next;
-        REQUIRE(node->data == model.items[i]);
-        REQUIRE((list->marker == node) == (model.has_cursor && model.cursor == i));
-    }
-    REQUIRE(model.items.empty() || (node->next == list->head && list->head->prev == node));
-    REQUIRE((list->marker == list->head) == (model.has_cursor && model.at_sentinel()));
-    REQUIRE((list->marker == nullptr) == !model.has_cursor);
-}
-
-}  // namespace trelm::fuzz
