@@ -25,10 +25,7 @@ inline constinit thread_local unsigned passing = 0;
 
 TRELM_UNCHECKED inline bool allocation_fails(size_t size) {
     if (!allocation_is_to_fail || (failing_size != kAnySize && size != failing_size)) return false;
-    if (passing > 0) {
-        --passing;
-        return false;
-    }
+    if (passing-- > 0) return false;
     allocation_is_to_fail = false;
     errno = ENOMEM;
     return true;

@@ -7,9 +7,11 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <initializer_list>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -31,13 +33,10 @@ inline void set_debug_flags(uint32_t flags) {
     trelm_set_debug_level();
 }
 
-inline std::vector<std::string> split_lines(std::string_view text) {
+inline std::vector<std::string> split_lines(const std::string& text) {
     std::vector<std::string> lines;
-    while (!text.empty()) {
-        const size_t end = text.find('\n');
-        lines.emplace_back(text.substr(0, end));
-        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-    }
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) lines.push_back(line);
     return lines;
 }
 
@@ -53,42 +52,35 @@ class LogCapture {
         set_debug_flags(kSilent);
         dup2(stderr_, 2);
         close(stderr_);
-        if (::testing::Test::HasFailure()) fputs(all().c_str(), stderr);
+        taken_ = 0;
+        if (::testing::Test::HasFailure()) fputs(take_text().c_str(), stderr);
         close(file_);
     }
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    // All that was written so far, as it is.
-    std::string all() const {
-        std::string text(static_cast<size_t>(lseek(file_, 0, SEEK_CUR)), '\0');
-        text.resize(static_cast<size_t>(pread(file_, text.data(), text.size(), 0)));
-        return text;
-    }
     // What was written since the last take.
     std::string take_text() {
-        std::string text = all().substr(taken_);
-        taken_ += text.size();
+        std::string text(static_cast<size_t>(lseek(file_, 0, SEEK_CUR) - taken_), '\0');
+        taken_ += pread(file_, text.data(), text.size(), taken_);
         return text;
     }
     std::vector<std::string> take() { return split_lines(take_text()); }
     // Of those, the lines of one function: what stands before the first ':' or '('.
     std::vector<std::string> take_of(std::string_view function) { return take_of({function}); }
     std::vector<std::string> take_of(std::initializer_list<std::string_view> functions) {
-        std::vector<std::string> kept;
-        for (std::string& line : take()) {
+        std::vector<std::string> kept = take();
+        std::erase_if(kept, [&](const std::string& line) {
             const std::string name = line.substr(0, line.find_first_of(":("));
-            for (std::string_view function : functions) {
-                if (name == function) kept.push_back(std::move(line));
-            }
-        }
+            return std::find(functions.begin(), functions.end(), name) == functions.end();
+        });
         return kept;
     }
 
   private:
     int file_;
     int stderr_;
-    size_t taken_ = 0;
+    off_t taken_ = 0;
 };
 
 }  // namespace trelm::test
