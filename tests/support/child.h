@@ -28,24 +28,12 @@ bool eventually(const Condition& condition) {
     return true;
 }
 
-// A value that this process and the children it makes later see alike.
+// A value that this process and the children it makes later see alike, as long as any of them lives.
 template <typename Value>
-class Shared {
-  public:
-    Shared()
-        : memory_(mmap(nullptr, sizeof(Value), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) {
-        new (memory_) Value{};
-    }
-    ~Shared() { munmap(memory_, sizeof(Value)); }
-    Shared(const Shared&) = delete;
-    Shared& operator=(const Shared&) = delete;
-
-    Value& operator*() const { return *static_cast<Value*>(memory_); }
-    Value* operator->() const { return &**this; }
-
-  private:
-    void* memory_;
-};
+Value& make_common() {
+    return *new (mmap(nullptr, sizeof(Value), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))
+        Value{};
+}
 
 class Child {
   public:
