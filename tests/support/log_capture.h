@@ -27,9 +27,7 @@ inline constexpr uint32_t kAllLines = 6;
 
 // Sets the debug flags as a user does, in the environment, where every load and open reads them again.
 inline void set_debug_flags(uint32_t flags) {
-    char text[16];
-    snprintf(text, sizeof text, "%x", flags);
-    setenv("TRELM_API_DEBUG", text, 1);
+    setenv("TRELM_API_DEBUG", std::to_string(flags).c_str(), 1);
     trelm_set_debug_level();
 }
 
