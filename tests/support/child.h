@@ -16,14 +16,13 @@
 
 namespace trelm::test {
 
-inline void nap() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
-
 // Whether `condition` comes true while one waits.
 template <typename Condition>
 bool eventually(const Condition& condition) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(120);
-    for (; !condition(); nap()) {
+    while (!condition()) {
         if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
 }
@@ -50,8 +49,7 @@ class Child {
     ~Child() {
         if (id_ > 0) kill_and_wait();
     }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
+    Child(Child&&) = delete;
 
     pid_t id() const { return id_; }
     // The exit status, or the signal that ended it as a negative number; one that hangs is killed.

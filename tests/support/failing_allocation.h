@@ -40,8 +40,7 @@ class FailingAllocation {
         allocation_is_to_fail = true;
     }
     ~FailingAllocation() { allocation_is_to_fail = false; }
-    FailingAllocation(const FailingAllocation&) = delete;
-    FailingAllocation& operator=(const FailingAllocation&) = delete;
+    FailingAllocation(FailingAllocation&&) = delete;
 };
 
 }  // namespace trelm::test

@@ -54,8 +54,7 @@ class LogCapture {
         if (::testing::Test::HasFailure()) fputs(take_text().c_str(), stderr);
         close(file_);
     }
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
+    LogCapture(LogCapture&&) = delete;
 
     // What was written since the last take.
     std::string take_text() {
