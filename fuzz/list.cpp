@@ -3,8 +3,6 @@
 
 namespace {
 
-constexpr size_t kMostElements = 1200;  // several times what the sort takes in one piece
-
 // Elements are bytes; equal ones are told apart by address.
 int compare(void* a, void* b) { return *static_cast<uint8_t*>(a) - *static_cast<uint8_t*>(b); }
 int is_less(void* a, void* b) { return compare(a, b) < 0; }
@@ -32,8 +30,8 @@ struct Step {
 };
 
 constexpr void (*kOperations[])(Step&) = {
-    [](Step& s) {  // one, and now and then many
-        for (int i = s.number < 0xF000 ? 1 : 400; i > 0 && s.size() < kMostElements; --i, s.number += 7)
+    [](Step& s) {  // one, and now and then many; in all several times what the sort takes in one piece
+        for (int i = s.number < 0xF000 ? 1 : 400; i > 0 && s.size() < 1200; --i, s.number += 7)
             s.model.insert(trelm_dlist_insert(s.list, s.element(), s.forward), s.forward);
     },
     [](Step& s) { s.model.put(s.size(), trelm_dlist_push(s.list, s.element())); },
@@ -54,7 +52,9 @@ constexpr void (*kOperations[])(Step&) = {
     },
     [](Step& s) {
         trelm_dlist_move(s.list, s.other, s.node_there(), s.forward);
-        if (s.size()) s.other_model.insert(s.model.remove(s.somewhere(), s.forward), s.forward);
+        if (!s.size()) return;
+        s.other_model.insert(s.model.remove(s.somewhere(), s.forward), s.forward);
+        REQUIRE(s.size() || !s.list->head->next);  // the last one takes the ring along
     },
     [](Step& s) {
         trelm_dlist_sort_custom(s.list, compare);
