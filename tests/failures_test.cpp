@@ -125,21 +125,22 @@ TEST_P(Calls, AreTracedAndTranslateFailuresOfTheDriver) {
 }
 
 TEST_P(Calls, SayWhatTheyCouldNotAllocate) {
-    constexpr size_t kBlock = 262444;  // a native SCSI command with its header
+    // What requests are kept in; the second request of a call finds the block of its first.
+    constexpr size_t kSmall = 520;
+    constexpr size_t kLarge = 262444;
     const auto of_driver = [this](auto... texts) { return std::array{texts...}[kind]; };
     const std::string own = transport(GetParam());
     std::vector<std::tuple<size_t, unsigned, const Call*, std::string>> rows{
-        {512, 0, &get_stats, get_stats.line(of_driver("nqstats", "nstats", "stats"))},
-        {native ? kBlock : 320, 0, &send, send.line(of_driver("nqcmd", "ncmd", "cmd"))},
+        {kSmall, 0, &get_stats, get_stats.line(of_driver("nqstats", "nstats", "stats"))},
+        {native ? kLarge : kSmall, 0, &send, send.line(of_driver("nqcmd", "ncmd", "cmd"))},
         {16384, 0, &get_targets, get_targets.line("pdata")},
         {64, 0, &get_targets,
          get_targets.line(of_driver("native nqtgt_info", "native ntgt_info", "ioctl tgt_info"))},
         {16384, 0, &get_luns, get_luns.line("pdata")},
-        {kBlock, 1, &send, own + "send_scsi_cmd(1): pcmd_cb"},
-        {520, 0, &get_stats, own + "get_port_stats(1): pstats_cb"},
-        {520, 0, &get_port, own + "get_port_info(1): port_info_cb"},
-        {72, 0, &get_port, own + "get_fcf_info(1): pfcf_cb"},
-        {72, 0, &get_targets, own + "get_tgt_info(1): ptgt_cb"}};
+        {kLarge, 1, &send, own + "send_scsi_cmd(1): pcmd_cb"},
+        {kSmall, 1, &get_stats, own + "get_port_stats(1): pstats_cb"},
+        {kSmall, 0, &get_port, own + "get_port_info(1): port_info_cb"},
+        {kSmall, 0, &get_targets, own + "get_tgt_info(1): ptgt_cb"}};
     if (!native) rows.resize(5);
     for (const auto& [size, after, call, line] : rows) {
         TRELM_FreeLibrary();  // with what is kept for the next command
