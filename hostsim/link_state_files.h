@@ -15,6 +15,8 @@ inline constexpr const char* kLegacyNodePath = "/dev/char/vmkdriver/dorfc";
 struct LinkStateFile {
     std::string name;  // within the directory
     std::string text;
+
+    bool operator==(const LinkStateFile&) const = default;
 };
 
 // The files of the moment; none where the legacy driver is not there.
