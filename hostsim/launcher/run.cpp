@@ -86,6 +86,10 @@ std::string search_path(const fs::path& root) {
     for (const std::string& directory : split(variable("PATH"), ":"))
         if (!directory.ends_with(kOwnCommands)) directories.push_back(directory);
     if (directories.size() == 1) directories.insert(directories.end(), {"/usr/bin", "/bin"});
+    // What lies beside the launcher, the tool above all, is found without its path.
+    const std::string own = launcher_path().parent_path().string();
+    if (std::find(directories.begin(), directories.end(), own) == directories.end())
+        directories.push_back(own);
     return join(directories, ":");
 }
 
