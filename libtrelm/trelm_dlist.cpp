@@ -289,7 +289,7 @@ void merge_equals(const Item* from, size_t width, Item* to, trelm_dlist_compare 
 
 // Each pair in order, then the lesser ones and the greater ones against each other: that gives the first and
 // the last, and what is left are two.
-void sort_group(Item (&items)[kGroup], trelm_dlist_compare compare) {
+void sort_group(Item* items, trelm_dlist_compare compare) {
     const auto exceeds = [compare](const Item& a, const Item& b) { return compare(a.data, b.data) > 0; };
     const bool swaps_first = exceeds(items[0], items[1]);
     const bool swaps_second = exceeds(items[2], items[3]);
@@ -332,7 +332,7 @@ Chain sort_run(Chain run, trelm_dlist_compare compare) {
     for (trelm_dl_node* node = run.first; node; node = node->next) items[count++] = {node->data, node};
     size_t grouped = 0;
     for (; grouped + kGroup <= count; grouped += kGroup)
-        sort_group(reinterpret_cast<Item(&)[kGroup]>(items[grouped]), compare);
+        sort_group(items + grouped, compare);
     insertion_sort(items + grouped, count - grouped, compare);
 
     Item* sorted = items;
