@@ -68,7 +68,7 @@ fs::path listed_root() {
     const fs::path path = started_as == nullptr ? "" : started_as;
     if (path.filename() == "lsof" && path.parent_path().filename() == "bin") {
         std::error_code error;
-        const fs::path root = fs::canonical(path.parent_path() / ".." / "..", error);
+        fs::path root = fs::canonical(path.parent_path() / ".." / "..", error);
         if (!error && fs::exists(root / ".hostsim" / "state")) return root;
     }
     const char* root = std::getenv(kRootVariable);
