@@ -41,9 +41,9 @@ Template::Template(char* text) noexcept : text_(text) {
 
 Template::~Template() {
     if (!is_mapped_) return;
-    const char* name = std::strrchr(mapped_, '/');
+    const std::string_view name = std::strrchr(mapped_, '/');
     char* own_name = std::strrchr(text_, '/');
-    if (std::strlen(name) == std::strlen(own_name)) std::memcpy(own_name, name, std::strlen(name));
+    if (name.size() == std::strlen(own_name)) name.copy(own_name, name.size());
 }
 
 void show_path(char* path) noexcept {

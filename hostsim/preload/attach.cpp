@@ -60,7 +60,9 @@ bool is_simulators_own() {
     const std::string root = value(kRootVariable);
     if (root.empty() || is_simulators_own()) return;
     try {
-        State::attach(root, lines(value(kPassedVariable))).release();
+        // For as long as the process lives.
+        [[maybe_unused]] const State* const state =
+            State::attach(root, lines(value(kPassedVariable))).release();
         variables.store(read_variables());
     } catch (const std::exception& error) {
         // To go on would be to work on the machine's own files.

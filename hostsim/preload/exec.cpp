@@ -47,10 +47,11 @@ int with_environment(char* const* list, const Call& call) noexcept {
     if (char* const* at = find(list, preload);
         at != nullptr && std::strstr(*at, host->preload.c_str()) == nullptr) {
         const char* theirs = std::strchr(*at, '=') + 1;
-        char* joined = static_cast<char*>(alloca(preload.size() + 1 + std::strlen(theirs) + 1));
+        const size_t their_size = std::strlen(theirs) + 1;
+        char* joined = static_cast<char*>(alloca(preload.size() + 1 + their_size));
         std::memcpy(joined, preload.c_str(), preload.size());
         joined[preload.size()] = ':';
-        std::strcpy(joined + preload.size() + 1, theirs);
+        std::memcpy(joined + preload.size() + 1, theirs, their_size);
         extended[at - list] = joined;
     }
     return call(extended);

@@ -73,5 +73,6 @@ class Next<Result(Parameters...)> {
 
 #define NEXT(name) next_##name
 
-#define INTERPOSE(result, name, parameters, arguments) \
+// `arguments` come in parentheses of their own.
+#define INTERPOSE(result, name, parameters, arguments) /* NOLINTNEXTLINE(bugprone-macro-parentheses) */ \
     INTERPOSED(result, name, parameters) { return NEXT(name) arguments; }

@@ -68,7 +68,7 @@ trelm::LocationIndex::Entry& trelm::LocationIndex::slot(uint64_t location) const
 
 // Keeps half of the table free. False when memory is exhausted.
 bool trelm::LocationIndex::reserve() {
-    if (2 * (count_ + 1) <= capacity_) return true;
+    if (entries_ && 2 * (count_ + 1) <= capacity_) return true;
     const size_t wanted = capacity_ ? 2 * capacity_ : kFirstCapacity;
     Heap<Entry> grown(wanted);
     if (!grown) return false;
@@ -76,7 +76,7 @@ bool trelm::LocationIndex::reserve() {
     const size_t old_capacity = capacity_;
     entries_ = grown.let_go();
     capacity_ = wanted;
-    for (size_t i = 0; i < old_capacity; ++i) {
+    for (size_t i = 0; old && i < old_capacity; ++i) {
         if (old[i].taken) slot(old[i].location) = old[i];
     }
     free(old);
