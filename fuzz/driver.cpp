@@ -1,14 +1,13 @@
 // driver.cpp - hostile drivers: whatever the drivers of all three kinds answer, every public function keeps
 // within the caller's buffers and within the codes that it may return.
 #include "../tests/support/guarded.h"
-#include "bare_host.h"
+#include "hostile_host.h"
 #include "trelm_core.h"
 #include "trelm_dbg.h"
 #include "trelm_mgmt.h"
 
 namespace {
 
-using trelm::fuzz::BareHost;
 using trelm::fuzz::Input;
 using trelm::test::Guarded;
 using trelm::test::GuardedBytes;
@@ -90,49 +89,33 @@ void send_command(Input& input, uint32_t handle, uint32_t npiv) {
     REQUIRE(memcmp(before.data(), command.data(), command.size()) == 0 && command.guards_intact());
 }
 
-void reload() {
-    REQUIRE(TRELM_FreeLibrary() == TRELM_STATUS_OK);
-    check_code(TRELM_LoadLibrary());
-}
-
 void call_something(Input& input) {
     const uint32_t call = input.below(10);
-    const uint32_t handle = 1 + input.below(8);
-    const uint32_t npiv = input.below(4);
-    switch (call) {
-        case 0:
-        case 1:
-            return open_port(input);
-        case 2:
-            return check_code_or_errno(TRELM_CloseAdapter(handle));
-        case 3:
-            return ask<TRELM_FCOE_INFO>(input, [&](auto* info) { return TRELM_GetFcoeInfo(handle, info); });
-        case 4:
-            return ask<TRELM_VNPORT_INFO>(
-                input, [&](auto* info) { return TRELM_GetVNPortInfo(handle, npiv, info); });
-        case 5:
-            return ask<TRELM_PORT_STATS>(
-                input, [&](auto* stats) { return TRELM_GetPortStats(handle, npiv, stats); });
-        case 6:
-            return list_targets(input, handle, npiv);
-        case 7:
-            return list_luns(input, handle, npiv);
-        case 8:
-            return send_command(input, handle, npiv);
-        default:
-            return reload();
-    }
+    const uint32_t handle = 1 + input.below(8), npiv = input.below(4);
+    if (call < 2) return open_port(input);
+    if (call == 2) return check_code_or_errno(TRELM_CloseAdapter(handle));
+    if (call == 3)
+        return ask<TRELM_FCOE_INFO>(input, [&](auto* info) { return TRELM_GetFcoeInfo(handle, info); });
+    if (call == 4)
+        return ask<TRELM_VNPORT_INFO>(input,
+                                      [&](auto* info) { return TRELM_GetVNPortInfo(handle, npiv, info); });
+    if (call == 5)
+        return ask<TRELM_PORT_STATS>(input,
+                                     [&](auto* stats) { return TRELM_GetPortStats(handle, npiv, stats); });
+    if (call == 6) return list_targets(input, handle, npiv);
+    if (call == 7) return list_luns(input, handle, npiv);
+    if (call == 8) return send_command(input, handle, npiv);
+    REQUIRE(TRELM_FreeLibrary() == TRELM_STATUS_OK);
+    check_code(TRELM_LoadLibrary());
 }
 
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Input input(data, size);
-    BareHost host(input);
     const auto choices = input.take<uint8_t>();
+    const trelm::fuzz::HostileHost host(input, (choices & 2) == 0);
     trelm_debug = choices & 1 ? kTraceAndErrors : 0;
-    host.legacy_node = (choices & 2) == 0;
-    host.link_files = {{"1", "SCSI Device Information\n00\nLPORT_ST_READY\n"}};
     check_code(TRELM_LoadLibrary());
     uint32_t count = 0;
     check_code(TRELM_GetPortCount(&count));

@@ -1,38 +1,48 @@
 // link_state.cpp - hostile link-state files: names and texts of any length and content.
+#include <dirent.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "../tests/support/guarded.h"
-#include "bare_host.h"
+#include "../tests/support/stand_before.h"
+#include "target.h"
 #include "trelm_core.h"
 
 namespace {
 
-using trelm::fuzz::BareHost;
+namespace fs = std::filesystem;
 using trelm::fuzz::Input;
 
-constexpr char kDirectory[] = "/proc/scsi/dorfc/";
+const std::string directory = fs::temp_directory_path() / ("link-state-" + std::to_string(getpid()));
 constexpr uint32_t kMaxNames = 128;
 constexpr size_t kNameRoom = 32;
 
-std::string text_of(std::span<const uint8_t> bytes) { return {bytes.begin(), bytes.end()}; }
-
-void add_files(Input& input, BareHost& host) {
-    for (uint32_t files = input.take<uint8_t>(); files > 0; --files) {
-        std::string name = text_of(input.bytes(input.below(48)));
-        host.link_files.emplace_back(name.substr(0, name.find('\0')), "");
-    }
-    host.link_files.emplace_back("last", text_of(input.bytes(SIZE_MAX)));
+// The text of the last.
+std::string write_files(Input& input) {
+    fs::create_directory(directory);
+    const auto text = [&input](size_t size) {
+        const auto bytes = input.bytes(size);
+        return std::string(bytes.begin(), bytes.end());
+    };
+    for (uint32_t files = input.take<uint8_t>(); files > 0; --files)
+        std::ofstream(directory + "/" + text(input.below(48)).c_str());
+    std::string last = text(SIZE_MAX);
+    std::ofstream(directory + "/last") << last;
+    return last;
 }
 
 // Every name that fits stands in the table, in order, with its end.
-void check_table(const BareHost& host) {
+void check_table() {
     trelm::test::GuardedBytes table(kMaxNames * kNameRoom);
-    uint32_t count = 0;
-    REQUIRE(trelm_read_directory(kDirectory, reinterpret_cast<char(*)[32]>(table.data()), &count) == 0);
+    uint32_t count = 0, expected = 0;
+    REQUIRE(!trelm_read_directory(directory.c_str(), reinterpret_cast<char(*)[32]>(table.data()), &count));
     REQUIRE(table.guards_intact());
-    uint32_t expected = 0;
-    for (const auto& [name, text] : host.link_files) {
-        if (name.size() >= kNameRoom || name == "." || name == ".." || expected == kMaxNames) continue;
+    for (const auto& file : fs::directory_iterator(directory)) {
+        const std::string name = file.path().filename();
+        if (name.size() >= kNameRoom || expected == kMaxNames) continue;
         const auto* slot = reinterpret_cast<const char*>(table.data()) + expected++ * kNameRoom;
         REQUIRE(std::string(slot, strnlen(slot, kNameRoom)) == name);
     }
@@ -50,19 +60,27 @@ bool may_be_ready(const std::string& text, uint64_t wwpn) {
 
 }  // namespace
 
+// The driver's directory is this one.
+STANDS_BEFORE(DIR*, opendir, (const char* path)) {
+    return NEXT_OF(opendir)(CALLED_BY_LIBRARY() ? directory.c_str() : path);
+}
+STANDS_BEFORE(int, open, (const char* path, int flags, mode_t mode)) {
+    return NEXT_OF(open)(CALLED_BY_LIBRARY() ? (directory + strrchr(path, '/')).c_str() : path, flags, mode);
+}
+
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    REQUIRE(trelm::test::find_library());
     Input input(data, size);
-    Input nothing(nullptr, 0);
-    BareHost host(nothing);
     trelm_priv_db pdb = {};
     pdb.wwpn = input.take<uint64_t>();
-    add_files(input, host);
-    check_table(host);
+    const std::string last = write_files(input);
+    check_table();
 
-    const bool ready = trelm_read_file_for_link("/proc/scsi/dorfc/last", &pdb) == 0;
+    const bool ready = trelm_read_file_for_link((directory + "/last").c_str(), &pdb) == 0;
     REQUIRE(pdb.port_state == (ready ? TRELM_PORTSTATE_ONLINE : 0));
-    REQUIRE(!ready || may_be_ready(host.link_files.back().second, pdb.wwpn));
+    REQUIRE(!ready || may_be_ready(last, pdb.wwpn));
     trelm_get_dorfc_link_state(&pdb);
     REQUIRE(pdb.port_state == TRELM_PORTSTATE_ONLINE || pdb.port_state == TRELM_PORTSTATE_LINKDOWN);
+    fs::remove_all(directory);
     return 0;
 }

@@ -2,18 +2,18 @@
 // joins, takes a slot by its rule, changes nothing else, and leaves.
 #include "trelm_core/shared_db.h"
 
-#include <sys/stat.h>
-
+#include <fstream>
 #include <vector>
 
-#include "bare_host.h"
+#include "hostile_host.h"
 #include "trelm_core.h"
 
 namespace {
 
-using trelm::fuzz::BareHost;
+namespace fs = std::filesystem;
 using trelm::fuzz::Input;
 
+constexpr char kFile[] = "/tmp/trelm_shared.dat";  // of the simulated host
 using Bytes = std::vector<uint8_t>;
 
 trelm_shared_db& as_database(Bytes& bytes) { return *reinterpret_cast<trelm_shared_db*>(bytes.data()); }
@@ -36,26 +36,26 @@ unsigned join(trelm_shared_db& database) {
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Input input(data, size);
     Input nothing(nullptr, 0);
-    BareHost host(nothing);
+    trelm::fuzz::HostileHost host(nothing);
     const auto listing = input.bytes(input.below(64));
     host.listing.assign(listing.begin(), listing.end());
     const size_t file_size = input.take<uint32_t>() % (2 * sizeof(trelm_shared_db));
     const auto begin = input.bytes(file_size);
-    host.make_shared_file(file_size, begin);
+    std::ofstream(kFile).write(reinterpret_cast<const char*>(begin.data()), std::ssize(begin));
+    fs::resize_file(kFile, file_size);
     Bytes expected(begin.begin(), begin.end());
     expected.resize(std::max(file_size, sizeof(trelm_shared_db)));
     const unsigned slot = join(as_database(expected));
 
     int32_t fd = -1;
     REQUIRE(trelm_open_database(&fd) == 0 && fd == trelm_shm_fildes);
-    struct stat status;
-    REQUIRE(fstat(fd, &status) == 0 && static_cast<size_t>(status.st_size) == expected.size());
+    REQUIRE(fs::file_size(kFile) == expected.size());
     REQUIRE(trelm_library_instance == slot);
     REQUIRE(memcmp(trelm_shared_data, expected.data(), sizeof(trelm_shared_db)) == 0);
 
     const bool last = trelm_get_total_libinst_count() == 1;
     REQUIRE(trelm_close_database(fd) == 0);
     REQUIRE(!trelm_shared_data && trelm_shm_fildes == -1);
-    REQUIRE(host.has_shared_file() == !last);
+    REQUIRE(fs::exists(kFile) == !last);
     return 0;
 }

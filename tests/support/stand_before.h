@@ -43,7 +43,7 @@ inline bool in_library(const void* code) {
 // own.
 #define STANDS_BEFORE(result, name, parameters)                                                    \
     extern "C" [[gnu::visibility("default")]] result before_##name parameters __asm__(#name);      \
-    static auto next_##name() {                                                                    \
+    [[maybe_unused]] static auto next_##name() {                                                   \
         static auto* const next = reinterpret_cast<result(*) parameters>(dlsym(RTLD_NEXT, #name)); \
         return next;                                                                               \
     }                                                                                              \

@@ -1,0 +1,99 @@
+// hostile_host.cpp - what the drivers answer, and the functions of libc that would cost a process, wait for a
+// disk or show the log.
+#include "hostile_host.h"
+
+#include "../tests/support/stand_before.h"
+#include "hosts.h"
+#include "trelm_driver_records.h"
+
+namespace trelm::fuzz {
+namespace {
+
+using hostsim::Operation;
+
+Input* input = nullptr;
+HostileHost* current = nullptr;
+
+// Nothing of earlier commands shows behind what a native one sends; the legacy driver works in the caller's
+// buffer, all over it.
+void take_command(const hostsim::Answer& given, bool native) {
+    const auto& command = given.as<dorfc_scsi_cmd>();
+    REQUIRE(command.cdb_len <= kScsiMaxCdb && command.sense_len <= kScsiMaxSense);
+    REQUIRE(command.direction <= SCSI_DIRECTION_OUT);
+    REQUIRE(command.direction != SCSI_DIRECTION_NONE || command.data_len == 0);
+    const size_t sent = command.direction == SCSI_DIRECTION_OUT ? command.data_len : 0;
+    const std::span<uint8_t> rest = given.data.subspan(sent);  // of the caller's, room for data that comes in
+    if (native) REQUIRE(std::ranges::count(rest, 0) == std::ssize(rest));
+    if (native || rest.empty()) return;
+    memset(rest.data(), 0, rest.size());
+    std::ranges::copy(input->bytes(std::min<size_t>(rest.size(), 64)), rest.begin());
+}
+
+// What an answer begins with where a record of zeros would end its port's story.
+void suggest(const hostsim::Answer& given) {
+    constexpr uint16_t kDevices[]{0x8080, 0x16A1, 0x168E};
+    const auto operation = given.call.operation;
+    if (operation == Operation::hba_count) given.payload[0] = static_cast<uint8_t>(input->below(8));
+    if (operation == Operation::port_info) given.as<dorfc_port_info>().tgt_cnt = 2;
+    if (operation == Operation::pci_info)
+        given.as<dorfc_pci_info>().device_id = kDevices[static_cast<size_t>(given.call.driver)];
+}
+
+// An answer in the input: its shape, then what the shape announces. The payload is the request's with one
+// byte all over it, with patches, or as it was; of a native SCSI command the command and the beginning of its
+// data.
+void answer(hostsim::Answer& given) {
+    if (given.call.operation == Operation::scsi)
+        take_command(given, given.call.driver != hostsim::DriverKind::legacy);
+    suggest(given);
+    given.status = 1, given.result = 0;
+    if (input->empty()) return;
+    const auto shape = input->take<uint8_t>();
+    const size_t size = std::min(given.payload.size(), offsetof(kronfc_scsi_cmd, data_buffer) + 128);
+    given.status = (shape & 1) == 0 ? 0 : shape & 2 ? input->take<uint32_t>() : input->take<uint8_t>();
+    if (shape & 4) memset(given.payload.data(), input->take<uint8_t>(), size);
+    for (int patches = shape >> 4; patches > 0; --patches) {
+        const size_t at = input->take<uint16_t>() % size;
+        const auto patch = input->bytes(std::min<size_t>(input->below(33), size - at));
+        std::ranges::copy(patch, given.payload.data() + at);
+    }
+    if (shape & 8) given.result = -1, given.error = input->take<uint8_t>();
+}
+
+}  // namespace
+
+STANDS_BEFORE(int, vmk_MgmtUserInit, (vmk_MgmtApiSignature * api, uint64_t cookie, uint64_t* handle)) {
+    const int refusal = input->empty() ? ENOENT : input->take<uint8_t>() & 0x3;
+    return refusal ? refusal : NEXT_OF(vmk_MgmtUserInit)(api, cookie, handle);
+}
+
+STANDS_BEFORE(FILE*, popen, (const char* command, const char* mode)) {
+    if (!CALLED_BY_LIBRARY()) return NEXT_OF(popen)(command, mode);
+    return fmemopen(current->listing.data(), current->listing.size(), "r");
+}
+
+STANDS_BEFORE(int, pclose, (FILE * stream)) {
+    return CALLED_BY_LIBRARY() ? fclose(stream) : NEXT_OF(pclose)(stream);
+}
+
+// Nobody looks at the disk.
+STANDS_BEFORE(int, fsync, (int)) { return 0; }
+STANDS_BEFORE(int, msync, (void*, size_t, int)) { return 0; }
+
+// A line of the log is looked at to its end, and not shown.
+STANDS_BEFORE(int, fputs, (const char* text, FILE* stream)) {
+    if (!CALLED_BY_LIBRARY()) return NEXT_OF(fputs)(text, stream);
+    REQUIRE(strlen(text) < 256);
+    return 0;
+}
+
+HostileHost::HostileHost(Input& answers, bool legacy_node) {
+    static hostsim::Host host(hostsim::hosts::empty());  // to make one takes longer than most inputs
+    REQUIRE(test::find_library());
+    input = &answers, current = this;
+    host.model() = hostsim::hosts::empty(legacy_node);
+    host.clear_calls();
+    host.tamper = answer;
+}
+
+}  // namespace trelm::fuzz
