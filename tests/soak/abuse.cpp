@@ -1,15 +1,13 @@
-#include "abuse.h"
+// abuse.cpp - what others may have put where the library's shared file and semaphores belong.
+#include "crowd.h"
 
 #include <sys/sem.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 
-#include "crowd.h"
-#include "user.h"
+#include "../support/child.h"
 
 namespace trelm::soak {
 namespace {
@@ -57,15 +55,7 @@ constexpr Abuse kAbuses[] = {
 };
 
 bool load_ends_well(bool refused) {
-    const pid_t id = fork();
-    if (id == 0) {
-        alarm(60);  // ends the process
-        load_once(refused);
-    }
-    int status = 0;
-    while (waitpid(id, &status, 0) != id) {
-    }
-    return status == 0;
+    return test::in_child([refused]() -> int { load_once(refused); }) == 0;
 }
 
 }  // namespace
@@ -75,11 +65,11 @@ unsigned run_abuses() {
         std::ofstream(kVictim, std::ios::binary) << kPrecious;
         abuse.prepare();
         if (!load_ends_well(abuse.refused))
-            fail("%s was not %s", abuse.what, abuse.refused ? "refused" : "recovered from");
-        if (!abuse.holds()) fail("%s did not stay as it was", abuse.what);
+            fail("{} was not {}", abuse.what, abuse.refused ? "refused" : "recovered from");
+        if (!abuse.holds()) fail("{} did not stay as it was", abuse.what);
         if (const int set = set_of(0); set >= 0) semctl(set, 0, IPC_RMID);
         for (const char* path : {kSharedFile, kVictim}) fs::remove(path);
-        if (!load_ends_well(false)) fail("after %s the library did not load", abuse.what);
+        if (!load_ends_well(false)) fail("after {} the library did not load", abuse.what);
     }
     return std::size(kAbuses);
 }

@@ -3,39 +3,24 @@
 #include "crowd.h"
 
 #include <sys/file.h>
-#include <sys/ipc.h>
-#include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <csignal>
-#include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <ctime>
-#include <new>
-
+#include "../support/child.h"
 #include "../support/stand_before.h"
-#include "user.h"
 
 namespace trelm::soak {
 
-Crowd* crowd = nullptr;
+Crowd* const crowd = &test::make_common<Crowd>();
 
 namespace {
 
-constexpr size_t kFileSize = 163840;
 constexpr int64_t kDawdling = 10'000'000'000;  // at most
 constexpr uint32_t kTaken = 0x4;
-constexpr uint32_t kEverySlot = (1U << kSlots) - 1;
 
 struct Self {
-    uint32_t number = 0;  // 0: no process of the crowd
+    User user;  // of number 0: no process of the crowd
     uint64_t calls = 0;
-    uint64_t fatal_call = 0;
-    bool dawdles = false;
     const uint8_t* instance = nullptr;  // the library's slot
     int32_t set = -1;                   // the database's semaphore
     const uint32_t* flags = nullptr;    // of the slots, in the mapped file
@@ -44,14 +29,14 @@ struct Self {
     bool leaving = false;
 };
 Self self;
+const uint32_t& me = self.user.number;
 
-bool is_inside() { return crowd->inside == self.number; }
-bool lives(uint32_t number) { return number != 0 && number != self.number && !crowd->gone[number]; }
+bool lives(uint32_t number) { return number != 0 && number != me && !crowd->gone[number]; }
 
 void kill_point() {
-    if (self.fatal_call == 0 || ++self.calls != self.fatal_call) return;
-    crowd->gone[self.number] = true;
-    if (is_inside()) {
+    if (self.user.fatal_call == 0 || ++self.calls != self.user.fatal_call) return;
+    crowd->gone[me] = true;
+    if (crowd->inside == me) {
         ++crowd->killed_inside;
         crowd->killed_at = now();
     }
@@ -59,16 +44,13 @@ void kill_point() {
 }
 
 // ---- The region
-// -----------------------------------------------------------------------------------------------------
 
 void enter() {
-    const uint32_t other = crowd->inside.exchange(self.number);
-    if (lives(other)) fail("process %u came in while process %u was inside", self.number, other);
+    const uint32_t other = crowd->inside.exchange(me);
+    if (lives(other)) fail("process {} came in while process {} was inside", me, other);
     ++crowd->entries;
     const int64_t killed_at = crowd->killed_at.exchange(0);
-    if (killed_at == 0) return;
-    const int64_t waited = now() - killed_at;
-    if (waited > crowd->longest_wait) crowd->longest_wait = waited;
+    if (killed_at != 0) crowd->longest_wait = std::max<int64_t>(crowd->longest_wait, now() - killed_at);
 }
 
 // Its holder, or one whom a reset of all slots displaced, has taken the mark off or found it off.
@@ -77,24 +59,19 @@ void forget_holder(unsigned slot) {
     crowd->doubtful &= ~(1U << slot);
 }
 
-void give_slot_back() {
+void leave() {
     if (self.leaving && *self.instance < kSlots) forget_holder(*self.instance);
     self.leaving = false;
-}
-
-void leave() {
-    give_slot_back();
-    uint32_t me = self.number;
-    if (!crowd->inside.compare_exchange_strong(me, 0))
-        fail("process %u went out of the region where process %u was", self.number, me);
+    uint32_t inside = me;
+    if (!crowd->inside.compare_exchange_strong(inside, 0))
+        fail("process {} went out of the region where process {} was", me, inside);
 }
 
 void demand_guard(const char* call) {
-    if (!is_inside()) fail("process %u called %s for the shared file without the guard", self.number, call);
+    if (crowd->inside != me) fail("process {} called {} for the shared file without the guard", me, call);
 }
 
 // ---- Slots
-// ----------------------------------------------------------------------------------------------------------
 
 bool was_marked(unsigned slot) { return (self.before[slot] & kTaken) != 0; }
 
@@ -108,83 +85,57 @@ void settle_doubts() {
     for (unsigned slot = 0; slot < kSlots; ++slot) {
         if ((crowd->doubtful & 1U << slot) != 0 && !was_marked(slot)) forget_holder(slot);
     }
-    crowd->doubtful = first_free_slot() == kSlots ? kEverySlot : 0;
-}
-
-void check_holders_are_marked() {
-    for (unsigned slot = 0; slot < kSlots; ++slot) {
-        if (lives(crowd->holders[slot]) && !was_marked(slot))
-            fail("slot %u of living process %u was marked free", slot, crowd->holders[slot].load());
-    }
+    crowd->doubtful = first_free_slot() == kSlots ? (1U << kSlots) - 1 : 0;
 }
 
 void check_reset() {
     ++crowd->resets;
-    for (unsigned slot = 1; slot < kSlots; ++slot) {
+    for (unsigned slot = 0; slot < kSlots; ++slot) {
         forget_holder(slot);
-        if ((self.flags[slot] & kTaken) != 0) fail("slot %u stayed marked when all were taken", slot);
+        if (slot != 0 && (self.flags[slot] & kTaken) != 0)
+            fail("slot {} stayed marked when all were taken", slot);
     }
-    forget_holder(0);
-}
-
-void check_size() {
-    struct stat status {};
-    if (stat(kSharedFile, &status) != 0 || status.st_size != kFileSize)
-        fail("the shared file had %lld bytes", static_cast<long long>(status.st_size));
 }
 
 // The process has just taken its slot.
 void check_slot() {
-    check_size();
-    check_holders_are_marked();
-    unsigned slot = first_free_slot();
-    if (slot == kSlots) {
-        check_reset();
-        slot = 0;
+    struct stat status {};
+    if (stat(kSharedFile, &status) != 0 || status.st_size != kFileSize)
+        fail("the shared file had {} bytes", status.st_size);
+    for (unsigned slot = 0; slot < kSlots; ++slot) {
+        if (lives(crowd->holders[slot]) && !was_marked(slot))
+            fail("slot {} of living process {} was marked free", slot, crowd->holders[slot].load());
     }
-    if (*self.instance != slot)
-        fail("process %u got slot %u in place of %u", self.number, *self.instance, slot);
-    if ((self.flags[slot] & kTaken) == 0) fail("slot %u was not marked by its holder", slot);
-    if (lives(crowd->holders[slot])) fail("slot %u is held twice", slot);
-    crowd->holders[slot] = self.number;
+    const unsigned slot = first_free_slot() % kSlots;
+    if (was_marked(slot)) check_reset();
+    if (*self.instance != slot) fail("process {} got slot {} in place of {}", me, *self.instance, slot);
+    if ((self.flags[slot] & kTaken) == 0) fail("slot {} was not marked by its holder", slot);
+    if (lives(crowd->holders[slot])) fail("slot {} is held twice", slot);
+    crowd->holders[slot] = me;
 }
 
 void file_is_removed() {
     for (unsigned slot = 0; slot < kSlots; ++slot) {
         const uint32_t holder = crowd->holders[slot];
-        if (lives(holder)) fail("the file of living process %u was removed", holder);
+        if (lives(holder)) fail("the file of living process {} was removed", holder);
         forget_holder(slot);
     }
 }
 
 // ---- Semaphores
-// -----------------------------------------------------------------------------------------------------
 
 void note_first_value(int32_t set) {
     for (size_t i = 0; i < kMostSets; ++i) {
-        std::atomic<int32_t>& place = crowd->valued[(static_cast<size_t>(set) + i) % kMostSets];
         int32_t there = 0;
-        if (place.compare_exchange_strong(there, set + 1)) return;
-        if (there == set + 1) return fail("semaphore set %d got its first value twice", set);
+        if (crowd->valued[(static_cast<size_t>(set) + i) % kMostSets].compare_exchange_strong(there, set + 1))
+            return;
+        if (there == set + 1) return fail("semaphore set {} got its first value twice", set);
     }
 }
 
-bool is_guards(int32_t set) { return set == self.set; }
-
 }  // namespace
 
-int64_t now() {
-    timespec time{};
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
-}
-
-void make_crowd() {
-    void* const memory = mmap(nullptr, sizeof(Crowd), PROT_READ | PROT_WRITE,
-                              MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (memory == MAP_FAILED) abort();
-    crowd = static_cast<Crowd*>(memory);  // zeros are what its members begin with
-}
+int64_t now() { return std::chrono::steady_clock::now().time_since_epoch().count(); }
 
 void forget_all_processes() {
     crowd->inside = 0;
@@ -192,64 +143,40 @@ void forget_all_processes() {
     for (unsigned slot = 0; slot < kSlots; ++slot) forget_holder(slot);
 }
 
-void fail(const char* format, ...) {
-    if (self.number != 0 && crowd->gone[self.number]) return;
+void complain(const std::string& what) {
+    if (me != 0 && crowd->gone[me]) return;
     ++crowd->failures;
-    char text[256];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(text, sizeof text, format, arguments);
-    va_end(arguments);
-    printf("soak: %s\n", text);
+    fmt::print("soak: {}\n", what);
     fflush(stdout);
 }
 
 void join_crowd(const User& user, const uint8_t* library_instance) {
-    self = {};
-    self.number = user.number;
-    self.fatal_call = user.fatal_call;
-    self.dawdles = user.dawdles;
-    self.instance = library_instance;
-    if (!test::find_library()) fail("the library is not in process %u", user.number);
+    self = {.user = user, .instance = library_instance};
+    if (!test::find_library()) fail("the library is not in process {}", me);
 }
 
 // ---- The library's calls
-// --------------------------------------------------------------------------------------------
 
 // A call that is watched, with a point to be killed at before and after it.
-#define WATCHED(result, name, parameters, arguments, before, after)                   \
-    STANDS_BEFORE(result, name, parameters) {                                         \
-        if (self.number == 0 || !CALLED_BY_LIBRARY()) return NEXT_OF(name) arguments; \
-        kill_point();                                                                 \
-        before;                                                                       \
-        const auto outcome = NEXT_OF(name) arguments;                                 \
-        after;                                                                        \
-        kill_point();                                                                 \
-        return outcome;                                                               \
+#define WATCHED(result, name, parameters, arguments, before, after)          \
+    STANDS_BEFORE(result, name, parameters) {                                \
+        if (me == 0 || !CALLED_BY_LIBRARY()) return NEXT_OF(name) arguments; \
+        kill_point();                                                        \
+        before;                                                              \
+        const auto outcome = NEXT_OF(name) arguments;                        \
+        after;                                                               \
+        kill_point();                                                        \
+        return outcome;                                                      \
     }
 
 static bool is_shared_file(const char* path) { return strcmp(path, kSharedFile) == 0; }
 
-static void set_is_got(key_t key, int32_t set) {
-    if (key == kDatabaseKey && set != -1) self.set = set;
-}
-
-static void before_semop(int32_t set, int operation) {
-    if (is_guards(set) && operation > 0) leave();
-}
-static void after_semop(int32_t set, int operation, int outcome) {
-    if (is_guards(set) && operation < 0 && outcome == 0) enter();
-}
-
-// Lets newcomers find the set and wait for it.
-static void dawdle() {
-    crowd->removing = true;
-    const int64_t end = now() + kDawdling;
-    while (semctl(self.set, 0, GETNCNT) == 0 && now() < end) usleep(1000);
-}
 static void before_semctl(int32_t set, int command) {
-    if (command != IPC_RMID || !is_guards(set) || !is_inside()) return;
-    if (self.dawdles) dawdle();
+    if (command != IPC_RMID || set != self.set || crowd->inside != me) return;
+    crowd->removing = self.user.dawdles;
+    // Lets newcomers find the set and wait for it.
+    const int64_t end = now() + kDawdling;
+    while (self.user.dawdles && semctl(set, 0, GETNCNT) == 0 && now() < end) usleep(1000);
     leave();
 }
 
@@ -263,19 +190,17 @@ static void file_is_mapped(void* memory) {
 
 static void before_flush() {
     demand_guard("msync");
-    if (self.joining) {
-        check_slot();
-    } else {
-        self.leaving = true;
-        if (*self.instance < kSlots) crowd->doubtful |= 1U << *self.instance;
-    }
+    if (self.joining) check_slot();
+    self.leaving = !self.joining;
+    if (self.leaving && *self.instance < kSlots) crowd->doubtful |= 1U << *self.instance;
     self.joining = false;
 }
 
-WATCHED(int, semget, (key_t key, int count, int flags), (key, count, flags), , set_is_got(key, outcome))
+WATCHED(int, semget, (key_t key, int count, int flags), (key, count, flags), ,
+        if (key == kDatabaseKey && outcome != -1) self.set = outcome)
 WATCHED(int, semop, (int set, sembuf* steps, size_t count), (set, steps, count),
-        before_semop(set, count == 1 ? steps->sem_op : 0),
-        after_semop(set, count == 1 ? steps->sem_op : 0, outcome))
+        if (set == self.set && steps->sem_op > 0) leave(),
+        if (set == self.set && steps->sem_op < 0 && outcome == 0) enter())
 WATCHED(int, semctl, (int set, int number, int command, void* argument), (set, number, command, argument),
         before_semctl(set, command), if (command == SETVAL && outcome == 0) note_first_value(set))
 WATCHED(int, flock, (int fd, int operation), (fd, operation), , )

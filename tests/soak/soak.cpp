@@ -1,28 +1,17 @@
 // soak.cpp - crowds of processes that load the library, work, free it and are killed, on one simulated host
 // with real semaphores and the real process listing. A crowd has its time, then its last processes end by
 // themselves; one that comes alone after it must find everything in order and leave nothing behind.
-#include <dlfcn.h>
-#include <sys/ipc.h>
 #include <sys/sem.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <map>
 #include <random>
-#include <string>
+#include <regex>
 
-#include "abuse.h"
 #include "crowd.h"
 #include "host.h"
 #include "hosts.h"
-#include "user.h"
 
 namespace trelm::soak {
 namespace {
@@ -43,19 +32,12 @@ constexpr unsigned kFatalCallsWithLog = 2000;
 // semaphore.
 enum class Part { mortal, survivor, dawdler };
 
-struct Figures {
-    uint64_t crowds = 0;
-    uint64_t processes = 0;
-    uint64_t kills = 0;
-    uint64_t log_lines = 0;
-};
-
 class Soak {
   public:
     explicit Soak(unsigned seed) : random_(seed) {}
 
     void run_crowd() {
-        ++figures.crowds;
+        ++crowds_;
         const unsigned size = 2 + pick(kLargestCrowd - 1);
         const int64_t end = now() + kCrowdTime;
         while (now() < end && crowd->failures == 0) {
@@ -88,7 +70,15 @@ class Soak {
         fs::remove(kLogFile, ignored);
     }
 
-    Figures figures;
+    // Whether all was well.
+    bool report(unsigned abuses) const {
+        fmt::print(
+            "soaked {} processes in {} crowds: {} kills survived ({} with the guard), {} rounds, {} slot "
+            "resets, {} log lines, longest wait after a kill {} ms, {} abuses, {} failures\n",
+            last_number_, crowds_, kills_, crowd->killed_inside, crowd->rounds, crowd->resets, log_lines_,
+            crowd->longest_wait / 1'000'000, abuses, crowd->failures);
+        return crowd->failures == 0;
+    }
 
   private:
     void step() {
@@ -100,7 +90,7 @@ class Soak {
         while (!living_.empty()) step();
     }
 
-    unsigned pick(unsigned below) { return std::uniform_int_distribution<unsigned>(0, below - 1)(random_); }
+    unsigned pick(unsigned below) { return static_cast<unsigned>(random_() % below); }
 
     void start(Part part) {
         User user;
@@ -110,14 +100,10 @@ class Soak {
         const unsigned fatal_calls = user.log_flags == 0 ? kFatalCalls : kFatalCallsWithLog;
         user.fatal_call = part == Part::mortal && pick(2) == 0 ? 1 + pick(fatal_calls) : 0;
         user.dawdles = part == Part::dawdler;
-        if (user.number >= kMostProcesses) {
-            fail("there were too many processes");
-            return;
-        }
+        if (user.number >= kMostProcesses) return fail("there were too many processes");
         const pid_t id = fork();
         if (id == 0) use_library(user);
         living_[id] = user.number;
-        ++figures.processes;
     }
 
     void kill_some() {
@@ -134,8 +120,8 @@ class Soak {
             const auto found = living_.find(id);
             if (found == living_.end()) continue;
             const bool killed = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
-            if (!killed && status != 0) fail("process %u ended with status %x", found->second, status);
-            if (killed) ++figures.kills, ++kills_in_crowd_;
+            if (!killed && status != 0) fail("process {} ended with status {:#x}", found->second, status);
+            if (killed) ++kills_, ++kills_in_crowd_;
             crowd->gone[found->second] = true;
             living_.erase(found);
             stepped_at_ = now();
@@ -147,7 +133,7 @@ class Soak {
         if (steps != steps_) stepped_at_ = now();
         steps_ = steps;
         if (now() - stepped_at_ < kPatience) return;
-        fail("nobody of %zu processes went on", living_.size());
+        fail("nobody of {} processes went on", living_.size());
         for (const auto& [id, number] : living_) kill(id, SIGKILL);
         stepped_at_ = now();
     }
@@ -155,59 +141,33 @@ class Soak {
     // "Nov 22 21:05:09: text", with one stamp. A process that is killed while it writes may leave one line
     // broken.
     static bool is_whole(const std::string& line) {
-        constexpr size_t kStamp = 17;
-        const auto is_stamp = [&](size_t at) {
-            return line.size() > at + kStamp && line[at + 3] == ' ' && line[at + 9] == ':' &&
-                   line[at + 12] == ':' && line[at + 15] == ':' && line[at + 16] == ' ';
-        };
-        if (!is_stamp(0)) return false;
-        for (size_t at = 1; at + kStamp < line.size(); ++at) {
-            if (is_stamp(at)) return false;
-        }
-        return true;
+        static const std::regex stamp("[A-Z][a-z]{2} [ \\d]\\d \\d\\d:\\d\\d:\\d\\d: ");
+        const std::sregex_iterator first(line.begin(), line.end(), stamp), end;
+        return first != end && first->position() == 0 && std::next(first) == end;
     }
 
     void check_log() {
         std::ifstream file(kLogFile);
         uint64_t broken = 0;
         std::string first;
-        for (std::string line; std::getline(file, line); ++figures.log_lines) {
+        for (std::string line; std::getline(file, line); ++log_lines_) {
             if (is_whole(line)) continue;
             if (++broken == 1) first = line;
         }
         if (broken > kills_in_crowd_)
-            fail("%llu log lines were broken by %llu kills, such as '%s'",
-                 static_cast<unsigned long long>(broken), static_cast<unsigned long long>(kills_in_crowd_),
-                 first.c_str());
+            fail("{} log lines were broken by {} kills, such as '{}'", broken, kills_in_crowd_, first);
     }
 
     std::mt19937 random_;
     std::map<pid_t, uint32_t> living_;
     uint32_t last_number_ = 0;
-    uint64_t kills_in_crowd_ = 0;
-    uint64_t steps_ = 0;
+    uint64_t crowds_ = 0, kills_ = 0, kills_in_crowd_ = 0, log_lines_ = 0, steps_ = 0;
     int64_t stepped_at_ = now();
 };
 
-void report(const Figures& figures, unsigned abuses) {
-    std::printf(
-        "soaked %llu processes in %llu crowds: %llu kills survived (%llu with the guard), %llu rounds, %llu "
-        "slot "
-        "resets, %llu log lines, longest wait after a kill %lld ms, %u abuses, %llu failures\n",
-        static_cast<unsigned long long>(figures.processes), static_cast<unsigned long long>(figures.crowds),
-        static_cast<unsigned long long>(figures.kills),
-        static_cast<unsigned long long>(crowd->killed_inside.load()),
-        static_cast<unsigned long long>(crowd->rounds.load()),
-        static_cast<unsigned long long>(crowd->resets.load()),
-        static_cast<unsigned long long>(figures.log_lines),
-        static_cast<long long>(crowd->longest_wait / 1'000'000), abuses,
-        static_cast<unsigned long long>(crowd->failures.load()));
-}
-
 int soak(unsigned seconds, unsigned seed) {
-    std::printf("soak: seed %u\n", seed);
-    std::fflush(stdout);
-    make_crowd();
+    fmt::print("soak: seed {}\n", seed);
+    fflush(stdout);
     const hostsim::Host host(hostsim::hosts::kron_ports(1));
     const int64_t end = now() + seconds * kSecond;
     const unsigned abuses = run_abuses();
@@ -217,8 +177,7 @@ int soak(unsigned seconds, unsigned seed) {
         soak.look_after_crowd();
         soak.run_meeting();
     } while (now() < end && crowd->failures == 0);
-    report(soak.figures, abuses);
-    return crowd->failures == 0 ? 0 : 1;
+    return soak.report(abuses) ? 0 : 1;
 }
 
 }  // namespace

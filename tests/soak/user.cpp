@@ -1,11 +1,7 @@
-#include "user.h"
-
+// user.cpp - one process that uses the library.
 #include <dlfcn.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <cstdio>
-#include <string>
 
 #include "crowd.h"
 #include "trelm_mgmt.h"
@@ -30,7 +26,7 @@ void use_library(const User& user) {
     void* const library = load_library(user.log_flags);
     join_crowd(user, static_cast<const uint8_t*>(dlsym(library, "trelm_library_instance")));
     const auto expect = [&user](const char* call, uint32_t code) {
-        if (code != TRELM_STATUS_OK) fail("process %u: %s returned 0x%x", user.number, call, code);
+        if (code != TRELM_STATUS_OK) fail("process {}: {} returned {:#x}", user.number, call, code);
     };
 #define EXPECT_OK(name, ...) expect(#name, FUNCTION(library, name)(__VA_ARGS__))
     for (unsigned round = 0; round < user.rounds; ++round) {
