@@ -11,9 +11,10 @@ namespace trelm::fuzz {
 
 class HostileHost {
   public:
-    // From here on the library is on this host. Its drivers answer from `answers`; once that is empty they
-    // refuse every request, which bounds what an input can cost.
+    // From here on until the object goes the library is on this host. Its drivers answer from `answers`; once
+    // that is empty they refuse every request, which bounds what an input can cost.
     explicit HostileHost(Input& answers, bool legacy_node = true);
+    ~HostileHost();
     HostileHost(HostileHost&&) = delete;
 
     std::string listing = "4\n";  // what counting the process listing prints

@@ -19,6 +19,7 @@ size_t replay(const fs::path& path) {
         return inputs;
     }
     std::ifstream file(path, std::ios::binary);
+    REQUIRE(file.is_open());
     const std::vector<char> input(std::istreambuf_iterator<char>(file), {});
     printf("%s\n", path.c_str());
     fflush(stdout);
