@@ -31,13 +31,19 @@ void find_instance(uint32_t number, uint32_t) {
             ports.find([&](void* item) { return is_physical(item) && before++ == number; }));
 }
 
-void find_handle(uint32_t number, uint32_t index) {
+// By handle, and by location.
+void find_port(uint32_t number, uint32_t index) {
+    dorfc_pci_info at{};
+    at.function_num = static_cast<uint16_t>(index);
+    REQUIRE(trelm_get_parent_port(&at) == ports.find([&](void* item) {
+        return is_physical(item) && port(item).hw_info->pci_func == index;
+    }));
     REQUIRE(trelm_get_vn_pdb_from_user_handle(1 + number / 4, index) == ports.find([&](void* item) {
         return port(item).hw_info->apihandle == 1 + number / 4 && port(item).npiv_index == index;
     }));
 }
 
-constexpr void (*kOperations[])(uint32_t, uint32_t) = {add, add, release, find_instance, find_handle};
+constexpr void (*kOperations[])(uint32_t, uint32_t) = {add, add, release, find_instance, find_port};
 
 }  // namespace
 

@@ -89,7 +89,15 @@ TEST_P(Discovery, FillsBothRecordsAndPutsPhysicalPortsInFront) {
 
 TEST_P(Discovery, DropsPhysicalPortsOfUnknownDevices) {
     hostsim::Model model = hostsim::hosts::ports(GetParam(), 0);
-    const std::vector<uint32_t> kept = add_devices(model, GetParam());
+    const std::set<int> known{0x165C, 0x1662, 0x1663, 0x168A, 0x168E, 0x16A1,
+                              0x16A2, 0x16A4, 0x16A5, 0x16AE, 0x8080, 0x8180};
+    std::vector<uint32_t> kept;
+    for (int device = 0x1650; device<0x8190; device += device> 0x8000 ? 16 : 1) {
+        if (device == 0x16B0) device = 0x8070;
+        if (known.contains(device)) kept.push_back(static_cast<uint32_t>(model.adapters.size()));
+        hostsim::Adapter& adapter = hostsim::hosts::add_adapter(model, GetParam(), 1);
+        adapter.device_id = static_cast<uint16_t>(device), adapter.vendor_id = 0xABCD;  // any vendor's
+    }
     start(model);
     if (!native) Failure{.status = 1}.of(host(), Operation::port_info);  // nor is any link state read
     expect_found(12);

@@ -80,6 +80,8 @@ TEST_F(HostsimRun, KeepsTheHostUntilTheLastChildHasEnded) {
 TEST_F(HostsimRun, ShowsTheHostToEveryProgramAndChildAndFollowsEdits) {
     EXPECT_EQ(run("uname -s -n -r; id -u; env -i /bin/sh -c '/bin/uname -s'").out,
               "VMkernel esx-run 6.7.0\n0\nVMkernel\n");
+    EXPECT_EQ(run("awk 'BEGIN {system(\"uname\"); \"uname -n\" | getline name; print name}'").out,
+              "VMkernel\nesx-run\n");
     const std::string unique = fs::path(at("")).parent_path().filename();
     EXPECT_EQ(run("u=" + unique +
                   "-x; echo one > /tmp/$u; (cd /tmp && pwd -P && cat $u); d=$(mktemp -d /var/tmp/$u.XXXXXX);"

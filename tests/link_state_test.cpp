@@ -66,30 +66,16 @@ TEST_F(LinkStateFiles, NameAPortReadyOverThreeLinesInOrder) {
     EXPECT_EQ(pdb.port_state, 4U) << "without the driver's directory the link is down";
 }
 
-TEST_F(LinkStateFiles, AreListedWhereTheirNamesFitTheirSlotsUntilTheTableIsFull) {
+// What is listed of a directory is a fuzz target's.
+TEST_F(LinkStateFiles, AreNotListedOfWhatIsNoDirectory) {
     GuardedBytes table(128 * 32);
-    auto* const names = reinterpret_cast<char(*)[32]>(table.data());
     uint32_t count = 4711;
     put("file");
     for (const std::string& other : {at("none"), at("file"), at(std::string(5000, 'p'))})
-        EXPECT_EQ(trelm_read_directory(other.c_str(), names, &count), 1U);
+        EXPECT_EQ(trelm_read_directory(other.c_str(), reinterpret_cast<char(*)[32]>(table.data()), &count),
+                  1U);
     EXPECT_EQ(count, 4711U);
     EXPECT_TRUE(table.untouched());
-    const std::vector<std::string> expected{"file", ".hidden", "...", std::string(31, 'n')};
-    for (const std::string& name : expected) put(name);
-    for (const size_t length : {32, 33, 255}) put(std::string(length, 'm'));
-    const auto list = [&] {
-        EXPECT_EQ(trelm_read_directory(directory.c_str(), names, &count), 0U);
-        EXPECT_TRUE(table.guards_intact());
-        std::vector<std::string> listed;
-        for (uint32_t i = 0; i < std::min(count, 128U); ++i)
-            listed.emplace_back(names[i], strnlen(names[i], 32));
-        return listed;
-    };
-    EXPECT_THAT(list(), testing::UnorderedElementsAreArray(expected));
-    for (int i = 0; i < 300; ++i) put("file" + std::to_string(i));
-    EXPECT_THAT(list(), Each(testing::SizeIs(testing::AllOf(testing::Ge(3), testing::Le(31)))));
-    EXPECT_EQ(count, 128U);
 }
 
 }  // namespace

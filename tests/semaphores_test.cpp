@@ -1,13 +1,10 @@
 // semaphores_test.cpp - the semaphores that processes share: what they are at first, and what befalls those
 // who wait. The set of the debug log stands for both; the library makes it when the flags are first read.
 // Crowds that come all at once are the soak's.
-#include <gmock/gmock.h>
 #include <sys/sem.h>
 
 #include <atomic>
 
-#include "host.h"
-#include "hosts.h"
 #include "support/child.h"
 #include "support/log_capture.h"
 

@@ -3,39 +3,29 @@
 // the capture goes.
 #pragma once
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <initializer_list>
+#include <set>
 #include <sstream>
-#include <string>
-#include <string_view>
-#include <vector>
 
+#include "host.h"
+#include "hosts.h"
 #include "trelm_core.h"
 #include "trelm_dbg.h"
 
 namespace trelm::test {
 
-inline constexpr uint32_t kSilent = 0;
-inline constexpr uint32_t kErrorLines = 4;
-inline constexpr uint32_t kAllLines = 6;
+using Lines = std::vector<std::string>;
+using testing::ElementsAre;
+
+inline constexpr uint32_t kSilent = 0, kErrorLines = 4, kAllLines = 6;
 
 // Sets the debug flags as a user does, in the environment, where every load and open reads them again.
 inline void set_debug_flags(uint32_t flags) {
     setenv("TRELM_API_DEBUG", std::to_string(flags).c_str(), 1);
     trelm_set_debug_level();
-}
-
-inline std::vector<std::string> split_lines(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);) lines.push_back(line);
-    return lines;
 }
 
 class LogCapture {
@@ -62,17 +52,21 @@ class LogCapture {
         taken_ += pread(file_, text.data(), text.size(), taken_);
         return text;
     }
-    std::vector<std::string> take() { return split_lines(take_text()); }
-    // Of those, the lines of one function: what stands before the first ':' or '('.
-    std::vector<std::string> take_of(std::string_view function) { return take_of({function}); }
-    std::vector<std::string> take_of(std::initializer_list<std::string_view> functions) {
-        std::vector<std::string> kept = take();
+    Lines take() {
+        Lines lines;
+        std::istringstream stream(take_text());
+        for (std::string line; std::getline(stream, line);) lines.push_back(line);
+        return lines;
+    }
+    // Of those, the lines of some functions: what stands before the first ':' or '('.
+    Lines take_of(const std::set<std::string>& functions) {
+        Lines kept = take();
         std::erase_if(kept, [&](const std::string& line) {
-            const std::string name = line.substr(0, line.find_first_of(":("));
-            return std::find(functions.begin(), functions.end(), name) == functions.end();
+            return !functions.contains(line.substr(0, line.find_first_of(":(")));
         });
         return kept;
     }
+    Lines take_of(const std::string& function) { return take_of(std::set{function}); }
 
   private:
     int file_;

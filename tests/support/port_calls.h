@@ -3,7 +3,6 @@
 #pragma once
 
 #include <fmt/format.h>
-#include <gmock/gmock.h>
 
 #include <cstring>
 #include <random>
@@ -12,7 +11,6 @@
 #include "guarded.h"
 #include "loaded_host.h"
 #include "log_capture.h"
-#include "trelm_core.h"
 #include "trelm_driver_records.h"
 
 namespace trelm::test {
@@ -21,9 +19,6 @@ using hostsim::Answer;
 using hostsim::DriverKind;
 using hostsim::Operation;
 using testing::Each;
-using testing::ElementsAre;
-
-using Lines = std::vector<std::string>;
 
 // Lines that begin alike.
 inline Lines lines(const std::string& beginning, Lines texts) {
@@ -109,23 +104,6 @@ inline std::vector<uint32_t> instances() {
     std::vector<uint32_t> numbers;
     for (const trelm_priv_db* pdb : registry()) numbers.push_back(pdb->drvr_inst);
     return numbers;
-}
-
-// Adds an adapter of each device around the supported ones; gives the driver instances that are to be kept.
-inline std::vector<uint32_t> add_devices(hostsim::Model& model, DriverKind kind) {
-    std::vector<uint32_t> kept;
-    std::vector<uint16_t> devices{0x8070, 0x8080, 0x8180, 0x8081};
-    for (uint16_t device = 0x1650; device < 0x16B0; ++device) devices.push_back(device);
-    for (uint32_t instance = 0; instance < devices.size(); ++instance) {
-        hostsim::Adapter& adapter = hostsim::hosts::add_adapter(model, kind, 1);
-        adapter.device_id = devices[instance];
-        adapter.vendor_id = 0xABCD;  // which does not matter
-        for (const uint16_t known : {0x165C, 0x1662, 0x1663, 0x168A, 0x168E, 0x16A1, 0x16A2, 0x16A4, 0x16A5,
-                                     0x16AE, 0x8080, 0x8180}) {
-            if (adapter.device_id == known) kept.push_back(instance);
-        }
-    }
-    return kept;
 }
 
 // The payload of a request without what the driver's interface puts before it.

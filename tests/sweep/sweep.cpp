@@ -4,15 +4,13 @@
 #include "sweep.h"
 
 #include <fmt/format.h>
-#include <sys/mman.h>
 #include <sys/sem.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <list>
 #include <random>
-#include <thread>
 
+#include "../support/child.h"
 #include "../support/descriptors.h"
 #include "../support/stand_before.h"
 #include "host.h"
@@ -20,6 +18,7 @@
 namespace {
 
 using namespace trelm::sweep;
+using trelm::test::make_common;
 
 constexpr const char* kManners[] = {"none", "one", "onwards"};
 constexpr unsigned kSeconds = 60;  // after which a run counts as hung
@@ -35,14 +34,6 @@ struct Tally {
     std::atomic<uint64_t> runs, failures;
 };
 
-template <typename Shared>
-Shared& make_shared_memory() {
-    void* const memory =
-        mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED) std::abort();
-    return *new (memory) Shared{};
-}
-
 // What the library must not have kept once it is freed.
 void check_nothing_is_kept(Trail& trail, size_t descriptors) {
     if (live_blocks() != 0) complain(trail, fmt::format("{} blocks were not freed", live_blocks()));
@@ -55,9 +46,9 @@ void check_nothing_is_kept(Trail& trail, size_t descriptors) {
     }
 }
 
-[[noreturn]] void run_in_child(const Chore& chore, Trail& trail) {
+int run_in_child(const Chore& chore, Trail& trail) {
     alarm(kSeconds);  // ends the process
-    if (freopen("/dev/null", "w", stderr) == nullptr) _exit(1);
+    if (freopen("/dev/null", "w", stderr) == nullptr) return 1;
     const size_t descriptors = trelm::test::open_descriptors();
     arm(chore.failing, chore.n, trail);
     use_library(kHosts[chore.host], trail);
@@ -67,7 +58,7 @@ void check_nothing_is_kept(Trail& trail, size_t descriptors) {
     check_nothing_is_kept(trail, descriptors);
     if (chore.failing != Failing::none && trail.first_failed == nullptr)
         complain(trail, "the call that was to fail was never made");
-    _exit(0);
+    return 0;
 }
 
 // Puts the host's shared things back to nothing.
@@ -83,15 +74,10 @@ void clear_host() {
 // One run on the host that is there; says what was wrong with it. Whether nothing was.
 bool run(const Chore& chore, Trail& trail) {
     trail = {};
-    const pid_t child = fork();
-    if (child == 0) run_in_child(chore, trail);
-    int status = 0;
-    while (waitpid(child, &status, 0) != child) {
-    }
+    const int status = trelm::test::in_child([&] { return run_in_child(chore, trail); });
     clear_host();
     if (status == 0 && trail.complaint[0] == '\0') return true;
-    const bool hung = WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM;
-    const char* const ending = hung ? "hung" : WIFSIGNALED(status) ? strsignal(WTERMSIG(status)) : "ended";
+    const char* const ending = status == -SIGALRM ? "hung" : status < 0 ? strsignal(-status) : "ended";
     fmt::print(stderr, "sweep: {} (repeat: --host {} --call {} --manner {}): {} {:#x}: {}\n",
                trail.first_failed == nullptr ? "?" : trail.first_failed, kHosts[chore.host].name, chore.n,
                kManners[static_cast<size_t>(chore.failing)], ending, status, trail.complaint);
@@ -99,7 +85,7 @@ bool run(const Chore& chore, Trail& trail) {
 }
 
 void work_off(const std::vector<Chore>& chores, size_t worker, size_t workers, Tally& tally) {
-    Trail& trail = make_shared_memory<Trail>();
+    Trail& trail = make_common<Trail>();
     for (size_t host = 0; host < kSweptHosts; ++host) {
         const hostsim::Host running(kHosts[host].model());
         for (size_t i = worker; i < chores.size(); i += workers) {
@@ -112,17 +98,10 @@ void work_off(const std::vector<Chore>& chores, size_t worker, size_t workers, T
 
 void work_off_in_processes(const std::vector<Chore>& chores, Tally& tally) {
     const size_t workers = std::max(1U, std::thread::hardware_concurrency());
-    std::vector<pid_t> ids;
-    for (size_t worker = 0; worker < workers; ++worker) {
-        ids.push_back(fork());
-        if (ids.back() != 0) continue;
-        work_off(chores, worker, workers, tally);
-        std::exit(0);
-    }
-    for (const pid_t id : ids) {
-        int status = 0;
-        if (waitpid(id, &status, 0) != id || status != 0) ++tally.failures;
-    }
+    std::list<trelm::test::Child> children;
+    for (size_t worker = 0; worker < workers; ++worker)
+        children.emplace_back([&, worker] { return work_off(chores, worker, workers, tally), 0; });
+    for (trelm::test::Child& child : children) tally.failures += child.wait() != 0;
     if (tally.runs != chores.size()) ++tally.failures;
 }
 
@@ -130,7 +109,7 @@ void work_off_in_processes(const std::vector<Chore>& chores, Tally& tally) {
 std::vector<Chore> plan(uint64_t every, uint64_t& calls) {
     const uint64_t first = 1 + std::random_device{}() % every;
     std::vector<Chore> chores;
-    Trail& trail = make_shared_memory<Trail>();
+    Trail& trail = make_common<Trail>();
     for (size_t host = 0; host < kSweptHosts; ++host) {
         const hostsim::Host running(kHosts[host].model());
         if (!run({host, Failing::none, 0}, trail)) std::exit(1);
@@ -158,7 +137,7 @@ int main(int argc, char** argv) {
     if (!trelm::test::find_library()) throw std::logic_error("libtrelm.so is not in this process; link it");
     const Chore single{host == kHosts[0].name ? 0U : 1U, manner == "one" ? Failing::one : Failing::onwards,
                        call};
-    Tally& tally = make_shared_memory<Tally>();
+    Tally& tally = make_common<Tally>();
     work_off_in_processes(call != 0 ? std::vector{single} : plan(sample ? 16 : 1, calls), tally);
     fmt::print("swept {} calls on {} hosts, {} runs, {} failures\n", calls, kSweptHosts, tally.runs.load(),
                tally.failures.load());
