@@ -1,5 +1,5 @@
 // dlist_test.cpp - the list container where sequences of operations do not reach: what it refuses, what it
-// releases, how runs merge, and how it does without memory. Random sequences are a fuzz target's.
+// releases, and how it does without memory. Random sequences are a fuzz target's.
 #include "trelm_dlist.h"
 
 #include <gmock/gmock.h>
@@ -73,17 +73,6 @@ TEST(List, ReleasesWhatIsDeletedFilteredOutOrLeftAtItsEnd) {
         seen.clear();
     }
     EXPECT_THAT(seen, ElementsAre(1, 3));
-}
-
-TEST(MergePass, MergesNeighbouringRunsBehindTheOtherListsCursor) {
-    Keys keys{4, 3, 2, 1, 0}, others{7, 8};
-    const List list(keys), other(others);
-    other->marker = other->head->next;
-    EXPECT_GE(_trelm_dlist_merge(list, other, 1, by_key), 2);
-    EXPECT_THAT(other.keys(), ElementsAre(7, 3, 4, 1, 2, 0, 8));
-    EXPECT_EQ(trelm_dlist_mark(other), &keys[4]);
-    EXPECT_EQ(_trelm_dlist_merge(other, list, 7, by_key), 1);
-    EXPECT_THAT(list.keys(), ElementsAre(7, 3, 4, 1, 2, 0, 8));
 }
 
 TEST(ExhaustedMemory, MakesNoListAndSortsNothing) {

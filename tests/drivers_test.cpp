@@ -27,11 +27,9 @@ TRELM_ON_EACH_DRIVER(AnyDriver);
 TEST_P(AnyDriver, FaultsHitWhatTheyNameAndLunsAnswerAsTheyAreDescribed) {
     Model model = hosts::ports(GetParam(), 2);
     hostsim::Target& target = hosts::add_target(model.port(0, 0), 0, 2);
-    target.luns[0].reserved = target.luns[1].unit_attention = true;
-    hosts::add_target(model.port(0, 0), 1, 1).offline = true;
+    target.luns[1].unit_attention = true;
     const auto stats = Operation::port_stats;
-    model.faults = {{.operation = stats, .port = "port0.1", .occurrence = 2, .count = 2, .status = 6},
-                    {.operation = Operation::scsi, .target = 1, .opcode = 0, .count = 2, .error = ENXIO}};
+    model.faults = {{.operation = stats, .port = "port0.1", .occurrence = 2, .count = 2, .status = 6}};
     trelm::test::Loaded library(model);
     uint32_t handles[2];
     for (uint32_t i = 0; i < 2; ++i) EXPECT_EQ(TRELM_OpenAdapter(i, &handles[i]), TRELM_STATUS_OK);
@@ -40,29 +38,10 @@ TEST_P(AnyDriver, FaultsHitWhatTheyNameAndLunsAnswerAsTheyAreDescribed) {
     for (const int port : {0, 0, 1, 1, 0, 1, 1})
         codes.push_back(TRELM_GetPortStats(handles[port], 0, &record));
     EXPECT_THAT(codes, testing::ElementsAre(0, 0, 0, 0x60000006, 0, 0x60000006, 0));
-    uint32_t came = 0;
-    library.host.tamper = [&came](hostsim::Answer& answer) {
-        if (answer.call.operation == Operation::scsi) came = answer.as<dorfc_scsi_cmd>().sense_len;
-    };
-    auto refused = trelm::scsi_command(0, 0, {0xC1, 0, 0, 0, 0, 0}, 0);
-    refused.SenseLength = 8;
-    EXPECT_EQ(TRELM_SendScsiCommand(handles[0], 0, &refused, nullptr, nullptr), TRELM_STATUS_OK);
-    EXPECT_EQ(came, 8u);
-    EXPECT_THAT(std::vector(refused.Sense, refused.Sense + 9),
-                testing::ElementsAre(0x70, 0, 5, 0, 0, 0, 0, 10, 0));
     for (const int key : {6, 0}) {
         auto ready = trelm::scsi_command(0, 1, {0, 0, 0, 0, 0, 0}, 0);
         EXPECT_EQ(TRELM_SendScsiCommand(handles[0], 0, &ready, nullptr, nullptr), TRELM_STATUS_OK);
         EXPECT_EQ(ready.Sense[2], key) << "a unit attention is reported once";
-    }
-    // The fault of the target comes before what the driver itself says of one that is offline.
-    const std::tuple<uint32_t, uint8_t, uint32_t> commands[]{
-        {0, 0, 0},          {0, 0x28, 0x6000000B}, {1, 0x12, 0x6000000D},
-        {1, 0, 0x6000000B}, {1, 0, 0x6000000B},    {1, 0, 0x6000000D}};
-    for (const auto& [number, opcode, code] : commands) {
-        auto command = trelm::scsi_command(number, 0, {opcode, 0, 0, 0, 0, 0}, 0);
-        EXPECT_EQ(TRELM_SendScsiCommand(handles[0], 0, &command, nullptr, nullptr), code)
-            << number << ' ' << int{opcode};
     }
 }
 
@@ -143,39 +122,6 @@ TEST(ManagementApi, RefusesInvocationsThatNoDriverWouldGet) {
     EXPECT_THAT(record, testing::Each(0xEE));
     EXPECT_EQ(vmk_MgmtUserCallbackInvokeInt(kron, 0, 19, 1, at), 0);
     EXPECT_NE(+reinterpret_cast<native_cb_header*>(at)->status, 0u) << "there is no such host number";
-}
-
-// ---- The legacy node
-
-TEST(LegacyNode, RefusesBlocksThatAreNotItsOwn) {
-    Host host(hosts::legacy_ports(1));
-    dorfc_port_info payload{};
-    const struct {
-        const char* what;
-        std::function<void(dorfc_ioctl&)> spoil;
-        int error;
-        unsigned long request = DORFC_GET_PORT_INFO;
-    } rows[]{
-        {"signature", [](dorfc_ioctl& b) { b.signature[4] = 'c'; }, EINVAL},
-        {"padding of the signature", [](dorfc_ioctl& b) { b.signature[7] = ' '; }, EINVAL},
-        {"version", [](dorfc_ioctl& b) { b.version = 2; }, EINVAL},
-        {"no payload", [](dorfc_ioctl& b) { b.ioctlstructaddr = 0; }, EFAULT},
-        {"request", [](dorfc_ioctl&) {}, ENOTTY, dorfc_request(9)},
-        {"port", [](dorfc_ioctl& b) { b.hbaselect = 1; }, 0},
-    };
-    for (const auto& [what, spoil, error, request] : rows) {
-        dorfc_ioctl block{};
-        std::memcpy(block.signature, "DORFC", 5);
-        block.addrmode = 2, block.version = 1;
-        block.ioctlstructaddr = reinterpret_cast<uintptr_t>(&payload);
-        spoil(block);
-        errno = 0;
-        EXPECT_EQ(host.legacy_request(request, &block), error == 0 ? 0 : -1) << what;
-        EXPECT_EQ(errno, error) << what;
-        EXPECT_EQ(+block.status, error == 0 ? 7u : 0u) << what;
-    }
-    EXPECT_EQ(+payload.wwpn, 0u);
-    EXPECT_EQ(host.calls().size(), 1u) << "only the last came to the driver";
 }
 
 }  // namespace

@@ -113,7 +113,6 @@ TEST_F(Trelmctl, SpeaksJsonWithRawValuesBesideWordedOnes) {
           "subsystem_id_raw": 0, "revision": "0x0000", "revision_raw": 0, "chip_revision": 0,
           "link": "8.0 GT/s x8", "link_raw": {"speed": 80, "width": 6}}})"},
         {"show 200100C05A000001/3", "/port/port_type", "\"physical\""},
-        {"show 0/1", "/port/port_type", "\"virtual\""},
         {"show 0x280100c05a000001", "/port/parent_wwpn", "\"20:01:00:c0:5a:00:00:01\""},
         {"luns 0 0", "/luns/2",
          R"({"lun": 16684, "lun_text": "0x412c", "scsi_lun_num": 16684, "scsi_lun_num_ext": 0,
@@ -147,9 +146,7 @@ TEST_F(Trelmctl, TellsEachErrorInTheFormAskedForAndByItsExitStatus) {
         const char* message;
     } rows[]{{"stats 0/2", 1, "0x60000001"},
              {"stats 7", 1, "TRELM_OpenAdapter"},
-             {"stats 20:01:00:c0:5a:00:00:99", 1, "20:01:00:c0:5a:00:00:99"},
              {"capacity 0 0 9", 1, "target 0 LUN 9 refused the command: Illegal request"},
-             {"inquiry 0 0 0 --page c7", 1, "invalid field in CDB (05/24/00)"},
              {"scsi 0 0 0 28 00 ff ff ff f0 00 00 01 00 --in 512", 1, "(05/21/00)"},
              {"", 2, "subcommand"},
              {"show 0/-1", 2, "an instance number or a WWPN"},
@@ -234,23 +231,20 @@ TEST_F(Trelmctl, ShowsEveryCounterWholeAndWatchesRates) {
         << "one line of titles, one a sample, none rewritten in a pipe";
 }
 
-TEST_F(Trelmctl, WhatIsWrittenIsReadAgainOverEachDriver) {
-    std::string block(512, '\0');
+TEST_F(Trelmctl, WhatIsWrittenIsReadAgain) {
+    std::string block(1024, '\0');
     for (std::size_t i = 0; i < block.size(); ++i) block[i] = static_cast<char>(i * 7);
     write("block", block);
-    for (const auto& [driver, device] : {std::pair{"kron", 0x8080}, {"pyx", 0x16A1}, {"legacy", 0x168E}}) {
-        host["adapters"][0]["driver"] = driver;
-        host["adapters"][0]["pci"]["device_id"] = device;
-        write("host.json", host.dump());
-        // One launch for both commands: what a simulated host keeps in memory ends with it.
-        const Outcome outcome =
-            execute({kLauncher, "run", at("host.json"), "--", "/bin/sh", "-c",
-                     "\"$0\" scsi 0 0 0 2a0000000005 00 00 01 00 --out \"$1\" > \"$1.told\" && "
-                     "\"$0\" scsi 0 0 0 28 0 0 0 0 5 0 0 1 0 --in 512 --raw",
-                     kTool, at("block")});
-        EXPECT_EQ(outcome.out, block) << driver << outcome.errors;
-        EXPECT_EQ(text_of(at("block.told")), "Done, without sense data.\n");
-    }
+    write("host.json", host.dump());
+    // One launch for both commands: what a simulated host keeps in memory ends with it. It keeps a tebibyte a
+    // file, so these blocks lie in two.
+    const Outcome outcome =
+        execute({kLauncher, "run", at("host.json"), "--", "/bin/sh", "-c",
+                 "\"$0\" scsi 0 0 1 8a00 000000007fffffff 00000002 0000 --out \"$1\" > \"$1.told\" && "
+                 "\"$0\" scsi 0 0 1 8800 000000007fffffff 00000002 0000 --in 1024 --raw",
+                 kTool, at("block")});
+    EXPECT_EQ(outcome.out, block) << outcome.errors;
+    EXPECT_EQ(text_of(at("block.told")), "Done, without sense data.\n");
 }
 
 TEST_F(Trelmctl, ListsALegacyHostAndAsManyLunsAsATargetCanHave) {

@@ -113,7 +113,6 @@ CAN_FAIL(int, msync, (void* at, size_t size, int flags), (at, size, flags), -1, 
 CAN_FAIL(int, remove, (const char* path), (path), -1, EACCES)
 CAN_FAIL_AFTERWARDS(close, int, EIO)
 
-CAN_FAIL(FILE*, fopen, (const char* path, const char* mode), (path, mode), nullptr, EMFILE)
 CAN_FAIL(FILE*, fdopen, (int fd, const char* mode), (fd, mode), nullptr, ENOMEM)
 CAN_FAIL(char*, fgets, (char* text, int size, FILE* file), (text, size, file), nullptr, EIO)
 CAN_FAIL(int, fputs, (const char* text, FILE* file), (text, file), EOF, ENOSPC)
