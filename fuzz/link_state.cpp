@@ -1,10 +1,8 @@
 // link_state.cpp - hostile link-state files: names and texts of any length and content.
 #include <dirent.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
-#include <string>
 
 #include "../tests/support/guarded.h"
 #include "../tests/support/stand_before.h"

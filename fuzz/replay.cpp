@@ -2,8 +2,6 @@
 // each directory named, once.
 #include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <string>
 #include <vector>
 
 #include "target.h"

@@ -1,7 +1,6 @@
 // dbg_test.cpp - the debug log: what is written, in which form, and where to.
 // Whether lines of many at once stay whole is what trelm-log-threads and the soak say.
 #include <sys/sem.h>
-#include <sys/stat.h>
 
 #include <fstream>
 

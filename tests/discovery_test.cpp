@@ -1,6 +1,5 @@
 // Discovery of each driver's ports: what is kept, dropped or passed over, in which order it ends up,
 // and what a driver that answers badly can do.
-#include <memory>
 
 #include "support/failing_allocation.h"
 #include "support/port_calls.h"

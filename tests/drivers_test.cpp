@@ -2,10 +2,6 @@
 // wrongly, and what all drivers answer alike, through the library.
 #include <gmock/gmock.h>
 
-#include <cerrno>
-#include <cstring>
-#include <functional>
-
 #include "support/loaded_host.h"
 #include "trelm_driver_records.h"
 #include "trelm_mgmt.hpp"

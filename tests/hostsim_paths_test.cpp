@@ -5,12 +5,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
 
 #include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <functional>
 
 #include "host.h"
 #include "hosts.h"

@@ -3,9 +3,6 @@
 // the test.
 #include <gmock/gmock.h>
 #include <sys/sem.h>
-#include <sys/stat.h>
-
-#include <csignal>
 
 #include "support/child.h"
 #include "support/programs.h"

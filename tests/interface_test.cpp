@@ -2,12 +2,6 @@
 // header in C, and the process-wide variables before anything has happened.
 #include <gmock/gmock.h>
 
-#include <algorithm>
-#include <array>
-#include <cstdio>
-#include <memory>
-#include <string>
-
 #include "trelm_core.h"
 #include "trelm_dbg.h"
 

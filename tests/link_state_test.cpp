@@ -1,6 +1,5 @@
 // The link state of a legacy port, read from text files: which files name a port ready, and the limits of the
 // reader. What is listed of a directory is a fuzz target's.
-#include <filesystem>
 #include <fstream>
 
 #include "support/port_calls.h"

@@ -5,10 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <iomanip>
-#include <sstream>
-
 #include "scsi_target.h"
 
 namespace hostsim {

@@ -3,8 +3,6 @@
 // Crowds that come all at once are the soak's.
 #include <sys/sem.h>
 
-#include <atomic>
-
 #include "support/child.h"
 #include "support/log_capture.h"
 

@@ -4,11 +4,8 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/sem.h>
-#include <sys/stat.h>
 
-#include <atomic>
 #include <fstream>
-#include <set>
 
 #include "support/child.h"
 #include "support/failing_allocation.h"

@@ -2,7 +2,6 @@
 #include "crowd.h"
 
 #include <sys/sem.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
