@@ -17,9 +17,7 @@ constexpr uint32_t kTraceAndErrors = 6;
 
 void check_code(uint32_t code) { REQUIRE(code == 0 || (code > TRELM_STATUS_BASE && code <= 0x6000000Du)); }
 // Those that open and close a node may also give a system error number.
-void check_code_or_errno(uint32_t code) {
-    if (code >= 256) check_code(code);
-}
+void check_code_or_errno(uint32_t code) { check_code(code < 256 ? 0 : code); }
 
 // Fails with a record untouched, or fills it.
 template <typename Record, typename Call>

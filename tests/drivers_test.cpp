@@ -1,5 +1,5 @@
-// drivers_test.cpp - the simulated host's two kernel interfaces: what they refuse of those who ask them
-// wrongly, and what all drivers answer alike, through the library.
+// drivers_test.cpp - what the drivers of a simulated host do alike, and what its management interface refuses
+// of those who ask it wrongly.
 #include <gmock/gmock.h>
 
 #include "support/loaded_host.h"
@@ -12,7 +12,6 @@ using hostsim::DriverKind;
 using hostsim::Host;
 using hostsim::Model;
 using hostsim::Operation;
-using trelm::test::driver_name;
 namespace hosts = hostsim::hosts;
 
 // ---- What all drivers do alike

@@ -89,8 +89,6 @@ TEST(Disk, AnswersEachCommandToTheByteAndSendsNoMoreThanThereIsRoomFor) {
         {large, "1A 08 3F 00 FF", good("23 00 10 00 08 12 .18 0A 0A 00 10 .4 FF FF .2")},
         {large, "5A 10 0A .4 01 00",
          good("00 22 00 10 01 00 00 10 00 00 00 12 34 56 78 9A .4 00 00 02 00 0A 0A 00 10 .4 FF FF .2")},
-        {small, "28 00 00 00 07 FF 00 00 00", good()},
-        {small, "35 00 00 00 07 FE 00 00 02", good()},
         {small, "C1", refused(sense::kInvalidOpcode)},
         {small, "1A 00 C8 00 FF", refused(sense::kNoSavedParameters)},
         {small, "12 00 80 00 FF", refused(field, "C0 00 02")},

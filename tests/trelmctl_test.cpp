@@ -113,7 +113,6 @@ TEST_F(Trelmctl, SpeaksJsonWithRawValuesBesideWordedOnes) {
           "subsystem_id_raw": 0, "revision": "0x0000", "revision_raw": 0, "chip_revision": 0,
           "link": "8.0 GT/s x8", "link_raw": {"speed": 80, "width": 6}}})"},
         {"show 200100C05A000001/3", "/port/port_type", "\"physical\""},
-        {"show 0x280100c05a000001", "/port/parent_wwpn", "\"20:01:00:c0:5a:00:00:01\""},
         {"luns 0 0", "/luns/2",
          R"({"lun": 16684, "lun_text": "0x412c", "scsi_lun_num": 16684, "scsi_lun_num_ext": 0,
           "device_type": "disk", "device_type_raw": 0, "vendor": "CALVEXA", "product": "ULVARD VOLUME",

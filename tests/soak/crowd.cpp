@@ -2,9 +2,7 @@
 // before and after each of these calls.
 #include "crowd.h"
 
-#include <sys/file.h>
 #include <sys/sem.h>
-#include <sys/stat.h>
 
 #include "../support/child.h"
 #include "../support/stand_before.h"

@@ -1,7 +1,6 @@
 // user.cpp - one process that uses the library.
 #include <dlfcn.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "crowd.h"
 #include "trelm_mgmt.h"

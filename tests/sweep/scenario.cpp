@@ -2,8 +2,6 @@
 // records and arrays of a caller between guard bytes. What no failure may bring about is a complaint.
 #include <fmt/format.h>
 
-#include <cstdlib>
-
 #include "../support/guarded.h"
 #include "hosts.h"
 #include "sweep.h"
