@@ -1,5 +1,5 @@
 // dbg_test.cpp - the debug log: what is written, in which form, and where to.
-// Whether lines of many at once stay whole is what trelm-log-threads and the soak say.
+// That each waits for its turn is a test's of the semaphores.
 #include <sys/sem.h>
 
 #include <fstream>
