@@ -22,10 +22,9 @@ constexpr size_t kSlots = 2;
 
 struct Blocks {
     size_t size;
-    bool zeroed;  // by the allocator, which may know that large blocks are zero already
     void* slots[kSlots];
 };
-Blocks kept[] = {{trelm::kSmallBlock, false, {}}, {trelm::kLargeBlock, true, {}}};
+Blocks kept[] = {{trelm::kSmallBlock, {}}, {trelm::kLargeBlock, {}}};
 
 Blocks& blocks_for(size_t bytes) { return kept[bytes > trelm::kSmallBlock]; }
 
@@ -49,11 +48,12 @@ bool keep(Blocks& blocks, void* block) {
 
 }  // namespace
 
-void* trelm::pool_take(size_t bytes, bool& cleared) {
+void* trelm::pool_take(size_t bytes, bool* cleared) {
     Blocks& blocks = blocks_for(bytes);
     void* block = take_kept(blocks);
-    cleared = !block && blocks.zeroed;
-    if (!block) block = cleared ? calloc(1, blocks.size) : malloc(blocks.size);
+    const bool zeroed = !block && cleared && blocks.size == kLargeBlock;
+    if (cleared) *cleared = zeroed;
+    if (!block) block = zeroed ? calloc(1, blocks.size) : malloc(blocks.size);
     // A kept block hides from AddressSanitizer who may use how much of it.
     if (block) {
         ASAN_POISON_MEMORY_REGION(block, blocks.size);

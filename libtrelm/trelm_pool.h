@@ -15,9 +15,10 @@ namespace trelm {
 inline constexpr size_t kSmallBlock = sizeof(native_cb_header) + sizeof(kronfc_port_stats);
 inline constexpr size_t kLargeBlock = sizeof(kronfc_scsi_cmd_cb);
 
-// At least so many bytes, kLargeBlock at most, with whatever their last user left there, or zero-filled when
-// they are `cleared`; null when memory is exhausted.
-void* pool_take(size_t bytes, bool& cleared);
+// At least so many bytes, kLargeBlock at most, with whatever their last user left there; null when memory is
+// exhausted. Who wants zeros is told whether they are there already, which for large fresh memory costs
+// nothing more.
+void* pool_take(size_t bytes, bool* cleared = nullptr);
 // The same number of bytes as when they were taken.
 void pool_give_back(void* block, size_t bytes);
 // Frees the blocks that are kept.
@@ -34,7 +35,7 @@ class Pooled : public Owner<T*, nullptr, give_back<T>> {
     static_assert(sizeof(T) <= kLargeBlock);
 
   public:
-    Pooled() { this->reset(static_cast<T*>(pool_take(sizeof(T), cleared_))); }
+    Pooled() { this->reset(static_cast<T*>(pool_take(sizeof(T), &cleared_))); }
     bool cleared() const { return cleared_; }
 
   private:

@@ -17,10 +17,9 @@ using trelm::Transport;
 // area are used, and those are always set.
 class CommandRecord {
   public:
-    explicit CommandRecord(bool native) : bytes_(native ? sizeof(kronfc_scsi_cmd) : sizeof(dorfc_scsi_cmd)) {
-        bool cleared;
-        memory_ = trelm::pool_take(bytes_, cleared);
-    }
+    explicit CommandRecord(bool native)
+        : bytes_(native ? sizeof(kronfc_scsi_cmd) : sizeof(dorfc_scsi_cmd)),
+          memory_(trelm::pool_take(bytes_)) {}
     ~CommandRecord() {
         trelm::ErrnoKeeper keep;
         if (memory_) trelm::pool_give_back(memory_, bytes_);
