@@ -115,7 +115,7 @@ void trelm_get_dorfc_link_state(trelm_priv_db* pdb) {
     if (trelm_read_directory(kDirectory, names, &count) != 0) return;
     for (uint32_t i = 0; i < count; ++i) {
         char path[kPathRoom];
-        snprintf(path, sizeof path, "%s%s", kDirectory, names[i]);
+        snprintf(path, sizeof path, "%s%.*s", kDirectory, static_cast<int>(kNameRoom - 1), names[i]);
         if (trelm_read_file_for_link(path, pdb) == 0) return;
     }
 }
