@@ -44,9 +44,11 @@ class Table : public benchmark::BenchmarkReporter {
     bool ReportContext(const Context&) override {
         utsname system;
         uname(&system);
-        printf("%s, %u cores, Linux %s, g++ %s, load %s\n\n", line_of("/proc/cpuinfo", "model name").c_str(),
-               std::thread::hardware_concurrency(), system.release, __VERSION__,
-               line_of("/proc/loadavg", "").c_str());
+        double load = 0;
+        getloadavg(&load, 1);
+        printf("%s, %u cores, Linux %s, g++ %s, load average %.2f when it began.\n\n",
+               line_of("/proc/cpuinfo", "model name").c_str(), std::thread::hardware_concurrency(),
+               system.release, __VERSION__, load);
         printf(
             "| row | operation | floor | ratio | middle half of the ratios |\n|---|---:|---:|---:|---:|\n");
         return true;
