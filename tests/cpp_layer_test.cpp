@@ -12,10 +12,9 @@ TEST(CppLayer, GivesBackWhatItTookAndSaysWhatFailedWhere) {
     {
         const trelm::Library library;
         EXPECT_EQ(library.port_count(), 2u);
-        uint32_t handle = 0;
         {
             trelm::Adapter adapter(library, 1);
-            handle = adapter.handle();
+            EXPECT_EQ(adapter.handle(), 2u);
             trelm::Adapter other(library, 0);
             other = std::move(adapter);
             EXPECT_EQ(other.instance(), 1u);
@@ -29,7 +28,7 @@ TEST(CppLayer, GivesBackWhatItTookAndSaysWhatFailedWhere) {
                 EXPECT_STREQ(error.what(), "TRELM_GetPortStats failed for port 1, NPIV index 1: 0x6000000D");
             }
         }
-        EXPECT_EQ(TRELM_CloseAdapter(handle), TRELM_STATUS_FAILED) << "it is closed already";
+        EXPECT_EQ(TRELM_CloseAdapter(2), TRELM_STATUS_FAILED) << "it is closed already";
         EXPECT_THROW(trelm::Adapter(library, 2), trelm::Error);
         host.model().port(0, 0).reported_target_count = UINT32_MAX;
         EXPECT_EQ(trelm::Adapter(library, 0).targets(0).size(), 2u);
