@@ -1,6 +1,5 @@
 // SCSI pass-through.
 
-#include <cstdlib>
 #include <cstring>
 
 #include "trelm_mgmt/transport.h"

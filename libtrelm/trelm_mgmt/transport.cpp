@@ -126,51 +126,63 @@ constexpr trelm::Transport kLegacy = {
     .reports_mfw_version = false,
 };
 
-constexpr trelm::Transport kKron = {
-    .open = native_open<trelmnt_open_adapter>,
-    .close = native_close<trelmnt_close_adapter>,
-    .open_failed = "): native open failed.",
-    .close_failed = "): native close failed.",
-    .refresh_port =
-        refresh_port<over_callback<trelm::kron_driver, trelm::kPortInfo, kPortInfoLookedAt, kronfc_port_info>,
-                     kronfc_port_info, Sees::kCopy, no_further_source>,
-    .fcf_info = over_callback<trelm::kron_driver, trelm::kFcfInfo, sizeof(dorfc_fcf_info), kronfc_fcf_info>,
-    .port_stats = over_callback<trelm::kron_driver, trelm::kPortStats, kStatsLookedAt, kronfc_port_stats>,
-    .tgt_info = over_callback<trelm::kron_driver, trelm::kTgtInfo, sizeof(dorfc_tgt_info), kronfc_tgt_info>,
-    .calling_port_info = "): callin native port info.",
-    .calling_fcf_info = "): callin native fcf info.",
-    .stats_alloc_failed = "): nqstats alloc failed.",
-    .tgt_alloc_failed = "): native nqtgt_info alloc failed.",
-    .send_scsi = native_send_scsi<trelm::kron_driver>,
-    .native = true,
-    .scsi_alloc_failed = "): nqcmd alloc failed.",
-    .scsi_failed = "): scsi cmd native failed, stat=",
-    .public_port_state = native_port_state,
-    .reports_mfw_version = true,
+// What the native drivers do not share.
+struct NativeTexts {
+    const char* calling_port_info;
+    const char* calling_fcf_info;
+    const char* stats_alloc_failed;
+    const char* tgt_alloc_failed;
+    const char* scsi_alloc_failed;
+    const char* scsi_failed;
+    bool reports_mfw_version;
 };
 
-constexpr trelm::Transport kPyx = {
-    .open = native_open<trelm_pyxnt_open_adapter>,
-    .close = native_close<trelm_pyxnt_close_adapter>,
-    .open_failed = kKron.open_failed,
-    .close_failed = kKron.close_failed,
-    .refresh_port =
-        refresh_port<over_callback<trelm::pyx_driver, trelm::kPortInfo, kPortInfoLookedAt, cx_fcoe_port_info>,
-                     cx_fcoe_port_info, Sees::kCopy, no_further_source>,
-    .fcf_info = over_callback<trelm::pyx_driver, trelm::kFcfInfo, sizeof(dorfc_fcf_info), cx_fcoe_fcf_info>,
-    .port_stats = over_callback<trelm::pyx_driver, trelm::kPortStats, kStatsLookedAt, cx_fcoe_port_stats>,
-    .tgt_info = over_callback<trelm::pyx_driver, trelm::kTgtInfo, sizeof(dorfc_tgt_info), cx_fcoe_tgt_info>,
+template <const trelm::native_driver& driver, auto open, auto close, class PortInfo>
+constexpr trelm::Transport native_transport(const NativeTexts& own) {
+    return {
+        .open = native_open<open>,
+        .close = native_close<close>,
+        .open_failed = "): native open failed.",
+        .close_failed = "): native close failed.",
+        .refresh_port = refresh_port<over_callback<driver, trelm::kPortInfo, kPortInfoLookedAt, PortInfo>,
+                                     PortInfo, Sees::kCopy, no_further_source>,
+        .fcf_info = over_callback<driver, trelm::kFcfInfo, sizeof(dorfc_fcf_info), dorfc_fcf_info>,
+        .port_stats = over_callback<driver, trelm::kPortStats, kStatsLookedAt, dorfc_port_stats>,
+        .tgt_info = over_callback<driver, trelm::kTgtInfo, sizeof(dorfc_tgt_info), dorfc_tgt_info>,
+        .calling_port_info = own.calling_port_info,
+        .calling_fcf_info = own.calling_fcf_info,
+        .stats_alloc_failed = own.stats_alloc_failed,
+        .tgt_alloc_failed = own.tgt_alloc_failed,
+        .send_scsi = native_send_scsi<driver>,
+        .native = true,
+        .scsi_alloc_failed = own.scsi_alloc_failed,
+        .scsi_failed = own.scsi_failed,
+        .public_port_state = native_port_state,
+        .reports_mfw_version = own.reports_mfw_version,
+    };
+}
+
+constexpr trelm::Transport kKron =
+    native_transport<trelm::kron_driver, trelmnt_open_adapter, trelmnt_close_adapter, kronfc_port_info>({
+        .calling_port_info = "): callin native port info.",
+        .calling_fcf_info = "): callin native fcf info.",
+        .stats_alloc_failed = "): nqstats alloc failed.",
+        .tgt_alloc_failed = "): native nqtgt_info alloc failed.",
+        .scsi_alloc_failed = "): nqcmd alloc failed.",
+        .scsi_failed = "): scsi cmd native failed, stat=",
+        .reports_mfw_version = true,
+    });
+
+constexpr trelm::Transport kPyx = native_transport<trelm::pyx_driver, trelm_pyxnt_open_adapter,
+                                                   trelm_pyxnt_close_adapter, cx_fcoe_port_info>({
     .calling_port_info = nullptr,
     .calling_fcf_info = nullptr,
     .stats_alloc_failed = "): nstats alloc failed.",
     .tgt_alloc_failed = "): native ntgt_info alloc failed.",
-    .send_scsi = native_send_scsi<trelm::pyx_driver>,
-    .native = true,
     .scsi_alloc_failed = "): ncmd alloc failed.",
     .scsi_failed = "): scsi cmd PYX native failed, stat=",
-    .public_port_state = native_port_state,
     .reports_mfw_version = false,
-};
+});
 
 bool is_kron_device(uint16_t device_id) { return (device_id & 0xFEFF) == 0x8080 || device_id == 0x165C; }
 
