@@ -2,7 +2,7 @@
 // name.
 #include "host_file.h"
 
-#include "host.h"
+#include "host_error.h"
 #include "target.h"
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

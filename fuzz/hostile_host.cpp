@@ -3,7 +3,7 @@
 #include "hostile_host.h"
 
 #include "../tests/support/stand_before.h"
-#include "hosts.h"
+#include "host_builders.h"
 #include "own_calls.h"
 #include "trelm_driver_records.h"
 

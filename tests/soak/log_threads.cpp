@@ -8,7 +8,7 @@
 
 #include "../support/child.h"
 #include "host.h"
-#include "hosts.h"
+#include "host_builders.h"
 #include "trelm_core.h"
 #include "trelm_dbg.h"
 

@@ -11,7 +11,7 @@
 
 #include "crowd.h"
 #include "host.h"
-#include "hosts.h"
+#include "host_builders.h"
 
 namespace trelm::soak {
 namespace {

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "host.h"
-#include "hosts.h"
+#include "host_builders.h"
 #include "trelm_mgmt.h"
 
 namespace trelm::test {

@@ -11,7 +11,7 @@
 #include <sstream>
 
 #include "host.h"
-#include "hosts.h"
+#include "host_builders.h"
 #include "trelm_core.h"
 #include "trelm_dbg.h"
 

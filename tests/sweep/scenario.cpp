@@ -3,7 +3,7 @@
 #include <fmt/format.h>
 
 #include "../support/guarded.h"
-#include "hosts.h"
+#include "host_builders.h"
 #include "sweep.h"
 #include "trelm_mgmt.h"
 

@@ -2,7 +2,7 @@
 // caller's memory.
 #pragma once
 
-#include "drivers.h"
+#include "request_pipeline.h"
 
 namespace hostsim {
 

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <span>
 
-#include "../libtrelm/trelm_driver_records.h"
+#include "trelm_driver_records.h"
 #include "scsi_target.h"
 
 namespace hostsim {

@@ -14,7 +14,7 @@
 #include <new>
 #include <utility>
 
-#include "drivers.h"
+#include "request_pipeline.h"
 #include "host_file.h"
 #include "host_file_watch.h"
 #include "legacy_node.h"
@@ -23,8 +23,6 @@
 #include "state.h"
 
 namespace hostsim {
-
-HostError::~HostError() = default;
 
 class Host::Core {
   public:

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <map>
 
-#include "drivers.h"
+#include "request_pipeline.h"
 #include "vmkmgmt.h"
 
 namespace hostsim {

@@ -6,14 +6,11 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdarg>
 #include <cstring>
 #include <span>
 #include <string_view>
 #include <vector>
 
-#include "host.h"
-#include "own_calls.h"
 #include "trelm_driver_records.h"
 
 namespace hostsim {
@@ -187,28 +184,3 @@ int ManagementApi::run(DriverKind driver, uint64_t id, void* parameter) {
 }
 
 }  // namespace hostsim
-
-// ---- The platform's functions
-// ------------------------------------------------------------------------------------
-
-extern "C" {
-
-HOSTSIM_API int vmk_MgmtUserInit(vmk_MgmtApiSignature* signature, uint64_t cookie,
-                                 vmk_MgmtUserHandle* handle) {
-    hostsim::Host* const host = hostsim::Host::current();
-    return host ? host->management_init(signature, cookie, handle) : hostsim::refuse(ENOENT);
-}
-
-HOSTSIM_API int vmk_MgmtUserCallbackInvokeInt(vmk_MgmtUserHandle handle, uint64_t instanceId,
-                                              uint64_t callbackId, uint32_t parmCount, ...) {
-    hostsim::Host* const host = hostsim::Host::current();
-    if (!host) return hostsim::fail(ENOENT);
-    // No callback of any driver takes more than one parameter: of a larger count the first tells all that is
-    // needed.
-    va_list arguments;
-    va_start(arguments, parmCount);
-    void* const first = parmCount > 0 ? va_arg(arguments, void*) : nullptr;
-    va_end(arguments);
-    return host->management_invoke(handle, instanceId, callbackId, parmCount, &first);
-}
-}

@@ -1,5 +1,5 @@
-// hosts.cpp - hosts for tests.
-#include "hosts.h"
+// host_builders.cpp - hosts for tests.
+#include "host_builders.h"
 
 #include <fmt/format.h>
 

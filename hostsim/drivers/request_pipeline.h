@@ -1,4 +1,4 @@
-// drivers.h - the drivers of a host behind both kernel interfaces: a request is recorded, runs into the
+// request_pipeline.h - the drivers of a host behind both kernel interfaces: a request is recorded, runs into the
 // faults of the model or is carried out by the device, and its answer passes a test's hands before the
 // interface gives it to the caller.
 #pragma once
@@ -9,8 +9,8 @@
 #include <span>
 #include <vector>
 
-#include "device.h"
-#include "host.h"
+#include "driver_answers.h"
+#include "driver_call.h"
 #include "model.h"
 
 namespace hostsim {

@@ -1,5 +1,5 @@
-// drivers.cpp - the way of a request through the drivers.
-#include "drivers.h"
+// request_pipeline.cpp - the way of a request through the drivers.
+#include "request_pipeline.h"
 
 #include <algorithm>
 #include <utility>

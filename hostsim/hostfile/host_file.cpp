@@ -13,7 +13,7 @@
 #include <sstream>
 
 #include "errno_names.h"
-#include "host.h"
+#include "host_error.h"
 #include "json_reader.h"
 #include "values.h"
 

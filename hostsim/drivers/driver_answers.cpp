@@ -1,6 +1,6 @@
-// device.cpp - the answers of the three drivers. Their records share all fields but a few, so one function
+// driver_answers.cpp - the answers of the three drivers. Their records share all fields but a few, so one function
 // fills each record and only the port information and the SCSI command are written for two layouts.
-#include "device.h"
+#include "driver_answers.h"
 
 #include <fmt/format.h>
 

@@ -10,7 +10,7 @@
 #include <fstream>
 
 #include "host.h"
-#include "hosts.h"
+#include "host_builders.h"
 #include "own_calls.h"
 #include "trelm_driver_records.h"
 

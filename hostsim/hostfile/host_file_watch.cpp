@@ -10,7 +10,7 @@
 #include <iterator>
 #include <system_error>
 
-#include "host.h"
+#include "host_error.h"
 #include "host_file.h"
 
 namespace hostsim {

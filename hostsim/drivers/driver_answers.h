@@ -1,4 +1,4 @@
-// device.h - what the drivers of a host know and do, independent of how they are asked: the answer to each
+// driver_answers.h - what the drivers of a host know and do, independent of how they are asked: the answer to each
 // operation, made from the model at the moment of the request.
 #pragma once
 

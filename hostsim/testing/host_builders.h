@@ -1,4 +1,4 @@
-// hosts.h - hosts for tests in a few words: adapters of one kind with ports that are told apart, to which a
+// host_builders.h - hosts for tests in a few words: adapters of one kind with ports that are told apart, to which a
 // test adds what it is about. Everything that is not said has a value that such a host could have.
 #pragma once
 

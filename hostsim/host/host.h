@@ -10,12 +10,12 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <span>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "driver_call.h"
+#include "host_error.h"
 #include "hostsim_api.h"
 #include "link_state_files.h"
 #include "model.h"
@@ -25,44 +25,7 @@ namespace hostsim {
 
 class State;
 
-// A model or host file that cannot be used; what() is the whole message.
-class HOSTSIM_API HostError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-    ~HostError() override;
-};
-
-// A request that a driver got, as it came.
-struct Call {
-    DriverKind driver = DriverKind::kron;
-    Operation operation = Operation::init;
-    uint64_t number = 0;         // callback id or ioctl number
-    uint64_t port = 0;           // host number, hbaselect, or the instance whose host number is asked for
-    std::vector<uint8_t> block;  // the legacy driver's 64-byte request block
-    std::vector<uint8_t>
-        payload;  // the first 1024 bytes of the payload (native: of the record with its header)
-};
-
-// What a driver is about to answer, before the caller sees it; a test may change all of it. `payload` is the
-// record alone (host number and count: their 4 bytes), the same for all drivers, `data` the data phase of a
-// SCSI command.
-struct Answer {
-    const Call& call;
-    std::span<uint8_t> payload;
-    std::span<uint8_t> data;
-    uint32_t status = 0;
-    int result = 0;  // what the invocation or ioctl returns
-    int error = 0;   // its errno
-
-    template <typename Record>
-    Record& as() const {
-        if (payload.size() < sizeof(Record))
-            throw std::length_error("the answer is shorter than this record");
-        return *reinterpret_cast<Record*>(payload.data());
-    }
-};
-
-// What stands at the legacy driver's node.
+// The type of file at the legacy driver's node.
 enum class NodeKind : uint8_t { missing, device, regular_file };
 
 class HOSTSIM_API Host {

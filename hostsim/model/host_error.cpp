@@ -1,0 +1,7 @@
+#include "host_error.h"
+
+namespace hostsim {
+
+HostError::~HostError() = default;
+
+}  // namespace hostsim

@@ -1,0 +1,41 @@
+// management_library.cpp - the functions of libvmkmgmt.so, answered by the simulated host of the process.
+#include <cerrno>
+#include <cstdarg>
+
+#include "host.h"
+#include "vmkmgmt.h"
+
+namespace {
+
+// As vmk_MgmtUserInit fails: with the error number, which errno has too.
+int refuse(int error) {
+    errno = error;
+    return error;
+}
+
+}  // namespace
+
+extern "C" {
+
+HOSTSIM_API int vmk_MgmtUserInit(vmk_MgmtApiSignature* signature, uint64_t cookie,
+                                 vmk_MgmtUserHandle* handle) {
+    hostsim::Host* const host = hostsim::Host::current();
+    return host ? host->management_init(signature, cookie, handle) : refuse(ENOENT);
+}
+
+HOSTSIM_API int vmk_MgmtUserCallbackInvokeInt(vmk_MgmtUserHandle handle, uint64_t instanceId,
+                                              uint64_t callbackId, uint32_t parmCount, ...) {
+    hostsim::Host* const host = hostsim::Host::current();
+    if (!host) {
+        errno = ENOENT;
+        return -1;
+    }
+    // No callback of any driver takes more than one parameter: of a larger count the first tells all that is
+    // needed.
+    va_list arguments;
+    va_start(arguments, parmCount);
+    void* const first = parmCount > 0 ? va_arg(arguments, void*) : nullptr;
+    va_end(arguments);
+    return host->management_invoke(handle, instanceId, callbackId, parmCount, &first);
+}
+}
