@@ -233,7 +233,6 @@ void ScsiPayload::send() {
 }  // namespace bench
 
 // ---- The entry points
-// ------------------------------------------------------------------------------------------------------
 
 using namespace bench;
 

@@ -159,7 +159,6 @@ void bare_link_state_calls() {
 }  // namespace bench
 
 // ---- What stands before libc's functions
-// -----------------------------------------------------------------------------------
 
 using namespace bench;
 

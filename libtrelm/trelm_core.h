@@ -14,7 +14,6 @@
 extern "C" {
 
 // ---- Registry records
-// ---------------------------------------------------------------------------------------------
 
 // One physical port, that is one PCI function. A physical port and its virtual ports share it, and with it
 // the open state.
@@ -73,7 +72,6 @@ struct trelm_priv_db {
 };
 
 // ---- Process-wide state
-// --------------------------------------------------------------------------------------------
 
 extern TRELM_API uint8_t trelm_os_type;                      // 0 not yet tested, 1 ESXi, 2 another system
 extern TRELM_API trelm_dlist* trelm_priv_database;           // port records; null when there are none
@@ -90,7 +88,6 @@ extern TRELM_API const char trelm_db_fname[];
 extern TRELM_API const char* const trelm_api_version;
 
 // ---- Load and unload
-// -------------------------------------------------------------------------------------------------
 
 TRELM_API uint32_t trelm_load_lib(void);
 TRELM_API uint32_t trelm_unload_lib(void);
@@ -100,7 +97,6 @@ TRELM_API void trelm_check_esx(void);
 TRELM_API void trelm_set_debug_level(void);
 
 // ---- Registry
-// ---------------------------------------------------------------------------------------------------------
 
 // A new record goes behind its list's cursor. On failure the whole list is released.
 TRELM_API uint32_t trelm_alloc_pdb_mem(trelm_priv_db** pdb);
@@ -135,7 +131,6 @@ TRELM_API uint64_t trelm_ptr_to_64bit(const void* address);
 TRELM_API void* trelm_64bit_to_ptr(uint64_t address);
 
 // ---- Database shared between processes
-// ----------------------------------------------------------------------------------
 
 TRELM_API uint32_t trelm_open_database(int32_t* ret_handle);
 TRELM_API uint32_t trelm_close_database(int32_t fildes);
@@ -143,13 +138,11 @@ TRELM_API uint32_t trelm_close_database(int32_t fildes);
 TRELM_API uint8_t trelm_get_total_libinst_count(void);
 
 // ---- Semaphores
-// -----------------------------------------------------------------------------------------------------------
 
 TRELM_API int trelm_sem_wait(int32_t sem_id);
 TRELM_API int trelm_sem_signal(int32_t sem_id);
 
 // ---- Legacy driver
-// -----------------------------------------------------------------------------------------------------------
 
 TRELM_API uint8_t trelm_charnode_exist(const char* charnode_name);
 TRELM_API uint32_t trelm_setup_ioctl_struct(uint16_t subcmd, void* resp_ptr, const trelm_priv_db* pdb,
@@ -179,7 +172,7 @@ TRELM_API uint32_t trelm_read_file_for_link(const char* filename, trelm_priv_db*
 
 }  // extern "C"
 
-namespace trelm {
+namespace trelm::detail {
 
 // Semaphores private to the core: the set of the key, created free where there is none, or -1; and its
 // removal.
@@ -198,4 +191,4 @@ inline uint32_t handle_of(const trelm_priv_db* pdb) { return pdb->hw_info ? pdb-
 // Empties the whole registry, ports first: hardware records outlive what refers to them.
 void release_registry();
 
-}  // namespace trelm
+}  // namespace trelm::detail

@@ -47,17 +47,17 @@ class Turn {
     Turn() {
         lock();
         semaphore_ = trelm_dbg_sem_id;
-        held_ = trelm::sem_wait_unlogged(semaphore_) == 0;
+        held_ = trelm::detail::sem_wait_unlogged(semaphore_) == 0;
     }
     ~Turn() {
-        if (held_) trelm::sem_signal_unlogged(semaphore_);
+        if (held_) trelm::detail::sem_signal_unlogged(semaphore_);
         unlock();
     }
     Turn(const Turn&) = delete;
     Turn& operator=(const Turn&) = delete;
 
   private:
-    trelm::ErrnoKeeper keep_;
+    trelm::detail::ErrnoKeeper keep_;
     int32_t semaphore_;
     bool held_;
 };
@@ -65,7 +65,7 @@ class Turn {
 // The log file may lie in a directory that anyone can write to, so a link or a device in its place is no log
 // file.
 FILE* open_log(const char* path) {
-    trelm::Descriptor fd(
+    trelm::detail::Descriptor fd(
         open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
     struct stat status;
     if (!fd || fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) return nullptr;
@@ -78,7 +78,7 @@ void flush_line() {
     line.text[line.fill] = '\0';
     line.fill = 0;
     fputs(line.text, stderr);
-    if (!(trelm_debug & trelm::kLogToFile)) return;
+    if (!(trelm_debug & trelm::detail::kLogToFile)) return;
     if (FILE* stream = trelm_dbg_get_fptr()) fputs(line.text, stream);
     memset(line.text, 0, sizeof line.text);
 }
@@ -190,11 +190,11 @@ FILE* trelm_dbg_get_fptr(void) {
 void trelm_dbg_print(const char* func_name, const char* string, uint64_t number, uint8_t radix,
                      uint8_t newline) {
     if (!trelm_debug) return;
-    trelm::ErrnoKeeper keep;
-    trelm::Heap<char> scratch(kScratch);
+    trelm::detail::ErrnoKeeper keep;
+    trelm::detail::Heap<char> scratch(kScratch);
     if (!scratch) return;
     Turn turn;
-    if ((trelm_debug & trelm::kLogToFile) && newline == 1 && !stamp(scratch.get())) return;
+    if ((trelm_debug & trelm::detail::kLogToFile) && newline == 1 && !stamp(scratch.get())) return;
     if (func_name) trelm_dbg_puts(func_name);
     trelm_dbg_puts(string);
     if (radix) trelm_dbg_output_number(number, radix);
@@ -217,7 +217,7 @@ void trelm_dbg_dump(const char* string, const uint8_t* buffer, uint8_t wd_size, 
     }
 }
 
-void trelm::write_line(const char* func_name, const Piece* pieces, size_t count) {
+void trelm::detail::write_line(const char* func_name, const Piece* pieces, size_t count) {
     for (size_t i = 0; i < count; ++i) {
         trelm_dbg_print(i ? nullptr : func_name, pieces[i].text, pieces[i].number, pieces[i].radix,
                         i + 1 == count);

@@ -24,7 +24,7 @@ TRELM_API FILE* trelm_dbg_get_fptr(void);
 
 }  // extern "C"
 
-namespace trelm {
+namespace trelm::detail {
 
 enum DebugFlag : uint32_t { kLogToFile = 0x1, kTrace = 0x2, kError = 0x4 };
 
@@ -77,4 +77,4 @@ template <class... Pieces>
     log(kError, func_name, pieces...);
 }
 
-}  // namespace trelm
+}  // namespace trelm::detail

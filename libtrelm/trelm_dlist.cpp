@@ -173,7 +173,6 @@ void _trelm_dlist_swap(trelm_dlist*, trelm_dl_node* a, trelm_dl_node* b) {
 }
 
 // ---- Sorting
-// -----------------------------------------------------------------------------------------------------
 
 namespace {
 

@@ -42,8 +42,7 @@
 extern "C" {
 #endif
 
-/* ---- Return codes ---------------------------------------------------------------------------------------
- */
+/* ---- Return codes ---- */
 
 #define TRELM_STATUS_OK 0x00000000u
 /* All failures are TRELM_STATUS_BASE plus a small number. */
@@ -69,8 +68,7 @@ extern "C" {
 /* What TRELM_GetVersion returns: major, minor, build, 0, one byte each, major in the top byte. */
 #define TRELM_VERSION_NUMBER 0x05000200u
 
-/* ---- Values of record fields ----------------------------------------------------------------------------
- */
+/* ---- Values of record fields ---- */
 
 /* TRELM_VNPORT_INFO.PortState */
 #define TRELM_PORTSTATE_LINKDOWN 4u
@@ -90,8 +88,7 @@ extern "C" {
 /* Highest target number plus one. */
 #define TRELM_MAX_TARGETS 128u
 
-/* ---- Records --------------------------------------------------------------------------------------------
- */
+/* ---- Records ---- */
 
 #pragma pack(push, 1)
 
@@ -244,8 +241,7 @@ typedef struct TRELM_LUN_INFO {
 /* Bytes from one element of a TRELM_LUN_INFO array to the next, by the Version of its first element. */
 #define TRELM_LUN_INFO_STRIDE(version) ((version) == 2u ? 217u : 213u)
 
-/* ---- Library ----------------------------------------------------------------------------------------------
- */
+/* ---- Library ---- */
 
 /* 128 bytes, zero-padded: names the library and its version. */
 extern TRELM_API const char trelm_version_description[128];
@@ -281,8 +277,7 @@ TRELM_API uint32_t TRELM_GetVersion(uint8_t* pVersion, uint32_t VersionSize);
  */
 TRELM_API uint32_t TRELM_GetPortCount(uint32_t* pPortCount);
 
-/* ---- Handles ----------------------------------------------------------------------------------------------
- */
+/* ---- Handles ---- */
 
 /*
  * Opens a physical port and stores its handle, which is never 0. Opening an open port gives the same handle;
@@ -301,8 +296,7 @@ TRELM_API uint32_t TRELM_OpenAdapter(uint32_t Instance, uint32_t* Handle);
  */
 TRELM_API uint32_t TRELM_CloseAdapter(uint32_t Handle);
 
-/* ---- Information
- * -------------------------------------------------------------------------------------------- */
+/* ---- Information ---- */
 
 /*
  * Fills *pFcoeInfo from what was found at load; the driver is not asked.
@@ -326,8 +320,7 @@ TRELM_API uint32_t TRELM_GetVNPortInfo(uint32_t Handle, uint32_t NpivIndex, TREL
  */
 TRELM_API uint32_t TRELM_GetPortStats(uint32_t Handle, uint32_t NpivIndex, TRELM_PORT_STATS* pStats);
 
-/* ---- SCSI
- * --------------------------------------------------------------------------------------------------- */
+/* ---- SCSI ---- */
 
 /*
  * Sends one SCSI command to a LUN behind the port and waits for it. *pDataLen bytes move between pData and

@@ -12,11 +12,11 @@
 
 namespace {
 
-using trelm::error;
-using trelm::native_driver;
-using trelm::native_operation;
-using trelm::Piece;
-using trelm::trace;
+using trelm::detail::error;
+using trelm::detail::native_driver;
+using trelm::detail::native_operation;
+using trelm::detail::Piece;
+using trelm::detail::trace;
 
 constexpr uint32_t kStatusInvalid = 4;    // a command that no record can carry
 constexpr uint32_t kStatusNoMemory = 10;  // the transport's own: no payload could be allocated
@@ -33,7 +33,7 @@ struct Operation {
     bool exit_shows_result;
 };
 
-constexpr Operation kOperations[trelm::kNativeOperations] = {
+constexpr Operation kOperations[trelm::detail::kNativeOperations] = {
     {NATIVE_CB_PORT_INFO, sizeof(kronfc_port_info), ": Get port info callback failed, status=",
      ": Get port info callback function failed, errno=", "): port_info_cb alloc failed.", true},
     {NATIVE_CB_PORT_STATS, sizeof(kronfc_port_stats), ": Get port stats native failed, status=",
@@ -51,12 +51,11 @@ int invoke(const native_driver& driver, uint64_t callback, void* payload) {
 }
 
 // ---- Discovery
-// ---------------------------------------------------------------------------------------------------------
 
 // What the driver tells of one instance.
 struct Instance {
     uint32_t host_no = 0;
-    trelm::native_port_info port = {};
+    trelm::detail::native_port_info port = {};
     dorfc_pci_info pci = {};
 };
 
@@ -93,13 +92,13 @@ Added add_hardware(const native_driver& driver, trelm_priv_db* pdb, const Instan
         return Added::kNoMemory;
     }
     const dorfc_port_info& port = instance.port.common;
-    trelm::copy_hardware(*hw, port, instance.pci);
+    trelm::detail::copy_hardware(*hw, port, instance.pci);
     memcpy(hw->model_desc, port.model_desc, sizeof hw->model_desc);
     hw->chip_rev_id = instance.pci.chip_rev_id;
     hw->native_driver = 1;
     driver.fill_hardware(*hw, instance.port, instance.pci);
     pdb->hw_info = hw;
-    if (trelm::is_supported_device(hw->device_id)) return Added::kKept;
+    if (trelm::detail::is_supported_device(hw->device_id)) return Added::kKept;
     trelm_free_hw_info_element(hw);
     trelm_free_pdb_element(pdb);
     return Added::kDropped;
@@ -113,22 +112,21 @@ Added add_instance(const native_driver& driver, uint32_t index, const Instance& 
     }
     pdb->drvr_inst = index;
     pdb->host_no = instance.host_no;
-    trelm::copy_port(*pdb, instance.port.common);
+    trelm::detail::copy_port(*pdb, instance.port.common);
     driver.fill_port(*pdb, instance.port);
     Added added = Added::kKept;
     if (pdb->port_type == FC_PORTTYPE_NPIV) {
-        pdb->hw_info = trelm::find_hw_info(driver.find_hw_info_name, instance.pci);
-        pdb->parent = trelm::find_parent(driver.find_parent_name, instance.pci);
+        pdb->hw_info = trelm::detail::find_hw_info(driver.find_hw_info_name, instance.pci);
+        pdb->parent = trelm::detail::find_parent(driver.find_parent_name, instance.pci);
     } else {
         added = add_hardware(driver, pdb, instance);
-        if (added == Added::kKept) trelm::index_newest_port();
+        if (added == Added::kKept) trelm::detail::index_newest_port();
     }
     if (added == Added::kKept) trelm_print_priv_data(pdb);
     return added;
 }
 
 // ---- Requests
-// ------------------------------------------------------------------------------------------------------------
 
 void trace_at(const char* func, uint32_t apihandle, const char* text) {
     trace(func, Piece("(", apihandle), text);
@@ -136,7 +134,7 @@ void trace_at(const char* func, uint32_t apihandle, const char* text) {
 
 uint32_t no_memory(const native_driver& driver, native_operation operation, const trelm_priv_db* pdb,
                    uint32_t* stat) {
-    error(driver.operation_names[operation], Piece("(", trelm::handle_of(pdb)),
+    error(driver.operation_names[operation], Piece("(", trelm::detail::handle_of(pdb)),
           kOperations[operation].alloc_text);
     *stat = kStatusNoMemory;
     return 1;
@@ -144,14 +142,14 @@ uint32_t no_memory(const native_driver& driver, native_operation operation, cons
 
 void trace_exit(const native_driver& driver, native_operation operation, const trelm_priv_db* pdb,
                 uint32_t result) {
-    if (!trelm::logs(trelm::kTrace)) return;
+    if (!trelm::detail::logs(trelm::detail::kTrace)) return;
     const char* func = driver.operation_names[operation];
     bool shows_result = kOperations[operation].exit_shows_result &&
-                        (operation != trelm::kPortInfo || driver.port_info_exit_shows_result);
+                        (operation != trelm::detail::kPortInfo || driver.port_info_exit_shows_result);
     if (shows_result) {
-        trace(func, Piece("(", trelm::handle_of(pdb)), Piece("): exiting. ret=", result));
+        trace(func, Piece("(", trelm::detail::handle_of(pdb)), Piece("): exiting. ret=", result));
     } else {
-        trace_at(func, trelm::handle_of(pdb), "): exiting.");
+        trace_at(func, trelm::detail::handle_of(pdb), "): exiting.");
     }
 }
 
@@ -209,24 +207,24 @@ void fill_scsi(kronfc_scsi_cmd_cb& wrapper, bool cleared, const kronfc_scsi_cmd&
 template <class Take>
 uint32_t exchange(const native_driver& driver, trelm_priv_db* pdb, const kronfc_scsi_cmd& cmd,
                   const uint8_t* data, uint32_t* stat, Take take) {
-    trace_at(driver.operation_names[trelm::kScsiCmd], trelm::handle_of(pdb), "): entered.");
+    trace_at(driver.operation_names[trelm::detail::kScsiCmd], trelm::detail::handle_of(pdb), "): entered.");
     uint32_t result = 1;
     if (cmd.cdb_len > kScsiMaxCdb || cmd.data_len > kScsiMaxData) {
         *stat = kStatusInvalid;
     } else {
-        trelm::Pooled<kronfc_scsi_cmd_cb> wrapper;
-        if (!wrapper) return no_memory(driver, trelm::kScsiCmd, pdb, stat);
+        trelm::detail::Pooled<kronfc_scsi_cmd_cb> wrapper;
+        if (!wrapper) return no_memory(driver, trelm::detail::kScsiCmd, pdb, stat);
         fill_scsi(*wrapper.get(), wrapper.cleared(), cmd, data);
-        result = send(driver, trelm::kScsiCmd, pdb, &wrapper->header, stat);
+        result = send(driver, trelm::detail::kScsiCmd, pdb, &wrapper->header, stat);
         if (result == 0) take(wrapper->cmnd);
     }
-    trace_exit(driver, trelm::kScsiCmd, pdb, result);
+    trace_exit(driver, trelm::detail::kScsiCmd, pdb, result);
     return result;
 }
 
 }  // namespace
 
-uint32_t trelm::native_find_all_instances(const native_driver& driver, uint32_t* start_inst) {
+uint32_t trelm::detail::native_find_all_instances(const native_driver& driver, uint32_t* start_inst) {
     int rc = vmk_MgmtUserInit(driver.signature, driver.cookie, driver.handle);
     if (rc) {
         error(driver.find_all_name, Piece(": vmk init failed. rc=", rc));
@@ -263,8 +261,8 @@ uint32_t trelm::native_find_all_instances(const native_driver& driver, uint32_t*
     return 0;
 }
 
-uint32_t trelm::native_open_adapter(const native_driver& driver, trelm_priv_db* pdb, uint32_t instance,
-                                    uint32_t* papi_handle) {
+uint32_t trelm::detail::native_open_adapter(const native_driver& driver, trelm_priv_db* pdb,
+                                            uint32_t instance, uint32_t* papi_handle) {
     trace(driver.open_name, ": entered.");
     if (!pdb || !pdb->hw_info) {
         error(driver.open_name, ": pdb not found, exiting");
@@ -277,7 +275,7 @@ uint32_t trelm::native_open_adapter(const native_driver& driver, trelm_priv_db* 
     return 0;
 }
 
-uint32_t trelm::native_close_adapter(const native_driver& driver, trelm_priv_db* pdb) {
+uint32_t trelm::detail::native_close_adapter(const native_driver& driver, trelm_priv_db* pdb) {
     if (!pdb || !pdb->hw_info) {
         error(driver.close_name, ": pdb not found, exiting");
         return 1;
@@ -293,8 +291,8 @@ uint32_t trelm::native_close_adapter(const native_driver& driver, trelm_priv_db*
     return 0;
 }
 
-uint32_t trelm::native_request(const native_driver& driver, native_operation operation, trelm_priv_db* pdb,
-                               void* payload, size_t wanted, uint32_t* stat) {
+uint32_t trelm::detail::native_request(const native_driver& driver, native_operation operation,
+                                       trelm_priv_db* pdb, void* payload, size_t wanted, uint32_t* stat) {
     const Operation& row = kOperations[operation];
     trace_at(driver.operation_names[operation], handle_of(pdb), "): entered.");
     Pooled<Request> request;
@@ -312,14 +310,14 @@ uint32_t trelm::native_request(const native_driver& driver, native_operation ope
     return result;
 }
 
-uint32_t trelm::native_send_scsi_cmd(const native_driver& driver, trelm_priv_db* pdb, kronfc_scsi_cmd* pcmd,
-                                     uint32_t* stat) {
+uint32_t trelm::detail::native_send_scsi_cmd(const native_driver& driver, trelm_priv_db* pdb,
+                                             kronfc_scsi_cmd* pcmd, uint32_t* stat) {
     return exchange(driver, pdb, *pcmd, pcmd->data_buffer, stat,
                     [pcmd](const kronfc_scsi_cmd& answer) { memcpy(pcmd, &answer, sizeof answer); });
 }
 
-uint32_t trelm::native_exchange_scsi_cmd(const native_driver& driver, trelm_priv_db* pdb,
-                                         kronfc_scsi_cmd* pcmd, uint8_t* data, uint32_t* stat) {
+uint32_t trelm::detail::native_exchange_scsi_cmd(const native_driver& driver, trelm_priv_db* pdb,
+                                                 kronfc_scsi_cmd* pcmd, uint8_t* data, uint32_t* stat) {
     const uint32_t room = pcmd->direction == SCSI_DIRECTION_IN ? pcmd->data_len : 0;
     return exchange(driver, pdb, *pcmd, data, stat, [pcmd, data, room](const kronfc_scsi_cmd& answer) {
         memcpy(pcmd, &answer, kScsiLead);

@@ -5,7 +5,7 @@
 #include "trelm_core.h"
 #include "vmkmgmt.h"
 
-namespace trelm {
+namespace trelm::detail {
 
 // Operations that go to one port. Each driver has a function name for each of them.
 enum native_operation { kPortInfo, kPortStats, kTgtInfo, kFcfInfo, kScsiCmd, kNativeOperations };
@@ -70,4 +70,4 @@ uint32_t native_exchange_scsi_cmd(const native_driver& driver, trelm_priv_db* pd
 extern const native_driver kron_driver;
 extern const native_driver pyx_driver;
 
-}  // namespace trelm
+}  // namespace trelm::detail

@@ -33,30 +33,36 @@
 
 #define TRELM_DEFINE_NATIVE_TRANSPORT(prefix, records, driver)                                               \
     uint32_t prefix##_find_all_instances(const char*, uint32_t* start_inst) {                                \
-        return trelm::native_find_all_instances(driver, start_inst);                                         \
+        return trelm::detail::native_find_all_instances(driver, start_inst);                                 \
     }                                                                                                        \
     uint32_t prefix##_open_adapter(trelm_priv_db* pdb, uint32_t instance, uint32_t* papi_handle) {           \
-        return trelm::native_open_adapter(driver, pdb, instance, papi_handle);                               \
+        return trelm::detail::native_open_adapter(driver, pdb, instance, papi_handle);                       \
     }                                                                                                        \
-    uint32_t prefix##_close_adapter(trelm_priv_db* pdb) { return trelm::native_close_adapter(driver, pdb); } \
+    uint32_t prefix##_close_adapter(trelm_priv_db* pdb) {                                                    \
+        return trelm::detail::native_close_adapter(driver, pdb);                                             \
+    }                                                                                                        \
     uint32_t prefix##_get_port_info(trelm_priv_db* pdb, records##_port_info* port_info, uint32_t* stat) {    \
-        return trelm::native_request(driver, trelm::kPortInfo, pdb, port_info, sizeof *port_info, stat);     \
+        return trelm::detail::native_request(driver, trelm::detail::kPortInfo, pdb, port_info,               \
+                                             sizeof *port_info, stat);                                       \
     }                                                                                                        \
     uint32_t prefix##_get_port_stats(trelm_priv_db* pdb, records##_port_stats* pstats, uint32_t* stat) {     \
-        return trelm::native_request(driver, trelm::kPortStats, pdb, pstats, sizeof *pstats, stat);          \
+        return trelm::detail::native_request(driver, trelm::detail::kPortStats, pdb, pstats, sizeof *pstats, \
+                                             stat);                                                          \
     }                                                                                                        \
     uint32_t prefix##_get_tgt_info(trelm_priv_db* pdb, records##_tgt_info* ptgt, uint32_t* stat) {           \
-        return trelm::native_request(driver, trelm::kTgtInfo, pdb, ptgt, sizeof *ptgt, stat);                \
+        return trelm::detail::native_request(driver, trelm::detail::kTgtInfo, pdb, ptgt, sizeof *ptgt,       \
+                                             stat);                                                          \
     }                                                                                                        \
     uint32_t prefix##_get_fcf_info(trelm_priv_db* pdb, records##_fcf_info* pfcf, uint32_t* stat) {           \
-        return trelm::native_request(driver, trelm::kFcfInfo, pdb, pfcf, sizeof *pfcf, stat);                \
+        return trelm::detail::native_request(driver, trelm::detail::kFcfInfo, pdb, pfcf, sizeof *pfcf,       \
+                                             stat);                                                          \
     }                                                                                                        \
     uint32_t prefix##_send_scsi_cmd(trelm_priv_db* pdb, records##_scsi_cmd* pcmd, uint32_t* stat) {          \
-        return trelm::native_send_scsi_cmd(driver, pdb, pcmd, stat);                                         \
+        return trelm::detail::native_send_scsi_cmd(driver, pdb, pcmd, stat);                                 \
     }                                                                                                        \
     trelm_hw_info* prefix##_get_hw_info_inst(const records##_pci_info* pci_info) {                           \
-        return trelm::find_hw_info((driver).find_hw_info_name, *pci_info);                                   \
+        return trelm::detail::find_hw_info((driver).find_hw_info_name, *pci_info);                           \
     }                                                                                                        \
     trelm_priv_db* prefix##_get_parent_port(const records##_pci_info* pci_info) {                            \
-        return trelm::find_parent((driver).find_parent_name, *pci_info);                                     \
+        return trelm::detail::find_parent((driver).find_parent_name, *pci_info);                             \
     }

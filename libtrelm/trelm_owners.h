@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 
-namespace trelm {
+namespace trelm::detail {
 
 class ErrnoKeeper {
   public:
@@ -68,4 +68,4 @@ class Heap : public Owner<T*, nullptr, free_heap<T>> {
         : Owner<T*, nullptr, free_heap<T>>(static_cast<T*>(calloc(count ? count : 1, sizeof(T)))) {}
 };
 
-}  // namespace trelm
+}  // namespace trelm::detail

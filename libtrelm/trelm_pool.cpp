@@ -24,9 +24,9 @@ struct Blocks {
     size_t size;
     void* slots[kSlots];
 };
-Blocks kept[] = {{trelm::kSmallBlock, {}}, {trelm::kLargeBlock, {}}};
+Blocks kept[] = {{trelm::detail::kSmallBlock, {}}, {trelm::detail::kLargeBlock, {}}};
 
-Blocks& blocks_for(size_t bytes) { return kept[bytes > trelm::kSmallBlock]; }
+Blocks& blocks_for(size_t bytes) { return kept[bytes > trelm::detail::kSmallBlock]; }
 
 void* take_kept(Blocks& blocks) {
     for (size_t i = kSlots; i-- > 0;) {
@@ -48,7 +48,7 @@ bool keep(Blocks& blocks, void* block) {
 
 }  // namespace
 
-void* trelm::pool_take(size_t bytes, bool* cleared) {
+void* trelm::detail::pool_take(size_t bytes, bool* cleared) {
     Blocks& blocks = blocks_for(bytes);
     void* block = take_kept(blocks);
     const bool zeroed = !block && cleared && blocks.size == kLargeBlock;
@@ -62,13 +62,13 @@ void* trelm::pool_take(size_t bytes, bool* cleared) {
     return block;
 }
 
-void trelm::pool_give_back(void* block, size_t bytes) {
+void trelm::detail::pool_give_back(void* block, size_t bytes) {
     Blocks& blocks = blocks_for(bytes);
     ASAN_POISON_MEMORY_REGION(block, blocks.size);
     if (!keep(blocks, block)) free(block);
 }
 
-void trelm::pool_empty() {
+void trelm::detail::pool_empty() {
     for (Blocks& blocks : kept) {
         for (void*& slot : blocks.slots) free(__atomic_exchange_n(&slot, nullptr, __ATOMIC_ACQ_REL));
     }

@@ -10,7 +10,7 @@
 #include "trelm_driver_records.h"
 #include "trelm_owners.h"
 
-namespace trelm {
+namespace trelm::detail {
 
 inline constexpr size_t kSmallBlock = sizeof(native_cb_header) + sizeof(kronfc_port_stats);
 inline constexpr size_t kLargeBlock = sizeof(kronfc_scsi_cmd_cb);
@@ -42,4 +42,4 @@ class Pooled : public Owner<T*, nullptr, give_back<T>> {
     bool cleared_ = false;
 };
 
-}  // namespace trelm
+}  // namespace trelm::detail

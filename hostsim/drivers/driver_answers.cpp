@@ -57,7 +57,6 @@ const Target* find_target(const Port& port, uint32_t index) {
 }
 
 // ---- LUNs
-// --------------------------------------------------------------------------------------------------------
 
 // A LUN without an NAA id has one made from its target's WWPN, which tells it from every other of the host.
 uint64_t naa_of(const Lun& lun, uint32_t number, const PortRef& port, const Target& target) {

@@ -14,12 +14,12 @@
 #include <new>
 #include <utility>
 
-#include "request_pipeline.h"
 #include "host_file.h"
 #include "host_file_watch.h"
 #include "legacy_node.h"
 #include "management_api.h"
 #include "own_calls.h"
+#include "request_pipeline.h"
 #include "state.h"
 
 namespace hostsim {
@@ -161,7 +161,6 @@ Host* Host::current() noexcept {
 }
 
 // ---- For tests
-// -----------------------------------------------------------------------------------------------------
 
 Model& Host::model() { return core_->drivers.model; }
 
@@ -193,7 +192,6 @@ void Host::inject(Fault fault) {
 std::filesystem::path Host::root() const { return core_->state.root(); }
 
 // ---- For the interposers
-// -------------------------------------------------------------------------------------------
 
 State& Host::state() noexcept { return core_->state; }
 

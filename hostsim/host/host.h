@@ -44,7 +44,6 @@ class HOSTSIM_API Host {
     static Host* current() noexcept;
 
     // ---- For tests
-    // ----------------------------------------------------------------------------------------------
 
     Model& model();                                      // may be edited between driver calls
     void edit(const std::function<void(Model&)>& edit);  // while other threads make driver calls
@@ -56,7 +55,6 @@ class HOSTSIM_API Host {
     std::filesystem::path root() const;  // under which the host's "/tmp" and "/var/tmp" lie
 
     // ---- For the interposers; nothing of these throws
-    // ---------------------------------------------------------------
 
     State& state() noexcept;
     void fill_utsname(utsname* name) const noexcept;

@@ -21,7 +21,6 @@ namespace hostsim {
 namespace {
 
 // ---- Values
-// --------------------------------------------------------------------------------------------------------
 
 uint64_t read_wwn(const JsonValue& value) {
     const auto wwn = parse_wwn(value.text());
@@ -130,7 +129,6 @@ Driver::Presence read_presence(const JsonValue& value) {
 }
 
 // ---- LUNs and targets
-// ------------------------------------------------------------------------------------------------
 
 // A LUN as written: its size is given either way, and comes together with the block size at the end.
 struct WrittenLun : Lun {
@@ -208,7 +206,6 @@ constexpr JsonField<Target> kTargetFields[]{
 };
 
 // ---- Ports
-// -----------------------------------------------------------------------------------------------------------
 
 constexpr JsonField<Fcf> kFcfFields[]{
     {"switch_name", [](const JsonValue& v, Fcf& f) { f.switch_name = read_wwn(v); }, Presence::required},
@@ -295,7 +292,6 @@ const std::vector<JsonField<PhysicalPort>>& physical_port_fields() {
 }
 
 // ---- The host
-// --------------------------------------------------------------------------------------------------------
 
 constexpr JsonField<Adapter> kPciFields[]{
     {"address", read_pci_address, Presence::required},

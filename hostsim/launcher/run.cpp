@@ -62,7 +62,6 @@ PassedDirectories passed_directories(const RunOptions& options) {
 }
 
 // ---- The command's environment
-// ---------------------------------------------------------------------------------------
 
 std::string preload_list() {
     const std::string preload = preload_path().string();
@@ -128,7 +127,6 @@ std::vector<std::string> environment_for(const fs::path& root, const PassedDirec
 }
 
 // ---- The root
-// --------------------------------------------------------------------------------------------------------
 
 // Goes with the object unless it was given by the user or the janitor has taken it over.
 class Root {

@@ -58,7 +58,6 @@ std::vector<char*> pointers(const std::vector<std::string>& texts) {
 }
 
 // ---- The command
-// -----------------------------------------------------------------------------------------------------
 
 [[noreturn]] void become(const Command& command, const sigset_t& mask) {
     const std::vector<char*> arguments = pointers(command.arguments);
@@ -74,7 +73,6 @@ std::vector<char*> pointers(const std::vector<std::string>& texts) {
 }
 
 // ---- The janitor
-// -----------------------------------------------------------------------------------------------------
 
 // Whoever reads what the launcher was started to write must not wait for the janitor.
 void let_go(std::span<const int> kept) {
@@ -136,7 +134,6 @@ void tell(int pipe, const Notice& notice) {
 }
 
 // ---- The launcher
-// ----------------------------------------------------------------------------------------------------
 
 // A signal from a terminal has reached the command already: it goes to all processes in the foreground.
 void forward(int signals, pid_t command) {

@@ -100,7 +100,6 @@ INTERPOSED(int, posix_spawnp,
 }
 
 // ---- Arguments one by one: the last is a null pointer, in execle followed by the environment
-// ------------------------
 
 // Calls `call` with the arguments as an array, and with `list` at what follows them.
 template <typename Call>

@@ -49,7 +49,6 @@ using Statvfs = struct statvfs;
 using Statvfs64 = struct statvfs64;
 
 // ---- Looking at a file
-// ----------------------------------------------------------------------------------------------
 
 INTERPOSE(int, stat, (const char* path, Stat* status), (Look(path), status))
 INTERPOSE(int, stat64, (const char* path, Stat64* status), (Look(path), status))
@@ -82,7 +81,6 @@ INTERPOSE(key_t, ftok, (const char* path, int project), (Path(path), project))
 INTERPOSE(int, inotify_add_watch, (int fd, const char* path, uint32_t mask), (fd, Path(path), mask))
 
 // ---- Directories and trees
-// ------------------------------------------------------------------------------------------
 
 using Filter = int (*)(const dirent*);
 using Filter64 = int (*)(const dirent64*);
@@ -127,7 +125,6 @@ INTERPOSED(int, glob64, (const char* pattern, int flags, GlobError error, glob64
 }
 
 // ---- Names: making, removing, moving
-// --------------------------------------------------------------------------------
 
 INTERPOSE(int, unlink, (const char* path), (Path(path)))
 INTERPOSE(int, unlinkat, (int dir, const char* path, int flags), (dir, Path(path), flags))
@@ -181,7 +178,6 @@ INTERPOSED(char*, __getcwd_chk, (char* text, size_t size, size_t room)) {
 INTERPOSED(char*, get_current_dir_name, ()) { return shown(NEXT(get_current_dir_name)()); }
 
 // ---- Attributes
-// -----------------------------------------------------------------------------------------------------
 
 INTERPOSE(int, chmod, (const char* path, mode_t mode), (Path(path), mode))
 INTERPOSE(int, lchmod, (const char* path, mode_t mode), (Path(path), mode))
@@ -212,7 +208,6 @@ INTERPOSE(int, removexattr, (const char* path, const char* name), (Path(path), n
 INTERPOSE(int, lremovexattr, (const char* path, const char* name), (Path(path), name))
 
 // ---- Files with names of their own
-// ----------------------------------------------------------------------------------
 
 INTERPOSE(int, mkstemp, (char* text), (Template(text)))
 INTERPOSE(int, mkstemp64, (char* text), (Template(text)))
@@ -229,7 +224,6 @@ INTERPOSED(char*, mktemp, (char* text)) {
 }
 
 // ---- Files that a child process opens
-// -------------------------------------------------------------------------------
 
 INTERPOSE(int, posix_spawn_file_actions_addopen,
           (posix_spawn_file_actions_t * actions, int fd, const char* path, int flags, mode_t mode),

@@ -38,7 +38,6 @@ INTERPOSED(int, gethostname, (char* text, size_t size)) {
 }
 
 // ---- The user: every identity of the process is the host's effective user
-// ------------------------------------------
 
 // The id that `next` would tell, or the host's.
 template <typename Call>
@@ -70,7 +69,6 @@ INTERPOSED(int, getresgid, (gid_t * real, gid_t* effective, gid_t* saved)) {
 }
 
 // ---- Semaphores and disks
-// -------------------------------------------------------------------------------------------
 
 INTERPOSED(int, semget, (key_t key, int count, int flags)) {
     State* state = serving_state();
@@ -88,7 +86,6 @@ INTERPOSED(void, sync, ()) {
 }
 
 // ---- Commands
-// -------------------------------------------------------------------------------------------------------
 
 static std::string shell_word(std::string_view text) {
     std::string result = "'";

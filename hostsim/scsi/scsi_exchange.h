@@ -8,8 +8,8 @@
 #include <cstring>
 #include <span>
 
-#include "trelm_driver_records.h"
 #include "scsi_target.h"
+#include "trelm_driver_records.h"
 
 namespace hostsim {
 

@@ -54,7 +54,6 @@ inline constexpr uint32_t kScsiMaxSense = 256;
 #pragma pack(push, 1)
 
 // ---- Requests to the legacy driver
-// -------------------------------------------------------------------------------
 
 struct dorfc_ioctl {
     char signature[8];  // "DORFC", zero-padded
@@ -106,7 +105,6 @@ TRELM_RECORD(dorfc_hostno, 8);
 TRELM_AT(dorfc_hostno, reserved, 4);
 
 // ---- Payloads
-// ----------------------------------------------------------------------------------------------------
 
 struct dorfc_pci_info {
     uint16_t vendor_id;
@@ -377,7 +375,6 @@ TRELM_RECORD(kronfc_scsi_cmd, 262436);
 TRELM_AT(kronfc_scsi_cmd, data_buffer, 292);
 
 // ---- What the callbacks of the native drivers take: the payloads behind a header
-// ------------------------------------
 
 struct kronfc_hba_cnt_cb {
     int32_t hba_cnt;

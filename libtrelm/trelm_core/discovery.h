@@ -6,7 +6,7 @@
 
 #include "trelm_core.h"
 
-namespace trelm {
+namespace trelm::detail {
 
 // Whether ports of a PCI device with this id are served. The vendor id does not matter.
 bool is_supported_device(uint16_t device_id);
@@ -63,4 +63,4 @@ inline void copy_hardware(trelm_hw_info& hw, const dorfc_port_info& port, const 
     hw.driver_loaded = 1;
 }
 
-}  // namespace trelm
+}  // namespace trelm::detail

@@ -14,9 +14,9 @@
 
 namespace {
 
-using trelm::error;
-using trelm::Piece;
-using trelm::trace;
+using trelm::detail::error;
+using trelm::detail::Piece;
+using trelm::detail::trace;
 
 constexpr char kFunc[] = "trelm_find_all_instances";
 constexpr char kModelDesc[] = "Calvexa 10G FCoE Adapter";
@@ -39,7 +39,7 @@ void read_port_info(int fd, trelm_priv_db* pdb, dorfc_port_info& port) {
         port = {};
         return;
     }
-    trelm::copy_port(*pdb, port);
+    trelm::detail::copy_port(*pdb, port);
     TRELM_COPY(*pdb, port, hba_name);
     trelm_get_dorfc_link_state(pdb);
 }
@@ -53,7 +53,7 @@ bool read_pci_info(int fd, trelm_priv_db* pdb, dorfc_pci_info& pci) {
 
 void fill_hardware(trelm_hw_info& hw, const NodePath& path, const dorfc_port_info& port,
                    const dorfc_pci_info& pci) {
-    trelm::copy_hardware(hw, port, pci);
+    trelm::detail::copy_hardware(hw, port, pci);
     memcpy(hw.phys_path, path, sizeof hw.phys_path);
     memcpy(hw.model_desc, kModelDesc, sizeof kModelDesc);
     hw.phy_port_number = static_cast<uint8_t>(pci.port_num);
@@ -78,8 +78,8 @@ Step attach_hardware(const NodePath& path, trelm_priv_db* pdb, const dorfc_port_
     }
     fill_hardware(*hw, path, port, pci);
     pdb->hw_info = hw;
-    if (trelm::is_supported_device(hw->device_id)) {
-        trelm::index_newest_port();
+    if (trelm::detail::is_supported_device(hw->device_id)) {
+        trelm::detail::index_newest_port();
         return Step::kKept;
     }
     trelm_free_hw_info_element(hw);
@@ -110,7 +110,7 @@ Step add_port(int fd, const NodePath& path, uint32_t index, uint16_t instance) {
 
 // Walks the driver's indexes until it has accounted for all its ports. False when memory ran out.
 bool add_ports(int fd, const NodePath& path, int32_t hba_count, uint16_t& instance) {
-    const trelm::LocationIndex index_of_locations;
+    const trelm::detail::LocationIndex index_of_locations;
     unsigned failures = 0;
     for (uint32_t index = 0; hba_count > 0 && index <= kMaxIndex && failures < kMaxFailuresInARow; ++index) {
         const Step step = add_port(fd, path, index, instance);
@@ -136,7 +136,7 @@ uint32_t trelm_find_all_instances(const char* driver_name, uint32_t* start_inst)
         error(kFunc, ": not found: ", path);
         return 1;
     }
-    trelm::Descriptor fd(open(path, O_RDWR | O_CLOEXEC));
+    trelm::detail::Descriptor fd(open(path, O_RDWR | O_CLOEXEC));
     if (!fd) {
         error(kFunc, ": char device open error.");
         return 1;
@@ -150,7 +150,7 @@ uint32_t trelm_find_all_instances(const char* driver_name, uint32_t* start_inst)
     if (hba_count <= 0) return 0;
     auto instance = static_cast<uint16_t>(*start_inst);
     if (!add_ports(fd.get(), path, hba_count, instance)) {
-        trelm::release_registry();
+        trelm::detail::release_registry();
         return 1;
     }
     fd.reset();

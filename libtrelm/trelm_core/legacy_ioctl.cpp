@@ -14,9 +14,9 @@
 
 namespace {
 
-using trelm::error;
-using trelm::Piece;
-using trelm::trace;
+using trelm::detail::error;
+using trelm::detail::Piece;
+using trelm::detail::trace;
 
 struct Request {
     dorfc_request_number number;
@@ -79,7 +79,7 @@ uint32_t issue_to_port(const Request& request, uint32_t shown, int32_t handle, c
 
 uint32_t issue_to_port(const Request& request, int32_t handle, const trelm_priv_db* pdb, void* payload,
                        uint32_t* stat) {
-    return issue_to_port(request, trelm::handle_of(pdb), handle, pdb, payload, stat);
+    return issue_to_port(request, trelm::detail::handle_of(pdb), handle, pdb, payload, stat);
 }
 
 // Opens the node of a port that is closed. 0, or the system error number of the failed open.
@@ -103,7 +103,7 @@ uint8_t trelm_charnode_exist(const char* charnode_name) {
         error(__func__, ": invalid char node file.");
         return 1;
     }
-    trelm::Descriptor fd(open(charnode_name, O_RDONLY | O_CLOEXEC));
+    trelm::detail::Descriptor fd(open(charnode_name, O_RDONLY | O_CLOEXEC));
     if (!fd) {
         error(__func__, ": file open failed.");
         return 1;

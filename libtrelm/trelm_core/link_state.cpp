@@ -55,7 +55,7 @@ class LineReader {
         return end_ != 0;
     }
 
-    trelm::Descriptor file_;
+    trelm::detail::Descriptor file_;
     size_t begin_ = 0;
     size_t end_ = 0;
     char buffer_[4096];
@@ -75,7 +75,7 @@ bool skip_past(LineReader& file, const char* text) {
 uint32_t trelm_read_directory(const char* pth, char (*file_names)[32], uint32_t* count) {
     char path[kPathRoom];
     snprintf(path, sizeof path, "%s", pth);
-    trelm::Directory directory(opendir(path));
+    trelm::detail::Directory directory(opendir(path));
     if (!directory) return 1;
     uint32_t names = 0;
     while (names < kMaxNames) {

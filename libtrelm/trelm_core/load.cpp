@@ -17,9 +17,9 @@ const char* const trelm_api_version = "v5.00 build2";
 
 namespace {
 
-using trelm::error;
-using trelm::Piece;
-using trelm::trace;
+using trelm::detail::error;
+using trelm::detail::Piece;
+using trelm::detail::trace;
 
 enum OsType : uint8_t { kEsxi = 1, kOtherSystem = 2 };
 
@@ -50,14 +50,14 @@ uint32_t discover_and_join() {
     const Discovered found = discover();
     if (!trelm_priv_database || found.ports == 0) {
         error(kLoad, ": ERROR finding adapters.");
-        trelm::release_registry();
+        trelm::detail::release_registry();
         return found.status;
     }
     int32_t fildes = 0;
     const uint32_t status = trelm_open_database(&fildes);
     if (status != 0) {
         error(kLoad, ": ERROR setting up database.");
-        trelm::release_registry();
+        trelm::detail::release_registry();
     }
     return status;
 }
@@ -126,16 +126,16 @@ uint32_t trelm_unload_lib(void) {
     trace(__func__, ": entered.");
     trace(__func__, Piece(": lib inst=", inst), " going to call cleanup_hbas.");
     trelm_cleanup_hbas();
-    trelm::pool_empty();
+    trelm::detail::pool_empty();
     uint32_t status = 0;
-    if (trelm::database_is_open()) {
+    if (trelm::detail::database_is_open()) {
         trace(__func__, Piece(": lib inst ", inst), " going to call close_database.");
         status = trelm_close_database(trelm_shm_fildes);
-        trelm::release_registry();
+        trelm::detail::release_registry();
         trace(__func__, Piece(": exiting, rval=", status));
     } else {
         error(__func__, Piece(": inst ", inst), " db not opened. exiting.");
-        trelm::release_registry();
+        trelm::detail::release_registry();
     }
     return status;
 }

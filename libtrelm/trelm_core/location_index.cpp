@@ -11,7 +11,7 @@ namespace {
 
 constexpr size_t kFirstCapacity = 64;
 
-trelm::LocationIndex* current = nullptr;  // of the discovery that is under way
+trelm::detail::LocationIndex* current = nullptr;  // of the discovery that is under way
 
 uint64_t location_of(const trelm_hw_info& hw) {
     return uint64_t{hw.pci_domain} << 48 | uint64_t{hw.pci_bus} << 32 | uint64_t{hw.pci_dev} << 16 |
@@ -44,14 +44,14 @@ void visit_all(const trelm_dlist* list, Visit visit) {
 
 }  // namespace
 
-trelm::LocationIndex::LocationIndex() { current = this; }
+trelm::detail::LocationIndex::LocationIndex() { current = this; }
 
-trelm::LocationIndex::~LocationIndex() {
+trelm::detail::LocationIndex::~LocationIndex() {
     current = nullptr;
     give_up();
 }
 
-void trelm::LocationIndex::give_up() {
+void trelm::detail::LocationIndex::give_up() {
     const ErrnoKeeper keep;
     free(entries_);
     entries_ = nullptr;
@@ -60,14 +60,14 @@ void trelm::LocationIndex::give_up() {
 }
 
 // The entry of the location, or the free one where it belongs.
-trelm::LocationIndex::Entry& trelm::LocationIndex::slot(uint64_t location) const {
+trelm::detail::LocationIndex::Entry& trelm::detail::LocationIndex::slot(uint64_t location) const {
     size_t at = hash(location) & (capacity_ - 1);
     while (entries_[at].taken && entries_[at].location != location) at = (at + 1) & (capacity_ - 1);
     return entries_[at];
 }
 
 // Keeps half of the table free. False when memory is exhausted.
-bool trelm::LocationIndex::reserve() {
+bool trelm::detail::LocationIndex::reserve() {
     if (entries_ && 2 * (count_ + 1) <= capacity_) return true;
     const size_t wanted = capacity_ ? 2 * capacity_ : kFirstCapacity;
     Heap<Entry> grown(wanted);
@@ -83,7 +83,7 @@ bool trelm::LocationIndex::reserve() {
     return true;
 }
 
-void trelm::LocationIndex::note(uint64_t location, trelm_dl_node* Entry::*kind, trelm_dl_node* node) {
+void trelm::detail::LocationIndex::note(uint64_t location, trelm_dl_node* Entry::*kind, trelm_dl_node* node) {
     if (!usable_) return;
     if (!reserve()) return give_up();
     Entry& entry = slot(location);
@@ -94,7 +94,7 @@ void trelm::LocationIndex::note(uint64_t location, trelm_dl_node* Entry::*kind, 
     entry.*kind = node;
 }
 
-bool trelm::LocationIndex::build() {
+bool trelm::detail::LocationIndex::build() {
     if (!reserve()) {
         give_up();
         return false;
@@ -108,7 +108,7 @@ bool trelm::LocationIndex::build() {
     return usable_;
 }
 
-void trelm::LocationIndex::add_newest() {
+void trelm::detail::LocationIndex::add_newest() {
     if (!entries_) return;
     trelm_dl_node* port = trelm_priv_database->marker;
     trelm_dl_node* hardware = trelm_phy_info->marker;
@@ -118,22 +118,22 @@ void trelm::LocationIndex::add_newest() {
     note(location, &Entry::port, port);
 }
 
-const trelm::LocationIndex::Entry* trelm::LocationIndex::find(const dorfc_pci_info& at) {
+const trelm::detail::LocationIndex::Entry* trelm::detail::LocationIndex::find(const dorfc_pci_info& at) {
     if (!usable_ || (!entries_ && !build())) return nullptr;
     const Entry& entry = slot(location_of(at));
     return entry.several ? nullptr : &entry;
 }
 
-void trelm::index_newest_port() {
+void trelm::detail::index_newest_port() {
     if (current) current->add_newest();
 }
 
-trelm::Place trelm::hardware_place(const dorfc_pci_info& at) {
+trelm::detail::Place trelm::detail::hardware_place(const dorfc_pci_info& at) {
     const auto* entry = current ? current->find(at) : nullptr;
     return {entry != nullptr, entry ? entry->hardware : nullptr};
 }
 
-trelm::Place trelm::port_place(const dorfc_pci_info& at) {
+trelm::detail::Place trelm::detail::port_place(const dorfc_pci_info& at) {
     const auto* entry = current ? current->find(at) : nullptr;
     return {entry != nullptr, entry ? entry->port : nullptr};
 }

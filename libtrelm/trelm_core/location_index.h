@@ -6,7 +6,7 @@
 
 #include "trelm_core.h"
 
-namespace trelm {
+namespace trelm::detail {
 
 // What the index knows of a location. Where it is `known`, a walk would end on the node, or on the sentinel
 // where there is none.
@@ -55,4 +55,4 @@ void index_newest_port();
 Place hardware_place(const dorfc_pci_info& at);
 Place port_place(const dorfc_pci_info& at);
 
-}  // namespace trelm
+}  // namespace trelm::detail

@@ -20,8 +20,8 @@ const trelm_device_info trelm_quad_port_zr_list[9] = {
 
 namespace {
 
-using trelm::error;
-using trelm::trace;
+using trelm::detail::error;
+using trelm::detail::trace;
 
 constexpr uint16_t kSupportedDevices[] = {0x165C, 0x1662, 0x1663, 0x168A, 0x168E, 0x16A1,
                                           0x16A2, 0x16A4, 0x16A5, 0x16AE, 0x8080, 0x8180};
@@ -61,7 +61,7 @@ struct Roster {
 
     // The same where the index of a discovery knows how such a walk would end.
     template <class Match>
-    Record* find(trelm::Place place, Match matches) const {
+    Record* find(trelm::detail::Place place, Match matches) const {
         if (!place.known) return find(matches);
         list->marker = place.node ? place.node : list->head;
         return place.node ? static_cast<Record*>(place.node->data) : nullptr;
@@ -137,7 +137,7 @@ bool cannot_resolve(const char* func, uint32_t handle) {
 
 }  // namespace
 
-bool trelm::is_supported_device(uint16_t device_id) {
+bool trelm::detail::is_supported_device(uint16_t device_id) {
     for (uint16_t supported : kSupportedDevices) {
         if (device_id == supported) return true;
     }
@@ -160,7 +160,7 @@ void trelm_free_all_pdb_mem(void) { ports.free_all(__func__); }
 
 void trelm_free_all_hw_info_mem(void) { hardware.free_all(__func__); }
 
-void trelm::release_registry() {
+void trelm::detail::release_registry() {
     trelm_free_all_pdb_mem();
     trelm_free_all_hw_info_mem();
 }
@@ -202,7 +202,7 @@ trelm_priv_db* trelm_get_vn_pdb_from_user_handle(uint32_t handle, uint32_t npiv_
     });
 }
 
-trelm_hw_info* trelm::find_hw_info(const char* func_name, const dorfc_pci_info& at) {
+trelm_hw_info* trelm::detail::find_hw_info(const char* func_name, const dorfc_pci_info& at) {
     trace(func_name, ": entered.");
     if (!trelm_phy_info) {
         error(func_name, ": api_phy_info is NOT initialized. Exiting.");
@@ -214,7 +214,7 @@ trelm_hw_info* trelm::find_hw_info(const char* func_name, const dorfc_pci_info& 
     return found;
 }
 
-trelm_priv_db* trelm::find_parent(const char* func_name, const dorfc_pci_info& at) {
+trelm_priv_db* trelm::detail::find_parent(const char* func_name, const dorfc_pci_info& at) {
     trace(func_name, ": entered.");
     if (!trelm_priv_database) {
         error(func_name, kNoPortList);
@@ -228,11 +228,11 @@ trelm_priv_db* trelm::find_parent(const char* func_name, const dorfc_pci_info& a
 }
 
 trelm_hw_info* trelm_get_hw_info_inst(const dorfc_pci_info* pci_info) {
-    return trelm::find_hw_info(__func__, *pci_info);
+    return trelm::detail::find_hw_info(__func__, *pci_info);
 }
 
 trelm_priv_db* trelm_get_parent_port(const dorfc_pci_info* pci_info) {
-    return trelm::find_parent(__func__, *pci_info);
+    return trelm::detail::find_parent(__func__, *pci_info);
 }
 
 uint32_t trelm_is_quad_port_zr(const trelm_hw_info* hw) {

@@ -19,10 +19,11 @@ struct Row {
 };
 
 void print(const Row& row) {
-    if (!row.text) return trelm::trace(nullptr, trelm::Piece(row.label, row.number, row.radix));
+    if (!row.text)
+        return trelm::detail::trace(nullptr, trelm::detail::Piece(row.label, row.number, row.radix));
     char terminated[sizeof trelm_hw_info::phys_path + 1] = {};
     memcpy(terminated, row.text, strnlen(row.text, row.width));
-    trelm::trace(nullptr, row.label, terminated);
+    trelm::detail::trace(nullptr, row.label, terminated);
 }
 
 template <size_t count>
@@ -67,8 +68,8 @@ void print_port(const trelm_priv_db& pdb) {
 }  // namespace
 
 void trelm_print_priv_data(const trelm_priv_db* pdb) {
-    if (!trelm::logs(trelm::kTrace)) return;
-    trelm::trace(nullptr, " API Private Data:");
+    if (!trelm::detail::logs(trelm::detail::kTrace)) return;
+    trelm::detail::trace(nullptr, " API Private Data:");
     if (pdb->hw_info) print_path(*pdb->hw_info);
     print_address(*pdb);
     if (pdb->hw_info) print_hardware(*pdb->hw_info);

@@ -62,7 +62,7 @@ class InitialisationLock {
   private:
     bool is_taken() { return flock(directory_.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK; }
 
-    trelm::Descriptor directory_;  // closing it lets go
+    trelm::detail::Descriptor directory_;  // closing it lets go
 };
 
 bool set_free(int32_t sem_id) {
@@ -104,8 +104,8 @@ int32_t open_set(key_t key) {
 int32_t create_set(key_t key) {
     const int32_t sem_id = semget(key, 1, IPC_CREAT | IPC_EXCL | kPermissions);
     if (sem_id == -1 || set_free(sem_id)) return sem_id;
-    trelm::ErrnoKeeper keep;
-    trelm::sem_del(sem_id);
+    trelm::detail::ErrnoKeeper keep;
+    trelm::detail::sem_del(sem_id);
     return -1;
 }
 
@@ -150,13 +150,13 @@ int let_go(int32_t sem_id) {
 // The failures of the log's own semaphore are not written to the log.
 int warn_of_failure(const char* func, int32_t sem_id, int result, const char* warning) {
     const bool logs_own = sem_id != -1 && sem_id == trelm_dbg_sem_id;
-    if (result == -1 && !logs_own) trelm::error(func, trelm::Piece(warning, errno, 16));
+    if (result == -1 && !logs_own) trelm::detail::error(func, trelm::detail::Piece(warning, errno, 16));
     return result;
 }
 
 }  // namespace
 
-int32_t trelm::sem_get(key_t key) {
+int32_t trelm::detail::sem_get(key_t key) {
     // Between a failed open and a failed creation another process may have created or removed the set.
     for (int tries = 0; tries < kCreateTries; ++tries) {
         int32_t sem_id = open_set(key);
@@ -169,11 +169,11 @@ int32_t trelm::sem_get(key_t key) {
     return -1;
 }
 
-int trelm::sem_wait_unlogged(int32_t sem_id) { return take(sem_id); }
+int trelm::detail::sem_wait_unlogged(int32_t sem_id) { return take(sem_id); }
 
-int trelm::sem_signal_unlogged(int32_t sem_id) { return let_go(sem_id); }
+int trelm::detail::sem_signal_unlogged(int32_t sem_id) { return let_go(sem_id); }
 
-int trelm::sem_del(int32_t sem_id) { return semctl(sem_id, 0, IPC_RMID); }
+int trelm::detail::sem_del(int32_t sem_id) { return semctl(sem_id, 0, IPC_RMID); }
 
 int trelm_sem_wait(int32_t sem_id) {
     return warn_of_failure(__func__, sem_id, take(sem_id),
@@ -189,5 +189,5 @@ void trelm_set_debug_level(void) {
     const char* flags = getenv("TRELM_API_DEBUG");
     if (!flags) return;
     trelm_debug = static_cast<uint32_t>(strtol(flags, nullptr, 16));
-    if (trelm_debug && trelm_dbg_sem_id == -1) trelm_dbg_sem_id = trelm::sem_get(trelm_dbg_semkey);
+    if (trelm_debug && trelm_dbg_sem_id == -1) trelm_dbg_sem_id = trelm::detail::sem_get(trelm_dbg_semkey);
 }

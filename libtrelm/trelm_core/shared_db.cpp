@@ -25,9 +25,9 @@ uint8_t trelm_use_db = 1;
 
 namespace {
 
-using trelm::error;
-using trelm::Piece;
-using trelm::trace;
+using trelm::detail::error;
+using trelm::detail::Piece;
+using trelm::detail::trace;
 
 constexpr uint32_t kSlotTaken = 0x4;
 constexpr uint32_t kSlotMarks = 0x5;  // what taking a slot sets and giving it back clears
@@ -41,7 +41,7 @@ bool wait_found_no_set() { return errno == EIDRM || errno == EINVAL; }
 // by one whose open failed; this process then starts over, for it must not go on unguarded.
 bool enter_guard() {
     for (int tries = 0; tries < kGuardTries; ++tries) {
-        trelm_db_sem_id = trelm::sem_get(trelm_db_semkey);
+        trelm_db_sem_id = trelm::detail::sem_get(trelm_db_semkey);
         if (trelm_db_sem_id == -1) {
             error(kOpen, Piece(": WARNING - semget function not supported.\n  Each adapter instance should "
                                "be opened at most "
@@ -61,13 +61,13 @@ bool enter_guard() {
 // set that is gone the next moment, beside the next comer's new one, and so would find out and start over
 // instead. Where the set cannot be taken away it is signalled all the same, so that nobody waits for ever.
 void remove_guard() {
-    if (trelm::sem_del(trelm_db_sem_id) != 0) trelm_sem_signal(trelm_db_sem_id);
+    if (trelm::detail::sem_del(trelm_db_sem_id) != 0) trelm_sem_signal(trelm_db_sem_id);
     trelm_db_sem_id = -1;
 }
 
 // Whom a failed signal would leave waiting finds no set, and starts over.
 void release_guard() {
-    if (trelm_sem_signal(trelm_db_sem_id) != 0) trelm::sem_del(trelm_db_sem_id);
+    if (trelm_sem_signal(trelm_db_sem_id) != 0) trelm::detail::sem_del(trelm_db_sem_id);
 }
 
 void occupy(unsigned slot) {
@@ -97,7 +97,7 @@ void flush() { msync(trelm_shared_data, sizeof *trelm_shared_data, MS_SYNC); }
 
 // Opens and maps the file and takes a slot. The descriptor, or -1.
 int join() {
-    trelm::Descriptor fd(trelm::open_shared_file(kOpen, trelm_db_fname));
+    trelm::detail::Descriptor fd(trelm::detail::open_shared_file(kOpen, trelm_db_fname));
     if (!fd) return -1;
     void* mapping = mmap(nullptr, sizeof(trelm_shared_db), PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
     if (mapping == MAP_FAILED) {
@@ -111,7 +111,6 @@ int join() {
 }
 
 // ---- Closing
-// -----------------------------------------------------------------------------------------------------------
 
 // What becomes of the file once this process has left.
 struct LastOne {
@@ -168,12 +167,14 @@ bool was_interrupted(FILE* stream) {
 
 }  // namespace
 
-bool trelm::database_is_open() { return trelm_db_sem_id != -1 && trelm_shm_fildes >= 0 && trelm_shared_data; }
+bool trelm::detail::database_is_open() {
+    return trelm_db_sem_id != -1 && trelm_shm_fildes >= 0 && trelm_shared_data;
+}
 
 uint32_t trelm_open_database(int32_t* ret_handle) {
     trace(kOpen, ": entered.");
     *ret_handle = 0;
-    if (trelm::database_is_open()) {
+    if (trelm::detail::database_is_open()) {
         error(kOpen, ": already opened. trelm_ev_terminate FALSE.");
         *ret_handle = trelm_shm_fildes;
         return 0;

@@ -31,10 +31,10 @@ static_assert(sizeof(trelm_shared_db) == 163840 && offsetof(trelm_shared_db, hba
               offsetof(trelm_shared_db, reserved) == 32960);
 static_assert(std::is_standard_layout_v<trelm_shared_db> && std::is_trivial_v<trelm_shared_db>);
 
-namespace trelm {
+namespace trelm::detail {
 
 // Opens the shared file, creates it where it is missing and grows it where it is too small. The descriptor,
 // or -1. `func_name` is what its messages carry.
 int open_shared_file(const char* func_name, const char* path);
 
-}  // namespace trelm
+}  // namespace trelm::detail

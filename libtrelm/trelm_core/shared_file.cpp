@@ -12,10 +12,10 @@
 
 namespace {
 
-using trelm::Descriptor;
-using trelm::error;
-using trelm::Heap;
-using trelm::Piece;
+using trelm::detail::Descriptor;
+using trelm::detail::error;
+using trelm::detail::Heap;
+using trelm::detail::Piece;
 
 constexpr size_t kFileSize = sizeof(trelm_shared_db);
 // The file lies where anyone may put things: no link is followed, nothing waits for a pipe's other end.
@@ -83,13 +83,13 @@ int upgrade(const char* func, int fd, size_t old_size) {
         : fsync(fd) != 0                           ? ": fsync failed for existing file. errno="
                                                    : nullptr;
     if (failure) return fail(func, failure);
-    trelm::trace(func, ": done upgrading shared data file.");
+    trelm::detail::trace(func, ": done upgrading shared data file.");
     return fd;
 }
 
 }  // namespace
 
-int trelm::open_shared_file(const char* func_name, const char* path) {
+int trelm::detail::open_shared_file(const char* func_name, const char* path) {
     Descriptor fd(open(path, kOpenFlags));
     if (!fd) return create_file(func_name, path, errno);
     // What is no regular file, or has another name elsewhere, is not ours to write to: as good as not to be

@@ -2,10 +2,10 @@
 
 #include "trelm_mgmt/transport.h"
 
-using trelm::error_call;
-using trelm::fail_call;
-using trelm::Piece;
-using trelm::trace_call;
+using trelm::detail::error_call;
+using trelm::detail::fail_call;
+using trelm::detail::Piece;
+using trelm::detail::trace_call;
 
 uint32_t TRELM_OpenAdapter(uint32_t Instance, uint32_t* Handle) {
     trelm_set_debug_level();
@@ -18,15 +18,15 @@ uint32_t TRELM_OpenAdapter(uint32_t Instance, uint32_t* Handle) {
     if (!pdb)
         return fail_call(__func__, Instance, "): pdb not found, exiting", TRELM_STATUS_INVALID_INSTANCE);
 
-    const trelm::Transport& transport = trelm::transport_of(pdb->hw_info);
+    const trelm::detail::Transport& transport = trelm::detail::transport_of(pdb->hw_info);
     uint32_t err = 0;
     uint32_t status = transport.open(pdb, Instance, Handle, &err);
     if (status != 0) {
         error_call(__func__, Instance, transport.open_failed);
         status = err ? err : TRELM_STATUS_FAILED;
     }
-    trelm::trace(__func__, Piece("(", Instance), Piece("): exiting, Return Handle=", *Handle),
-                 Piece(" rval=", status, 16));
+    trelm::detail::trace(__func__, Piece("(", Instance), Piece("): exiting, Return Handle=", *Handle),
+                         Piece(" rval=", status, 16));
     return status;
 }
 
@@ -35,7 +35,7 @@ uint32_t TRELM_CloseAdapter(uint32_t Handle) {
     trelm_priv_db* pdb = trelm_get_pdb_from_user_handle(Handle);
     if (!pdb) return fail_call(__func__, Handle, "): get pdb failed.", TRELM_STATUS_FAILED);
 
-    const trelm::Transport& transport = trelm::transport_of(pdb->hw_info);
+    const trelm::detail::Transport& transport = trelm::detail::transport_of(pdb->hw_info);
     uint32_t err = 0;
     uint32_t status = transport.close(pdb, &err);
     if (status != 0) {

@@ -7,14 +7,14 @@
 
 const char trelm_version_description[128] = "Calvexa Ulvard FC API library version v5.00 build2";
 
-using trelm::error;
-using trelm::Piece;
-using trelm::trace;
+using trelm::detail::error;
+using trelm::detail::Piece;
+using trelm::detail::trace;
 
 uint32_t TRELM_LoadLibrary(void) {
     trelm_set_debug_level();
     trace(__func__, ": entered.");
-    if (trelm::database_is_open()) {
+    if (trelm::detail::database_is_open()) {
         error(__func__, ": already loaded.");
         return TRELM_STATUS_OK;
     }
@@ -27,7 +27,7 @@ uint32_t TRELM_LoadLibrary(void) {
         error(__func__, ": no adapters found.");
         return TRELM_STATUS_OK;
     }
-    if (!trelm::database_is_open()) {
+    if (!trelm::detail::database_is_open()) {
         error(__func__, ": shared db setup failed.");
         return TRELM_STATUS_FAILED;
     }
@@ -64,7 +64,7 @@ uint32_t TRELM_GetPortCount(uint32_t* pPortCount) {
         error(__func__, ": no adapters found.");
         return TRELM_STATUS_FAILED;
     }
-    if (!trelm::database_is_open()) {
+    if (!trelm::detail::database_is_open()) {
         error(__func__, ": error in shared database setup. Exiting.");
         return TRELM_STATUS_FAILED;
     }

@@ -8,11 +8,11 @@
 
 namespace {
 
-using trelm::fail_call;
-using trelm::LunAddress;
-using trelm::Piece;
-using trelm::read_be32;
-using trelm::read_be64;
+using trelm::detail::fail_call;
+using trelm::detail::LunAddress;
+using trelm::detail::Piece;
+using trelm::detail::read_be32;
+using trelm::detail::read_be64;
 
 constexpr uint32_t kInquiryRoom = 256;
 constexpr uint32_t kCapacityRoom = 32;
@@ -42,7 +42,8 @@ uint32_t two_levels(const uint8_t* bytes) {
 }
 
 uint32_t fail_lun(const char* func, const LunAddress& lun, const char* text, uint32_t status) {
-    trelm::error(func, Piece("(", lun.handle), Piece(text, lun.lun, 16), Piece(", rval=", status, 16));
+    trelm::detail::error(func, Piece("(", lun.handle), Piece(text, lun.lun, 16),
+                         Piece(", rval=", status, 16));
     return status;
 }
 
@@ -53,13 +54,14 @@ uint32_t fail_capacity(const char* func, const LunAddress& lun, uint32_t status)
 // Capacity in bytes.
 uint32_t measure(const char* func, const LunAddress& lun, uint64_t& capacity) {
     uint8_t data[kCapacityRoom];
-    uint32_t status = trelm::send(trelm::kReadCapacity10, lun, data);
+    uint32_t status = trelm::detail::send(trelm::detail::kReadCapacity10, lun, data);
     if (status != TRELM_STATUS_OK) return fail_capacity(func, lun, status);
     uint64_t last_block = read_be32(data);
     uint32_t block_length = read_be32(data + 4);
     if (last_block == kTooLargeFor10) {
-        trelm::error_call(func, lun.handle, {"): trying read capacity(16) cmd for lun=", lun.lun, 16});
-        status = trelm::send(trelm::kReadCapacity16, lun, data);
+        trelm::detail::error_call(func, lun.handle,
+                                  {"): trying read capacity(16) cmd for lun=", lun.lun, 16});
+        status = trelm::detail::send(trelm::detail::kReadCapacity16, lun, data);
         if (status != TRELM_STATUS_OK) return fail_capacity(func, lun, status);
         last_block = read_be64(data);
         block_length = read_be32(data + 8);
@@ -71,7 +73,7 @@ uint32_t measure(const char* func, const LunAddress& lun, uint64_t& capacity) {
 // Fills the element that begins at `info`; an array of an earlier version has no room for the last field.
 uint32_t describe(const char* func, const LunAddress& lun, bool version_2, TRELM_LUN_INFO* info) {
     uint8_t data[kInquiryRoom];
-    uint32_t status = trelm::send(trelm::kInquiry, lun, data);
+    uint32_t status = trelm::detail::send(trelm::detail::kInquiry, lun, data);
     if (status != TRELM_STATUS_OK) {
         return fail_lun(func, lun, "): send scsi inquiry cmd failed for lun=", status);
     }
@@ -96,20 +98,20 @@ uint32_t describe(const char* func, const LunAddress& lun, bool version_2, TRELM
 uint32_t TRELM_GetLunInfo(uint32_t Handle, uint32_t NpivIndex, uint32_t ScsiTgtNum, uint32_t* pLunCount,
                           TRELM_LUN_INFO** pLunInfo) {
     const char* func = __func__;
-    trelm::trace(func, Piece("(", Handle), Piece("): entered for NPIV=", NpivIndex),
-                 Piece(" and LunCount=", pLunCount ? *pLunCount : 0));
+    trelm::detail::trace(func, Piece("(", Handle), Piece("): entered for NPIV=", NpivIndex),
+                         Piece(" and LunCount=", pLunCount ? *pLunCount : 0));
     if (ScsiTgtNum >= TRELM_MAX_TARGETS || !pLunCount || *pLunCount == 0 || !pLunInfo || !*pLunInfo) {
         return fail_call(func, Handle, "): invalid parameter.", TRELM_STATUS_INVALID_PARAMETER);
     }
-    const trelm::Heap<uint8_t> data(trelm::kReportLunsRoom);
+    const trelm::detail::Heap<uint8_t> data(trelm::detail::kReportLunsRoom);
     if (!data) return fail_call(func, Handle, "): pdata alloc failed.", TRELM_STATUS_NO_MEMORY);
     LunAddress lun = {Handle, NpivIndex, ScsiTgtNum, 0, 0};
-    uint32_t status = trelm::send(trelm::kReportLuns, lun, data.get());
+    uint32_t status = trelm::detail::send(trelm::detail::kReportLuns, lun, data.get());
     if (status != TRELM_STATUS_OK) {
         return fail_call(func, Handle, {"): send scsi report luns cmd failed, rval=", status, 16}, status);
     }
-    const uint32_t announced = trelm::announced_luns(data.get());
-    const uint32_t luns = announced < trelm::kMaxLuns ? announced : trelm::kMaxLuns;
+    const uint32_t announced = trelm::detail::announced_luns(data.get());
+    const uint32_t luns = announced < trelm::detail::kMaxLuns ? announced : trelm::detail::kMaxLuns;
     if (luns > *pLunCount) {
         *pLunCount = luns;
         return fail_call(func, Handle, "): invalid Lun Count value.", TRELM_STATUS_INSUFFICIENT_BUFFER);
@@ -117,14 +119,14 @@ uint32_t TRELM_GetLunInfo(uint32_t Handle, uint32_t NpivIndex, uint32_t ScsiTgtN
 
     const uint32_t version = (*pLunInfo)->Version;
     auto* element = reinterpret_cast<uint8_t*>(*pLunInfo);
-    const uint8_t* entry = data.get() + trelm::kReportLunsHeader;
+    const uint8_t* entry = data.get() + trelm::detail::kReportLunsHeader;
     for (uint32_t i = 0; i < luns;
-         ++i, entry += trelm::kLunEntry, element += TRELM_LUN_INFO_STRIDE(version)) {
+         ++i, entry += trelm::detail::kLunEntry, element += TRELM_LUN_INFO_STRIDE(version)) {
         lun.lun = two_levels(entry);
         lun.lun_ext = two_levels(entry + 4);
         status = describe(func, lun, version == 2, reinterpret_cast<TRELM_LUN_INFO*>(element));
         if (status != TRELM_STATUS_OK) return status;
     }
-    trelm::trace_call(func, Handle, {"): exiting, rval=", TRELM_STATUS_OK});
+    trelm::detail::trace_call(func, Handle, {"): exiting, rval=", TRELM_STATUS_OK});
     return TRELM_STATUS_OK;
 }

@@ -6,9 +6,9 @@
 
 namespace {
 
-using trelm::fail_call;
-using trelm::fail_request;
-using trelm::trace_call;
+using trelm::detail::fail_call;
+using trelm::detail::fail_request;
+using trelm::detail::trace_call;
 
 struct Conversion {
     uint32_t from;
@@ -61,7 +61,8 @@ void fill_version_2(TRELM_FCOE_INFO& info, const trelm_hw_info& hw) {
     info.PCIEWidth = convert(kPcieWidths, hw.pcie_width);
     info.ChipRevId = hw.chip_rev_id;
     info.MediaType = kMediaType;
-    if (trelm::transport_of(&hw).reports_mfw_version) write_mfw_version(info.MFWVersion, hw.mfw_version);
+    if (trelm::detail::transport_of(&hw).reports_mfw_version)
+        write_mfw_version(info.MFWVersion, hw.mfw_version);
 }
 
 void fill(TRELM_FCOE_INFO& info, const trelm_priv_db& pdb, const trelm_hw_info& hw) {
@@ -104,7 +105,7 @@ void fill(TRELM_VNPORT_INFO& info, const trelm_priv_db& pdb, const dorfc_fcf_inf
     info.FabricVlan = static_cast<uint16_t>(pdb.vlan);
     info.PortType = pdb.port_type == FC_PORTTYPE_NPIV ? TRELM_PORTTYPE_NPIV : TRELM_PORTTYPE_PHYSICAL;
     info.PortSpeed = pdb.port_speed;
-    info.PortState = trelm::transport_of(pdb.hw_info).public_port_state(pdb.port_state);
+    info.PortState = trelm::detail::transport_of(pdb.hw_info).public_port_state(pdb.port_state);
     info.PortSupportedSpeed = pdb.port_sup_speed;
     info.TgtCount = pdb.tgt_cnt;
     info.FcfCount = pdb.fcf_cnt;
@@ -132,9 +133,9 @@ uint32_t TRELM_GetVNPortInfo(uint32_t Handle, uint32_t NpivIndex, TRELM_VNPORT_I
     trelm_priv_db* pdb = trelm_get_vn_pdb_from_user_handle(Handle, NpivIndex);
     if (!pdb) return fail_call(__func__, Handle, "): get pdb failed.", TRELM_STATUS_FAILED);
 
-    const trelm::Transport& transport = trelm::transport_of(pdb->hw_info);
+    const trelm::detail::Transport& transport = trelm::detail::transport_of(pdb->hw_info);
     if (transport.calling_port_info) trace_call(__func__, Handle, transport.calling_port_info);
-    trelm::Outcome outcome = transport.refresh_port(pdb);
+    trelm::detail::Outcome outcome = transport.refresh_port(pdb);
     if (outcome.failed()) return fail_request(__func__, Handle, "): port info failed, stat=", outcome);
 
     dorfc_fcf_info fcf = {};

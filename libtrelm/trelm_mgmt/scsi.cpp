@@ -8,9 +8,9 @@
 
 namespace {
 
-using trelm::fail_call;
-using trelm::scsi_cmd_record;
-using trelm::Transport;
+using trelm::detail::fail_call;
+using trelm::detail::scsi_cmd_record;
+using trelm::detail::Transport;
 
 // A command record of the size that the port's driver takes, for one call. Only the fields before the data
 // area are used, and those are always set.
@@ -18,10 +18,10 @@ class CommandRecord {
   public:
     explicit CommandRecord(bool native)
         : bytes_(native ? sizeof(kronfc_scsi_cmd) : sizeof(dorfc_scsi_cmd)),
-          memory_(trelm::pool_take(bytes_)) {}
+          memory_(trelm::detail::pool_take(bytes_)) {}
     ~CommandRecord() {
-        trelm::ErrnoKeeper keep;
-        if (memory_) trelm::pool_give_back(memory_, bytes_);
+        trelm::detail::ErrnoKeeper keep;
+        if (memory_) trelm::detail::pool_give_back(memory_, bytes_);
     }
     CommandRecord(const CommandRecord&) = delete;
     CommandRecord& operator=(const CommandRecord&) = delete;
@@ -69,13 +69,13 @@ void copy_sense(TRELM_SCSI_CMND& cmnd, const dorfc_scsi_cmd& answer) {
 
 uint32_t TRELM_SendScsiCommand(uint32_t Handle, uint32_t NpivIndex, TRELM_SCSI_CMND* pScsiCmnd,
                                uint32_t* pDataLen, uint8_t* pData) {
-    trelm::trace_call(__func__, Handle, "): entered.");
+    trelm::detail::trace_call(__func__, Handle, "): entered.");
     if (!pScsiCmnd || !is_valid(*pScsiCmnd, pDataLen, pData)) {
         return fail_call(__func__, Handle, "): invalid parameter.", TRELM_STATUS_INVALID_PARAMETER);
     }
     trelm_priv_db* pdb = trelm_get_vn_pdb_from_user_handle(Handle, NpivIndex);
     if (!pdb) return fail_call(__func__, Handle, "): get pdb failed.", TRELM_STATUS_FAILED);
-    const Transport& transport = trelm::transport_of(pdb->hw_info);
+    const Transport& transport = trelm::detail::transport_of(pdb->hw_info);
     const uint32_t data_len = has_data_phase(*pScsiCmnd) ? *pDataLen : 0;
     if (transport.native && data_len > kScsiMaxData) {
         return fail_call(__func__, Handle, "): invalid parameter.", TRELM_STATUS_INVALID_PARAMETER);
@@ -84,12 +84,12 @@ uint32_t TRELM_SendScsiCommand(uint32_t Handle, uint32_t NpivIndex, TRELM_SCSI_C
     const CommandRecord record(transport.native);
     if (!record) return fail_call(__func__, Handle, transport.scsi_alloc_failed, TRELM_STATUS_NO_MEMORY);
     fill_request(record.get()->legacy, *pScsiCmnd, data_len);
-    const trelm::Outcome outcome =
+    const trelm::detail::Outcome outcome =
         transport.send_scsi(pdb, record.get(), has_data_phase(*pScsiCmnd) ? pData : nullptr);
-    const uint32_t status = outcome.failed()
-                                ? trelm::fail_request(__func__, Handle, transport.scsi_failed, outcome)
-                                : TRELM_STATUS_OK;
+    const uint32_t status =
+        outcome.failed() ? trelm::detail::fail_request(__func__, Handle, transport.scsi_failed, outcome)
+                         : TRELM_STATUS_OK;
     copy_sense(*pScsiCmnd, record.get()->legacy);
-    trelm::trace_call(__func__, Handle, {"): exiting, rval=", status, 16});
+    trelm::detail::trace_call(__func__, Handle, {"): exiting, rval=", status, 16});
     return status;
 }

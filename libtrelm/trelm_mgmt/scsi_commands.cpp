@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-namespace trelm {
+namespace trelm::detail {
 
 const ReadCommand kReportLuns = {12, {0xA0, 0, 0, 0, 0, 0, 0, 0, 0x40, 0, 0, 0}, kReportLunsRoom};
 const ReadCommand kInquiry = {6, {0x12, 0, 0, 0, 0xFF, 0}, 256};
@@ -33,4 +33,4 @@ uint32_t read_be32(const uint8_t* bytes) {
 
 uint64_t read_be64(const uint8_t* bytes) { return uint64_t{read_be32(bytes)} << 32 | read_be32(bytes + 4); }
 
-}  // namespace trelm
+}  // namespace trelm::detail

@@ -5,7 +5,7 @@
 
 #include "trelm_mgmt.h"
 
-namespace trelm {
+namespace trelm::detail {
 
 inline constexpr uint32_t kReportLunsRoom = 16384;
 inline constexpr uint32_t kReportLunsHeader = 8;
@@ -43,4 +43,4 @@ uint32_t announced_luns(const uint8_t* data);
 uint32_t read_be32(const uint8_t* bytes);
 uint64_t read_be64(const uint8_t* bytes);
 
-}  // namespace trelm
+}  // namespace trelm::detail

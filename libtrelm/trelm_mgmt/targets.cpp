@@ -6,21 +6,21 @@
 
 namespace {
 
-using trelm::fail_call;
-using trelm::fail_request;
-using trelm::LunAddress;
-using trelm::Outcome;
-using trelm::Piece;
+using trelm::detail::fail_call;
+using trelm::detail::fail_request;
+using trelm::detail::LunAddress;
+using trelm::detail::Outcome;
+using trelm::detail::Piece;
 
 constexpr uint32_t kDeviceOffline = 13;  // driver status
 
 // LUNs that the target reports; a target that does not answer is listed all the same.
 uint32_t count_luns(const char* func, const LunAddress& target, uint8_t* data) {
-    const uint32_t status = trelm::send(trelm::kReportLuns, target, data);
+    const uint32_t status = trelm::detail::send(trelm::detail::kReportLuns, target, data);
     if (status != TRELM_STATUS_OK) {
-        trelm::error_call(func, target.handle, {"): send scsi cmd failed, rval=", status, 16});
+        trelm::detail::error_call(func, target.handle, {"): send scsi cmd failed, rval=", status, 16});
     }
-    return trelm::announced_luns(data);
+    return trelm::detail::announced_luns(data);
 }
 
 void fill(TRELM_TGT_INFO& info, uint32_t index, uint32_t luns, const dorfc_tgt_info& target) {
@@ -35,26 +35,26 @@ void fill(TRELM_TGT_INFO& info, uint32_t index, uint32_t luns, const dorfc_tgt_i
 // Walks the driver's target table until `wanted` targets are listed.
 uint32_t list_targets(const char* func, uint32_t handle, uint32_t npiv_index, trelm_priv_db* pdb,
                       uint32_t wanted, TRELM_TGT_INFO* element, dorfc_tgt_info* target, uint8_t* data) {
-    const trelm::Transport& transport = trelm::transport_of(pdb->hw_info);
+    const trelm::detail::Transport& transport = trelm::detail::transport_of(pdb->hw_info);
     for (uint32_t index = 0; index < TRELM_MAX_TARGETS; ++index) {
         *target = {};
         target->scsi_tgt_num = index;
         const Outcome outcome = transport.tgt_info(pdb, target);
         if (outcome.stat == kDeviceOffline) {
-            trelm::error(func, Piece("(", handle), Piece("): device offline for index=", index),
-                         " continuing for next index");
+            trelm::detail::error(func, Piece("(", handle), Piece("): device offline for index=", index),
+                                 " continuing for next index");
             continue;
         }
         if (outcome.failed()) return fail_request(func, handle, "): tgt info ioctl failed, stat=", outcome);
         const uint32_t luns = count_luns(func, {handle, npiv_index, index, 0, 0}, data);
         fill(*element++, index, luns, *target);
         if (--wanted == 0) {
-            trelm::trace_call(func, handle, {"): exiting, rval=", TRELM_STATUS_OK});
+            trelm::detail::trace_call(func, handle, {"): exiting, rval=", TRELM_STATUS_OK});
             return TRELM_STATUS_OK;
         }
     }
-    trelm::error(func, Piece("(", handle), Piece("): got index=", TRELM_MAX_TARGETS),
-                 Piece(" which is above max supported value of=", TRELM_MAX_TARGETS));
+    trelm::detail::error(func, Piece("(", handle), Piece("): got index=", TRELM_MAX_TARGETS),
+                         Piece(" which is above max supported value of=", TRELM_MAX_TARGETS));
     return TRELM_STATUS_OK;
 }
 
@@ -62,7 +62,7 @@ uint32_t list_targets(const char* func, uint32_t handle, uint32_t npiv_index, tr
 
 uint32_t TRELM_GetTgtInfo(uint32_t Handle, uint32_t NpivIndex, uint32_t* pTgtCount,
                           TRELM_TGT_INFO** pTgtInfo) {
-    trelm::trace_call(__func__, Handle, "): entered.");
+    trelm::detail::trace_call(__func__, Handle, "): entered.");
     if (!pTgtCount)
         return fail_call(__func__, Handle, "): invalid parameter.", TRELM_STATUS_INVALID_PARAMETER);
     trelm_priv_db* pdb = trelm_get_vn_pdb_from_user_handle(Handle, NpivIndex);
@@ -80,11 +80,11 @@ uint32_t TRELM_GetTgtInfo(uint32_t Handle, uint32_t NpivIndex, uint32_t* pTgtCou
     if (!pTgtInfo || !*pTgtInfo) {
         return fail_call(__func__, Handle, "): invalid parameter.", TRELM_STATUS_INVALID_PARAMETER);
     }
-    const trelm::Heap<uint8_t> data(trelm::kReportLunsRoom);
+    const trelm::detail::Heap<uint8_t> data(trelm::detail::kReportLunsRoom);
     if (!data) return fail_call(__func__, Handle, "): pdata alloc failed.", TRELM_STATUS_NO_MEMORY);
-    const trelm::Heap<dorfc_tgt_info> target;
+    const trelm::detail::Heap<dorfc_tgt_info> target;
     if (!target) {
-        return fail_call(__func__, Handle, trelm::transport_of(pdb->hw_info).tgt_alloc_failed,
+        return fail_call(__func__, Handle, trelm::detail::transport_of(pdb->hw_info).tgt_alloc_failed,
                          TRELM_STATUS_NO_MEMORY);
     }
     return list_targets(__func__, Handle, NpivIndex, pdb, targets, *pTgtInfo, target.get(), data.get());

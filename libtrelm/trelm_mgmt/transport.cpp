@@ -10,11 +10,10 @@
 
 namespace {
 
-using trelm::Outcome;
-using trelm::scsi_cmd_record;
+using trelm::detail::Outcome;
+using trelm::detail::scsi_cmd_record;
 
 // ---- Legacy
-// ------------------------------------------------------------------------------------------------------------
 
 // One request over the port's open descriptor.
 template <auto request, class Record>
@@ -37,25 +36,24 @@ uint32_t legacy_open(trelm_priv_db* pdb, uint32_t, uint32_t* handle, uint32_t* e
 uint32_t legacy_port_state(uint32_t port_state) { return port_state; }
 
 // ---- Native
-// ------------------------------------------------------------------------------------------------------------
 
 // Of the driver's answer only the beginning that is looked at is copied.
-template <const trelm::native_driver& driver, trelm::native_operation operation, size_t looked_at,
-          class Record>
+template <const trelm::detail::native_driver& driver, trelm::detail::native_operation operation,
+          size_t looked_at, class Record>
 Outcome over_callback(trelm_priv_db* pdb, Record* record) {
     static_assert(looked_at <= sizeof(Record));
     Outcome outcome = {};
-    outcome.result = trelm::native_request(driver, operation, pdb, record, looked_at, &outcome.stat);
+    outcome.result = trelm::detail::native_request(driver, operation, pdb, record, looked_at, &outcome.stat);
     return outcome;
 }
 
 constexpr size_t kPortInfoLookedAt = offsetof(dorfc_port_info, tgt_cnt) + sizeof(dorfc_port_info::tgt_cnt);
 constexpr size_t kStatsLookedAt = offsetof(dorfc_port_stats, reserved);
 
-template <const trelm::native_driver& driver>
+template <const trelm::detail::native_driver& driver>
 Outcome native_send_scsi(trelm_priv_db* pdb, scsi_cmd_record* cmd, uint8_t* data) {
     Outcome outcome = {};
-    outcome.result = trelm::native_exchange_scsi_cmd(driver, pdb, &cmd->native, data, &outcome.stat);
+    outcome.result = trelm::detail::native_exchange_scsi_cmd(driver, pdb, &cmd->native, data, &outcome.stat);
     return outcome;
 }
 
@@ -81,7 +79,6 @@ uint32_t native_port_state(uint32_t port_state) {
 }
 
 // ---- All
-// ---------------------------------------------------------------------------------------------------------------
 
 void no_further_source(trelm_priv_db*) {}
 
@@ -104,7 +101,7 @@ Outcome refresh_port(trelm_priv_db* pdb) {
     return outcome;
 }
 
-constexpr trelm::Transport kLegacy = {
+constexpr trelm::detail::Transport kLegacy = {
     .open = legacy_open,
     .close = trelm_close_adapter,
     .open_failed = "): open failed.",
@@ -137,18 +134,19 @@ struct NativeTexts {
     bool reports_mfw_version;
 };
 
-template <const trelm::native_driver& driver, auto open, auto close, class PortInfo>
-constexpr trelm::Transport native_transport(const NativeTexts& own) {
+template <const trelm::detail::native_driver& driver, auto open, auto close, class PortInfo>
+constexpr trelm::detail::Transport native_transport(const NativeTexts& own) {
     return {
         .open = native_open<open>,
         .close = native_close<close>,
         .open_failed = "): native open failed.",
         .close_failed = "): native close failed.",
-        .refresh_port = refresh_port<over_callback<driver, trelm::kPortInfo, kPortInfoLookedAt, PortInfo>,
-                                     PortInfo, Sees::kCopy, no_further_source>,
-        .fcf_info = over_callback<driver, trelm::kFcfInfo, sizeof(dorfc_fcf_info), dorfc_fcf_info>,
-        .port_stats = over_callback<driver, trelm::kPortStats, kStatsLookedAt, dorfc_port_stats>,
-        .tgt_info = over_callback<driver, trelm::kTgtInfo, sizeof(dorfc_tgt_info), dorfc_tgt_info>,
+        .refresh_port =
+            refresh_port<over_callback<driver, trelm::detail::kPortInfo, kPortInfoLookedAt, PortInfo>,
+                         PortInfo, Sees::kCopy, no_further_source>,
+        .fcf_info = over_callback<driver, trelm::detail::kFcfInfo, sizeof(dorfc_fcf_info), dorfc_fcf_info>,
+        .port_stats = over_callback<driver, trelm::detail::kPortStats, kStatsLookedAt, dorfc_port_stats>,
+        .tgt_info = over_callback<driver, trelm::detail::kTgtInfo, sizeof(dorfc_tgt_info), dorfc_tgt_info>,
         .calling_port_info = own.calling_port_info,
         .calling_fcf_info = own.calling_fcf_info,
         .stats_alloc_failed = own.stats_alloc_failed,
@@ -162,45 +160,46 @@ constexpr trelm::Transport native_transport(const NativeTexts& own) {
     };
 }
 
-constexpr trelm::Transport kKron =
-    native_transport<trelm::kron_driver, trelmnt_open_adapter, trelmnt_close_adapter, kronfc_port_info>({
-        .calling_port_info = "): callin native port info.",
-        .calling_fcf_info = "): callin native fcf info.",
-        .stats_alloc_failed = "): nqstats alloc failed.",
-        .tgt_alloc_failed = "): native nqtgt_info alloc failed.",
-        .scsi_alloc_failed = "): nqcmd alloc failed.",
-        .scsi_failed = "): scsi cmd native failed, stat=",
-        .reports_mfw_version = true,
-    });
-
-constexpr trelm::Transport kPyx = native_transport<trelm::pyx_driver, trelm_pyxnt_open_adapter,
-                                                   trelm_pyxnt_close_adapter, cx_fcoe_port_info>({
-    .calling_port_info = nullptr,
-    .calling_fcf_info = nullptr,
-    .stats_alloc_failed = "): nstats alloc failed.",
-    .tgt_alloc_failed = "): native ntgt_info alloc failed.",
-    .scsi_alloc_failed = "): ncmd alloc failed.",
-    .scsi_failed = "): scsi cmd PYX native failed, stat=",
-    .reports_mfw_version = false,
+constexpr trelm::detail::Transport kKron = native_transport<trelm::detail::kron_driver, trelmnt_open_adapter,
+                                                            trelmnt_close_adapter, kronfc_port_info>({
+    .calling_port_info = "): callin native port info.",
+    .calling_fcf_info = "): callin native fcf info.",
+    .stats_alloc_failed = "): nqstats alloc failed.",
+    .tgt_alloc_failed = "): native nqtgt_info alloc failed.",
+    .scsi_alloc_failed = "): nqcmd alloc failed.",
+    .scsi_failed = "): scsi cmd native failed, stat=",
+    .reports_mfw_version = true,
 });
+
+constexpr trelm::detail::Transport kPyx =
+    native_transport<trelm::detail::pyx_driver, trelm_pyxnt_open_adapter, trelm_pyxnt_close_adapter,
+                     cx_fcoe_port_info>({
+        .calling_port_info = nullptr,
+        .calling_fcf_info = nullptr,
+        .stats_alloc_failed = "): nstats alloc failed.",
+        .tgt_alloc_failed = "): native ntgt_info alloc failed.",
+        .scsi_alloc_failed = "): ncmd alloc failed.",
+        .scsi_failed = "): scsi cmd PYX native failed, stat=",
+        .reports_mfw_version = false,
+    });
 
 bool is_kron_device(uint16_t device_id) { return (device_id & 0xFEFF) == 0x8080 || device_id == 0x165C; }
 
 }  // namespace
 
-const trelm::Transport& trelm::transport_of(const trelm_hw_info* hw) {
+const trelm::detail::Transport& trelm::detail::transport_of(const trelm_hw_info* hw) {
     // Only the legacy driver's discovery keeps a port whose PCI location it could not read; such a port
     // cannot be opened.
     if (!hw || hw->native_driver != 1) return kLegacy;
     return is_kron_device(hw->device_id) ? kKron : kPyx;
 }
 
-uint32_t trelm::fail_call(const char* func, uint32_t handle, Piece text, uint32_t status) {
+uint32_t trelm::detail::fail_call(const char* func, uint32_t handle, Piece text, uint32_t status) {
     error_call(func, handle, text);
     return status;
 }
 
-uint32_t trelm::fail_request(const char* func, uint32_t handle, const char* text, Outcome outcome) {
+uint32_t trelm::detail::fail_request(const char* func, uint32_t handle, const char* text, Outcome outcome) {
     const int err = errno;
     error(func, Piece("(", handle), Piece(text, outcome.stat), Piece(" errno=", err));
     return trelm_xlate_err(outcome.stat);

@@ -5,7 +5,7 @@
 #include "trelm_core.h"
 #include "trelm_dbg.h"
 
-namespace trelm {
+namespace trelm::detail {
 
 // How a request ended. Requests fail by their result, by the driver's status, or by both.
 struct Outcome {
@@ -66,7 +66,7 @@ uint32_t fail_call(const char* func, uint32_t handle, Piece text, uint32_t statu
 // The same for a failed request: the line shows its status and errno, which the returned code translates.
 uint32_t fail_request(const char* func, uint32_t handle, const char* text, Outcome outcome);
 
-}  // namespace trelm
+}  // namespace trelm::detail
 
 extern "C" {
 

@@ -40,7 +40,6 @@ void arm(Failing failing, uint64_t n, Trail& trail) {
 void disarm() { run = nullptr; }
 
 // ---- Memory
-// ---------------------------------------------------------------------------------------------------------
 
 #ifdef TRELM_SANITIZED
 size_t live_blocks() { return 0; }
@@ -85,7 +84,6 @@ void before_free(void* block) {
 #endif
 
 // ---- Everything else
-// ------------------------------------------------------------------------------------------------
 
 #define CAN_FAIL(result, name, parameters, arguments, failure, error)                            \
     STANDS_BEFORE(result, name, parameters) {                                                    \
