@@ -2,6 +2,7 @@
 // header in C, and the process-wide variables before anything has happened.
 #include <gmock/gmock.h>
 
+#include "support/places.h"
 #include "trelm_core.h"
 #include "trelm_dbg.h"
 
@@ -11,8 +12,8 @@ namespace {
 
 // What a command says of the library, what matters of each line picked by a pattern of sed's.
 std::string told_by(const std::string& command, const std::string& pattern) {
-    const std::string line = "LC_ALL=C; " + command + " " TRELM_BINARY_DIR "/lib/libtrelm.so | sed -n 's/" +
-                             pattern + "/\\1/p' | sort | tr '\\n' ' '";
+    const std::string line = "LC_ALL=C; " + command + " " + trelm::test::binary_dir() +
+                             "/lib/libtrelm.so | sed -n 's/" + pattern + "/\\1/p' | sort | tr '\\n' ' '";
     const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(line.c_str(), "r"), pclose);
     std::string text(10000, '\0');
     text.resize(fread(text.data(), 1, text.size(), pipe.get()));

@@ -2,6 +2,7 @@
 // reader. What is listed of a directory is a fuzz target's.
 #include <fstream>
 
+#include "support/places.h"
 #include "support/port_calls.h"
 
 namespace {
@@ -27,7 +28,7 @@ class LinkStateFiles : public testing::Test {
         return result == 0;
     }
 
-    const std::string directory = TRELM_BINARY_DIR "/link_state_" + std::to_string(getpid());
+    const std::string directory = binary_dir() + "/link_state_" + std::to_string(getpid());
     trelm_priv_db pdb{};
 };
 

@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "places.h"
+
 namespace trelm::test {
 
 using Words = std::vector<std::string>;
@@ -26,7 +28,7 @@ inline Words words_of(const std::string& text) {
     return {std::istream_iterator<std::string>(stream), {}};
 }
 
-inline const std::string kLauncher = TRELM_BINARY_DIR "/bin/trelm-hostsim";
+inline const std::string kLauncher = binary_dir() + "/bin/trelm-hostsim";
 
 inline std::string text_of(const std::filesystem::path& path) {
     std::ifstream file(path, std::ios::binary);

@@ -13,7 +13,7 @@ using nlohmann::json;
 using testing::HasSubstr;
 using namespace trelm::test;
 
-const std::string kTool = TRELM_BINARY_DIR "/bin/trelmctl";
+const std::string kTool = binary_dir() + "/bin/trelmctl";
 
 class Trelmctl : public Programs {
   protected:
@@ -27,7 +27,7 @@ class Trelmctl : public Programs {
     Outcome tool(const std::string& arguments) const { return execute(on_host(arguments)); }
     json document(const std::string& arguments) const { return json::parse(tool(arguments + " --json").out); }
     Outcome on_sample(const std::string& name, const std::string& arguments) const {
-        return execute(on_file(TRELM_SOURCE_DIR "/hostsim/hosts/" + name, arguments));
+        return execute(on_file(source_dir() + "/hostsim/hosts/" + name, arguments));
     }
     json& port() { return host["adapters"][0]["ports"][0]; }
 
@@ -253,7 +253,7 @@ PORT  STATE      WWPN                         SPEED  MODEL                DRIVER
    1  link down  20:01:02:ca:1e:02:01:01    unknown  Calvexa Ulvard 2010  dorfc   0000:04:00.1       1        0
 )");
     // Every sample host is sound, and its ports are listed.
-    for (const auto& file : std::filesystem::directory_iterator(TRELM_SOURCE_DIR "/hostsim/hosts")) {
+    for (const auto& file : std::filesystem::directory_iterator(source_dir() + "/hostsim/hosts")) {
         const Outcome sound = execute({kLauncher, "check", file.path()});
         EXPECT_EQ(sound.status, 0) << sound.errors;
         const bool empty = file.path().stem() == "empty";
