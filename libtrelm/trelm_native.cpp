@@ -209,7 +209,7 @@ uint32_t exchange(const native_driver& driver, trelm_priv_db* pdb, const kronfc_
                   const uint8_t* data, uint32_t* stat, Take take) {
     trace_at(driver.operation_names[trelm::detail::kScsiCmd], trelm::detail::handle_of(pdb), "): entered.");
     uint32_t result = 1;
-    if (cmd.cdb_len > kScsiMaxCdb || cmd.data_len > kScsiMaxData) {
+    if (cmd.cdb_len > kScsiMaxCdb || data_length(cmd) > kScsiMaxData) {
         *stat = kStatusInvalid;
     } else {
         trelm::detail::Pooled<kronfc_scsi_cmd_cb> wrapper;

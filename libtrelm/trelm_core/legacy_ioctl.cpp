@@ -82,17 +82,18 @@ uint32_t issue_to_port(const Request& request, int32_t handle, const trelm_priv_
     return issue_to_port(request, trelm::detail::handle_of(pdb), handle, pdb, payload, stat);
 }
 
-// Opens the node of a port that is closed. 0, or the system error number of the failed open.
-uint32_t open_node(const char* func, trelm_hw_info& hw, uint32_t instance) {
+// Opens the node of a port that is closed. `err` receives the system error number of a failed open, which may
+// be 0.
+bool open_node(const char* func, trelm_hw_info& hw, uint32_t instance, uint32_t* err) {
     const int fd = open(hw.phys_path, O_RDWR | O_CLOEXEC);
     if (fd == -1) {
-        const int err = errno;
-        error(func, Piece("(", instance), Piece("): error opening adapter=", err), Piece(", fd=", fd));
-        return static_cast<uint32_t>(err);
+        *err = static_cast<uint32_t>(errno);
+        error(func, Piece("(", instance), Piece("): error opening adapter=", *err), Piece(", fd=", fd));
+        return false;
     }
     hw.oshandle = fd;
     hw.apihandle = instance + 1;
-    return 0;
+    return true;
 }
 
 }  // namespace
@@ -183,15 +184,13 @@ uint32_t trelm_open_adapter(trelm_priv_db* pdb, uint32_t* papi_handle, uint32_t*
         return 1;
     }
     trelm_hw_info& hw = *pdb->hw_info;
-    const uint32_t err = hw.open_cnt ? 0 : open_node(__func__, hw, instance);
-    if (err) {
-        *pret_err = err;
-    } else {
+    const bool is_open = hw.open_cnt || open_node(__func__, hw, instance, pret_err);
+    if (is_open) {
         ++hw.open_cnt;
         *papi_handle = hw.apihandle;
         error(__func__, Piece("(", instance), "): opened adapter instance.");
     }
-    const uint32_t result = err ? 1 : 0;
+    const uint32_t result = is_open ? 0 : 1;
     trace(__func__, Piece(": exiting, rval=", result));
     return result;
 }

@@ -1,6 +1,15 @@
 // From load to free: the order of discovery, who may load, what every call answers and says in each state,
 // which driver serves a port, and that nothing is left behind.
 #include "support/port_calls.h"
+#include "support/stand_before.h"
+
+static bool opens_fail_silently = false;  // without an error number
+
+STANDS_BEFORE(int, open, (const char* path, int flags, mode_t mode)) {
+    const int fd = NEXT_OF(open)(path, flags, mode);
+    if (fd == -1 && opens_fail_silently) errno = 0;
+    return fd;
+}
 
 namespace {
 
@@ -195,6 +204,10 @@ TEST(LegacyPort, WhoseNodeCannotBeOpenedOrClosedGivesTheSystemsError) {
     EXPECT_THAT(log.take(),
                 ElementsAre("trelm_open_adapter(1): error opening adapter=13, fd=18446744073709551615",
                             "TRELM_OpenAdapter(1): open failed."));
+    opens_fail_silently = true;
+    library.host.inject(fault(Operation::open, {.error = EACCES}));
+    EXPECT_EQ(TRELM_OpenAdapter(1, &handle), TRELM_STATUS_FAILED);
+    EXPECT_EQ(handle, 0U);
     open_port(1);
     library.host.inject(fault(Operation::close, {.error = EIO}));
     EXPECT_EQ(TRELM_CloseAdapter(2), uint32_t{EIO});

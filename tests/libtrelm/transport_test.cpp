@@ -118,13 +118,21 @@ TEST_P(Transport, RequestsGoOutWholeAndTheirStatusCountsBeforeTheirResult) {
         EXPECT_TRUE(record.guards_intact());
         if (!native || !scsi) continue;
         host.clear_calls();
-        for (const auto& [cdb_length, length] : {std::pair<uint8_t, uint32_t>{17, 0}, {16, 262145}}) {
-            record.data()[13] = cdb_length;
+        for (const auto& [direction, cdb_length, length, sent] :
+             {std::tuple<uint8_t, uint8_t, uint32_t, bool>{0, 17, 0, false},
+              {1, 16, 262145, false},
+              {2, 16, 262145, false},
+              {0, 16, 262145, true},
+              {3, 16, 262145, true}}) {
+            host.clear_calls();
+            record.data()[12] = direction, record.data()[13] = cdb_length;
             memcpy(record.data() + 288, &length, 4);
-            EXPECT_EQ(calls[i](record.data()), 1U);
-            EXPECT_EQ(stat, 4U);
+            EXPECT_EQ(calls[i](record.data()), sent ? 0U : 1U);
+            EXPECT_EQ(stat, sent ? 0U : 4U);
+            ASSERT_EQ(host.calls().size(), sent ? 1U : 0U) << "what no record can carry is refused unsent";
+            if (!sent) continue;
+            EXPECT_EQ(memcmp(&host.calls()[0].payload[8 + 288], "\0\0\0", 4), 0) << "no data";
         }
-        EXPECT_TRUE(host.calls().empty()) << "what no record can carry is refused unsent";
     }
 }
 
