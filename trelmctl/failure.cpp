@@ -101,7 +101,8 @@ Failure explain(const trelm::Error& error) {
     return failure;
 }
 
-Failure explain_load(const trelm::Error& error) {
+Failure explain_load(const trelm::Error& error, bool no_port) {
+    if (no_port) return no_ports();
     Failure failure = explain(error);
     if (const std::string system = system_name(); system.find("VMkernel") == std::string::npos) {
         failure.meaning =
@@ -111,10 +112,8 @@ Failure explain_load(const trelm::Error& error) {
         failure.meaning = "FCoE ports can only be managed as root";
         failure.advice = "run trelmctl as root";
     } else {
-        failure.meaning =
-            "no FCoE driver answered, or the database shared between processes cannot be set up";
-        failure.advice =
-            "check that an FCoE driver is loaded and that /tmp can be written; " + std::string(kTrace);
+        failure.meaning = "the database shared between processes cannot be set up";
+        failure.advice = "check that /tmp can be written and has room; " + std::string(kTrace);
     }
     return failure;
 }
@@ -130,11 +129,18 @@ Failure no_ports() {
     return failure;
 }
 
-Failure usage_failure(std::string meaning) {
+Failure tool_failure(std::string name, std::string meaning, std::string advice) {
     Failure failure;
-    failure.name = "USAGE";
+    failure.name = std::move(name);
     failure.meaning = std::move(meaning);
-    failure.advice = "see 'trelmctl --help' and 'trelmctl COMMAND --help'";
+    failure.advice = std::move(advice);
+    failure.operation = "trelmctl";
+    return failure;
+}
+
+Failure usage_failure(std::string meaning) {
+    Failure failure =
+        tool_failure("USAGE", std::move(meaning), "see 'trelmctl --help' and 'trelmctl COMMAND --help'");
     failure.operation = "command line";
     failure.exit_status = EXIT_USAGE;
     return failure;

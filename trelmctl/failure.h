@@ -37,9 +37,12 @@ class CommandFailed : public std::exception {
 };
 
 Failure explain(const trelm::Error& error);
-Failure explain_load(const trelm::Error& error);
+// `no_port`: the load ended because no port was found.
+Failure explain_load(const trelm::Error& error, bool no_port);
 Failure no_ports();
 Failure usage_failure(std::string meaning);
+// Of the tool itself, with no port or function of the library concerned.
+Failure tool_failure(std::string name, std::string meaning, std::string advice);
 
 // How a port is named: its instance number, and its NPIV index where one was given.
 std::string port_label(std::optional<uint32_t> instance, std::optional<uint32_t> npiv_index = {});

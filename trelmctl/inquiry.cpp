@@ -18,8 +18,6 @@
 namespace trelmctl {
 namespace {
 
-constexpr uint16_t kPageRoom = 4096;
-
 std::string padded_text(std::span<const uint8_t> data, std::size_t at, std::size_t width) {
     if (at >= data.size()) return {};
     const auto bytes = data.subspan(at, std::min(width, data.size() - at));
@@ -39,7 +37,7 @@ std::string version_words(uint8_t version) {
 struct Page {
     std::vector<uint8_t> body;
     std::string text;
-    Json json;
+    Json json = Json::object();
 };
 
 void parse_supported_pages(Page& page) {
@@ -134,10 +132,38 @@ constexpr std::array kKnownPages{
     KnownPage{0xB0, "Block limits", parse_block_limits},
 };
 
+Failure other_page(const LunAddress& address, uint8_t wanted, uint8_t answered) {
+    return {
+        .code = {},
+        .name = "WRONG_PAGE",
+        .meaning = fmt::format("target {} LUN {} was asked for page 0x{:02x} and answered with page 0x{:02x}",
+                               address.target, lun_text(address.lun), wanted, answered),
+        .advice = "the device may not know vital product data pages; ask without --page",
+        .operation = "INQUIRY",
+        .port = port_label(address.adapter.instance(), address.npiv_index)};
+}
+
+// Reads a page whole, header included. The first request stays below 256 bytes: devices whose ALLOCATION LENGTH
+// has one byte take the upper one for reserved.
+std::vector<uint8_t> read_page(const LunAddress& address, uint8_t number) {
+    uint16_t room = 252;
+    while (true) {
+        const std::array<uint8_t, 6> cdb{
+            0x12, 0x01, number, static_cast<uint8_t>(room >> 8), static_cast<uint8_t>(room), 0};
+        std::vector<uint8_t> data = read_or_throw(address, cdb, room);
+        const std::size_t length = 4 + big_endian(data, 2, 2);
+        if (data[1] != number) throw CommandFailed(other_page(address, number, data[1]));
+        if (length <= room || room == UINT16_MAX) {
+            data.resize(std::min<std::size_t>(length, room));
+            return data;
+        }
+        room = static_cast<uint16_t>(std::min<std::size_t>(length, UINT16_MAX));
+    }
+}
+
 void show_page(const LunAddress& address, uint8_t number, Output& output) {
-    const std::array<uint8_t, 6> cdb{0x12, 0x01, number, kPageRoom >> 8, kPageRoom & 0xFF, 0};
-    const std::vector<uint8_t> data = read_or_throw(address, cdb, kPageRoom);
-    const std::size_t length = std::min<std::size_t>(big_endian(data, 2, 2), data.size() - 4);
+    const std::vector<uint8_t> data = read_page(address, number);
+    const std::size_t length = data.size() - 4;
     Page page;
     page.body.assign(data.begin() + 4, data.begin() + 4 + static_cast<std::ptrdiff_t>(length));
     const auto* known = std::find_if(kKnownPages.begin(), kKnownPages.end(),

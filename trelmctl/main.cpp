@@ -1,6 +1,7 @@
 // main.cpp - trelmctl, the command-line tool of libtrelm: takes the command line, runs its command and tells
 // what failed.
-#include <fmt/format.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <clocale>
 #include <csignal>
@@ -14,40 +15,48 @@ namespace {
 
 using namespace trelmctl;
 
-// Carries the command out; whatever ends it early is a failure like any other.
-int run(const Options& options) {
-    Output output(options.json);
+// What ends a command early is a failure like any other, and what was found before is still shown.
+void carry_out(int argc, char** argv, Output& output) {
     try {
-        options.command->run(options, output);
+        const Options options = parse_options(argc, argv, output);
+        if (options.command != nullptr) options.command->run(options, output);
     } catch (const CommandFailed& failed) {
         output.fail(failed.failure());
     } catch (const trelm::Error& error) {
         output.fail(explain(error));
     } catch (const std::bad_alloc&) {
-        output.fail(Failure{.code = {},
-                            .name = "ENOMEM",
-                            .meaning = "there is not enough memory on this machine",
-                            .advice = "free memory and try again",
-                            .operation = options.command->name,
-                            .port = {}});
+        output.fail(tool_failure("ENOMEM", "there is not enough memory on this machine",
+                                 "free memory and try again"));
+    } catch (const std::exception&) {
+        output.fail(tool_failure("INTERNAL", "an error of the tool itself ended the command",
+                                 "report the command line and what 'trelmctl version' prints"));
     }
-    return output.finish();
+}
+
+// A file that is opened while a standard descriptor is closed would get its number, and with it the tool's
+// output. What takes the place of a closed descriptor refuses every transfer, as that did.
+void occupy_closed_descriptors() {
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(fd, F_GETFD) != -1) continue;
+        if (open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY) != fd) _exit(EXIT_FAILED);
+    }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    occupy_closed_descriptors();
     std::setlocale(LC_CTYPE, "");
-    // A reader that has gone is noticed by the write, so that the library is left in order.
+    // A reader that is gone shows as a failed write, so that the library is left in order.
     std::signal(SIGPIPE, SIG_IGN);
     try {
-        const ParsedOptions parsed = parse_options(argc, argv);
-        return parsed.exit_status ? *parsed.exit_status : run(parsed.options);
+        Output output(asks_for_json(argc, argv));
+        carry_out(argc, argv, output);
+        return output.finish();
     } catch (const WriteFailed& failed) {
-        fmt::print(stderr, "{}\n", failed.what());
-        return EXIT_FAILED;
-    } catch (const std::exception& error) {
-        fmt::print(stderr, "trelmctl: {}\n", error.what());
-        return EXIT_FAILED;
+        if (failed.error != EPIPE) tell(failed.text());
+    } catch (const std::exception&) {
+        tell("trelmctl: there is not enough memory on this machine\n");
     }
+    return EXIT_FAILED;
 }

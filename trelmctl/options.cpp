@@ -15,9 +15,11 @@ namespace {
 
 constexpr double kMostSeconds = 86400;
 
+[[noreturn]] void wrong_usage(std::string what) { throw CommandFailed(usage_failure(std::move(what))); }
+
 // A wrong argument, with what would be right.
 [[noreturn]] void refuse(std::string_view what, std::string_view given, std::string_view right) {
-    throw CLI::ValidationError(fmt::format("{} \"{}\" is not valid: {}", what, escaped(given), right));
+    wrong_usage(fmt::format("{} \"{}\" is not valid: {}", what, escaped(given), right));
 }
 
 template <typename Number>
@@ -81,15 +83,18 @@ void add_arguments(CLI::App& command, unsigned arguments, Options& options) {
 }
 
 void add_stats_options(CLI::App& command, Options& options) {
-    auto* watch = command.add_option("--watch", options.watch, "Show rates per second every SECONDS");
-    watch->type_name("SECONDS")->check([](const std::string& given) {
-        char* end = nullptr;
-        const double seconds = std::strtod(given.c_str(), &end);
-        const bool sound = *end == 0 && seconds >= 0.01 && seconds <= kMostSeconds;
-        return sound ? ""
-                     : fmt::format("\"{}\" is not valid: from 0.01 to {} seconds", escaped(given),
-                                   kMostSeconds);
-    });
+    command
+        .add_option_function<std::string>(
+            "--watch",
+            [&options](const std::string& given) {
+                char* end = nullptr;
+                const double seconds = std::strtod(given.c_str(), &end);
+                if (given.empty() || *end != 0 || !(seconds >= 0.01 && seconds <= kMostSeconds))
+                    refuse("--watch", given, fmt::format("from 0.01 to {} seconds", kMostSeconds));
+                options.watch = seconds;
+            },
+            "Show rates per second every SECONDS")
+        ->type_name("SECONDS");
     command
         .add_option_function<std::string>(
             "--count",
@@ -98,8 +103,7 @@ void add_stats_options(CLI::App& command, Options& options) {
                 if (options.samples == 0) refuse("--count", given, "at least 1");
             },
             "End after N times")
-        ->type_name("N")
-        ->needs(watch);
+        ->type_name("N");
 }
 
 void add_scsi_options(CLI::App& command, Options& options) {
@@ -113,17 +117,17 @@ void add_scsi_options(CLI::App& command, Options& options) {
             "Command descriptor block: up to 16 bytes in hexadecimal")
         ->required()
         ->type_name("");
-    auto* in = command.add_option_function<std::string>(
-        "--in",
-        [&options](const std::string& given) {
-            options.data_in = checked_number<uint32_t>("--in", given, kMostData);
-        },
-        "Read N bytes; bytes that the device does not send are zero");
-    in->type_name("N");
+    command
+        .add_option_function<std::string>(
+            "--in",
+            [&options](const std::string& given) {
+                options.data_in = checked_number<uint32_t>("--in", given, kMostData);
+            },
+            "Read N bytes; bytes that the device does not send are zero")
+        ->type_name("N");
     command.add_option("--out", options.data_out, "Send the bytes of FILE (-: standard input)")
-        ->type_name("FILE")
-        ->excludes(in);
-    command.add_flag("--raw", options.raw, "Print the bytes read as they are")->needs(in);
+        ->type_name("FILE");
+    command.add_flag("--raw", options.raw, "Print the bytes read as they are");
 }
 
 void add_inquiry_options(CLI::App& command, Options& options) {
@@ -150,52 +154,74 @@ void add_own_options(CLI::App& command, std::string_view name, Options& options)
 
 // What no single option can check.
 void check_together(const Options& options) {
-    if (options.json && options.raw) throw CLI::ValidationError("--raw and --json exclude each other");
-    if (options.json && options.watch && !options.samples) {
-        throw CLI::ValidationError("--watch with --json needs --count: a JSON document has an end");
+    const bool reads = options.data_in > 0;
+    if (options.samples && !options.watch) wrong_usage("--count requires --watch");
+    if (reads && !options.data_out.empty()) wrong_usage("--in and --out exclude each other");
+    if (options.raw && !reads) wrong_usage("--raw requires --in");
+    if (options.json && options.raw) wrong_usage("--raw and --json exclude each other");
+    if (options.json && options.watch && !options.samples)
+        wrong_usage("--watch with --json requires --count: a JSON document has an end");
+}
+
+void show_text(const char* key, const std::string& text, Output& output) {
+    output.json() ? void(output.document()[key] = text) : output.print(text);
+}
+
+// The first argument of the command that is missing.
+std::string missing_argument(const CLI::App& app) {
+    const auto commands = app.get_subcommands();
+    if (commands.empty()) return "no command was given";
+    for (const CLI::Option* option : commands.front()->get_options()) {
+        if (option->get_required() && option->count() == 0)
+            return fmt::format("{} is missing", option->get_name());
     }
+    return "an argument is missing";
 }
 
-// Asked for before the command line is understood, so that a mistake in it is told in JSON, too.
-bool asks_for_json(int argc, char** argv) {
-    return std::any_of(argv + 1, argv + argc,
-                       [](const char* word) { return std::strcmp(word, "--json") == 0; });
-}
-
-// A misspelt command leaves a word over, and the complaint would be that no command was given.
+// The parser's errors in the tool's own words.
 std::string what_is_wrong(const CLI::App& app, const CLI::ParseError& error) {
-    const auto unknown = app.remaining();
-    if (!app.get_subcommands().empty() || unknown.empty()) return error.what();
-    return fmt::format("there is no command or option \"{}\"", escaped(unknown.front()));
-}
-
-int tell_usage_error(const std::string& wrong, bool json) {
-    if (!json) {
-        fmt::print(stderr, "{}\n", sentence(usage_failure(wrong)));
-        return EXIT_USAGE;
+    const auto left_over = app.remaining(true);
+    if (!left_over.empty()) {
+        const bool known = !app.get_subcommands().empty() && !left_over.front().starts_with("-");
+        const std::string word = escaped(left_over.front());
+        return known ? fmt::format("the argument \"{}\" is one too many", word)
+                     : fmt::format("there is no command or option \"{}\"", word);
     }
-    Output output(true);
-    output.fail(usage_failure(wrong));
-    return output.finish();
+    if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr) return missing_argument(app);
+    if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr) {
+        // The option's name is to be had only as the start of the text, without dashes where it is a flag.
+        const std::string text = error.what();
+        const std::string name = escaped(text.substr(0, text.find_first_of(": ")));
+        return name.starts_with("-") ? fmt::format("{} requires a value", name)
+                                     : fmt::format("--{} takes no value", name);
+    }
+    return "an option or argument is not valid";
 }
 
 }  // namespace
 
-ParsedOptions parse_options(int argc, char** argv) {
-    ParsedOptions parsed;
-    Options& options = parsed.options;
+bool asks_for_json(int argc, char** argv) {
+    return std::any_of(argv + (argc > 0), argv + argc,
+                       [](const char* word) { return std::strcmp(word, "--json") == 0; });
+}
+
+Options parse_options(int argc, char** argv, Output& output) {
+    Options options;
     CLI::App app{"Shows and tries the FCoE ports of this host and the storage behind them."};
     app.name("trelmctl");
+    app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     app.footer(
         "PORT is an instance number or a WWPN; PORT/NPIV names the port with that NPIV index.\n"
         "Exit status: 0 done, 1 an operation failed, 2 wrong usage, 3 no FCoE port on this host.\n"
         "On a machine that is no ESXi host: trelm-hostsim run HOST.json -- trelmctl list");
-    app.set_version_flag("--version", "trelmctl " TRELMCTL_VERSION);
+    app.add_flag_callback(
+           "--version", [] { throw CLI::CallForVersion({}, 0); }, "Show the version of the tool")
+        ->disable_flag_override();
     app.require_subcommand(1);
-    app.add_flag("--json", options.json, "Print one JSON document");
+    app.add_flag("--json", options.json, "Print one JSON document")->disable_flag_override();
     for (const Command& command : commands()) {
         CLI::App* sub = app.add_subcommand(command.name, command.help);
-        sub->add_flag("--json", options.json, "Print one JSON document");
+        sub->add_flag("--json", options.json, "Print one JSON document")->disable_flag_override();
         add_arguments(*sub, command.arguments, options);
         add_own_options(*sub, command.name, options);
         sub->callback([&options, &command] { options.command = &command; });
@@ -203,12 +229,15 @@ ParsedOptions parse_options(int argc, char** argv) {
     try {
         app.parse(argc, argv);
         check_together(options);
-    } catch (const CLI::Success& asked) {
-        parsed.exit_status = app.exit(asked);
+        return options;
+    } catch (const CLI::CallForHelp&) {
+        show_text("help", app.help(), output);
+    } catch (const CLI::CallForVersion&) {
+        show_text("tool_version", "trelmctl " TRELMCTL_VERSION "\n", output);
     } catch (const CLI::ParseError& error) {
-        parsed.exit_status = tell_usage_error(what_is_wrong(app, error), asks_for_json(argc, argv));
+        wrong_usage(what_is_wrong(app, error));
     }
-    return parsed;
+    return {};
 }
 
 }  // namespace trelmctl

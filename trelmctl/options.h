@@ -12,6 +12,7 @@
 namespace trelmctl {
 
 struct Command;
+class Output;
 
 // Bytes that one command may move, so that a slip of the keyboard does not ask for gigabytes. Drivers may
 // allow fewer.
@@ -33,12 +34,11 @@ struct Options {
     bool sixteen = false;             // READ CAPACITY(16) in any case
 };
 
-// What to do: carry `options` out, or end at once with `exit_status` because help, a version or a usage error
-// has been told already.
-struct ParsedOptions {
-    Options options;
-    std::optional<int> exit_status;
-};
-ParsedOptions parse_options(int argc, char** argv);
+// Throws CommandFailed where the command line is wrong. Without a command, what was asked for (help or the
+// version) has been printed.
+Options parse_options(int argc, char** argv, Output& output);
+
+// Asked for before the command line is understood, so that a mistake in it is told in JSON, too.
+bool asks_for_json(int argc, char** argv);
 
 }  // namespace trelmctl

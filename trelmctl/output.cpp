@@ -10,25 +10,24 @@
 #include <utility>
 
 namespace trelmctl {
-namespace {
-
-[[noreturn]] void write_failed() {
-    const int error = errno;
-    throw WriteFailed(
-        fmt::format("trelmctl: standard output cannot be written: {}; what was printed is incomplete",
-                    std::strerror(error)));
+std::string WriteFailed::text() const {
+    return fmt::format("trelmctl: standard output cannot be written: {}; what was printed is incomplete\n",
+                       std::strerror(error));
 }
 
-}  // namespace
+void tell(std::string_view text) {
+    std::fwrite(text.data(), 1, text.size(), stderr);
+    std::fflush(stderr);
+}
 
 Output::Output(bool json) : json_(json), document_{{"format_version", 1}} {}
 
 void Output::print(std::string_view text) {
-    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size()) write_failed();
+    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size()) throw WriteFailed{errno};
 }
 
 void Output::flush() {
-    if (std::fflush(stdout) != 0) write_failed();
+    if (std::fflush(stdout) != 0) throw WriteFailed{errno};
 }
 
 void Output::fail(Failure failure) { failures_.push_back(std::move(failure)); }
@@ -42,11 +41,12 @@ int Output::finish() {
     if (json_) {
         // One error stands for all: those of single ports are at their places in the document as well.
         if (!failures_.empty()) document_["error"] = to_json(failures_.front());
-        print(document_.dump(2) + "\n");
+        // Texts are escaped where they are put in; a byte that is no UTF-8 all the same must not cost the document.
+        print(document_.dump(2, ' ', false, Json::error_handler_t::replace) + "\n");
     }
     flush();
     if (!json_) {
-        for (const Failure& failure : failures_) fmt::print(stderr, "{}\n", sentence(failure));
+        for (const Failure& failure : failures_) tell(sentence(failure) + "\n");
     }
     return failures_.empty() ? EXIT_DONE : failures_.front().exit_status;
 }
@@ -56,12 +56,11 @@ Progress::Progress() : visible_(isatty(STDERR_FILENO) == 1) {}
 void Progress::say(std::string_view text) {
     if (!visible_) return;
     shown_ = true;
-    fmt::print(stderr, "\r\033[K{}", text);
-    std::fflush(stderr);
+    tell(fmt::format("\r\033[K{}", text));
 }
 
 void Progress::clear() {
-    if (std::exchange(shown_, false)) std::fputs("\r\033[K", stderr);
+    if (std::exchange(shown_, false)) tell("\r\033[K");
 }
 
 }  // namespace trelmctl

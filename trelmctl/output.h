@@ -4,7 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <stdexcept>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -14,10 +14,14 @@
 namespace trelmctl {
 
 // Standard output cannot take more: its reader is gone, its disk is full. There is nobody left to write for.
-class WriteFailed : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
+struct WriteFailed {
+    int error;  // an errno value
+
+    std::string text() const;
 };
+
+// Writes to standard error as far as that takes it.
+void tell(std::string_view text);
 
 class Output {
   public:

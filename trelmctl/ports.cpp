@@ -1,6 +1,12 @@
 #include "ports.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <utility>
 
 #include "text.h"
@@ -21,6 +27,31 @@ Failure not_found(std::string port, uint32_t code, std::string meaning) {
             .advice = "'trelmctl list' and 'trelmctl show PORT' name the ports that exist",
             .operation = "finding the port",
             .port = std::move(port)};
+}
+
+// The code of a failed load does not tell a host without FCoE ports from other causes, but the error lines of
+// the library's log do. So this loads again with standard error going to a file.
+bool load_finds_no_port() {
+    const char* variable = "TRELM_API_DEBUG";
+    const char* given = std::getenv(variable);
+    const std::optional<std::string> before = given ? std::optional<std::string>(given) : std::nullopt;
+    const std::unique_ptr<FILE, int (*)(FILE*)> log(std::tmpfile(), std::fclose);
+    const int standard_error = log ? fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1) : -1;
+    if (standard_error == -1) return false;
+
+    setenv(variable, "4", 1);
+    dup2(fileno(log.get()), STDERR_FILENO);
+    const bool failed = TRELM_LoadLibrary() != TRELM_STATUS_OK;
+    TRELM_FreeLibrary();
+    std::fflush(stderr);
+    dup2(standard_error, STDERR_FILENO);
+    close(standard_error);
+    before ? setenv(variable, before->c_str(), 1) : unsetenv(variable);
+
+    std::string lines(65536, '\0');
+    std::rewind(log.get());
+    lines.resize(std::fread(lines.data(), 1, lines.size(), log.get()));
+    return failed && lines.find("trelm_load_lib: ERROR finding adapters.") != std::string::npos;
 }
 
 uint32_t physical_index(const trelm::Adapter& adapter) {
@@ -76,7 +107,7 @@ LoadedHost::LoadedHost() {
     try {
         library_.emplace();
     } catch (const trelm::Error& error) {
-        throw CommandFailed(explain_load(error));
+        throw CommandFailed(explain_load(error, load_finds_no_port()));
     }
     port_count_ = library_->port_count();
     if (port_count_ == 0) throw CommandFailed(no_ports());

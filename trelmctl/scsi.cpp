@@ -54,9 +54,10 @@ ScsiAnswer send(const LunAddress& address, std::span<const uint8_t> cdb, uint8_t
 
 [[noreturn]] void file_failed(const std::string& path) {
     const int error = errno;
+    const char* name = strerrorname_np(error);
     throw CommandFailed(Failure{.code = static_cast<uint32_t>(error),
-                                .name = strerrorname_np(error),
-                                .meaning = fmt::format("{}: {}", path, std::strerror(error)),
+                                .name = name != nullptr ? name : "UNKNOWN",
+                                .meaning = fmt::format("{}: {}", escaped(path), std::strerror(error)),
                                 .advice = "name a file that can be read",
                                 .operation = "reading the file",
                                 .port = {}});

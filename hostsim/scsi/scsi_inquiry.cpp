@@ -77,6 +77,13 @@ Bytes block_limits(const DiskConfig& disk) {
     return page;
 }
 
+// A medium that does not rotate.
+Bytes block_device_characteristics(const DiskConfig&) {
+    Bytes page(0x3C);
+    put_be(page, 4 - 4, 2, 1);
+    return page;
+}
+
 struct Page {
     uint8_t code;
     Bytes (*contents)(const DiskConfig&);
@@ -86,6 +93,7 @@ constexpr Page kPages[] = {
     {0x80, unit_serial_number},
     {0x83, device_identification},
     {0xB0, block_limits},
+    {0xB1, block_device_characteristics},
 };
 
 Bytes supported_pages(const DiskConfig&) {

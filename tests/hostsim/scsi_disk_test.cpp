@@ -77,7 +77,7 @@ TEST(Disk, AnswersEachCommandToTheByteAndSendsNoMoreThanThereIsRoomFor) {
     } rows[]{
         {large, "12 00 00 00 FF",
          good("2D 00 06 12 5B 00 00 02 'CALVEXA ULVARD VOLUME, L05  ' .22 00 A0 0A 40 04 60 04 C0 .30")},
-        {large, "12 01 00 00 FF", good("2D 00 00 04 00 80 83 B0")},
+        {large, "12 01 00 00 FF", good("2D 00 00 05 00 80 83 B0 B1")},
         {large, "12 01 80 00 FF", good("2D 80 00 09 'CX0000017'")},
         {large, "12 01 83 00 FF",
          good("2D 83 00 31 01 03 00 08 50 00 C5 00 A1 B2 C3 D4 02 01 00 21 'CALVEXA ULVARD VOLUME, "

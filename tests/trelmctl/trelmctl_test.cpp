@@ -25,7 +25,7 @@ class Trelmctl : public Programs {
         return on_file(at("host.json"), arguments);
     }
     Outcome tool(const std::string& arguments) const { return execute(on_host(arguments)); }
-    json document(const std::string& arguments) const { return json::parse(tool(arguments + " --json").out); }
+    json document(const std::string& arguments) const { return json::parse(tool("--json " + arguments).out); }
     Outcome on_sample(const std::string& name, const std::string& arguments) const {
         return execute(on_file(source_dir() + "/hostsim/hosts/" + name, arguments));
     }
@@ -125,6 +125,7 @@ TEST_F(Trelmctl, SpeaksJsonWithRawValuesBesideWordedOnes) {
          R"([{"type": "NAA", "type_raw": 3, "association": "logical unit", "association_raw": 0,
           "value": "30c05a0000110000"}, {"type": "T10 vendor id", "type_raw": 1,
           "association": "logical unit", "association_raw": 0, "value": "CALVEXA ULVARD VOLUME   SER0"}])"},
+        {"inquiry 0 0 0 --page b1", "/page", "\"0xb1\""},
         {"scsi 0 0 0 ff0000000000", "",
          R"x({"format_version": 1, "instance": 0, "npiv_index": 3, "target": 0, "lun": 0, "lun_text": "0",
           "cdb": "ff0000000000", "data": null, "sense": {"key": "Illegal request", "key_raw": 5,
@@ -147,28 +148,55 @@ TEST_F(Trelmctl, TellsEachErrorInTheFormAskedForAndByItsExitStatus) {
              {"stats 7", 1, "TRELM_OpenAdapter"},
              {"capacity 0 0 9", 1, "target 0 LUN 9 refused the command: Illegal request"},
              {"scsi 0 0 0 28 00 ff ff ff f0 00 00 01 00 --in 512", 1, "(05/21/00)"},
-             {"", 2, "subcommand"},
+             {"", 2, "no command was given"},
              {"show 0/-1", 2, "an instance number or a WWPN"},
              {"luns 0 128", 2, "TARGET"},
              {"scsi 0 0 0 00112233445566778899aabbccddeeff00", 2, "at most 16 bytes"},
              {"scsi 0 0 0 00 --raw", 2, "--raw requires --in"},
-             {"stats 0 --watch 0", 2, "from 0.01 to 86400 seconds"}};
+             {"stats 0 --watch 0", 2, "from 0.01 to 86400 seconds"},
+             {"scsi 0 0 0 00 --in", 2, "--in requires a value"},
+             {"list --json=1", 2, "--json takes no value"},
+             {"luns 0 \xff", 2, R"(TARGET "\xff" is not valid)"},
+             {"list \xff", 2, R"("\xff" is one too many)"},
+             {"scsi 0 0 0 00 --out \xff", 1, R"(\xff: No such file)"}};
     for (const auto& [arguments, status, message] : rows) {
         const Outcome text = tool(arguments);
         EXPECT_EQ(text.status, status) << arguments;
         EXPECT_THAT(text.errors, HasSubstr(message)) << arguments;
         const json error = document(arguments)["error"];
         EXPECT_EQ(error["exit_status"], status) << arguments;
-        EXPECT_THAT(error.dump(-1, ' ', false), HasSubstr(message)) << arguments;
+        EXPECT_THAT(error["meaning"].get<std::string>() + error.dump(), HasSubstr(message)) << arguments;
     }
     EXPECT_EQ(tool("stats 0 --watch 1 --json").status, 2) << "a document has an end";
-    EXPECT_THAT(execute(on_host("list"), "/dev/full").errors, HasSubstr("No space left on device"));
     EXPECT_EQ(on_sample("empty.json", "list").status, 3);
+    write("bare.json", R"({"name": "no-driver", "adapters": []})");
+    EXPECT_EQ(execute(on_file(at("bare.json"), "list")).status, 3);
     EXPECT_THAT(on_sample("empty.json", "show 0").errors, HasSubstr("no FCoE port was found"));
     EXPECT_THAT(execute({kTool, "list"}).errors, HasSubstr("trelm-hostsim run HOST.json -- trelmctl list"));
     EXPECT_EQ(execute({kTool, "version"}).status, 0) << "the version needs no host";
     host["effective_user"] = 1000;
     EXPECT_THAT(tool("list").errors, HasSubstr("run trelmctl as root"));
+}
+
+TEST_F(Trelmctl, EndsWithADocumentedStatusWhateverItsStandardStreamsAre) {
+    const auto expect = [this](const std::string& script, int status, const std::string& errors) {
+        write("host.json", host.dump());
+        const Outcome outcome = execute({kLauncher, "run", at("host.json"), "--", "/bin/sh", "-c",
+                                         "cd \"$1\"; tool=$0; " + script, kTool, at("")});
+        EXPECT_EQ(outcome.status, status) << script;
+        EXPECT_THAT("|" + outcome.errors,
+                    errors.empty() ? testing::Matcher<std::string>("|") : HasSubstr(errors))
+            << script;
+    };
+    expect("$tool list --json >/dev/full", 1, "No space left on device");
+    expect("$tool --help >/dev/full", 1, "No space left on device");
+    expect("$tool list >&- 2>&-", 1, "");
+    expect("$tool show 2>/dev/full", 2, "");
+    expect("$tool show 2>&-", 2, "");
+    expect("mkfifo pipe; exec 3<>pipe 4>pipe 3<&-; $tool tree >&4", 1, "");
+    // Its text must not go to the file that the library opens next.
+    expect("$tool tree <&- >&-", 1, "Bad file descriptor");
+    expect("$tool tree <&- >&- 2>&-", 1, "");
 }
 
 TEST_F(Trelmctl, WhatFailsHidesNothingElse) {
