@@ -82,8 +82,8 @@ extern TRELM_API int32_t trelm_shm_fildes;                   // -1 none
 extern TRELM_API struct trelm_shared_db* trelm_shared_data;  // the mapped file, or null
 extern TRELM_API uint8_t trelm_library_instance;             // slot 0 to 7; 255 before one was taken
 extern TRELM_API uint8_t trelm_use_db;  // for programs that look at it; nothing here does
-extern TRELM_API const key_t trelm_db_semkey;
-extern TRELM_API const key_t trelm_dbg_semkey;
+extern TRELM_API key_t trelm_db_semkey;
+extern TRELM_API key_t trelm_dbg_semkey;
 extern TRELM_API const char trelm_db_fname[];
 extern TRELM_API const char* const trelm_api_version;
 
@@ -174,8 +174,8 @@ TRELM_API uint32_t trelm_read_file_for_link(const char* filename, trelm_priv_db*
 
 namespace trelm::detail {
 
-// Semaphores private to the core: the set of the key, created free where there is none, or -1; and its
-// removal.
+// Semaphores private to the core: the set of the key, created free where there is none or another user's, or -1;
+// and its removal.
 int32_t sem_get(key_t key);
 int sem_del(int32_t sem_id);
 // Without a line on failure, for the log's own use.
@@ -184,6 +184,9 @@ int sem_signal_unlogged(int32_t sem_id);
 
 // Whether the shared database is open in this process, which with a port list is what 'loaded' means.
 bool database_is_open();
+// Whether it is open because this process is a forked child of the one that opened it. The child has no slot of its
+// own, and leaves its parent's alone.
+bool database_is_inherited();
 
 // What a port's log lines carry as its handle.
 inline uint32_t handle_of(const trelm_priv_db* pdb) { return pdb->hw_info ? pdb->hw_info->apihandle : 0; }

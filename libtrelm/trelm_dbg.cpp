@@ -13,7 +13,7 @@
 #include <ctime>
 
 #include "trelm_core.h"
-#include "trelm_owners.h"
+#include "trelm_system.h"
 
 uint32_t trelm_debug = 0;
 char trelmlog_path[512] = "";
@@ -62,13 +62,15 @@ class Turn {
     bool held_;
 };
 
-// The log file may lie in a directory that anyone can write to, so a link or a device in its place is no log
-// file.
+// The log file may lie in a directory that anyone can write to. A link or a device in its place is no log file, nor
+// is a file of another user or one that has another name, which may be anything.
 FILE* open_log(const char* path) {
-    trelm::detail::Descriptor fd(
-        open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
+    trelm::detail::Descriptor fd(trelm::detail::open_file(
+        path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0666));
     struct stat status;
-    if (!fd || fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) return nullptr;
+    if (!fd || fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink > 1 ||
+        !trelm::detail::is_trusted(status.st_uid))
+        return nullptr;
     FILE* stream = fdopen(fd.get(), "a");
     if (stream) fd.let_go();
     return stream;
@@ -194,6 +196,7 @@ void trelm_dbg_print(const char* func_name, const char* string, uint64_t number,
     trelm::detail::Heap<char> scratch(kScratch);
     if (!scratch) return;
     Turn turn;
+    trelm::detail::QuietWrites quiet;
     if ((trelm_debug & trelm::detail::kLogToFile) && newline == 1 && !stamp(scratch.get())) return;
     if (func_name) trelm_dbg_puts(func_name);
     trelm_dbg_puts(string);
@@ -204,6 +207,7 @@ void trelm_dbg_print(const char* func_name, const char* string, uint64_t number,
 
 void trelm_dbg_dump(const char* string, const uint8_t* buffer, uint8_t wd_size, uint64_t count) {
     Turn turn;
+    trelm::detail::QuietWrites quiet;
     if (*string) {
         trelm_dbg_puts(string);
         trelm_dbg_putc('\n');
@@ -215,6 +219,8 @@ void trelm_dbg_dump(const char* string, const uint8_t* buffer, uint8_t wd_size, 
         dump_elements(layout, buffer, buffer ? count : 0);
         trelm_dbg_puts(layout.rule);
     }
+    // What is not written now would be at the end of the program, which nobody guards.
+    if (trelmdbg_fp && fflush(trelmdbg_fp) != 0) close_log();
 }
 
 void trelm::detail::write_line(const char* func_name, const Piece* pieces, size_t count) {

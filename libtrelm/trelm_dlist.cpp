@@ -24,15 +24,15 @@ void move_cursor(trelm_dlist* list, int direction) {
     if (trelm_dl_node* target = direction ? list->marker->next : list->marker->prev) list->marker = target;
 }
 
-// Takes the node out of the ring; a cursor on it steps aside first.
+// Takes the node out of the ring, but not off the count; a cursor on it steps aside first.
 void unlink(trelm_dlist* list, trelm_dl_node* node, int direction) {
     if (list->marker == node) move_cursor(list, direction);
     link(node->prev, node->next);
-    --list->count;
 }
 
 void* take(trelm_dlist* list, trelm_dl_node* node, int direction) {
     unlink(list, node, direction);
+    --list->count;
     void* data = node->data;
     free(node);
     return data;
@@ -129,8 +129,11 @@ void* _trelm_dlist_remove(trelm_dlist* list, trelm_dl_node* node, int direction)
 
 void trelm_dlist_delete(trelm_dlist* list, int direction) {
     if (!list || !is_element(list, list->marker)) return;
-    void* data = take(list, list->marker, direction);
-    if (list->del_func) list->del_func(data);
+    trelm_dl_node* node = list->marker;
+    unlink(list, node, direction);
+    if (list->del_func) list->del_func(node->data);
+    --list->count;
+    free(node);
 }
 
 void* trelm_dlist_pop(trelm_dlist* list) {
@@ -144,7 +147,7 @@ void* trelm_dlist_shift(trelm_dlist* list) {
 void trelm_dlist_move(trelm_dlist* source, trelm_dlist* dest, trelm_dl_node* node, int direction) {
     if (!source || !dest || !is_element(source, node)) return;
     unlink(source, node, direction);
-    if (!source->count) forget_ring(source);
+    if (--source->count == 0) forget_ring(source);
     _trelm_dlist_insert_dlnode(dest, node, direction);
 }
 

@@ -10,7 +10,7 @@
 #include "trelm_core/discovery.h"
 #include "trelm_core/location_index.h"
 #include "trelm_dbg.h"
-#include "trelm_owners.h"
+#include "trelm_system.h"
 
 namespace {
 
@@ -136,7 +136,7 @@ uint32_t trelm_find_all_instances(const char* driver_name, uint32_t* start_inst)
         error(kFunc, ": not found: ", path);
         return 1;
     }
-    trelm::detail::Descriptor fd(open(path, O_RDWR | O_CLOEXEC));
+    trelm::detail::Descriptor fd(trelm::detail::open_file(path, O_RDWR));
     if (!fd) {
         error(kFunc, ": char device open error.");
         return 1;

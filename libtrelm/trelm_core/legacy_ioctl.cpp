@@ -10,7 +10,7 @@
 
 #include "trelm_core.h"
 #include "trelm_dbg.h"
-#include "trelm_owners.h"
+#include "trelm_system.h"
 
 namespace {
 
@@ -85,7 +85,7 @@ uint32_t issue_to_port(const Request& request, int32_t handle, const trelm_priv_
 // Opens the node of a port that is closed. `err` receives the system error number of a failed open, which may
 // be 0.
 bool open_node(const char* func, trelm_hw_info& hw, uint32_t instance, uint32_t* err) {
-    const int fd = open(hw.phys_path, O_RDWR | O_CLOEXEC);
+    const int fd = trelm::detail::open_file(hw.phys_path, O_RDWR);
     if (fd == -1) {
         *err = static_cast<uint32_t>(errno);
         error(func, Piece("(", instance), Piece("): error opening adapter=", *err), Piece(", fd=", fd));
@@ -104,7 +104,7 @@ uint8_t trelm_charnode_exist(const char* charnode_name) {
         error(__func__, ": invalid char node file.");
         return 1;
     }
-    trelm::detail::Descriptor fd(open(charnode_name, O_RDONLY | O_CLOEXEC));
+    trelm::detail::Descriptor fd(trelm::detail::open_file(charnode_name, O_RDONLY));
     if (!fd) {
         error(__func__, ": file open failed.");
         return 1;

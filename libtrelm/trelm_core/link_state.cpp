@@ -8,7 +8,7 @@
 #include <cstring>
 
 #include "trelm_core.h"
-#include "trelm_owners.h"
+#include "trelm_system.h"
 
 namespace {
 
@@ -22,7 +22,7 @@ constexpr size_t kLineRoom = 256;
 // system call and the memory that it takes to open one cost more than reading the file.
 class LineReader {
   public:
-    explicit LineReader(const char* path) : file_(path ? open(path, O_RDONLY | O_CLOEXEC) : -1) {}
+    explicit LineReader(const char* path) : file_(path ? trelm::detail::open_file(path, O_RDONLY) : -1) {}
 
     explicit operator bool() const { return static_cast<bool>(file_); }
 
@@ -75,7 +75,7 @@ bool skip_past(LineReader& file, const char* text) {
 uint32_t trelm_read_directory(const char* pth, char (*file_names)[32], uint32_t* count) {
     char path[kPathRoom];
     snprintf(path, sizeof path, "%s", pth);
-    trelm::detail::Directory directory(opendir(path));
+    trelm::detail::Directory directory(trelm::detail::open_directory(path));
     if (!directory) return 1;
     uint32_t names = 0;
     while (names < kMaxNames) {

@@ -13,9 +13,9 @@
 
 #include "trelm_core.h"
 #include "trelm_dbg.h"
-#include "trelm_owners.h"
+#include "trelm_system.h"
 
-const key_t trelm_db_semkey = 0x32C;
+key_t trelm_db_semkey = 0x32C;
 const char trelm_db_fname[] = "/tmp/trelm_shared.dat";
 int32_t trelm_db_sem_id = -1;
 int32_t trelm_shm_fildes = -1;
@@ -34,6 +34,8 @@ constexpr uint32_t kSlotMarks = 0x5;  // what taking a slot sets and giving it b
 constexpr char kOpen[] = "trelm_open_database";
 constexpr char kClose[] = "trelm_close_database";
 constexpr int kGuardTries = 16;
+
+pid_t slot_owner = 0;  // the process that took the slot; a forked child of its inherits the number alone
 
 bool wait_found_no_set() { return errno == EIDRM || errno == EINVAL; }
 
@@ -65,7 +67,7 @@ void remove_guard() {
     trelm_db_sem_id = -1;
 }
 
-// Whom a failed signal would leave waiting finds no set, and starts over.
+// If the signal fails, the set is removed. Waiters get EIDRM and retry.
 void release_guard() {
     if (trelm_sem_signal(trelm_db_sem_id) != 0) trelm::detail::sem_del(trelm_db_sem_id);
 }
@@ -74,6 +76,7 @@ void occupy(unsigned slot) {
     trelm_shared_data->libinst_flags[slot] |= kSlotMarks;
     memset(&trelm_shared_data->hbaptevq[slot], 0, sizeof(trelm_hbaptevq));
     trelm_library_instance = static_cast<uint8_t>(slot);
+    slot_owner = getpid();
 }
 
 void take_slot() {
@@ -143,6 +146,8 @@ LastOne leave() {
     return last;
 }
 
+bool has_slot() { return trelm_library_instance < kLibraryInstances && slot_owner == getpid(); }
+
 void unmap() {
     error(kClose, ": close db file.");
     if (trelm_shared_data) munmap(trelm_shared_data, sizeof *trelm_shared_data);
@@ -171,6 +176,8 @@ bool trelm::detail::database_is_open() {
     return trelm_db_sem_id != -1 && trelm_shm_fildes >= 0 && trelm_shared_data;
 }
 
+bool trelm::detail::database_is_inherited() { return database_is_open() && slot_owner != getpid(); }
+
 uint32_t trelm_open_database(int32_t* ret_handle) {
     trace(kOpen, ": entered.");
     *ret_handle = 0;
@@ -195,7 +202,7 @@ uint32_t trelm_open_database(int32_t* ret_handle) {
 
 uint32_t trelm_close_database(int32_t) {
     LastOne last;
-    if (trelm_db_sem_id != -1 && trelm_library_instance < kLibraryInstances && trelm_shared_data) {
+    if (trelm_db_sem_id != -1 && has_slot() && trelm_shared_data) {
         error(kClose, Piece(": inst=", trelm_library_instance), ", going to clean up shared mem.");
         if (trelm_sem_wait(trelm_db_sem_id) == 0 || (wait_found_no_set() && enter_guard())) last = leave();
     }
@@ -206,7 +213,7 @@ uint32_t trelm_close_database(int32_t) {
 }
 
 uint8_t trelm_get_total_libinst_count(void) {
-    FILE* listing = popen("lsof 2> /dev/null | grep libtrelm | wc -l", "re");
+    FILE* listing = trelm::detail::open_pipe("lsof 2> /dev/null | grep libtrelm | wc -l");
     if (!listing) {
         error(__func__, ": popen failed.");
         return 0;
@@ -215,6 +222,6 @@ uint8_t trelm_get_total_libinst_count(void) {
     while (fgets(piece, sizeof piece, listing) || was_interrupted(listing)) {
     }
     pclose(listing);
-    const long lines = strtol(piece, nullptr, 10);
-    return lines > 0 ? static_cast<uint8_t>(lines / 2) : 0;
+    const long count = strtol(piece, nullptr, 10) / 2;
+    return static_cast<uint8_t>(count < 0 ? 0 : count > UINT8_MAX ? UINT8_MAX : count);
 }

@@ -1,4 +1,5 @@
-// Opening the file of the shared database: created full size, grown where an older version left it smaller.
+// Opening the file of the shared database: created full size, grown where an older version left it smaller, replaced
+// where another user could cut it or have it stand for a file of his.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,7 +9,7 @@
 
 #include "trelm_core/shared_db.h"
 #include "trelm_dbg.h"
-#include "trelm_owners.h"
+#include "trelm_system.h"
 
 namespace {
 
@@ -19,9 +20,12 @@ using trelm::detail::Piece;
 
 constexpr size_t kFileSize = sizeof(trelm_shared_db);
 // The file lies where anyone may put things: no link is followed, nothing waits for a pipe's other end.
-constexpr int kOpenFlags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+constexpr int kOpenFlags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+constexpr int kTries = 16;
+constexpr char kCannotCreate[] = ": Unable to create shared data file. errno=";
 
 bool write_whole(int fd, const uint8_t* bytes, size_t count) {
+    const trelm::detail::QuietWrites quiet;
     while (count) {
         ssize_t written = write(fd, bytes, count);
         if (written < 0 && errno == EINTR) continue;
@@ -48,14 +52,24 @@ int fail(const char* func, const char* text) {
     return -1;
 }
 
-// `open_error` is why the file could not be opened: where something stands in its place, that is what the
-// message shows.
-int create_file(const char* func, const char* path, int open_error) {
-    Descriptor fd(open(path, kOpenFlags | O_CREAT | O_EXCL, 0644));
-    if (!fd) {
-        if (errno == EEXIST) errno = open_error;
-        return fail(func, ": Unable to create shared data file. errno=");
-    }
+// What lies at the path.
+enum class Found {
+    nothing,
+    usable,
+    foreign,   // another user's, or of a file that has another name elsewhere
+    unusable,  // root's, and no regular file
+};
+
+Found look_at(const char* path, const Descriptor& fd, struct stat& status) {
+    if ((fd ? fstat(fd.get(), &status) : lstat(path, &status)) != 0)
+        return fd ? Found::unusable : Found::nothing;
+    const bool is_file = S_ISREG(status.st_mode);
+    if (!trelm::detail::is_trusted(status.st_uid) || (is_file && status.st_nlink > 1)) return Found::foreign;
+    return fd && is_file ? Found::usable : Found::unusable;
+}
+
+// Gives a new file its contents. The descriptor, or -1.
+int fill(const char* func, const char* path, Descriptor& fd) {
     Heap<uint8_t> zeros(kFileSize);
     if (!zeros) return fail(func, ": malloc tmp mem failed=");
     const char* failure = !write_whole(fd.get(), zeros.get(), kFileSize)
@@ -87,18 +101,39 @@ int upgrade(const char* func, int fd, size_t old_size) {
     return fd;
 }
 
+// Takes the file as it is found. The descriptor, or -1.
+int take_over(const char* func, Descriptor& fd, const struct stat& status) {
+    // Whoever may write to the file could cut it while it is mapped.
+    constexpr mode_t others_write = S_IWGRP | S_IWOTH;
+    if (status.st_mode & others_write) fchmod(fd.get(), status.st_mode & ~others_write & ALLPERMS);
+    const auto size = static_cast<size_t>(status.st_size);
+    return size < kFileSize && upgrade(func, fd.get(), size) == -1 ? -1 : fd.let_go();
+}
+
 }  // namespace
 
 int trelm::detail::open_shared_file(const char* func_name, const char* path) {
-    Descriptor fd(open(path, kOpenFlags));
-    if (!fd) return create_file(func_name, path, errno);
-    // What is no regular file, or has another name elsewhere, is not ours to write to: as good as not to be
-    // opened.
-    struct stat status;
-    if (fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink > 1) {
-        return create_file(func_name, path, EEXIST);
+    // Another user may put something in the place of what was removed, again and again.
+    for (int tries = 0; tries < kTries; ++tries) {
+        Descriptor fd(open_file(path, kOpenFlags));
+        const int open_error = fd ? EEXIST : errno;
+        struct stat status;
+        switch (look_at(path, fd, status)) {
+            case Found::nothing:
+                fd.reset(open_file(path, kOpenFlags | O_CREAT | O_EXCL, 0644));
+                if (fd) return fill(func_name, path, fd);
+                if (errno != EEXIST) return fail(func_name, kCannotCreate);
+                break;
+            case Found::usable:
+                return take_over(func_name, fd, status);
+            case Found::foreign:
+                if (remove(path) != 0 && errno != ENOENT) return fail(func_name, kCannotCreate);
+                break;
+            case Found::unusable:
+                errno = open_error;
+                return fail(func_name, kCannotCreate);
+        }
     }
-    const auto size = static_cast<size_t>(status.st_size);
-    if (size < kFileSize && upgrade(func_name, fd.get(), size) == -1) return -1;
-    return fd.let_go();
+    errno = EEXIST;
+    return fail(func_name, kCannotCreate);
 }

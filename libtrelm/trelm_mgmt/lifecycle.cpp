@@ -14,6 +14,7 @@ using trelm::detail::trace;
 uint32_t TRELM_LoadLibrary(void) {
     trelm_set_debug_level();
     trace(__func__, ": entered.");
+    if (trelm::detail::database_is_inherited()) trelm_unload_lib();
     if (trelm::detail::database_is_open()) {
         error(__func__, ": already loaded.");
         return TRELM_STATUS_OK;

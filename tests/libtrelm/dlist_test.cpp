@@ -73,6 +73,18 @@ TEST(List, ReleasesWhatIsDeletedFilteredOutOrLeftAtItsEnd) {
     EXPECT_THAT(seen, ElementsAre(1, 3));
 }
 
+TEST(List, CountsAnElementUntilItIsReleased) {
+    static trelm_dlist* list;
+    static uint64_t count;
+    list = trelm_dlist_new_with_delete(sizeof(int), [](void*) { count = list->count; });
+    int item = 1;
+    trelm_dlist_push(list, &item);
+    trelm_dlist_delete(list, 1);
+    EXPECT_EQ(count, 1U);
+    EXPECT_EQ(list->count, 0U);
+    trelm_dlist_destroy(list);
+}
+
 TEST(ExhaustedMemory, MakesNoListAndSortsNothing) {
     Keys keys{3, 1, 2};
     const List list(keys);

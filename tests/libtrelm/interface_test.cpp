@@ -26,6 +26,7 @@ TEST(Interface, ExportsThePublicNamesInOneNodeAndTheInternalOnesInAnother) {
               "TRELM_CloseAdapter TRELM_FreeLibrary TRELM_GetFcoeInfo TRELM_GetLunInfo TRELM_GetPortCount "
               "TRELM_GetPortStats TRELM_GetTgtInfo TRELM_GetVNPortInfo TRELM_GetVersion TRELM_LoadLibrary "
               "TRELM_OpenAdapter TRELM_SendScsiCommand trelm_version_description ");
+    EXPECT_EQ(told_by(nm, ".* \\([A-Z] trelm_[a-z]*_semkey\\)@.*"), "D trelm_db_semkey D trelm_dbg_semkey ");
     const std::string internal = told_by(nm, ".* [^A] \\(.*\\)@@LIBTRELM_PRIVATE");
     EXPECT_EQ(std::count(internal.begin(), internal.end(), ' '), 114) << internal;
 }

@@ -5,15 +5,44 @@
 
 #include "support/child.h"
 #include "support/log_capture.h"
+#include "support/stand_before.h"
+
+static bool semctl_fails = false;  // as a seccomp filter makes it
+static int failing_releases = 0;   // so many of the next ones
+
+STANDS_BEFORE(int, semctl, (int set, int number, int command, void* argument)) {
+    if (!semctl_fails || !CALLED_BY_LIBRARY()) return NEXT_OF(semctl)(set, number, command, argument);
+    errno = EPERM;
+    return -1;
+}
+STANDS_BEFORE(int, semop, (int set, sembuf* steps, size_t count)) {
+    if (steps->sem_op < 0 || failing_releases == 0) return NEXT_OF(semop)(set, steps, count);
+    --failing_releases;
+    errno = ENOSPC;
+    return -1;
+}
 
 namespace {
 
 using namespace trelm::test;
 
+constexpr key_t kDatabaseKey = 812;
 constexpr key_t kDebugKey = 883;
+constexpr uid_t kNobody = 65534;
 
 int value(int set) { return semctl(set, 0, GETVAL); }
 int waiters(int set) { return semctl(set, 0, GETNCNT); }
+
+// A set that is held by nobody who lives.
+int make_held(key_t key, int count, uid_t owner) {
+    const int set = semget(key, count, IPC_CREAT | IPC_EXCL | 0666);
+    sembuf take{0, -1, 0};
+    semid_ds status{};
+    semctl(set, 0, SETVAL, 1);
+    semctl(set, 0, IPC_STAT, &status);
+    status.sem_perm.uid = owner;
+    return semop(set, &take, 1) + semctl(set, 0, IPC_SET, &status);
+}
 
 // The set that this process gets for the debug log.
 int get_set() {
@@ -24,7 +53,7 @@ int get_set() {
 
 class Semaphores : public ::testing::Test {
   protected:
-    hostsim::Host host{hostsim::hosts::empty()};
+    hostsim::Host host{hostsim::hosts::kron_ports(1)};
     LogCapture log{kSilent};
 };
 
@@ -48,9 +77,72 @@ TEST_F(Semaphores, AreSetsOfOneThatBeginFreeAndNobodyElses) {
     EXPECT_EQ(value(set), 0) << "a set that is held stays held";
     EXPECT_EQ(trelm_sem_signal(set), 0);
     EXPECT_EQ(value(set), 1);
-    semctl(set, 0, SETVAL, 5);
+}
+
+TEST_F(Semaphores, LoseASurplusForGood) {
+    const int set = get_set();
+    Child signaller([&] { return trelm_sem_signal(set) + pause(); });
+    ASSERT_TRUE(eventually([&] { return value(set) == 2; }));
     EXPECT_EQ(get_set(), set);
-    EXPECT_EQ(value(set), 1) << "5 would let several in";
+    EXPECT_EQ(value(set), 1) << "2 would let two in";
+    signaller.kill_and_wait();
+    EXPECT_EQ(value(set), 1) << "what the signaller's end takes back must not be taken off twice";
+}
+
+// Anyone can make a set under the keys, take it, and never let it go.
+TEST_F(Semaphores, OfOthersAreReplaced) {
+    if (!can_be(kNobody)) GTEST_SKIP() << "this user cannot act for another";
+    for (const auto& [creator, owner, count] :
+         {std::tuple{kNobody, kNobody, 1}, {kNobody, kNobody, 3}, {kNobody, 0U, 1}, {0U, kNobody, 1}}) {
+        for (const key_t key : {kDatabaseKey, kDebugKey}) {
+            ASSERT_EQ(in_child([&, user = creator, to = owner, size = count] {
+                          return setuid(user) != 0 || make_held(key, size, to) != 0;
+                      }),
+                      0);
+        }
+        EXPECT_EQ(in_child([] {
+                      EXPECT_EQ(value(get_set()), 1);
+                      trelm_dbg_print(nullptr, "a line", 0, 0, 1);
+                      return TRELM_LoadLibrary() == TRELM_STATUS_OK ? 0 : 1;
+                  }),
+                  0);
+        for (const key_t key : {kDatabaseKey, kDebugKey}) semctl(semget(key, 0, 0), 0, IPC_RMID);
+    }
+}
+
+TEST_F(Semaphores, ThatCannotBeAskedAboutAreDoneWithout) {
+    ASSERT_TRUE(find_library());
+    EXPECT_EQ(in_child([] {
+                  semctl_fails = true;
+                  for (int time = 0; time < 2; ++time) {  // the second finds what the first could not remove
+                      EXPECT_EQ(get_set(), -1);
+                      trelm_dbg_print(nullptr, "a line", 0, 0, 1);
+                      EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_FAILED);
+                  }
+                  return 0;
+              }),
+              0);
+    EXPECT_THAT(log.take(), testing::Contains("a line").Times(2));
+}
+
+TEST_F(Semaphores, ThatCannotBeReleasedStayHeldUntilTheirSetIsRemoved) {
+    EXPECT_EQ(in_child([] {
+                  const int set = get_set();
+                  for (int time = 0; time < 3; ++time) {
+                      set_debug_flags(kSilent);
+                      failing_releases = 1;  // of the database's, whose set is then removed
+                      EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
+                      EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
+                      set_debug_flags(kErrorLines);
+                      failing_releases = 1;
+                      trelm_dbg_print(nullptr, "a line", 0, 0, 1);
+                  }
+                  trelm_dbg_print(nullptr, "a line", 0, 0, 1);
+                  EXPECT_EQ(value(set), 1);
+                  return 0;
+              }),
+              0);
+    EXPECT_THAT(log.take(), testing::Contains("a line").Times(4));
 }
 
 TEST_F(Semaphores, WarnOfFailuresButNotOfTheLogsOwn) {

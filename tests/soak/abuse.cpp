@@ -44,7 +44,7 @@ constexpr Abuse kAbuses[] = {
     {"a symbolic link", [] { fs::create_symlink(kVictim, kSharedFile); }, true, victim_is_whole},
     {"a symbolic link to nothing", [] { fs::create_symlink("/tmp/nothing", kSharedFile); }, true,
      [] { return !fs::exists("/tmp/nothing"); }},
-    {"a file with another name", [] { fs::create_hard_link(kVictim, kSharedFile); }, true, victim_is_whole},
+    {"a file with another name", [] { fs::create_hard_link(kVictim, kSharedFile); }, false, victim_is_whole},
     {"a directory", [] { fs::create_directory(kSharedFile); }, true, nothing_more},
     {"a pipe without another end", [] { mkfifo(kSharedFile, 0644); }, true, nothing_more},
     {"a set of several semaphores", [] { semctl(make_set(3), 0, SETVAL, 2); }, true,

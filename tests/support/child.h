@@ -77,4 +77,9 @@ int in_child(const Work& work) {
     return Child(work).wait();
 }
 
+// Whether a process of this one's can become that user.
+inline bool can_be(uid_t user) {
+    return in_child([user] { return setuid(user) == 0 ? 0 : 1; }) == 0;
+}
+
 }  // namespace trelm::test

@@ -99,6 +99,8 @@ void before_free(void* block) {
 
 CAN_FAIL(int, open, (const char* path, int flags, mode_t mode), (path, flags, mode), -1, EACCES)
 CAN_FAIL(int, fstat, (int fd, struct stat* status), (fd, status), -1, EIO)
+CAN_FAIL(int, lstat, (const char* path, struct stat* status), (path, status), -1, EIO)
+CAN_FAIL(int, fchmod, (int fd, mode_t mode), (fd, mode), -1, EPERM)
 CAN_FAIL(ssize_t, read, (int fd, void* to, size_t count), (fd, to, count), -1, EIO)
 CAN_FAIL(ssize_t, write, (int fd, const void* from, size_t count), (fd, from, count), -1, ENOSPC)
 CAN_FAIL(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), -1, EINVAL)
@@ -115,7 +117,7 @@ CAN_FAIL(char*, fgets, (char* text, int size, FILE* file), (text, size, file), n
 CAN_FAIL(int, fputs, (const char* text, FILE* file), (text, file), EOF, ENOSPC)
 CAN_FAIL(int, fflush, (FILE * file), (file), EOF, ENOSPC)
 CAN_FAIL_AFTERWARDS(fclose, FILE*, ENOSPC)
-CAN_FAIL(DIR*, opendir, (const char* path), (path), nullptr, EMFILE)
+CAN_FAIL(DIR*, fdopendir, (int fd), (fd), nullptr, ENOMEM)
 CAN_FAIL(dirent*, readdir, (DIR * directory), (directory), nullptr, EBADF)
 
 CAN_FAIL(int, ioctl, (int fd, unsigned long request, void* to), (fd, request, to), -1, EIO)

@@ -1,0 +1,63 @@
+// Calls to the system that leave the program alone that loads the library.
+
+#include "trelm_system.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <ctime>
+
+namespace {
+
+constexpr int kFirstOwn = STDERR_FILENO + 1;
+constexpr int kWriteSignals[] = {SIGPIPE, SIGXFSZ};
+
+}  // namespace
+
+int trelm::detail::open_file(const char* path, int flags, mode_t mode) {
+    Descriptor fd(open(path, flags | O_CLOEXEC, mode));
+    if (!fd || fd.get() >= kFirstOwn) return fd.let_go();
+    return fcntl(fd.get(), F_DUPFD_CLOEXEC, kFirstOwn);
+}
+
+DIR* trelm::detail::open_directory(const char* path) {
+    Descriptor fd(open_file(path, O_RDONLY | O_DIRECTORY));
+    if (!fd) return nullptr;
+    DIR* directory = fdopendir(fd.get());
+    if (directory) fd.let_go();
+    return directory;
+}
+
+FILE* trelm::detail::open_pipe(const char* command) {
+    // The pipe gets the lowest free descriptor, so the standard ones are taken meanwhile.
+    Descriptor placeholders[kFirstOwn];
+    for (Descriptor& placeholder : placeholders) {
+        placeholder.reset(open("/dev/null", O_RDWR | O_CLOEXEC));
+        if (placeholder.get() < kFirstOwn) continue;
+        placeholder.reset();
+        break;
+    }
+    return popen(command, "re");
+}
+
+bool trelm::detail::is_trusted(uid_t owner) { return owner == 0 || owner == geteuid(); }
+
+trelm::detail::QuietWrites::QuietWrites() {
+    sigset_t pending;
+    sigemptyset(&raised_);
+    sigpending(&pending);
+    // A signal that is pending is blocked already, and one more of it makes no difference.
+    for (const int signal : kWriteSignals) {
+        if (!sigismember(&pending, signal)) sigaddset(&raised_, signal);
+    }
+    pthread_sigmask(SIG_BLOCK, &raised_, &mask_);
+}
+
+trelm::detail::QuietWrites::~QuietWrites() {
+    const ErrnoKeeper keep;
+    const timespec at_once = {};
+    while (sigtimedwait(&raised_, nullptr, &at_once) > 0 || errno == EINTR) {
+    }
+    pthread_sigmask(SIG_SETMASK, &mask_, nullptr);
+}
