@@ -11,6 +11,8 @@
 namespace {
 
 constexpr int kFirstOwn = STDERR_FILENO + 1;
+
+int copy_above_standard(int fd) { return fcntl(fd, F_DUPFD_CLOEXEC, kFirstOwn); }
 constexpr int kWriteSignals[] = {SIGPIPE, SIGXFSZ};
 
 }  // namespace
@@ -18,15 +20,16 @@ constexpr int kWriteSignals[] = {SIGPIPE, SIGXFSZ};
 int trelm::detail::open_file(const char* path, int flags, mode_t mode) {
     Descriptor fd(open(path, flags | O_CLOEXEC, mode));
     if (!fd || fd.get() >= kFirstOwn) return fd.let_go();
-    return fcntl(fd.get(), F_DUPFD_CLOEXEC, kFirstOwn);
+    return copy_above_standard(fd.get());
 }
 
 DIR* trelm::detail::open_directory(const char* path) {
-    Descriptor fd(open_file(path, O_RDONLY | O_DIRECTORY));
-    if (!fd) return nullptr;
-    DIR* directory = fdopendir(fd.get());
+    Directory directory(opendir(path));
+    if (!directory || dirfd(directory.get()) >= kFirstOwn) return directory.let_go();
+    Descriptor fd(copy_above_standard(dirfd(directory.get())));
+    directory.reset(fd ? fdopendir(fd.get()) : nullptr);
     if (directory) fd.let_go();
-    return directory;
+    return directory.let_go();
 }
 
 FILE* trelm::detail::open_pipe(const char* command) {

@@ -117,7 +117,7 @@ CAN_FAIL(char*, fgets, (char* text, int size, FILE* file), (text, size, file), n
 CAN_FAIL(int, fputs, (const char* text, FILE* file), (text, file), EOF, ENOSPC)
 CAN_FAIL(int, fflush, (FILE * file), (file), EOF, ENOSPC)
 CAN_FAIL_AFTERWARDS(fclose, FILE*, ENOSPC)
-CAN_FAIL(DIR*, fdopendir, (int fd), (fd), nullptr, ENOMEM)
+CAN_FAIL(DIR*, opendir, (const char* path), (path), nullptr, EMFILE)
 CAN_FAIL(dirent*, readdir, (DIR * directory), (directory), nullptr, EBADF)
 
 CAN_FAIL(int, ioctl, (int fd, unsigned long request, void* to), (fd, request, to), -1, EIO)
