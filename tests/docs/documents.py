@@ -1,0 +1,69 @@
+"""What documents hold: blocks of code, and sessions of a shell with the output that they promise."""
+
+from __future__ import annotations
+
+import re
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Iterator, List
+
+
+@dataclass
+class Block:
+    document: str
+    language: str  # empty for a page's
+    text: str
+    example: str = ""  # the file of examples/ whose text it repeats
+
+
+@dataclass
+class Step:
+    command: str
+    on_host: bool  # the prompt "#" stands for root on the lab host, "$" for any machine
+    expected: str
+
+    def promises(self, output: str) -> bool:
+        """Three dots stand for any text, alone on a line for any lines. No output promised: any will do."""
+        if not self.expected:
+            return True
+        pattern = ""
+        for line in self.expected.splitlines():
+            if line in ("...", "…"):
+                pattern += r"(.*\n)*"
+            else:
+                pattern += re.sub(r"\\\.\\\.\\\.|…", ".*", re.escape(line)) + r"\n"
+        return re.fullmatch(pattern, output) is not None
+
+
+def blocks(path: Path) -> Iterator[Block]:
+    """The literal blocks of a page or a Markdown document. A comment "<!-- examples/NAME -->" names a file."""
+    text = path.read_text(encoding="utf-8")
+    for match in re.finditer(r"(?:<!-- (examples/\S+) -->\n)?^```(\w*)\n(.*?)^```$", text, re.MULTILINE | re.DOTALL):
+        example, language, body = match.groups()
+        if path.suffix == ".scd":
+            body = body.replace("\\\\", "\\")
+        yield Block(path.name, language, body, example or "")
+
+
+def steps(block: Block) -> List[Step]:
+    """The commands of a session, each with the output that follows it; empty for a block of another kind."""
+    found: List[Step] = []
+    if block.language not in ("", "sh", "console") or not re.match(r"[$#] ", block.text):
+        return found
+    for line in block.text.splitlines(keepends=True):
+        if re.match(r"[$#] ", line):
+            found.append(Step(line[2:].rstrip("\n"), line[0] == "#", ""))
+        else:
+            found[-1].expected += line
+    for step in found:
+        step.expected = step.expected.rstrip("\n") + "\n" if step.expected.strip() else ""
+    return found
+
+
+def program(text: str) -> str:
+    """A C fragment as a whole program."""
+    if "int main(" in text:
+        return text
+    includes = "".join(re.findall(r"^#include.*\n", text, re.MULTILINE))
+    body = re.sub(r"^#include.*\n", "", text, flags=re.MULTILINE)
+    return f"#include <stdio.h>\n{includes}int main(void) {{\n{body}\nreturn 0;\n}}\n"
