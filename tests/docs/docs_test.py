@@ -26,7 +26,14 @@ PAGES: Dict[str, str] = {path.stem: path.read_text(encoding="utf-8") for path in
 DOCUMENTS = [path for path in [*SOURCE.glob("man/*.scd"), SOURCE / "README.md", SOURCE / "docs/guide.md"] if path.exists()]
 HEADER = re.sub(r"/\*.*?\*/", "", (SOURCE / "libtrelm/trelm_mgmt.h").read_text(), flags=re.DOTALL)
 SECTION_3 = "\n".join(text for name, text in PAGES.items() if name.endswith(".3"))
-ENVIRONMENT = {**os.environ, "LC_ALL": "C.UTF-8", "PATH": f"{BUILD}/bin:{os.environ['PATH']}"}
+# As though the tree were installed.
+ENVIRONMENT = {
+    **os.environ,
+    "LC_ALL": "C.UTF-8",
+    "PATH": f"{BUILD}/bin:{os.environ['PATH']}",
+    "CPATH": f"{SOURCE}/libtrelm",
+    "LIBRARY_PATH": f"{BUILD}/lib",
+}
 
 
 def run(*command: str, cwd: Optional[Path] = None, given: str = "") -> "subprocess.CompletedProcess[str]":
@@ -125,8 +132,7 @@ class ExamplesTest(unittest.TestCase):
         executable = str(self.directory / f"program{len(list(self.directory.iterdir()))}")
         compiler, standard = (os.environ["CXX"], "c++17") if language == "cpp" else (os.environ["CC"], "c99")
         flags = f"-std={standard} -Wall -Wextra -Wpedantic -Werror -x{'c++' if language == 'cpp' else 'c'}".split()
-        places = [f"-I{SOURCE}/libtrelm", f"-L{BUILD}/lib", "-ltrelm"]
-        done = run(compiler, *flags, "-", "-o", executable, "-xnone", *places, given=source)
+        done = run(compiler, *flags, "-", "-o", executable, "-ltrelm", given=source)
         self.assertEqual(done.returncode, 0, done.stdout)
         return executable
 
