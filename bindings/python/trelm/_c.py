@@ -36,8 +36,12 @@ def _bytes(count: int) -> Any:
     return c_uint8 * count
 
 
-class TRELM_FCOE_INFO(ctypes.LittleEndianStructure):
+class _Record(ctypes.LittleEndianStructure):
     _pack_ = 1
+    _layout_ = "ms"  # newer Pythons want a packed record to name one; without bit fields all are the same
+
+
+class TRELM_FCOE_INFO(_Record):
     _fields_ = [
         ("Version", c_uint32),
         ("ModelName", _bytes(32)),
@@ -73,8 +77,7 @@ class TRELM_FCOE_INFO(ctypes.LittleEndianStructure):
     ]
 
 
-class TRELM_VNPORT_INFO(ctypes.LittleEndianStructure):
-    _pack_ = 1
+class TRELM_VNPORT_INFO(_Record):
     _fields_ = [
         ("Version", c_uint32),
         ("WWNN", _bytes(8)),
@@ -137,13 +140,11 @@ COUNTERS: Tuple[str, ...] = (
 )
 
 
-class TRELM_PORT_STATS(ctypes.LittleEndianStructure):
-    _pack_ = 1
+class TRELM_PORT_STATS(_Record):
     _fields_ = [("Version", c_uint32)] + [(name, c_uint64) for name in COUNTERS]
 
 
-class TRELM_SCSI_CMND(ctypes.LittleEndianStructure):
-    _pack_ = 1
+class TRELM_SCSI_CMND(_Record):
     _fields_ = [
         ("Version", c_uint32),
         ("ScsiLunNumExt", c_uint32),
@@ -157,8 +158,7 @@ class TRELM_SCSI_CMND(ctypes.LittleEndianStructure):
     ]
 
 
-class TRELM_TGT_INFO(ctypes.LittleEndianStructure):
-    _pack_ = 1
+class TRELM_TGT_INFO(_Record):
     _fields_ = [
         ("Version", c_uint32),
         ("ScsiTgtNum", c_uint32),
@@ -170,8 +170,7 @@ class TRELM_TGT_INFO(ctypes.LittleEndianStructure):
     ]
 
 
-class TRELM_LUN_INFO(ctypes.LittleEndianStructure):
-    _pack_ = 1
+class TRELM_LUN_INFO(_Record):
     _fields_ = [
         ("Version", c_uint32),
         ("ScsiLunNum", c_uint32),
