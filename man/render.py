@@ -126,11 +126,24 @@ def expanded(page: str) -> str:
     return page
 
 
+# What scdoc writes, and what formatters want in its place.
+_TIDYING = (
+    # A cell that another one follows is as wide as its text, and not a paragraph.
+    (r"T\{\n(.*)\nT\}\t", r"\1\t"),
+    # Space between a table and a text, and none between a table and a heading.
+    (r"(?<=\n\.TE\n)\.sp 1\n(?:\.P\n)*(?=[^.])", ".sp 2\n"),
+    (r"(?<=\n\.TE\n)\.sp 1\n", ""),
+    # Paragraph breaks that break nothing.
+    (r"(?<=\n)(\.(?:SH|SS|TH) [^\n]*\n)\.P\n", r"\1"),
+    (r"\.P\n(?=\.(?:SH|SS|RE|P|TS)\b|\Z)", ""),
+)
+
+
 def tidied(roff: str) -> str:
-    """Without paragraph breaks where scdoc writes one that breaks nothing."""
-    heading_before = r"(?<=\n)(\.(?:SH|SS) [^\n]*\n|\.TH [^\n]*\n)\.P\n"
-    nothing_after = r"\.P\n(?=\.(?:SH|SS|RE|P|TS)\b|\Z)"
-    return re.sub(nothing_after, "", re.sub(heading_before, r"\1", roff))
+    for found, wanted in _TIDYING:
+        roff = re.sub(found, wanted, roff)
+    wants_tables = "'\\\" t\n" if "\n.TS\n" in roff else ""
+    return wants_tables + roff
 
 
 def names_of(page: str) -> List[str]:
