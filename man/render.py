@@ -8,13 +8,14 @@ names several functions gets a link for each of the others.
 
 from __future__ import annotations
 
+import itertools
 import json
 import re
 import shutil
 import subprocess
 import sys
 from pathlib import Path
-from typing import Any, Dict, Iterator, List, Optional
+from typing import Any, Dict, Iterator, List, Optional, Tuple
 
 SOURCE = Path(__file__).resolve().parent.parent
 SCHEMA = SOURCE / "hostsim/hostfile/host.schema.json"
@@ -68,7 +69,8 @@ class Keys:
                 kinds.remove("text")  # every number may be written as text
             return "; or ".join(kinds)
         if "enum" in value:
-            return ", ".join(json.dumps(each) for each in value["enum"])
+            as_text = {str(each) for each in value["enum"] if not isinstance(each, str)}
+            return ", ".join(json.dumps(each) for each in value["enum"] if each not in as_text)
         kind = value.get("type", "any value")
         if kind == "array":
             return f"list of: {self.kind(value['items'])}" if "items" in value else "list"
@@ -77,31 +79,39 @@ class Keys:
         words = _SIMPLE_TYPES.get(kind, kind)
         if kind in ("integer", "number") and ("minimum" in value or "maximum" in value):
             low, high = value.get("minimum", 0), value.get("maximum")
-            words += f" from {low} to {high}" if high is not None else f" from {low} on"
+            words += f" from {low} to {int(high)}" if high is not None else f" from {low} on"
         if "maxLength" in value:
             words += f" of at most {value['maxLength']} bytes"
         return words
 
-    def _entry(self, key: str, value: Dict[str, Any], required: bool) -> Iterator[str]:
+    def _entry(self, keys: List[str], value: Dict[str, Any], required: bool) -> Iterator[str]:
         resolved = self._resolved(value)
         notes = ["required"] if required else []
         if "default" in resolved:
             notes.append(f"default {json.dumps(resolved['default'], ensure_ascii=False)}")
-        yield f"*{escaped(key)}* ({'; '.join([self.kind(value), *map(escaped, notes)])})"
-        yield "\t" + escaped(resolved.get("description", "").strip() or "See above.") + "\n"
-        for inner, each in resolved.get("properties", {}).items() if not self._object_name(value) else ():
-            if inner != "//":
-                yield f"\t*{escaped(inner)}* ({self.kind(each)})"
-                described = self._resolved(each).get("description", "See there.")
-                yield "\t\t" + escaped(described) + "\n"
+        names = ", ".join(f"*{escaped(key)}*" for key in keys)
+        yield f"{names} ({'; '.join([self.kind(value), *map(escaped, notes)])})"
+        yield "\t" + escaped(resolved["description"]) + "\n" if "description" in resolved else ""
+        if self._object_name(value):
+            return  # has a section of its own
+        for inner, each in self._grouped(resolved.get("properties", {})):
+            for line in self._entry(inner, each, inner[0] in resolved.get("required", ())):
+                yield "\t" + line
+
+    @staticmethod
+    def _grouped(properties: Dict[str, Any]) -> Iterator[Tuple[List[str], Dict[str, Any]]]:
+        """Keys in their order; neighbours that are described alike are one entry."""
+        kept = [key for key in properties if key not in ("//", "$schema")]
+        for _, keys in itertools.groupby(kept, key=lambda key: json.dumps(properties[key])):
+            names = list(keys)
+            yield names, properties[names[0]]
 
     def _section(self, title: str, value: Dict[str, Any]) -> Iterator[str]:
         yield f"## {title}\n"
         if value.get("description"):
             yield escaped(value["description"]) + "\n"
-        for key, each in value["properties"].items():
-            if key not in ("//", "$schema"):
-                yield from self._entry(key, each, key in value.get("required", ()))
+        for keys, each in self._grouped(value["properties"]):
+            yield from self._entry(keys, each, keys[0] in value.get("required", ()))
 
     def __str__(self) -> str:
         lines: List[str] = []
