@@ -15,6 +15,7 @@ std::span<const Command> commands() {
         Command{"version", "Show the versions of this tool and of the library (works on any machine)",
                 NO_ARGUMENTS, run_version},
         Command{"stats", "Show the counters of a port, or watch their rates", PORT, run_stats},
+        Command{"metrics", "Write counters and states as metrics for Prometheus", NO_ARGUMENTS, run_metrics},
         Command{"targets", "List the SCSI targets that a port sees", PORT, run_targets},
         Command{"luns", "List the LUNs of a target", PORT | TARGET, run_luns},
         Command{"tree", "Show all ports with their virtual ports, targets and LUNs", NO_ARGUMENTS, run_tree},
@@ -24,6 +25,8 @@ std::span<const Command> commands() {
     };
     return table;
 }
+
+void run_metrics(const Options& options, Output& output) { metrics::run(options.metrics, output); }
 
 void run_version(const Options&, Output& output) {
     const uint32_t number = trelm::Library::version_number();

@@ -23,6 +23,7 @@ std::span<const Command> commands();
 
 void run_list(const Options& options, Output& output);
 void run_show(const Options& options, Output& output);
+void run_metrics(const Options& options, Output& output);
 void run_version(const Options& options, Output& output);
 void run_stats(const Options& options, Output& output);
 void run_targets(const Options& options, Output& output);

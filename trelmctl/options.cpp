@@ -145,10 +145,46 @@ void add_inquiry_options(CLI::App& command, Options& options) {
         ->type_name("HEX");
 }
 
+void add_metrics_options(CLI::App& command, metrics::Settings& settings) {
+    const auto seconds = [&command](const char* name, std::chrono::duration<double>& value, double least,
+                                    const char* help) {
+        command
+            .add_option_function<std::string>(
+                name,
+                [name, least, &value](const std::string& given) {
+                    char* end = nullptr;
+                    const double number = std::strtod(given.c_str(), &end);
+                    if (given.empty() || *end != 0 || !(number >= least && number <= kMostSeconds))
+                        refuse(name, given, fmt::format("from {} to {} seconds", least, kMostSeconds));
+                    value = std::chrono::duration<double>(number);
+                },
+                help)
+            ->type_name("SECONDS");
+    };
+    command
+        .add_option_function<std::string>(
+            "--format",
+            [&settings](const std::string& given) {
+                if (given != "openmetrics" && given != "prometheus")
+                    refuse("--format", given, "openmetrics or prometheus");
+                settings.format =
+                    given == "openmetrics" ? metrics::Format::openmetrics : metrics::Format::prometheus;
+            },
+            "openmetrics, or prometheus: the text format that text-file collectors take")
+        ->type_name("FORMAT");
+    command.add_option("--output", settings.output, "Replace FILE, for a text-file collector")
+        ->type_name("FILE");
+    command.add_flag("--luns", settings.sampling.luns, "Ask every LUN, too; takes three commands each");
+    seconds("--deadline", settings.sampling.deadline, 0.01,
+            "Go on without ports that do not answer in this time (5)");
+    command.add_flag("--list", settings.describe, "List the metrics that there are, as a Markdown table");
+}
+
 void add_own_options(CLI::App& command, std::string_view name, Options& options) {
     if (name == "stats") add_stats_options(command, options);
     if (name == "scsi") add_scsi_options(command, options);
     if (name == "inquiry") add_inquiry_options(command, options);
+    if (name == "metrics") add_metrics_options(command, options.metrics);
     if (name == "capacity") command.add_flag("--16", options.sixteen, "Use READ CAPACITY(16) in any case");
 }
 
@@ -158,6 +194,8 @@ void check_together(const Options& options) {
     if (options.samples && !options.watch) wrong_usage("--count requires --watch");
     if (reads && !options.data_out.empty()) wrong_usage("--in and --out exclude each other");
     if (options.raw && !reads) wrong_usage("--raw requires --in");
+    if (options.json && options.command != nullptr && options.command->run == run_metrics)
+        wrong_usage("metrics are no JSON: --format says in which of their formats they are written");
     if (options.json && options.raw) wrong_usage("--raw and --json exclude each other");
     if (options.json && options.watch && !options.samples)
         wrong_usage("--watch with --json requires --count: a JSON document has an end");

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "metrics.h"
 #include "ports.h"
 
 namespace trelmctl {
@@ -32,6 +33,7 @@ struct Options {
     std::optional<double> watch;      // seconds
     std::optional<uint64_t> samples;  // of a watch
     bool sixteen = false;             // READ CAPACITY(16) in any case
+    metrics::Settings metrics;
 };
 
 // Throws CommandFailed where the command line is wrong. Without a command, what was asked for (help or the

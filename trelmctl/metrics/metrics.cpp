@@ -1,0 +1,57 @@
+#include "metrics.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include "catalogue.h"
+#include "failure.h"
+#include "output.h"
+#include "ports.h"
+#include "text_file.h"
+
+namespace trelmctl::metrics {
+namespace {
+
+// Says which ports have no metrics or only a part of them.
+void tell_failures(const HostSample& host, Output& output) {
+    for (const AdapterSample& adapter : host.adapters) {
+        for (const PortSample& port : adapter.ports) {
+            if (port.complete()) continue;
+            Failure failure = port.late
+                                  ? tool_failure("LATE", "the port did not answer within the deadline",
+                                                 "give it more time with --deadline, or look at its driver")
+                                  : tool_failure("INCOMPLETE", "the port did not tell everything",
+                                                 "'trelmctl show PORT' says what failed");
+            failure.operation = "sampling";
+            failure.port = port.label;
+            output.fail(std::move(failure));
+        }
+    }
+}
+
+void sample_once(const Settings& settings, Output& output) {
+    Sampler sampler(settings.sampling);
+    const HostSample host = sampler.sample();
+    if (!host.loaded) {
+        if (!sampler.is_stuck()) const LoadedHost explained;  // fails likewise, and says why
+        output.fail(tool_failure("LATE", "the drivers did not list their ports within the deadline",
+                                 "give them more time with --deadline"));
+    } else if (!settings.output.empty()) {
+        // The text-file collector reads no OpenMetrics.
+        replace_file(settings.output, render(host, settings.format.value_or(Format::prometheus)));
+    } else {
+        output.print(render(host, settings.format.value_or(Format::openmetrics)));
+    }
+    tell_failures(host, output);
+    // Nobody can end a call that hangs, and the library cannot be freed around it.
+    if (sampler.is_stuck()) _exit(output.finish());
+}
+
+}  // namespace
+
+void run(const Settings& settings, Output& output) {
+    if (settings.describe) return output.print(describe());
+    sample_once(settings, output);
+}
+
+}  // namespace trelmctl::metrics

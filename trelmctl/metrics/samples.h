@@ -1,0 +1,62 @@
+// samples.h - what one scrape found: plain data, from the host down to its LUNs. What could not be had is
+// absent. `labels` are those that every metric of the thing carries, as they are written.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "trelm_mgmt.hpp"
+
+namespace trelmctl::metrics {
+
+struct LunSample {
+    std::string labels;
+    bool answers = false;   // to INQUIRY and READ CAPACITY
+    uint64_t capacity = 0;  // bytes; 0: not told
+    std::string type, vendor, product, revision;
+};
+
+struct TargetSample {
+    std::string labels;
+    TRELM_TGT_INFO info{};
+    std::optional<uint32_t> luns;  // absent: the target did not answer
+    std::vector<LunSample> lun_list;
+};
+
+struct PortName {
+    std::string label;  // instance number, of a virtual port with its NPIV index: "0", "0/1"
+    std::string labels;
+    std::string identity;  // stays the same when the library is loaded anew
+    bool is_virtual = false;
+};
+
+// A physical or virtual port.
+struct PortSample : PortName {
+    explicit PortSample(PortName name) : PortName(std::move(name)) {}
+
+    bool late = false;  // no answer within the deadline
+    std::chrono::duration<double> took{};
+    std::optional<TRELM_VNPORT_INFO> info;
+    std::optional<TRELM_PORT_STATS> stats;
+    std::optional<double> counting_since;  // seconds since the epoch; where a reset was seen
+    std::optional<std::vector<TargetSample>> targets;
+
+    bool complete() const { return info && stats && targets; }
+};
+
+struct AdapterSample {
+    std::optional<TRELM_FCOE_INFO> info;
+    std::vector<PortSample> ports;  // the physical one first
+};
+
+struct HostSample {
+    bool loaded = false;
+    std::chrono::duration<double> took{};
+    std::vector<AdapterSample> adapters;  // one for each instance number
+};
+
+}  // namespace trelmctl::metrics

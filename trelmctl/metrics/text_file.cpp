@@ -1,0 +1,74 @@
+#include "text_file.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "failure.h"
+#include "text.h"
+
+namespace trelmctl::metrics {
+namespace {
+
+[[noreturn]] void fail(const std::string& path, int error) {
+    Failure failure =
+        tool_failure("OUTPUT", fmt::format("{} cannot be written: {}", escaped(path), std::strerror(error)),
+                     "name a file in a directory that exists and that you may write to");
+    failure.code = static_cast<uint32_t>(error);
+    throw CommandFailed(std::move(failure));
+}
+
+// A file beside the one that it will take the place of; gone unless it did. Its name ends in another way, so
+// that collectors, which go by the end of names, pass it over.
+class NewFile {
+  public:
+    explicit NewFile(const std::string& path) : path_(path), name_(path + ".XXXXXX") {
+        fd_ = mkostemp(name_.data(), O_CLOEXEC);
+        if (fd_ == -1) fail(path_, errno);
+    }
+    ~NewFile() {
+        if (fd_ == -1) return;
+        close(fd_);
+        unlink(name_.c_str());
+    }
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+
+    void write(std::string_view text) const {
+        while (!text.empty()) {
+            const ssize_t written = ::write(fd_, text.data(), text.size());
+            if (written == -1 && errno == EINTR) continue;
+            if (written == -1) fail(path_, errno);
+            text.remove_prefix(static_cast<std::size_t>(written));
+        }
+    }
+    void take_place() {
+        constexpr mode_t readable_by_all = 0644;
+        if (fchmod(fd_, readable_by_all) != 0 || fsync(fd_) != 0) fail(path_, errno);
+        if (rename(name_.c_str(), path_.c_str()) != 0) fail(path_, errno);
+        close(fd_);
+        fd_ = -1;
+    }
+
+  private:
+    const std::string& path_;
+    std::string name_;
+    int fd_;
+};
+
+}  // namespace
+
+void replace_file(const std::string& path, std::string_view text) {
+    struct stat there {};
+    if (lstat(path.c_str(), &there) == 0 && !S_ISREG(there.st_mode)) fail(path, EEXIST);
+    NewFile file(path);
+    file.write(text);
+    file.take_place();
+}
+
+}  // namespace trelmctl::metrics
