@@ -9,9 +9,6 @@
 
 namespace hostsim {
 
-inline constexpr const char* kLinkStateDirectory = "/proc/scsi/dorfc";
-inline constexpr const char* kLegacyNodePath = "/dev/char/vmkdriver/dorfc";
-
 struct LinkStateFile {
     std::string name;  // within the directory
     std::string text;

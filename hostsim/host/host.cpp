@@ -20,6 +20,7 @@
 #include "management_api.h"
 #include "own_calls.h"
 #include "request_pipeline.h"
+#include "root_layout.h"
 #include "state.h"
 
 namespace hostsim {
@@ -30,14 +31,19 @@ class Host::Core {
     Core(Model model, std::unique_ptr<State> own)
         : owned(std::move(own)),
           state(*owned),
-          drivers(std::move(model), state, LunStores(state.root() + "/luns", ""), true) {}
+          drivers(std::move(model), state, LunStores(state.root() + layout::kLuns, ""), true) {}
 
     // The launcher's host.
     Core(State& launched, HostFileWatch file)
         : state(launched),
           watch(std::move(file)),
-          drivers(watch->read(), state, LunStores(state.root() + "/luns", state.root() + "/.hostsim/memory"),
-                  false) {}
+          drivers(watch->read(), state, launched_stores(state), false) {}
+
+    // The host's processes share what LUNs hold, and a root that is kept keeps it, whatever the file says.
+    static LunStores launched_stores(const State& launched) {
+        const std::string directory = launched.root() + layout::kLuns;
+        return {directory, directory};
+    }
 
     void follow_file() {
         if (!watch) return;
@@ -150,7 +156,7 @@ Host* Host::current() noexcept {
         const std::filesystem::path file = state->host_file();
         if (file.empty()) return nullptr;
         std::call_once(once, [&] {
-            const std::filesystem::path copy = state->root() + "/.hostsim/last-sound.json";
+            const std::filesystem::path copy = state->root() + layout::kLastSound;
             new Host(std::make_unique<Core>(*state, HostFileWatch(file, copy)));
         });
     } catch (const std::exception& failure) {

@@ -14,9 +14,11 @@
 #include <string>
 #include <vector>
 
+#include "exit_status.h"
 #include "host_file.h"
 #include "listing.h"
 #include "model.h"
+#include "root.h"
 #include "run.h"
 #include "starting_host.h"
 
@@ -28,8 +30,15 @@ constexpr char kRunFooter[] =
     R"(The command and all its children see the host's drivers, name, user, process listing and semaphores, and
 files of its own under /tmp and /var/tmp. What they need of the machine there stays visible: the directory
 they are started in, those of the host file and of paths on the command line, and the command itself. Other
-files that lie directly in /tmp or /var/tmp are the host's. The exit status is the command's, or 128 and the
-number of the signal that ended it. Several commands may run on one --root at the same time.)";
+files that lie directly in /tmp or /var/tmp are the host's. Several commands may run on one --root at the same
+time. A command that is statically linked or changes its user cannot be reached and is refused.
+
+Exit status: the command's, or 128 and the number of the signal that ended it; 127 the command was not found,
+126 it cannot be executed, 125 trelm-hostsim itself failed or was called wrongly.)";
+
+constexpr char kCleanFooter[] =
+    R"(Whoever starts a host has the directory for temporary files cleaned first. A host that is killed together
+with its command leaves files there and semaphore sets until then. A host that runs is left alone.)";
 
 constexpr int kFailed = 1;
 constexpr int kUsage = 2;
@@ -81,6 +90,33 @@ int write_new(const std::string& file) {
     return kFailed;
 }
 
+int clean(const std::vector<std::string>& roots) {
+    std::vector<hostsim::Remains> cleared = hostsim::clear_temporary_roots();
+    int result = 0;
+    for (const std::string& root : roots) {
+        try {
+            if (const auto remains = hostsim::clear_root(root)) cleared.push_back(*remains);
+        } catch (const std::exception& error) {
+            complain(error.what());
+            result = kFailed;
+        }
+    }
+    for (const hostsim::Remains& remains : cleared)
+        fmt::print("cleared: {}, semaphore sets: {}\n", remains.root.string(), remains.semaphore_sets);
+    if (cleared.empty() && result == 0) fmt::print("nothing to clear\n");
+    return result;
+}
+
+// `run` ends with a status that a script can tell from the command's.
+int run_command(const hostsim::RunOptions& options) {
+    try {
+        return hostsim::run(options);
+    } catch (const std::exception& error) {
+        complain(error.what());
+        return hostsim::kLauncherFailed;
+    }
+}
+
 int list_as_lsof() {
     const fs::path root = hostsim::listed_root();
     if (root.empty()) {
@@ -115,17 +151,27 @@ int dispatch(int argc, char** argv) {
                                        "run HOST.json [--root DIR] -- COMMAND [ARGUMENT]...");
     run->add_option("HOST.json", options.host_file, "The host file; edits show in the running host")
         ->required();
-    CLI::Option* has_root = run->add_option("--root", root,
-                                            "Keep the host's files (its /tmp, /var/tmp and LUNs) in this "
-                                            "directory; without it they go at the end");
-    has_root->type_name("DIR")->check([](const std::string& value) {
+    const auto is_named = [](const std::string& value) {
         return value.empty() ? std::string("a directory is needed") : std::string();
-    });
+    };
+    CLI::Option* has_root = run->add_option(
+        "--root", root,
+        "Keep the host's files (its /tmp, /var/tmp and LUNs) in this directory, which must be "
+        "new, empty or an earlier --root; without it they go at the end");
+    has_root->type_name("DIR")->check(is_named);
+    run->add_flag("--force", options.force, "Run also a command that the host cannot reach");
     run->footer(kRunFooter);
 
     std::vector<std::string> files;
     CLI::App* checking = app.add_subcommand("check", "Say whether host files are sound");
     checking->add_option("HOST.json", files, "Host files")->required();
+
+    std::vector<std::string> roots;
+    CLI::App* cleaning = app.add_subcommand("clean", "Remove what hosts left whose processes were killed");
+    cleaning->add_option("--root", roots, "Clean here, too: a directory that was given to run")
+        ->type_name("DIR")
+        ->check(is_named);
+    cleaning->footer(kCleanFooter);
 
     std::string file;
     CLI::App* making = app.add_subcommand("new", "Write a commented host file to start from");
@@ -139,10 +185,12 @@ int dispatch(int argc, char** argv) {
                 "a command behind --, as in: trelm-hostsim run HOST.json -- trelmctl list");
         if (!*run && !options.command.empty()) throw CLI::ExtrasError(options.command);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kUsage;
+        if (app.exit(error) == 0) return 0;
+        return *run ? hostsim::kLauncherFailed : kUsage;
     }
     if (*has_root) options.root = root;
-    if (*run) return hostsim::run(options);
+    if (*run) return run_command(options);
+    if (*cleaning) return clean(roots);
     return *checking ? check(files) : write_new(file);
 }
 

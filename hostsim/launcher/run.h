@@ -11,10 +11,12 @@ namespace hostsim {
 struct RunOptions {
     std::filesystem::path host_file;
     std::optional<std::filesystem::path> root;  // none: a directory for temporary files, gone at the end
+    bool force = false;                         // also a command that the host cannot reach
     std::vector<std::string> command;
 };
 
-// The exit status of the command. Throws, with nothing started, where the host cannot be had.
+// The exit status of the command, or one of exit_status.h. Throws, with nothing started, where the host cannot be
+// had.
 int run(const RunOptions& options);
 
 }  // namespace hostsim

@@ -16,12 +16,12 @@
 #include <initializer_list>
 #include <system_error>
 
+#include "exit_status.h"
+
 namespace hostsim {
 namespace {
 
-constexpr int kNotFound = 127;
-constexpr int kNotStarted = 126;
-constexpr int kSignalled = 128;
+constexpr int kLookEvery = 200;  // milliseconds
 constexpr std::initializer_list<int> kForwarded{SIGHUP,  SIGINT,  SIGQUIT, SIGTERM,
                                                 SIGUSR1, SIGUSR2, SIGALRM, SIGWINCH};
 
@@ -69,7 +69,7 @@ std::vector<char*> pointers(const std::vector<std::string>& texts) {
     const int error = errno;
     std::fprintf(stderr, "trelm-hostsim: %s: %s; name a program in PATH or give its path\n", arguments[0],
                  std::strerror(error));
-    _exit(error == ENOENT ? kNotFound : kNotStarted);
+    _exit(error == ENOENT ? kNotFound : kCannotExecute);
 }
 
 // ---- The janitor
@@ -130,7 +130,7 @@ void tell(int pipe, const Notice& notice) {
     let_go(kept);
     if (child > 0) watch(child, pipe, at_end);
     at_end();
-    _exit(kNotStarted);
+    _exit(kLauncherFailed);
 }
 
 // ---- The launcher
@@ -146,27 +146,31 @@ int exit_status(int status) {
     return WIFSIGNALED(status) ? kSignalled + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-int await(int pipe, int signals) {
+int await(int pipe, int signals, const std::function<void()>& look) {
     Notice notice{};
-    if (uninterrupted([&] { return read(pipe, &notice, sizeof notice); }) != sizeof notice)
-        return kNotStarted;
+    if (uninterrupted([&] { return read(pipe, &notice, sizeof notice); }) != sizeof notice) {
+        std::fputs("trelm-hostsim: no process could be made for the command\n", stderr);
+        return kLauncherFailed;
+    }
     std::array<pollfd, 2> waiting{{{pipe, POLLIN, 0}, {signals, POLLIN, 0}}};
-    for (;;) {
-        if (uninterrupted([&] { return poll(waiting.data(), waiting.size(), -1); }) < 0) fail("poll");
+    while (waiting[0].revents == 0) {
+        waiting[1].revents = 0;
+        poll(waiting.data(), waiting.size(), kLookEvery);
         if (waiting[1].revents != 0) forward(signals, notice.command);
-        if (waiting[0].revents != 0) break;
+        look();
     }
     if (uninterrupted([&] { return read(pipe, &notice, sizeof notice); }) == sizeof notice)
         return exit_status(notice.status);
     std::fprintf(
         stderr,
         "trelm-hostsim: the process that watches over the command was killed; the command may still run\n");
-    return kNotStarted;
+    return kLauncherFailed;
 }
 
 }  // namespace
 
-int supervise(const Command& command, std::span<const int> kept, const std::function<void()>& at_end) {
+int supervise(const Command& command, std::span<const int> kept, const std::function<void()>& at_end,
+              const std::function<void()>& look) {
     std::signal(SIGCHLD, SIG_DFL);  // where a parent ignores it, a child's status is lost
     sigset_t before;
     const sigset_t forwarded = forwarded_signals();
@@ -180,7 +184,7 @@ int supervise(const Command& command, std::span<const int> kept, const std::func
     if (janitor < 0) fail("fork");
     if (janitor == 0) be_janitor(command, before, {kept.begin(), kept.end()}, ends[1], at_end);
     close(ends[1]);
-    return await(ends[0], signals);
+    return await(ends[0], signals, look);
 }
 
 }  // namespace hostsim

@@ -15,9 +15,10 @@ struct Command {
     std::vector<std::string> environment;  // "NAME=value"
 };
 
-// The command's exit status, 128 and its number for a signal, 127 and 126 for a program that is not found or
-// cannot be started. `at_end` runs when no process of the command is left: before this returns, unless some
-// are left behind. `kept` are the descriptors that `at_end` needs.
-int supervise(const Command& command, std::span<const int> kept, const std::function<void()>& at_end);
+// The command's exit status, or one of exit_status.h. `at_end` runs in the janitor when no process of the command
+// is left: before this returns, unless some are left behind. `kept` are the descriptors that it needs. `look` runs
+// in the launcher, several times a second. std::system_error only where no process was made.
+int supervise(const Command& command, std::span<const int> kept, const std::function<void()>& at_end,
+              const std::function<void()>& look);
 
 }  // namespace hostsim

@@ -14,6 +14,7 @@
 #include "own_calls.h"
 #include "simulator_paths.h"
 #include "state.h"
+#include "texts.h"
 
 namespace hostsim {
 namespace {
@@ -26,16 +27,6 @@ constinit std::atomic<const HostVariables*> variables = nullptr;
 std::string value(const char* name) {
     const char* text = std::getenv(name);
     return text == nullptr ? "" : text;
-}
-
-std::vector<std::string> lines(std::string_view text) {
-    std::vector<std::string> result;
-    while (!text.empty()) {
-        const size_t end = std::min(text.find('\n'), text.size());
-        if (end > 0) result.emplace_back(text.substr(0, end));
-        text.remove_prefix(std::min(end + 1, text.size()));
-    }
-    return result;
 }
 
 const HostVariables* read_variables() {
@@ -62,7 +53,7 @@ bool is_simulators_own() {
     try {
         // For as long as the process lives.
         [[maybe_unused]] const State* const state =
-            State::attach(root, lines(value(kPassedVariable))).release();
+            State::attach(root, split(value(kPassedVariable), "\n")).release();
         variables.store(read_variables());
     } catch (const std::exception& error) {
         // To go on would be to work on the machine's own files.

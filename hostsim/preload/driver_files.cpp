@@ -1,44 +1,30 @@
 #include "driver_files.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "arguments.h"
 #include "interpose.h"
+#include "own_directory.h"
+#include "root_layout.h"
 
 namespace hostsim {
 namespace {
 
 namespace fs = std::filesystem;
 
-std::string content(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-// Whether the file was another, or none.
-bool replace(const fs::path& root, const fs::path& path, const std::string& text) {
-    if (fs::exists(path) && content(path) == text) return false;
-    // A name of this thread's own, outside of every directory that is listed.
-    const fs::path draft = root / ".hostsim" / ("draft-" + std::to_string(gettid()));
-    std::ofstream(draft, std::ios::binary) << text;
-    fs::rename(draft, path);
-    return true;
-}
-
-void refresh_node(const fs::path& root, NodeKind kind) {
-    const fs::path node = root / fs::path(kLegacyNodePath).relative_path();
-    if (kind == NodeKind::missing)
-        fs::remove(node);
-    else if (!fs::exists(node))
-        replace(root, node, "");
+void refresh_node(const std::string& root, NodeKind kind) {
+    const bool is_there = fs::exists(fs::symlink_status(root + layout::kLegacyNode));
+    const bool is_wanted = kind != NodeKind::missing;
+    if (is_there == is_wanted) return;
+    const OwnDirectory files(root);
+    if (is_wanted)
+        files.replace_file(layout::kLegacyNode, layout::kDraft, "");
+    else
+        files.remove_file(layout::kLegacyNode);
 }
 
 // What this process last found to be as it should. Whoever puts another file there changes the directory.
@@ -52,33 +38,40 @@ struct Found {
 std::mutex found_mutex;
 Found found;
 
-bool replace_link_states(const fs::path& root, const fs::path& directory,
-                         const std::vector<LinkStateFile>& files) {
+// Whether anything had to be changed.
+bool replace_link_states(const OwnDirectory& root, const std::vector<LinkStateFile>& files) {
+    const std::string directory = std::string(layout::kLinkStates) + "/";
     bool changed = false;
-    for (const LinkStateFile& file : files)
-        changed = replace(root, directory / file.name, file.text) || changed;
-    for (const fs::directory_entry& entry : fs::directory_iterator(directory)) {
-        const bool wanted = std::any_of(files.begin(), files.end(), [&entry](const LinkStateFile& file) {
-            return entry.path().filename() == file.name;
-        });
-        if (!wanted) changed = fs::remove(entry.path()) || changed;
+    for (const LinkStateFile& file : files) {
+        if (root.text(directory + file.name) == file.text) continue;
+        root.replace_file(directory + file.name, layout::kDraft, file.text);
+        changed = true;
+    }
+    for (const std::string& name : root.directory(layout::kLinkStates).names()) {
+        const auto has_name = [&name](const LinkStateFile& file) { return file.name == name; };
+        if (std::any_of(files.begin(), files.end(), has_name)) continue;
+        changed = root.remove_file(directory + name) || changed;
     }
     return changed;
 }
 
 // A program reads many of these files in a row: a port is looked for in all of them.
-void refresh_link_states(const fs::path& root, const std::vector<LinkStateFile>& files) {
-    const fs::path directory = root / fs::path(kLinkStateDirectory).relative_path();
+void refresh_link_states(const std::string& root, const std::vector<LinkStateFile>& files) {
+    const fs::path directory = root + layout::kLinkStates;
+    const bool is_there = fs::exists(fs::symlink_status(directory));
     if (files.empty()) {
-        fs::remove_all(directory);
+        if (!is_there) return;
+        const OwnDirectory own(root);
+        own.remove_files(layout::kLinkStates);
+        own.remove_empty(layout::kLinkStates);
         return;
     }
-    fs::create_directories(directory);
+    if (!is_there) OwnDirectory(root).make_directory(layout::kLinkStates);
     // Not waited for: a child forked while another thread is here would find it locked for ever.
     const std::unique_lock lock(found_mutex, std::try_to_lock);
     Found now{directory, files, fs::last_write_time(directory)};
     if (lock && found == now) return;
-    if (!replace_link_states(root, directory, files) && lock) found = std::move(now);
+    if (!replace_link_states(OwnDirectory(root), files) && lock) found = std::move(now);
 }
 
 }  // namespace
@@ -89,7 +82,7 @@ void refresh_driver_files(Place place) noexcept {
     const OwnCalls own;
     const KeepErrno keep;
     try {
-        const fs::path root = host->state().root();
+        const std::string& root = host->state().root();
         if (place == Place::link_states)
             refresh_link_states(root, host->link_state_files());
         else

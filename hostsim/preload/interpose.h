@@ -13,20 +13,10 @@
 #include <cerrno>
 #include <utility>
 
+#include "keep_errno.h"
 #include "own_calls.h"
 
 namespace hostsim {
-
-class KeepErrno {
-  public:
-    KeepErrno() : saved_(errno) {}
-    ~KeepErrno() { errno = saved_; }
-    KeepErrno(const KeepErrno&) = delete;
-    KeepErrno& operator=(const KeepErrno&) = delete;
-
-  private:
-    int saved_;
-};
 
 // The definition that would have been used without this one; looked up with the first call.
 template <typename Function>

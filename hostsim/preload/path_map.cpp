@@ -4,22 +4,20 @@
 #include <array>
 #include <cstring>
 
-#include "link_state_files.h"
+#include "root_layout.h"
 
 namespace hostsim {
 namespace {
-
-constexpr std::string_view kNodeDirectory = "/dev/char/vmkdriver";
 
 struct Redirected {
     std::string_view directory;
     Place place;
 };
 constexpr std::array<Redirected, 4> kRedirected{{
-    {"/tmp", Place::files},
-    {"/var/tmp", Place::files},
-    {kLinkStateDirectory, Place::link_states},
-    {kNodeDirectory, Place::nodes},
+    {layout::kTmp, Place::files},
+    {layout::kVarTmp, Place::files},
+    {layout::kLinkStates, Place::link_states},
+    {layout::kNodeDirectory, Place::nodes},
 }};
 
 bool is_below(std::string_view path, std::string_view directory) {
@@ -50,7 +48,7 @@ size_t normalise(const char* path, PathBuffer& out) {
 }
 
 Place place_of(std::string_view path) {
-    if (path == kLegacyNodePath) return Place::node;
+    if (path == layout::kLegacyNode) return Place::node;
     const auto* found = std::find_if(kRedirected.begin(), kRedirected.end(), [path](const Redirected& entry) {
         return is_below(path, entry.directory);
     });
@@ -60,7 +58,7 @@ Place place_of(std::string_view path) {
 // Directories that lead to `directory` are the machine's too, so that programs which walk a path find every
 // step.
 bool leads_to(std::string_view path, std::string_view directory) {
-    return is_below(directory, path) && path != "/tmp" && path != "/var/tmp";
+    return is_below(directory, path) && path != layout::kTmp && path != layout::kVarTmp;
 }
 
 bool is_machines(std::string_view path, std::string_view root, std::span<const std::string> passed) {

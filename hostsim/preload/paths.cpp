@@ -1,7 +1,8 @@
 // paths.cpp - the calls that name a file and do nothing but take its path, in every variant of libc. Those of
-// a kind stand together; what opens files is in descriptors.cpp.
+// a kind stand together; what opens files is in descriptors.cpp, what
+// tells of them in file_status.cpp.
 //
-// A variadic function of libc is defined here with its optional argument always there: arguments travel in
+// A variadic function of libc is defined with its optional argument always there: arguments travel in
 // registers, and one that the program left out is handed on unread.
 #include <dirent.h>
 #include <fcntl.h>
@@ -40,9 +41,6 @@ char* shown(char* path) noexcept {
 
 }  // namespace
 
-using Stat = struct stat;
-using Stat64 = struct stat64;
-using Statx = struct statx;
 using Statfs = struct statfs;
 using Statfs64 = struct statfs64;
 using Statvfs = struct statvfs;
@@ -50,24 +48,6 @@ using Statvfs64 = struct statvfs64;
 
 // ---- Looking at a file
 
-INTERPOSE(int, stat, (const char* path, Stat* status), (Look(path), status))
-INTERPOSE(int, stat64, (const char* path, Stat64* status), (Look(path), status))
-INTERPOSE(int, lstat, (const char* path, Stat* status), (Look(path), status))
-INTERPOSE(int, lstat64, (const char* path, Stat64* status), (Look(path), status))
-INTERPOSE(int, fstatat, (int dir, const char* path, Stat* status, int flags),
-          (dir, Look(path), status, flags))
-INTERPOSE(int, fstatat64, (int dir, const char* path, Stat64* status, int flags),
-          (dir, Look(path), status, flags))
-INTERPOSE(int, statx, (int dir, const char* path, int flags, unsigned mask, Statx* status),
-          (dir, Look(path), flags, mask, status))
-INTERPOSE(int, __xstat, (int version, const char* path, Stat* status), (version, Look(path), status))
-INTERPOSE(int, __xstat64, (int version, const char* path, Stat64* status), (version, Look(path), status))
-INTERPOSE(int, __lxstat, (int version, const char* path, Stat* status), (version, Look(path), status))
-INTERPOSE(int, __lxstat64, (int version, const char* path, Stat64* status), (version, Look(path), status))
-INTERPOSE(int, __fxstatat, (int version, int dir, const char* path, Stat* status, int flags),
-          (version, dir, Look(path), status, flags))
-INTERPOSE(int, __fxstatat64, (int version, int dir, const char* path, Stat64* status, int flags),
-          (version, dir, Look(path), status, flags))
 INTERPOSE(int, access, (const char* path, int mode), (Look(path), mode))
 INTERPOSE(int, eaccess, (const char* path, int mode), (Look(path), mode))
 INTERPOSE(int, euidaccess, (const char* path, int mode), (Look(path), mode))

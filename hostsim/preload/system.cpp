@@ -13,6 +13,8 @@
 #include "arguments.h"
 #include "attach.h"
 #include "interpose.h"
+#include "ownership.h"
+#include "root_layout.h"
 
 namespace hostsim {
 
@@ -79,6 +81,18 @@ INTERPOSED(int, semget, (key_t key, int count, int flags)) {
     return -1;
 }
 
+static bool tells_status(int command) {
+    return command == IPC_STAT || command == SEM_STAT || command == SEM_STAT_ANY;
+}
+
+INTERPOSED(int, semctl, (int set, int number, int command, semid_ds* argument)) {
+    const int result = NEXT(semctl)(set, number, command, argument);
+    if (result < 0 || !tells_status(command)) return result;
+    show_owner(argument->sem_perm.uid, argument->sem_perm.gid);
+    show_owner(argument->sem_perm.cuid, argument->sem_perm.cgid);
+    return result;
+}
+
 // A simulated host's flush must not keep the machine's disks busy, and its files need to survive no power
 // failure.
 INTERPOSED(void, sync, ()) {
@@ -95,7 +109,7 @@ static std::string shell_word(std::string_view text) {
 
 // `command` for a shell that finds the host's own commands first, whatever the program made of PATH.
 static std::string on_host(const State& state, const char* command) {
-    return "PATH=" + shell_word(state.root() + "/.hostsim/bin") +
+    return "PATH=" + shell_word(state.root() + layout::kCommands) +
            ":${PATH:-/usr/sbin:/usr/bin:/sbin:/bin}\n" + command;
 }
 

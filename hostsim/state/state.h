@@ -1,12 +1,6 @@
 // state.h - what all processes of one simulated host share while it runs: the directory under which its files
 // lie and a small file mapped by every one of them, with the host's identity, named counters and the
 // semaphore keys in use.
-//
-// Below the root of a host:
-//   tmp/, var/tmp/                        what the host's programs see as "/tmp" and "/var/tmp"
-//   dev/char/vmkdriver/, proc/scsi/dorfc/  made from the model whenever a program looks
-//   luns/                                 file-backed LUNs
-//   .hostsim/                             the mapped file, locks and the host's own commands (bin/lsof)
 #pragma once
 
 #include <sys/types.h>
@@ -24,7 +18,12 @@
 
 namespace hostsim {
 
+class Root;
 struct SharedState;  // the mapped file
+struct Unmap {
+    void operator()(SharedState* shared) const noexcept;
+};
+using MappedState = std::unique_ptr<SharedState, Unmap>;
 
 // Environment variables that take a process onto a launched host: the host's root,
 inline constexpr const char* kRootVariable = "TRELM_HOSTSIM_ROOT";
@@ -45,15 +44,6 @@ class HOSTSIM_API State {
     static std::unique_ptr<State> attach(const std::filesystem::path& root,
                                          std::vector<std::string> passed = {});
 
-    // Makes a directory for a host's root among the temporary files, where it also removes what hosts left
-    // behind whose processes were killed: their roots and semaphores.
-    static std::filesystem::path temporary_root();
-    // Lays out the root of a host (made if it is not there) and a fresh shared file in it. For whoever starts
-    // a host. Semaphores of a host that ended without cleaning are removed.
-    static void create(const std::filesystem::path& root, std::string_view host_file);
-    // Ends a host: its semaphores and .hostsim files but the locks go, the rest of the root stays.
-    static void clean(const std::filesystem::path& root) noexcept;
-
     // Of this process; null where no host is active. Safe to ask at any time, by interposers above all.
     static State* current() noexcept;
 
@@ -61,15 +51,14 @@ class HOSTSIM_API State {
     State& operator=(const State&) = delete;
     ~State();
 
-    const std::string& root() const noexcept {
-        return root_;
-    }  // absolute, no symbolic links, no slash at its end
+    // Absolute, no symbolic links, no slash at its end.
+    const std::string& root() const noexcept { return root_; }
     // Directories below "/tmp" and "/var/tmp" that are the machine's own and stay visible.
     const std::vector<std::string>& passed() const noexcept { return passed_; }
     uint64_t host_id() const noexcept;  // random, never 0
-    std::string host_file() const;      // given to create
-    std::chrono::nanoseconds age()
-        const noexcept;  // time since the host started, the same in all its processes
+    std::string host_file() const;      // of a launcher's host
+    // Time since the host started, the same in all its processes.
+    std::chrono::nanoseconds age() const noexcept;
 
     // A counter that all processes of the host share; 0 at the start of the host. std::length_error when
     // there are more names than the shared file has room for (16384).
@@ -80,13 +69,12 @@ class HOSTSIM_API State {
     key_t semaphore_key(key_t key) noexcept;
 
   private:
-    State(std::string root, std::vector<std::string> passed, SharedState* shared, pid_t owner);
+    State(std::string root, std::vector<std::string> passed, MappedState shared, std::unique_ptr<Root> owned);
 
     std::string root_;
     std::vector<std::string> passed_;
-    SharedState* shared_;
-    pid_t owner_;      // the process whose object cleans up; 0: none
-    int in_use_ = -1;  // held locked by the owner of a temporary root and its forks
+    std::unique_ptr<Root> owned_;  // a temporary host's
+    MappedState shared_;
     State* previous_;  // current before this one
 };
 

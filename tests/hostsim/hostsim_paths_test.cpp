@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
+#include <sys/sem.h>
 
 #include <cstring>
 #include <fstream>
@@ -12,13 +13,14 @@
 #include "host.h"
 #include "host_builders.h"
 #include "own_calls.h"
+#include "root_layout.h"
 #include "trelm_driver_records.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using hostsim::Host;
-using hostsim::kLegacyNodePath;
+using hostsim::layout::kLegacyNode;
 using Presence = hostsim::Driver::Presence;
 
 class HostsimPaths : public testing::Test {
@@ -102,8 +104,67 @@ TEST_F(HostsimPaths, DirectoriesAreListedAndEnteredAsTheHostsAndTheMachinesPaths
     EXPECT_EQ(access(in_tmp().c_str(), F_OK), -1) << "the simulator's own calls are not redirected";
 }
 
+// A file of the user who runs the test is the host user's, whichever call tells.
+TEST_F(HostsimPaths, TheHostsUserOwnsWhatItsProgramsMake) {
+    host_.model().effective_user = 4711;
+    const std::string path = in_tmp();
+    const int fd = open(path.c_str(), O_RDONLY);
+    struct stat s {};
+    struct statx x {};
+    const auto old = [](const char* name) { return dlsym(RTLD_DEFAULT, name); };
+    const auto by_path = [&](const char* name) {
+        return reinterpret_cast<int (*)(int, const char*, void*)>(old(name))(1, path.c_str(), &s);
+    };
+    const auto by_fd = [&](const char* name) {
+        return reinterpret_cast<int (*)(int, int, void*)>(old(name))(1, fd, &s);
+    };
+    const auto by_dir = [&](const char* name) {
+        return reinterpret_cast<int (*)(int, int, const char*, void*, int)>(old(name))(1, kHere, path.c_str(),
+                                                                                       &s, 0);
+    };
+    auto* const s64 = reinterpret_cast<struct stat64*>(&s);
+    const std::pair<const char*, std::function<int()>> calls[]{
+        {"stat", [&] { return stat(path.c_str(), &s); }},
+        {"stat64", [&] { return stat64(path.c_str(), s64); }},
+        {"lstat", [&] { return lstat(path.c_str(), &s); }},
+        {"lstat64", [&] { return lstat64(path.c_str(), s64); }},
+        {"fstat", [&] { return fstat(fd, &s); }},
+        {"fstat64", [&] { return fstat64(fd, s64); }},
+        {"fstatat", [&] { return fstatat(kHere, path.c_str(), &s, 0); }},
+        {"fstatat64", [&] { return fstatat64(kHere, path.c_str(), s64, 0); }},
+        {"__xstat", [&] { return by_path("__xstat"); }},
+        {"__xstat64", [&] { return by_path("__xstat64"); }},
+        {"__lxstat", [&] { return by_path("__lxstat"); }},
+        {"__lxstat64", [&] { return by_path("__lxstat64"); }},
+        {"__fxstat", [&] { return by_fd("__fxstat"); }},
+        {"__fxstat64", [&] { return by_fd("__fxstat64"); }},
+        {"__fxstatat", [&] { return by_dir("__fxstatat"); }},
+        {"__fxstatat64", [&] { return by_dir("__fxstatat64"); }},
+        {"statx",
+         [&] {
+             const int result = statx(kHere, path.c_str(), 0, STATX_BASIC_STATS, &x);
+             s.st_uid = x.stx_uid, s.st_gid = x.stx_gid;
+             return result;
+         }},
+    };
+    for (const auto& [name, call] : calls) {
+        s = {};
+        EXPECT_EQ(call(), 0) << name;
+        EXPECT_EQ(s.st_uid, 4711u) << name;
+        EXPECT_EQ(s.st_gid, getegid()) << name;
+    }
+    EXPECT_TRUE(closes(fd));
+    const int set = semget(IPC_PRIVATE, 1, 0600);
+    semid_ds status{};
+    EXPECT_EQ(semctl(set, 0, IPC_STAT, &status), 0);
+    EXPECT_EQ(semctl(set, 0, IPC_RMID), 0);
+    for (const uid_t id :
+         {status.sem_perm.uid, status.sem_perm.cuid, status.sem_perm.gid, status.sem_perm.cgid})
+        EXPECT_EQ(id, geteuid());
+}
+
 TEST_F(HostsimPaths, TheLegacyNodeIsACharacterDeviceThatRequestsReach) {
-    const int fd = open(kLegacyNodePath, O_RDWR);
+    const int fd = open(kLegacyNode, O_RDWR);
     struct stat status {};
     ASSERT_EQ(fstat(fd, &status), 0);
     EXPECT_TRUE(S_ISCHR(status.st_mode));
@@ -122,16 +183,16 @@ TEST_F(HostsimPaths, TheLegacyNodeIsACharacterDeviceThatRequestsReach) {
 
     host_.inject({.operation = hostsim::Operation::open, .occurrence = 2, .error = EBUSY});
     host_.inject({.operation = hostsim::Operation::close, .error = EIO});
-    const int next = open(kLegacyNodePath, O_RDWR);
+    const int next = open(kLegacyNode, O_RDWR);
     EXPECT_EQ(close(next), -1);
     EXPECT_EQ(errno, EIO);
     EXPECT_EQ(fcntl(next, F_GETFD), -1) << "a failing close closes all the same";
-    EXPECT_EQ(open(kLegacyNodePath, O_RDWR), -1);
+    EXPECT_EQ(open(kLegacyNode, O_RDWR), -1);
     EXPECT_EQ(errno, EBUSY);
     driver_.presence = Presence::no_device;
-    EXPECT_TRUE(fs::is_regular_file(kLegacyNodePath));
+    EXPECT_TRUE(fs::is_regular_file(kLegacyNode));
     driver_.presence = Presence::absent;
-    EXPECT_FALSE(fs::exists(kLegacyNodePath));
+    EXPECT_FALSE(fs::exists(kLegacyNode));
 }
 
 }  // namespace

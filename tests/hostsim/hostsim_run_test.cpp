@@ -54,12 +54,77 @@ TEST_F(HostsimRun, ReturnsTheStatusOfTheCommandOrSaysWhyItDidNotStart) {
 
     write("host.json", "{\"adapters\": [],\n \"no_such_key\": 1}");
     const Outcome mistaken = run("touch $D/started", root_option);
-    EXPECT_EQ(mistaken.status, 1);
+    EXPECT_EQ(mistaken.status, 125);
     EXPECT_THAT(mistaken.errors, AllOf(HasSubstr(at("host.json")), HasSubstr("no_such_key")));
     EXPECT_FALSE(fs::exists(at("started")) || fs::exists(at("root")));
-    for (const char* usage : {"", "run", "run host.json", "check", "frobnicate", "run --no-such-option"}) {
+    for (const char* usage : {"", "check", "frobnicate", "clean x", "new a b"})
         EXPECT_EQ(launch(words_of(usage)).status, 2) << usage;
+    for (const char* usage : {"run", "run host.json", "run --no-such-option", "run host.json --root= -- x"})
+        EXPECT_EQ(launch(words_of(usage)).status, 125) << usage;
+}
+
+TEST_F(HostsimRun, RefusesProgramsThatItCannotReach) {
+    std::string program = text_of("/usr/bin/env");
+    for (size_t at = 64; at < 64 + 56 * 16; at += 56)  // PT_INTERP becomes PT_NULL
+        if (program.substr(at, 4) == std::string("\3\0\0\0", 4)) program[at] = 0;
+    write("static", program);
+    write("script", "#! " + at("static") + " -x\n");
+    fs::copy_file("/usr/bin/env", at("setuid"));
+    for (const char* name : {"static", "script", "setuid"}) chmod(at(name).c_str(), 0755);
+    const bool is_owner =
+        chown(at("setuid").c_str(), 65534, 65534) == 0 && chmod(at("setuid").c_str(), 04755) == 0;
+    const std::string setuid = is_owner ? at("setuid") : "/bin/su";
+    for (const auto& [command, reason] : std::vector<std::pair<std::string, std::string>>{
+             {at("static"), at("static") + " is statically linked"},
+             {at("script"), at("static") + " is statically linked"},
+             {setuid, "rights of another user"}}) {
+        const Outcome refused = launch({"run", at("host.json"), "--", command, "--version"});
+        EXPECT_EQ(refused.status, 126) << command;
+        EXPECT_THAT(refused.errors, AllOf(HasSubstr(command + ": "), HasSubstr(reason)));
     }
+    const Outcome forced = launch({"run", "--force", at("host.json"), "--", setuid, "--version"});
+    EXPECT_EQ(forced.status, 0) << forced.errors;
+    write("text", "not executable");
+    EXPECT_EQ(launch({"run", at("host.json"), "--", at("text")}).status, 126);
+}
+
+TEST_F(HostsimRun, WorksFromAPathWithASpaceAndAColon) {
+    const fs::path moved = at("a place: mine");
+    for (const std::string file : {"bin/trelm-hostsim", "lib/libtrelm-hostsim.so"}) {
+        fs::create_directories((moved / file).parent_path());
+        fs::copy_file(TRELM_BINARY_DIR "/" + file, moved / file);
+    }
+    const Outcome outcome = execute({moved / "bin/trelm-hostsim", "run", at("host.json"), "--", "sh", "-c",
+                                     "uname; env -i /bin/uname -n"});
+    EXPECT_EQ(outcome.out, "VMkernel\nesx-run\n") << outcome.errors;
+}
+
+TEST_F(HostsimRun, SaysWhatItMissesWhereThereIsNoProc) {
+    if (execute({"/usr/bin/unshare", "-m", "umount", "-l", "/proc"}).status != 0)
+        GTEST_SKIP() << "this user may not take /proc away";
+    const Outcome outcome = execute({"/usr/bin/unshare", "-m", "sh", "-c", "umount -l /proc; \"$@\"", "sh",
+                                     kLauncher, "run", at("host.json"), "--", "true"});
+    EXPECT_EQ(outcome.status, 125);
+    EXPECT_THAT(outcome.errors, HasSubstr("/proc is missing"));
+}
+
+TEST_F(HostsimRun, TellsOnceWhenAnEditBreaksTheFileAndOnceWhenItIsSoundAgain) {
+    const std::string sound = text_of(at("host.json"));
+    const pid_t launcher = start(script(": > $D/ready; read line < $D/gate; uname -n"));
+    ASSERT_TRUE(appears("ready"));
+    const auto told = [&](const std::string& text) {
+        return eventually([&] { return text_of(at("errors")).find(text) != std::string::npos; });
+    };
+    write("host.json", "{\"adapters\": [],\n no}");
+    EXPECT_TRUE(told(at("host.json") + ":2:"));
+    write("host.json", "broken, too");
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    write("host.json", sound);
+    EXPECT_TRUE(told(at("host.json") + ": sound again"));
+    open_gate();
+    const Outcome outcome = finish(launcher);
+    EXPECT_EQ(outcome.out, "esx-run\n");
+    EXPECT_EQ(std::ranges::count(outcome.errors, '\n'), 3) << outcome.errors;
 }
 
 TEST_F(HostsimRun, KeepsTheHostUntilTheLastChildHasEnded) {
@@ -97,7 +162,7 @@ TEST_F(HostsimRun, KeepsARootThatWasGivenAndSharesItAmongCommandsOfOneHostOnly) 
     ASSERT_TRUE(appears("root/tmp/ready"));
     EXPECT_EQ(run("test -e /tmp/ready && echo hello > /tmp/second; : > /var/tmp/log", root_option).status, 0);
     const Outcome refused = launch(Words{"run", at("next.json")} + root_option + Words{"--", "true"});
-    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.status, 125);
     EXPECT_THAT(refused.errors, HasSubstr(at("host.json")));
     EXPECT_TRUE(fs::exists(at("root/.hostsim/state"))) << "the second command was not the last";
     open_gate();

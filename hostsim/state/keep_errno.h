@@ -1,0 +1,19 @@
+// keep_errno.h - leaves errno as it was, whatever is called meanwhile.
+#pragma once
+
+#include <cerrno>
+
+namespace hostsim {
+
+class KeepErrno {
+  public:
+    KeepErrno() : saved_(errno) {}
+    ~KeepErrno() { errno = saved_; }
+    KeepErrno(const KeepErrno&) = delete;
+    KeepErrno& operator=(const KeepErrno&) = delete;
+
+  private:
+    int saved_;
+};
+
+}  // namespace hostsim
