@@ -141,7 +141,7 @@ TEST_F(HostsimRoot, DoesNotFollowLinksWithin) {
 }
 
 TEST_F(HostsimRoot, KeepsWhatEveryKindOfLunHolds) {
-    fs::copy_file(TRELM_SOURCE_DIR "/hostsim/hosts/legacy.json", at("host.json"),
+    fs::copy_file(source_dir() + "/hostsim/hosts/legacy.json", at("host.json"),
                   fs::copy_options::overwrite_existing);
     write("block", std::string(512, 'x'));
     EXPECT_EQ(run("trelmctl scsi 0 0 0 2a000000000700000100 --out $D/block", root_option).errors, "");

@@ -92,7 +92,7 @@ TEST_F(HostsimRun, WorksFromAPathWithASpaceAndAColon) {
     const fs::path moved = at("a place: mine");
     for (const std::string file : {"bin/trelm-hostsim", "lib/libtrelm-hostsim.so"}) {
         fs::create_directories((moved / file).parent_path());
-        fs::copy_file(TRELM_BINARY_DIR "/" + file, moved / file);
+        fs::copy_file(fs::path(binary_dir()) / file, moved / file);
     }
     const Outcome outcome = execute({moved / "bin/trelm-hostsim", "run", at("host.json"), "--", "sh", "-c",
                                      "uname; env -i /bin/uname -n"});
