@@ -10,6 +10,7 @@
 #include "commands.h"
 #include "options.h"
 #include "output.h"
+#include "trelm_mgmt.hpp"
 
 namespace {
 
@@ -38,7 +39,8 @@ void carry_out(int argc, char** argv, Output& output) {
 void occupy_closed_descriptors() {
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (fcntl(fd, F_GETFD) != -1) continue;
-        if (open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY) != fd) _exit(EXIT_FAILED);
+        if (open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY) != fd)
+            _exit(static_cast<int>(ExitStatus::failed));
     }
 }
 
@@ -52,11 +54,11 @@ int main(int argc, char** argv) {
     try {
         Output output(asks_for_json(argc, argv));
         carry_out(argc, argv, output);
-        return output.finish();
+        return static_cast<int>(output.finish());
     } catch (const WriteFailed& failed) {
         if (failed.error != EPIPE) tell(failed.text());
     } catch (const std::exception&) {
         tell("trelmctl: there is not enough memory on this machine\n");
     }
-    return EXIT_FAILED;
+    return static_cast<int>(ExitStatus::failed);
 }

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "exposition.h"
-#include "lun_list.h"
+#include "luns.h"
 #include "output.h"
 #include "text.h"
 #include "words.h"
@@ -73,13 +73,14 @@ std::vector<LunSample> sample_luns(const trelm::Adapter& adapter, uint32_t npiv_
                                    const TargetSample& target) {
     Progress silent;
     std::vector<LunSample> luns;
-    for (ListedLun& listed : list_luns(adapter, npiv_index, target.info.ScsiTgtNum, silent)) {
+    for (ListedLun& listed :
+         list_luns(adapter, npiv_index, target.info.ScsiTgtNum, LunDetail::listed, silent)) {
         LunSample& lun = luns.emplace_back();
         lun.labels = Labels(target.labels).add("lun", lun_text(listed.lun)).text();
         lun.answers = !listed.failure;
         lun.capacity = listed.capacity;
         if (!lun.answers) continue;
-        lun.type = device_type_words(listed.device_type);
+        lun.type = type_text(listed);
         lun.vendor = std::move(listed.vendor);
         lun.product = std::move(listed.product);
         lun.revision = std::move(listed.revision);

@@ -44,7 +44,7 @@ void sample_once(const Settings& settings, Output& output) {
     }
     tell_failures(host, output);
     // Nobody can end a call that hangs, and the library cannot be freed around it.
-    if (sampler.is_stuck()) _exit(output.finish());
+    if (sampler.is_stuck()) _exit(static_cast<int>(output.finish()));
 }
 
 }  // namespace

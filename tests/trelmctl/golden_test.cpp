@@ -1,0 +1,63 @@
+// golden_test.cpp - what the tool prints, command by command. Each file of golden/ holds command lines and what
+// they print:
+//
+//     $ lab.json: trelmctl list          the host, from hosts/ or from the simulated host's samples, or '-' for
+//                                        the machine itself; and a shell command
+//     (standard output)
+//     ! (a line of standard error)
+//     => 0                               the exit status
+//
+// After a change that is meant, `./dev golden` writes the files anew; the difference is then read before it is
+// committed.
+#include "support/programs.h"
+
+namespace {
+
+using namespace trelm::test;
+namespace fs = std::filesystem;
+
+const fs::path kHere = source_dir() + "/tests/trelmctl";
+
+class Golden : public Programs, public testing::WithParamInterface<std::string> {
+  protected:
+    // The lines for the command line `$ HOST: COMMAND`.
+    std::string run(const std::string& line) const {
+        const std::size_t colon = line.find(": ");
+        const std::string host = line.substr(2, colon - 2);
+        const std::string command =
+            "cd " + (host == "-" ? at("") : "/tmp") + "; export LC_ALL=C.UTF-8; " + line.substr(colon + 2);
+        const fs::path own = kHere / "hosts" / host;
+        const fs::path sample = fs::path(source_dir() + "/hostsim/hosts") / host;
+        const std::string path = "PATH=" + binary_dir() + "/bin:/usr/bin:/bin";
+        Words words{"/usr/bin/env", path};
+        if (host != "-") words = words + Words{kLauncher, "run", fs::exists(own) ? own : sample, "--"};
+        const Outcome outcome = execute(words + Words{"/bin/sh", "-c", command});
+
+        std::string lines = line + "\n" + outcome.out;
+        std::istringstream errors(outcome.errors);
+        for (std::string error; std::getline(errors, error);) lines += "! " + error + "\n";
+        return lines + "=> " + std::to_string(outcome.status) + "\n";
+    }
+};
+
+TEST_P(Golden, CommandsPrintWhatTheFileHolds) {
+    const fs::path file = kHere / "golden" / (GetParam() + ".txt");
+    const std::string golden = text_of(file);
+    std::istringstream lines(golden);
+    std::string printed;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with("$ ")) printed += run(line);
+    }
+    if (std::getenv("TRELM_REFRESH_GOLDEN") != nullptr) std::ofstream(file) << printed;
+    EXPECT_EQ(printed, text_of(file));
+}
+
+std::vector<std::string> names() {
+    std::vector<std::string> found;
+    for (const auto& file : fs::directory_iterator(kHere / "golden")) found.push_back(file.path().stem());
+    return found;
+}
+INSTANTIATE_TEST_SUITE_P(Trelmctl, Golden, testing::ValuesIn(names()),
+                         [](const auto& name) { return name.param; });
+
+}  // namespace

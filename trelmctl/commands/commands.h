@@ -1,0 +1,41 @@
+// commands.h - the commands of the tool, as a table: what each is called, what it takes and what carries it
+// out.
+#pragma once
+
+#include <span>
+
+#include "options.h"
+#include "output.h"
+
+namespace trelmctl {
+
+// How much of PORT, TARGET and LUN, in this order, stands behind a command's name.
+enum class Addressing { none, port, target, lun };
+
+struct Command {
+    const char* name;
+    const char* help;
+    Addressing addressing;
+    void (*run)(const Options& options, Output& output);
+};
+
+std::span<const Command> commands();
+
+void run_list(const Options& options, Output& output);
+void run_show(const Options& options, Output& output);
+void run_stats(const Options& options, Output& output);
+void run_metrics(const Options& options, Output& output);
+void run_targets(const Options& options, Output& output);
+void run_luns(const Options& options, Output& output);
+void run_tree(const Options& options, Output& output);
+void run_topology(const Options& options, Output& output);
+void run_scsi(const Options& options, Output& output);
+void run_inquiry(const Options& options, Output& output);
+void run_capacity(const Options& options, Output& output);
+void run_version(const Options& options, Output& output);
+void run_help(const Options& options, Output& output);
+void run_completion(const Options& options, Output& output);
+// Called by completion scripts, and not among the commands that are listed.
+void run_complete(const Options& options, Output& output);
+
+}  // namespace trelmctl

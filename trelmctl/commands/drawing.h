@@ -1,0 +1,15 @@
+// drawing.h - a topology in the languages of drawing tools, and as a picture.
+#pragma once
+
+#include <string>
+
+#include "options.h"
+#include "topology.h"
+
+namespace trelmctl {
+
+std::string drawing_of(const Topology& topology, DrawingFormat format);
+
+std::string_view health_words(Health health);
+
+}  // namespace trelmctl

@@ -1,0 +1,79 @@
+#include "words.h"
+
+#include <fmt/format.h>
+
+#include <array>
+#include <string_view>
+
+namespace trelmctl {
+namespace {
+
+struct Word {
+    uint64_t value;
+    std::string_view text;
+};
+
+template <std::size_t Count>
+std::string word(const std::array<Word, Count>& words, uint64_t value) {
+    for (const Word& candidate : words) {
+        if (candidate.value == value) return std::string(candidate.text);
+    }
+    return fmt::format("unknown (0x{:x})", value);
+}
+
+constexpr std::array kPortStates{
+    Word{TRELM_PORTSTATE_ONLINE, "online"},
+    Word{TRELM_PORTSTATE_LINKDOWN, "link down"},
+    Word{TRELM_PORTSTATE_OTHER, "other"},
+};
+
+constexpr std::array kPortTypes{Word{TRELM_PORTTYPE_PHYSICAL, "physical"},
+                                Word{TRELM_PORTTYPE_NPIV, "virtual"}};
+
+constexpr std::array kTargetStates{
+    Word{0, "unknown"}, Word{1, "not present"}, Word{2, "online"},      Word{3, "offline"},
+    Word{4, "blocked"}, Word{5, "bypassed"},    Word{6, "diagnostics"}, Word{7, "link down"},
+    Word{8, "error"},   Word{9, "loopback"},    Word{10, "deleted"},
+};
+
+// In ascending order of speed, which is not that of the bits.
+constexpr std::array kSpeeds{
+    Word{0x1, "1"},   Word{0x2, "2"},    Word{0x8, "4"},    Word{0x10, "8"},
+    Word{0x4, "10"},  Word{0x20, "16"},  Word{0x80, "20"},  Word{0x800, "25"},
+    Word{0x40, "32"}, Word{0x100, "40"}, Word{0x200, "50"}, Word{0x400, "100"},
+};
+
+constexpr std::array kPcieWidths{
+    Word{3, "x1"}, Word{4, "x2"}, Word{5, "x4"}, Word{6, "x8"}, Word{8, "x16"}, Word{9, "x32"},
+};
+
+}  // namespace
+
+std::string port_state_words(uint32_t state) { return word(kPortStates, state); }
+std::string port_type_words(uint32_t type) { return word(kPortTypes, type); }
+std::string target_state_words(uint16_t state) { return word(kTargetStates, state); }
+
+std::string speed_words(uint64_t bits) {
+    std::string out;
+    for (const Word& speed : kSpeeds) {
+        if ((bits & speed.value) == 0) continue;
+        if (!out.empty()) out += ", ";
+        out += speed.text;
+        bits &= ~speed.value;
+    }
+    if (!out.empty()) out += " Gbit/s";
+    if (bits != 0) out += fmt::format("{}unknown (0x{:x})", out.empty() ? "" : ", ", bits);
+    return out.empty() ? "unknown" : out;
+}
+
+std::string pci_address(const TRELM_FCOE_INFO& info) {
+    return fmt::format("{:04x}:{:02x}:{:02x}.{:x}", +info.PciDomainNum, +info.PciBusNum, +info.PciDeviceNum,
+                       +info.PciFunctionNum);
+}
+
+std::string pcie_words(uint32_t speed, uint32_t width) {
+    const std::string rate = speed == 0 ? "unknown speed" : fmt::format("{}.{} GT/s", speed / 10, speed % 10);
+    return rate + " " + (width == 0 ? "unknown width" : word(kPcieWidths, width));
+}
+
+}  // namespace trelmctl

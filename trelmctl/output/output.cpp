@@ -1,0 +1,72 @@
+#include "output.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+#include "terminal.h"
+#include "text.h"
+
+namespace trelmctl {
+namespace {
+
+// Texts are escaped where they are put in. A byte that is no UTF-8 all the same must not cost the document.
+std::string dumped(const Json& json, int indent) {
+    return json.dump(indent, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+}  // namespace
+
+std::string WriteFailed::text() const {
+    return fmt::format("trelmctl: standard output cannot be written: {}; what was printed is incomplete\n",
+                       std::strerror(error));
+}
+
+void tell(std::string_view text) {
+    std::fwrite(text.data(), 1, text.size(), stderr);
+    std::fflush(stderr);
+}
+
+Output::Output(bool json) : json_(json), document_(new Json{{"format_version", 1}}) {}
+Output::~Output() = default;
+
+void Output::print(std::string_view text) {
+    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size()) throw WriteFailed{errno};
+}
+
+void Output::flush() {
+    if (std::fflush(stdout) != 0) throw WriteFailed{errno};
+}
+
+std::size_t Output::width() { return terminal_size(STDOUT_FILENO).columns; }
+
+void Output::stream(Json document) {
+    streams_ = true;
+    print(dumped(document, -1));
+    flush();
+}
+
+void Output::fail(Failure failure) { failures_.push_back(std::move(failure)); }
+
+ExitStatus Output::finish() {
+    if (json_ && !streams_) {
+        // One error stands for all: those of single ports are at their places in the document as well.
+        if (!failures_.empty()) document()["error"] = to_json(failures_.front());
+        print(dumped(document(), 2));
+    }
+    flush();
+    if (!json_) {
+        const std::size_t columns =
+            is_terminal(STDERR_FILENO) ? terminal_size(STDERR_FILENO).columns : SIZE_MAX;
+        for (const Failure& failure : failures_) tell(wrapped(sentence(failure), columns, 4) + "\n");
+    }
+    if (!failures_.empty()) return failures_.front().exit_status;
+    return failed_ ? ExitStatus::failed : ExitStatus::done;
+}
+
+}  // namespace trelmctl

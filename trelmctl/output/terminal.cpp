@@ -1,0 +1,44 @@
+#include "terminal.h"
+
+#include <fmt/format.h>
+#include <langinfo.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <utility>
+
+#include "output.h"
+#include "text.h"
+
+namespace trelmctl {
+
+TerminalSize terminal_size(int fd) {
+    winsize window{};
+    TerminalSize size{SIZE_MAX, SIZE_MAX};
+    if (ioctl(fd, TIOCGWINSZ, &window) == 0 && window.ws_col > 0) size = {window.ws_col, window.ws_row};
+    if (const char* given = std::getenv("COLUMNS")) {
+        const auto columns = parse_number(given, UINT16_MAX);
+        if (columns && *columns > 0) size.columns = *columns;
+    }
+    return size;
+}
+
+bool is_terminal(int fd) { return isatty(fd) == 1; }
+
+bool utf8_locale() { return std::string_view(nl_langinfo(CODESET)) == "UTF-8"; }
+
+Progress::Progress() : visible_(is_terminal(STDERR_FILENO)) {}
+
+void Progress::say(std::string_view text) {
+    if (!visible_) return;
+    shown_ = true;
+    tell(fmt::format("\r\033[K{}", fitted(text, terminal_size(STDERR_FILENO).columns)));
+}
+
+void Progress::clear() {
+    if (std::exchange(shown_, false)) tell("\r\033[K");
+}
+
+}  // namespace trelmctl

@@ -1,0 +1,41 @@
+// terminal.h - what the tool knows of the terminal: how wide and high it is, which characters it has, and a
+// line that says what is being waited for.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+namespace trelmctl {
+
+struct TerminalSize {
+    std::size_t columns;
+    std::size_t lines;
+};
+
+// Of the terminal that a descriptor is; the largest numbers where it is none. The variable COLUMNS goes before
+// the terminal's own width.
+TerminalSize terminal_size(int fd);
+
+bool is_terminal(int fd);
+
+// Whether the terminal's character set has the line-drawing characters.
+bool utf8_locale();
+
+// A line on the terminal that says what is being waited for. It is gone when its owner is. Silent where standard
+// error is no terminal.
+class Progress {
+  public:
+    Progress();
+    ~Progress() { clear(); }
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+    void say(std::string_view text);
+    void clear();
+
+  private:
+    bool visible_;
+    bool shown_ = false;
+};
+
+}  // namespace trelmctl

@@ -1,0 +1,57 @@
+// text.h - how values of the records are written: names, addresses, sizes, and what a device says about
+// itself. Nothing that a device or driver sent reaches a terminal or a JSON document unescaped.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "trelm_mgmt.hpp"
+
+namespace trelmctl {
+
+// A field of a packed record by value: nothing may hold a reference to one.
+template <typename Number>
+constexpr Number number(Number field) {
+    return field;
+}
+
+// Control characters and bytes beyond ASCII as \xNN.
+std::string escaped(std::string_view bytes);
+
+// A fixed-width text field, trimmed and escaped.
+template <std::size_t Width>
+std::string field_text(const uint8_t (&field)[Width]) {
+    return escaped(trelm::text(field));
+}
+
+// Bytes in hexadecimal with a separator between them.
+std::string hex_bytes(const uint8_t* bytes, std::size_t count, std::string_view separator);
+
+// World-wide names and MAC addresses: colon-separated hexadecimal.
+template <std::size_t Width>
+std::string address(const uint8_t (&field)[Width]) {
+    return hex_bytes(field, Width, ":");
+}
+
+std::string hex32(uint32_t value);
+
+// A size in the largest binary unit that keeps it at 1 or more: "512 B", "1.5 GiB".
+std::string human_size(uint64_t bytes);
+
+// A LUN as people and the command line write it: small numbers in decimal, others, which name an addressing
+// method or several levels, in hexadecimal.
+std::string lun_text(uint64_t lun);
+
+std::optional<uint64_t> parse_number(std::string_view text, uint64_t most);
+std::optional<std::array<uint8_t, 8>> parse_wwn(std::string_view text);
+
+// A line, cut where it is longer than `columns`; a mark takes the place of what is missing.
+std::string fitted(std::string_view line, std::size_t columns);
+
+// A line broken at blanks where it is longer than `columns`; what follows a break is indented.
+std::string wrapped(std::string_view line, std::size_t columns, std::size_t indent);
+
+}  // namespace trelmctl
