@@ -8,7 +8,7 @@
 
 #include "exposition.h"
 #include "luns.h"
-#include "output.h"
+#include "terminal.h"
 #include "text.h"
 #include "words.h"
 
