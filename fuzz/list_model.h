@@ -7,8 +7,9 @@
 #include "trelm_dlist.h"
 
 struct Model {
-    std::vector<void*> items;
+    std::vector<void*> items{};
     size_t cursor = 0;
+    size_t data_size = 0;  // 0: not looked at
 
     void* at_cursor() const { return cursor < items.size() ? items[cursor] : nullptr; }
     void move(bool forward) { cursor = (cursor + (forward ? 1 : items.size())) % (items.size() + 1); }
@@ -29,7 +30,25 @@ struct Model {
         cursor = static_cast<size_t>(std::find_if(items.begin(), items.end(), matches) - items.begin());
         return at_cursor();
     }
+    void sort(auto is_less) {
+        if (items.size() < 2) return;
+        std::stable_sort(items.begin(), items.end(), is_less);
+        cursor = items.size() - 1;
+    }
+    // Two neighbouring runs, of which the last may be shorter. They need not be sorted.
+    void merge(size_t at, size_t run, auto is_less) {
+        const auto place = [&](size_t i) {
+            return items.begin() + static_cast<ptrdiff_t>(std::min(i, items.size()));
+        };
+        std::vector<void*> merged;
+        for (auto a = place(at), b = place(at + run); a != place(at + run) || b != place(at + 2 * run);) {
+            const bool takes_b = a == place(at + run) || (b != place(at + 2 * run) && is_less(*b, *a));
+            merged.push_back(takes_b ? *b++ : *a++);
+        }
+        std::copy(merged.begin(), merged.end(), place(at));
+    }
     void check(trelm_dlist* list) const {
+        REQUIRE(data_size == 0 || (list->data_size == data_size && list->del_func == free));
         REQUIRE(list->head == &list->headnode && !list->headnode.data && list->count == items.size());
         const trelm_dl_node* node = list->head;
         for (size_t i = 0; i < items.size(); ++i, node = node->next)

@@ -1,12 +1,10 @@
-// The list container. Rings of nodes are spliced with a few small helpers. The sort orders short runs in
-// arrays on the stack and merges them as chains. Which of two elements comes next decides addresses there,
-// not branches: nobody can foretell it, and a branch that goes the other way than expected costs more than a
-// comparison.
+// The list container. Rings of nodes are spliced with a few small helpers. The sort merges chains of nodes. Which of two
+// elements comes next decides addresses there, not branches: a processor cannot predict them, and a mispredicted branch
+// costs more than a comparison.
 
 #include "trelm_dlist.h"
 
 #include <cstdlib>
-#include <cstring>
 
 namespace {
 
@@ -14,7 +12,7 @@ bool is_element(const trelm_dlist* list, const trelm_dl_node* node) { return nod
 
 bool never_filled(const trelm_dlist* list) { return !list->head->next; }
 
-// That rings are closed, and hold no node that was freed, is more than the analyzer can see.
+// The analyzer cannot see that rings are closed and hold no freed node.
 void link(trelm_dl_node* before, trelm_dl_node* after) {
     before->next = after;
     after->prev = before;  // NOLINT(clang-analyzer-core.NullDereference)
@@ -244,121 +242,13 @@ void join(Chain& chain, Chain more) {
     }
 }
 
-// Runs up to this length are sorted in arrays on the stack, where a merge costs far less than among linked
-// nodes.
-constexpr size_t kRun = 1024;
-constexpr size_t kGroup = 4;  // what the first step puts in order
-
-struct Item {
-    void* data;
-    trelm_dl_node* node;
-};
-
-// Merges two sorted neighbours; ties take from the first.
-void merge_neighbours(const Item* a, const Item* middle, const Item* end, Item* out,
-                      trelm_dlist_compare compare) {
-    const Item* b = middle;
-    while (a != middle && b != end) {
-        const bool takes_a = compare(a->data, b->data) <= 0;
-        *out++ = *(takes_a ? a : b);
-        a += takes_a;
-        b += !takes_a;
-    }
-    memcpy(out, a, static_cast<size_t>(middle - a) * sizeof(Item));
-    memcpy(out + (middle - a), b, static_cast<size_t>(end - b) * sizeof(Item));
-}
-
-// The same for neighbours of equal length, from both ends at once, so that neither comparison waits for the
-// other. A comparison that contradicts itself lets the two ends disagree on what is left between them.
-void merge_equals(const Item* from, size_t width, Item* to, trelm_dlist_compare compare) {
-    const Item* a = from;
-    const Item* b = from + width;
-    const Item* a_last = b - 1;
-    const Item* b_last = b + width - 1;
-    Item* last = to + 2 * width - 1;
-    for (Item* out = to; out <= last; ++out, --last) {
-        const bool takes_a = compare(a->data, b->data) <= 0;
-        *out = *(takes_a ? a : b);
-        a += takes_a;
-        b += !takes_a;
-        const bool leaves_b = compare(a_last->data, b_last->data) > 0;
-        *last = *(leaves_b ? a_last : b_last);
-        a_last -= leaves_b;
-        b_last -= !leaves_b;
-    }
-    if (a != a_last + 1 || b != b_last + 1)
-        merge_neighbours(from, from + width, from + 2 * width, to, compare);
-}
-
-// Each pair in order, then the lesser ones and the greater ones against each other: that gives the first and
-// the last, and what is left are two.
-void sort_group(Item* items, trelm_dlist_compare compare) {
-    const auto exceeds = [compare](const Item& a, const Item& b) { return compare(a.data, b.data) > 0; };
-    const bool swaps_first = exceeds(items[0], items[1]);
-    const bool swaps_second = exceeds(items[2], items[3]);
-    const Item a[] = {items[swaps_first], items[!swaps_first]};
-    const Item b[] = {items[2 + swaps_second], items[2 + !swaps_second]};
-    const bool begins_with_b = exceeds(a[0], b[0]);
-    const bool ends_with_a = exceeds(a[1], b[1]);
-    const Item& earlier = begins_with_b ? a[0] : ends_with_a ? b[0] : a[1];
-    const Item& later = ends_with_a ? b[1] : begins_with_b ? a[1] : b[0];
-    const bool swaps_middle = exceeds(earlier, later);
-    items[0] = begins_with_b ? b[0] : a[0];
-    items[1] = swaps_middle ? later : earlier;
-    items[2] = swaps_middle ? earlier : later;
-    items[3] = ends_with_a ? a[1] : b[1];
-}
-
-// For what is left of a run when its groups are taken off.
-void insertion_sort(Item* items, size_t count, trelm_dlist_compare compare) {
-    for (size_t i = 1; i < count; ++i) {
-        const Item item = items[i];
-        size_t at = i;
-        for (; at && compare(items[at - 1].data, item.data) > 0; --at) items[at] = items[at - 1];
-        items[at] = item;
-    }
-}
-
-// Merges neighbouring runs of that width, from one array to the other.
-void merge_pass(const Item* from, Item* to, size_t count, size_t width, trelm_dlist_compare compare) {
-    size_t at = 0;
-    for (; at + 2 * width <= count; at += 2 * width) merge_equals(from + at, width, to + at, compare);
-    const size_t middle = at + width < count ? at + width : count;
-    merge_neighbours(from + at, from + middle, from + count, to + at, compare);
-}
-
-// Sorts the run and returns it linked in order.
-Chain sort_run(Chain run, trelm_dlist_compare compare) {
-    Item items[kRun];
-    Item spare[kRun];
-    size_t count = 0;
-    for (trelm_dl_node* node = run.first; node; node = node->next)
-        items[count++] = {node->data, node};  // NOLINT(clang-analyzer-unix.Malloc)
-    size_t grouped = 0;
-    for (; grouped + kGroup <= count; grouped += kGroup) sort_group(items + grouped, compare);
-    insertion_sort(items + grouped, count - grouped, compare);
-
-    Item* sorted = items;
-    Item* other = spare;
-    for (size_t width = kGroup; width < count; width *= 2) {
-        merge_pass(sorted, other, count, width, compare);
-        Item* const merged = other;
-        other = sorted;
-        sorted = merged;
-    }
-    for (size_t i = 0; i + 1 < count; ++i) link(sorted[i].node, sorted[i + 1].node);
-    sorted[count - 1].node->next = nullptr;
-    return {sorted[0].node, sorted[count - 1].node};
-}
-
-// Merges equal-sized neighbours as they arise, as one counts in binary, so that what is merged is still in
-// the cache.
-Chain sort_chain(Chain chain, uint64_t count, trelm_dlist_compare compare) {
-    if (count <= kRun) return sort_run(chain, compare);
+// Level n holds a run of 2^n elements or nothing, as in a binary counter. Neighbours of equal size are merged as they
+// arise, while they are still in the cache.
+Chain sort_chain(Chain chain, trelm_dlist_compare compare) {
     Chain levels[64];
     size_t highest = 0;
     while (chain.first) {
-        Chain run = sort_run(cut(chain, kRun), compare);
+        Chain run = cut(chain, 1);
         size_t level = 0;
         for (; level < highest && levels[level].first; ++level) {
             run = merge(levels[level], run, compare);
@@ -410,7 +300,7 @@ void trelm_dlist_sort_custom(trelm_dlist* list, trelm_dlist_compare compare) {
     trelm_dlist* temporary = trelm_dlist_new_with_delete(list->data_size, list->del_func);
     if (!temporary) return;
     uint64_t count = list->count;
-    append(temporary, sort_chain(detach(list), count, compare), count);
+    append(temporary, sort_chain(detach(list), compare), count);
     take_over(list, temporary);
     trelm_dlist_destroy(temporary);
 }

@@ -74,7 +74,7 @@ TRELM_API void* trelm_dlist_find_custom(trelm_dlist* list, void* target, trelm_d
 TRELM_API void trelm_dlist_transform(trelm_dlist* list, trelm_dlist_operation node_operation);
 TRELM_API void _trelm_dlist_swap(trelm_dlist* list, trelm_dl_node* a, trelm_dl_node* b);
 
-// Stable; takes 33 KiB of stack. Left unsorted when the temporary list cannot be had.
+// Stable. Left unsorted when the temporary list cannot be had.
 TRELM_API void trelm_dlist_sort_custom(trelm_dlist* list, trelm_dlist_compare compare);
 // Releases the elements for which filter returns 0, then sorts the rest.
 TRELM_API void trelm_dlist_filter_sort(trelm_dlist* list, trelm_dlist_filter filter,
