@@ -1,10 +1,12 @@
 // dbg_test.cpp - the debug log: what is written, in which form, and where to.
 // That each waits for its turn is a test's of the semaphores.
+#include <fcntl.h>
 #include <sys/sem.h>
 
 #include <fstream>
 
 #include "support/child.h"
+#include "support/failing_allocation.h"
 #include "support/log_capture.h"
 
 namespace {
@@ -12,20 +14,23 @@ tm local_time{0, 0, 2, 5, 10, 119, 0, 0, -1, 0, nullptr};
 time_t what_time_it_is = mktime(&local_time);
 }  // namespace
 
+static std::vector<std::string> synced;  // the log file as each sync() found it
+
+constexpr char kLogFile[] = "/var/tmp/libtrelm.log";  // of the simulated host
+
+static std::string contents(const char* path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
 extern "C" [[gnu::visibility("default")]] time_t time(time_t* out) noexcept {
     return out ? *out = what_time_it_is : what_time_it_is;
 }
+extern "C" [[gnu::visibility("default")]] void sync() noexcept { synced.push_back(contents(kLogFile)); }
 
 namespace {
 
 using namespace trelm::test;
-
-constexpr char kLogFile[] = "/var/tmp/libtrelm.log";  // of the simulated host
-
-std::string contents(const char* path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 void print_line(const std::string& text) { trelm_dbg_print(nullptr, text.c_str(), 0, 0, 1); }
 
@@ -83,6 +88,7 @@ TEST_F(Log, StampsLinesOfTheFileWithTheLocalTimeAndAppendsThem) {
     set_debug_flags(1);  // lines reach the file and the terminal without any category
     trelm_dbg_print("func", "(", 1, 10, 0);
     print_line("): entered.");
+    EXPECT_THAT(synced, ElementsAre("older\nNov 05 02:00:00: ")) << "the stamp is on disk before the line";
     EXPECT_EQ(std::string(trelmlog_path, 257), kLogFile + std::string(256 - strlen(kLogFile), '\0') + '\x7F');
     const uint8_t byte = 5;
     trelm_dbg_dump("title", &byte, 12, 0);
@@ -97,8 +103,29 @@ TEST_F(Log, StampsLinesOfTheFileWithTheLocalTimeAndAppendsThem) {
     print_line("lost");
     what_time_it_is = mktime(&local_time);
     strcpy(trelmlog_path, "/tmp/own.log");  // as a host program may
-    print_line("here");
+    umask(0);
+    trelm_dbg_print(nullptr, "he", 0, 0, 2);
+    print_line("re");
     EXPECT_EQ(contents("/tmp/own.log"), "Nov 05 02:00:00: here\n");
+    EXPECT_EQ(std::filesystem::status("/tmp/own.log").permissions(),
+              static_cast<std::filesystem::perms>(0666));
+}
+
+TEST_F(Log, LeavesInPiecesOf251CharactersAndWithoutMemoryNotAtAll) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_DIRECT | O_CLOEXEC), 0);  // one read gives what one write wrote
+    set_debug_flags(kErrorLines);
+    dup2(ends[1], 2);
+    print_line(std::string(300, 'y'));
+    {
+        const FailingAllocation fail(256);
+        print_line("lost");
+    }
+    print_line("end");
+    std::vector<ssize_t> pieces;
+    for (char piece[1000]; pieces.empty() || pieces.back() != 4;)
+        pieces.push_back(read(ends[0], piece, sizeof piece));
+    EXPECT_THAT(pieces, ElementsAre(251, 50, 4));
 }
 
 TEST_F(Log, GoesOnWithoutFileOrSemaphoreAndLeavesErrnoAlone) {

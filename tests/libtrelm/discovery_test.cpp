@@ -157,30 +157,9 @@ TEST_P(Discovery, FollowsACountThatIsNonsenseOnlySoFar) {
     };
     expect_found(native ? 1 : 256);
     EXPECT_EQ(calls_of(host(), Operation::hostno).back().port, 65535U);
-}
-
-TEST_P(Discovery, EndsWhereItsDriverCannotBeAsked) {
-    const std::string own = name("find_all_instances: "), none = own + "hba count failed.";
-    const std::string count = "trelm_get_hba_count: Get HBA Count ioctl ";
-    const std::vector<std::pair<hostsim::Fault, Lines>> native_rows{
-        {fault(Operation::init, {.status = 7}), {own + "vmk init failed. rc=7"}},
-        {fault(Operation::hba_count, {.status = 3}), {own + "get hba count failed."}}};
-    const std::vector<std::pair<hostsim::Fault, Lines>> legacy_rows{
-        {fault(Operation::open, {.error = ENOENT}),
-         {"trelm_charnode_exist: file open failed.", own + "not found: /dev/char/vmkdriver/dorfc"}},
-        {fault(Operation::open, {.error = EBUSY}, 2), {own + "char device open error."}},
-        {fault(Operation::hba_count, {.status = 1}), {count + "failed, ioctl_status=1", none}},
-        {fault(Operation::hba_count, {.error = EIO}), {count + "function failed, errno=5", none}}};
-    for (const auto& [failure, said] : native ? native_rows : legacy_rows) {
-        hostsim::Model model = hostsim::hosts::ports(GetParam(), 1);
-        model.faults.push_back(failure);
-        start(model);
-        LogCapture log(kErrorLines);
-        EXPECT_EQ(discover(), 1U);
-        EXPECT_EQ(counter, kBefore);
-        EXPECT_EQ(log.take(), said);
-        EXPECT_EQ(trelm_priv_database, nullptr);
-    }
+    if (!native) return;  // link-state files take time
+    start(hostsim::hosts::ports(GetParam(), 300));
+    expect_found(300);
 }
 
 TEST_P(Discovery, SkipsPortsWithoutHostNumberAndTheNativeDriversThoseWithoutInformation) {
@@ -202,6 +181,9 @@ TEST(LegacyDiscovery, KeepsPortsThatDoNotTellEverything) {
                     fault(Operation::pci_info, {.error = EIO}, 3)};
     Loaded library(hostsim::hosts::empty());
     library.host.model() = model;
+    library.host.tamper = [](Answer& answer) {  // what comes with a failure is not used
+        if (answer.status == 42) std::fill(answer.payload.begin(), answer.payload.end(), 'x');
+    };
     LogCapture log(kErrorLines);
     EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
     const std::string own = "trelm_find_all_instances", at = own + "\\([0-9A-F]+h?\\): get ";

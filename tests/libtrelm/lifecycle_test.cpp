@@ -1,9 +1,18 @@
 // From load to free: the order of discovery, who may load, what every call answers and says in each state,
 // which driver serves a port, and that nothing is left behind.
+#include <sys/utsname.h>
+
 #include "support/port_calls.h"
 #include "support/stand_before.h"
 
 static bool opens_fail_silently = false;  // without an error number
+
+static bool uname_fails = false;
+
+STANDS_BEFORE(int, uname, (utsname * names)) {
+    const int result = NEXT_OF(uname)(names);
+    return uname_fails ? -1 : result;
+}
 
 STANDS_BEFORE(int, open, (const char* path, int flags, mode_t mode)) {
     const int fd = NEXT_OF(open)(path, flags, mode);
@@ -90,6 +99,14 @@ TEST(Load, WantsRootOnAnEsxiHost) {
     }
 }
 
+TEST(Load, WantsToBeToldTheSystem) {
+    const hostsim::Host host(hostsim::hosts::kron_ports(1));
+    uname_fails = true;
+    EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_FAILED);
+    EXPECT_EQ(trelm_os_type, 2);
+    uname_fails = false;
+}
+
 TEST(Load, WithoutASharedDatabaseFindsNothing) {
     const hostsim::Host host(hostsim::hosts::kron_ports(1));
     std::filesystem::create_directories(host.root() / "tmp/trelm_shared.dat");
@@ -104,77 +121,45 @@ TEST(Load, WithoutASharedDatabaseFindsNothing) {
 using Lifecycle = OnEachDriver;
 TRELM_ON_EACH_DRIVER(Lifecycle);
 
-TEST_P(Lifecycle, EveryCallSaysWhatItDoesInEachState) {
-    const bool legacy = GetParam() == DriverKind::legacy;
-    const std::string open = "TRELM_OpenAdapter", close = "TRELM_CloseAdapter", own = transport(GetParam());
-    const std::string count = "TRELM_GetPortCount: ", look_up = "trelm_get_pdb_from_user_handle: ";
-    const std::string invalid = "invalid parameter.", no_pdb = "get pdb failed.";
-    const std::string exit = legacy ? "exiting, rval=0" : "exiting.";
-    TRELM_FreeLibrary();
-    LogCapture log;
-    uint32_t handle = 4711, ports = 0;
-    log.take();
-    EXPECT_EQ(TRELM_GetPortCount(nullptr), TRELM_STATUS_FAILED);
-    EXPECT_EQ(TRELM_OpenAdapter(0, nullptr), TRELM_STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(TRELM_OpenAdapter(0, &handle), TRELM_STATUS_FAILED);
-    EXPECT_EQ(TRELM_CloseAdapter(1), TRELM_STATUS_FAILED);
-    EXPECT_EQ(log.take(),
-              lines(count, {"entered.", "no adapters found."}) +
-                  lines(open + "(0): ", {"entered.", invalid, "entered.", "no adapters found."}) +
-                  lines("", {close + "(1): entered.", look_up + "no memory allocated for api_priv_data",
-                             close + "(1): " + no_pdb}));
-    TRELM_LoadLibrary();
-    log.take();
-    EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
-    EXPECT_EQ(TRELM_GetPortCount(nullptr), TRELM_STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(TRELM_GetPortCount(&ports), TRELM_STATUS_OK);
-    EXPECT_EQ(ports, 2U);
-    EXPECT_EQ(TRELM_OpenAdapter(2, nullptr), TRELM_STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(TRELM_OpenAdapter(2, &handle), TRELM_STATUS_INVALID_INSTANCE);
-    EXPECT_EQ(TRELM_CloseAdapter(0), TRELM_STATUS_FAILED);
-    EXPECT_EQ(handle, 4711U);
-    EXPECT_EQ(log.take(),
-              lines("TRELM_LoadLibrary: ", {"entered.", "already loaded."}) +
-                  lines(count, {"entered.", invalid, "entered.", "exiting. cnt=2"}) +
-                  lines(open + "(2): ", {"entered.", invalid, "entered.", "pdb not found, exiting"}) +
-                  lines("", {close + "(0): entered.", look_up + "invalid handle", close + "(0): " + no_pdb}));
-    open_port(1);
-    EXPECT_EQ(TRELM_CloseAdapter(2), TRELM_STATUS_OK);
-    EXPECT_EQ(TRELM_CloseAdapter(2), TRELM_STATUS_FAILED);
-    EXPECT_EQ(log.take(),
-              lines("", {open + "(1): entered.", own + "open_adapter: entered."}) +
-                  lines(own, legacy ? Lines{"open_adapter(1): opened adapter instance."} : Lines{}) +
-                  lines("", {own + "open_adapter: " + exit, open + "(1): exiting, Return Handle=2 rval=0",
-                             close + "(2): entered.", own + "close_adapter(2): entered.",
-                             own + "close_adapter(0): " + exit, close + "(2): exiting, rval=0"}) +
-                  lines(close + "(2): ", {"entered.", no_pdb}));
-    open_port();
-    const std::string node = std::to_string(registry().at(0)->hw_info->oshandle);
-    log.take();
-    EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
-    const Lines freeing = lines("", {"TRELM_FreeLibrary: entered.", "trelm_unload_lib: entered.",
-                                     "trelm_unload_lib: lib inst=0 going to call cleanup_hbas.",
-                                     "trelm_cleanup_hbas: entered. lib inst=0"});
-    EXPECT_EQ(log.take_of({"TRELM_FreeLibrary", "trelm_unload_lib", "trelm_cleanup_hbas"}),
-              freeing + lines("trelm_cleanup_hbas: closing handle=", legacy ? Lines{node} : Lines{}) +
-                  lines("", {"trelm_cleanup_hbas: lib inst=0 exiting.",
-                             "trelm_unload_lib: lib inst 0 going to call close_database.",
-                             "trelm_unload_lib: exiting, rval=0", "TRELM_FreeLibrary: exiting."}));
-    EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
-    EXPECT_EQ(log.take(),
-              freeing + lines("", {"trelm_cleanup_hbas: api_priv_data not found, exiting",
-                                   "trelm_unload_lib: inst 0 db not opened. exiting.",
-                                   "trelm_free_all_pdb_mem: no memory allocated for api_priv_data.",
-                                   "trelm_free_all_hw_info_mem: no memory allocated for api_phy_info.",
-                                   "TRELM_FreeLibrary: exiting."}));
+TEST_P(Lifecycle, ReadsTheDebugFlagsAtLoadsAndOpensAlone) {
+    uint32_t handle = 0, count = 0;
+    const std::pair<const char*, std::function<void()>> calls[] = {
+        {"4", [&] { TRELM_GetPortCount(&count); }},
+        {"10", [&] { TRELM_LoadLibrary(); }},
+        {"20", [&] { TRELM_OpenAdapter(0, &handle); }},
+        {"40", [&] { TRELM_CloseAdapter(handle); }},
+        {"80", [&] { TRELM_FreeLibrary(); }}};
+    std::vector<uint32_t> flags;
+    for (const auto& [value, call] : calls) {
+        setenv("TRELM_API_DEBUG", value, 1);
+        call();
+        flags.push_back(trelm_debug);
+    }
+    EXPECT_THAT(flags, ElementsAre(0, 0x10, 0x20, 0x20, 0x20));
 }
 
-// A thousand loads in all.
+TEST_P(Lifecycle, WithoutTheDatabaseNothingIsLoadedAndCleaningUpClosesEveryPort) {
+    const auto fildes = std::exchange(trelm_shm_fildes, -1);
+    uint32_t count = 4711;
+    EXPECT_EQ(TRELM_GetPortCount(&count), TRELM_STATUS_FAILED);
+    EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_FAILED);
+    EXPECT_EQ(count, 4711U);
+    trelm_shm_fildes = fildes;
+    for (const uint32_t instance : {0U, 1U, 1U}) open_port(instance);
+    trelm_cleanup_hbas();
+    for (const trelm_priv_db* pdb : registry()) {
+        const trelm_hw_info& hw = *pdb->hw_info;
+        EXPECT_EQ(hw.oshandle, -1);
+        EXPECT_EQ(hw.apihandle + hw.open_cnt, 0U);
+        EXPECT_STREQ(hw.phys_path, "");
+    }
+}
+
 TEST_P(Lifecycle, ManyLoadsAndOpensInAnyOrderKeepTheirCountsAndLeaveNoDescriptorBehind) {
     TRELM_FreeLibrary();
     const size_t unloaded = open_descriptors();
     std::mt19937 random(20);
-    for (int round = 0; round < 340; ++round) {
+    for (int round = 0; round < 30; ++round) {
         ASSERT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
         const size_t loaded = open_descriptors();
         std::array<uint32_t, 2> opens{};
@@ -209,9 +194,12 @@ TEST(LegacyPort, WhoseNodeCannotBeOpenedOrClosedGivesTheSystemsError) {
     EXPECT_EQ(TRELM_OpenAdapter(1, &handle), TRELM_STATUS_FAILED);
     EXPECT_EQ(handle, 0U);
     open_port(1);
+    const int node = registry().at(1)->hw_info->oshandle;
+    EXPECT_EQ(fcntl(node, F_GETFL) & O_ACCMODE, O_RDWR);
+    EXPECT_EQ(fcntl(node, F_GETFD), FD_CLOEXEC);
     library.host.inject(fault(Operation::close, {.error = EIO}));
     EXPECT_EQ(TRELM_CloseAdapter(2), uint32_t{EIO});
-    put_back(registry().at(1)->hw_info->oshandle);
+    put_back(node);
     EXPECT_EQ(TRELM_CloseAdapter(2), TRELM_STATUS_OK) << "what could not be closed stays open";
 }
 

@@ -65,6 +65,14 @@ TEST_F(LinkStateFiles, NameAPortReadyOverThreeLinesInOrder) {
     for (const std::string& other : {at("none"), at("file"), at(std::string(5000, 'p'))})
         EXPECT_EQ(trelm_read_directory(other.c_str(), nullptr, &count), 1U);
     EXPECT_EQ(count, 4711U);
+    std::filesystem::remove(at("file"));
+    for (const auto& [files, listed] : {std::pair{100, 101U}, {130, 128U}}) {
+        put(".hidden");
+        for (int i = 0; i < files; ++i) put("file" + std::to_string(i));
+        char names[128][32];
+        EXPECT_EQ(trelm_read_directory(directory.c_str(), names, &count), 0U);
+        EXPECT_EQ(count, listed);
+    }
     pdb.port_state = 8;
     trelm_get_dorfc_link_state(&pdb);
     EXPECT_EQ(pdb.port_state, 4U) << "without the driver's directory the link is down";

@@ -86,6 +86,11 @@ TEST_F(Registry, SaysSoWhereThereIsNoListOrNoMemoryForIt) {
                             "trelm_alloc_hw_info_mem: failed."));
 }
 
+TEST_F(Registry, KeepsAddressesAsNumbers) {
+    EXPECT_EQ(trelm_ptr_to_64bit(&host), reinterpret_cast<uintptr_t>(&host));
+    EXPECT_EQ(trelm_64bit_to_ptr(trelm_ptr_to_64bit(&host)), &host);
+}
+
 TEST_F(Registry, KnowsQuadPortAdaptersByAllFourIds) {
     constexpr std::tuple<int, int, int> ids[] = {{0x1077, 0x8080, 0x1077}, {0x1077, 0x8080, 0x193D},
                                                  {0x1078, 0x8080, 0x1077}, {0x1077, 0x8081, 0x1077},

@@ -14,7 +14,8 @@
 
 namespace {
 std::set<std::string_view> failing_calls;  // each fails once
-}
+int flushes = 0;                           // of the whole file, waited for
+}  // namespace
 
 #define FAILING(type, name, parameters, arguments, failure)                                     \
     extern "C" [[gnu::visibility("default")]] type name parameters {                            \
@@ -23,6 +24,12 @@ std::set<std::string_view> failing_calls;  // each fails once
         errno = EIO;                                                                            \
         return failure;                                                                         \
     }
+
+extern "C" [[gnu::visibility("default")]] int msync(void* at, size_t size, int flags) {
+    static const auto next = reinterpret_cast<int (*)(void*, size_t, int)>(dlsym(RTLD_NEXT, "msync"));
+    flushes += at == trelm_shared_data && size == sizeof(trelm_shared_db) && flags == MS_SYNC;
+    return next(at, size, flags);
+}
 
 FAILING(int, fsync, (int fd), (fd), -1)
 FAILING(int, remove, (const char* path), (path), -1)
@@ -115,6 +122,7 @@ TEST_F(SharedDatabase, IsCreatedByTheFirstProcessJoinedByOthersAndRemovedByTheLa
         ElementsAre("entered.", "got trelm_db_sem_id=" + to_string(the_set()), "before accessing shared db.",
                     "libi=0", "libinst_flags=0", "assigned api_lib_instance=0",
                     "trelm_shm_fildes=" + to_string(trelm_shm_fildes), "exiting. inst=0"));
+    EXPECT_EQ(flushes, 1);
     EXPECT_EQ(fcntl(trelm_shm_fildes, F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(fs::status(kFile).permissions(), static_cast<fs::perms>(0644));
     EXPECT_TRUE(contents() == marks({5}) + std::string(kSize - 4, '\0'));
@@ -139,10 +147,16 @@ TEST_F(SharedDatabase, IsCreatedByTheFirstProcessJoinedByOthersAndRemovedByTheLa
         ElementsAre("inst=0, going to clean up shared mem.", "inst=0, this is not last instance. load_inst=2",
                     "inst=0, going to free up api instance.", "delete_sem=0", "keeping semaphore.",
                     "close db file.", "keeping shared db file.", "exiting, ret=0"));
+    EXPECT_EQ(flushes, 2);
     EXPECT_EQ(contents().substr(0, 12), marks({0, 5, 0}));
     EXPECT_EQ(semctl(the_set(), 0, GETVAL), 1);
     EXPECT_THAT(close(), ElementsAre("keeping shared db file.", "exiting, ret=0")) << "closed already";
     EXPECT_EQ(open_anew(), 0) << "the slot that came free";
+    semctl(the_set(), 0, IPC_RMID);
+    close();
+    EXPECT_EQ(contents().substr(0, 12), marks({0, 5, 0})) << "a set that is gone is made anew";
+    EXPECT_EQ(semctl(the_set(), 0, GETVAL), 1);
+    EXPECT_EQ(open_anew(), 0);
     second.kill_and_wait();
     set_listing(2);
     EXPECT_THAT(close(),

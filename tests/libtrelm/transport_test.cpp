@@ -152,6 +152,17 @@ TEST(LegacyNode, IsACharacterDeviceThatTakesBlocksOfRequests) {
         EXPECT_EQ(log.take(), lines("trelm_charnode_exist: ", {"entered.", line}));
     }
     EXPECT_EQ(open_descriptors(), before);
+    Guarded<dorfc_ioctl> block;
+    trelm_priv_db pdb{};
+    pdb.drvr_inst = 0x12345;
+    EXPECT_EQ(trelm_setup_ioctl_struct(0xABCD, &pdb, &pdb, block.get()), 0U);
+    EXPECT_EQ(contents(block),
+              Bytes(64)
+                  .text(0, "DORFC", 8)
+                  .put(20, reinterpret_cast<uint64_t>(&pdb))
+                  .put(Field{8, 2, 2}, Field{10, 2, 1}, Field{12, 2, 0xABCD}, Field{18, 2, 0x2345})
+                  .all());
+    EXPECT_EQ(trelm_setup_ioctl_struct(0, nullptr, nullptr, nullptr), 1U);
 }
 
 }  // namespace

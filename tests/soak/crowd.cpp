@@ -97,6 +97,7 @@ void check_reset() {
 
 // The process has just taken its slot.
 void check_slot() {
+    ++crowd->slots_checked;
     struct stat status {};
     if (stat(kSharedFile, &status) != 0 || status.st_size != kFileSize)
         fail("the shared file had {} bytes", status.st_size);

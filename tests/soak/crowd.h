@@ -31,6 +31,7 @@ struct Crowd {
     std::atomic<uint64_t> rounds;            // of load, work and free
     std::atomic<uint64_t> killed_inside;     // processes that were killed in the region
     std::atomic<uint64_t> resets;            // of all slots, because none was free
+    std::atomic<uint64_t> slots_checked;     // just after they were taken
     std::atomic<int64_t> killed_at;     // when the last was killed in the region; 0: someone entered since
     std::atomic<int64_t> longest_wait;  // from such a kill to the next entry, in nanoseconds
     std::atomic<uint64_t> failures;

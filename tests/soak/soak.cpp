@@ -72,6 +72,8 @@ class Soak {
 
     // Whether all was well.
     bool report(unsigned abuses) const {
+        if (crowd->slots_checked < crowd->rounds)
+            fail("{} slots were checked in {} rounds", crowd->slots_checked.load(), crowd->rounds.load());
         fmt::print(
             "soaked {} processes in {} crowds: {} kills survived ({} with the guard), {} rounds, {} slot "
             "resets, {} log lines, longest wait after a kill {} ms, {} abuses, {} failures\n",
