@@ -1,6 +1,6 @@
-// host.cpp - the host of this process. One lock guards it: driver calls are short, and a kernel too would
-// serve one request of a port after the other. It may be taken again by a test's own hands in the middle of
-// an answer.
+// host.cpp - the host of this process. One lock guards it: driver calls are short, and a kernel too serves
+// the requests of a port one by one. The lock is recursive, because a test may change the host while it
+// answers.
 #include "host.h"
 
 #include <pthread.h>
@@ -16,6 +16,7 @@
 
 #include "host_file.h"
 #include "host_file_watch.h"
+#include "keep_errno.h"
 #include "legacy_node.h"
 #include "management_api.h"
 #include "own_calls.h"
@@ -27,7 +28,7 @@ namespace hostsim {
 
 class Host::Core {
   public:
-    // A host of this process alone.
+    // A host of this process and its forks.
     Core(Model model, std::unique_ptr<State> own)
         : owned(std::move(own)),
           state(*owned),
@@ -39,7 +40,8 @@ class Host::Core {
           watch(std::move(file)),
           drivers(watch->read(), state, launched_stores(state), false) {}
 
-    // The host's processes share what LUNs hold, and a root that is kept keeps it, whatever the file says.
+    // All contents lie in files, whatever the host file says of `backing`: the processes of the host share
+    // them, and a kept root preserves them.
     static LunStores launched_stores(const State& launched) {
         const std::string directory = launched.root() + layout::kLuns;
         return {directory, directory};
@@ -62,20 +64,22 @@ namespace {
 
 std::atomic<Host*> active_host{nullptr};
 
-// A child of fork has only the thread that forked: no other may be inside the host at that moment.
+// The lock to hold while the process forks, so that no other thread is inside the host then.
 std::recursive_mutex* forking = nullptr;
 
-// Runs `work` as the host, with the model as its file says now. A call that works leaves errno alone.
+// Runs `work` with the lock held and the model as the file says now.
 template <typename Core, typename Work>
 auto as_host(Core& core, const Work& work) {
     const OwnCalls own_calls;
-    const int saved = errno;
     const std::lock_guard lock(core.mutex);
-    core.follow_file();
-    errno = saved;
+    {
+        const KeepErrno keep;
+        core.follow_file();
+    }
     return work();
 }
 
+// As a system call: 0 with errno unchanged, or -1 and errno.
 template <typename Core, typename Work>
 int answer(Core& core, const Work& work) noexcept {
     try {
@@ -114,7 +118,7 @@ Host::Host(std::unique_ptr<Core> core) : core_(std::move(core)) {
         [] {
             if (forking) forking->unlock();
         },
-        // The child's thread has another id than the one that took the lock, so it cannot give it back.
+        // The child's thread has another id than the one that locked it, so it cannot unlock it.
         [] {
             if (forking) new (forking) std::recursive_mutex;
         });
@@ -144,8 +148,8 @@ Host::~Host() {
     core_.reset();
 }
 
-// A host that the launcher started lives as long as the process. The state is there before main; a state
-// without a host file is one that a test's host is making.
+// The launcher's host lives as long as the process. Its State exists before main. A State without a host file
+// belongs to a test's host that is being constructed.
 Host* Host::current() noexcept {
     if (Host* const host = active_host) return host;
     State* const state = State::current();

@@ -1,6 +1,6 @@
-// host.h - the host that a process runs on. A test makes one and it is there until the object goes; a process
-// that the launcher started is on the launcher's host. The interposers ask Host::current() for everything
-// that libc or the management interface would have asked the real host.
+// host.h - the simulated host of a process. A test constructs one, and the process runs on it until it is
+// destroyed. A process that the launcher started is on the launcher's host. The interposed functions get from
+// Host::current() what libc and the management interface would get from a real host.
 #pragma once
 
 #include <sys/utsname.h>
@@ -30,22 +30,22 @@ enum class NodeKind : uint8_t { missing, device, regular_file };
 
 class HOSTSIM_API Host {
   public:
-    // The process runs on this host until the object goes. One at a time; HostError for a model with a
+    // The process runs on this host while the object lives. One at a time. HostError if the model has a
     // mistake.
     Host(Model model);
-    static Host from_json(std::string_view json);  // a host file's text
+    static Host from_json(std::string_view json);  // text of a host file
     static Host from_file(const std::filesystem::path& path);
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;
     ~Host();
 
-    // The host of this process, null where there is none. In a process that the launcher started the first
-    // call reads the host file.
+    // The host of this process, null if there is none. In a process that the launcher started the first call
+    // reads the host file.
     static Host* current() noexcept;
 
     // ---- For tests
 
-    Model& model();                                      // may be edited between driver calls
+    Model& model();                                      // may be changed between driver calls
     void edit(const std::function<void(Model&)>& edit);  // while other threads make driver calls
     std::vector<Call> calls() const;
     size_t count_calls(Operation operation) const;
@@ -60,7 +60,7 @@ class HOSTSIM_API Host {
     void fill_utsname(utsname* name) const noexcept;
     uint32_t effective_user() const noexcept;
     NodeKind legacy_node() const noexcept;
-    // The errno of a fault injected into opening or closing the legacy node, 0 for none. Counts an
+    // The errno of a fault that is injected into open or close of the legacy node, 0 for none. Counts as an
     // occurrence.
     int node_fault(Operation open_or_close) noexcept;
     int legacy_request(unsigned long number, void* block) noexcept;  // as ioctl: 0, or -1 and errno

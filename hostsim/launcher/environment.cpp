@@ -23,7 +23,7 @@ bool can_be_listed(const std::string& path) {
     return path.find_first_of(kPreloadSeparators) == std::string::npos;
 }
 
-// A path by which the dynamic linker finds the preload object.
+// A path of the preload object that LD_PRELOAD can hold.
 std::string preload_object(const Root& root) {
     const std::string object = preload_path();
     if (object.empty())
@@ -36,8 +36,7 @@ std::string preload_object(const Root& root) {
         throw std::runtime_error(link +
                                  ": the dynamic linker preloads no object with a space in its path, "
                                  "and the simulator's own has one too; give a --root without");
-    root.files().remove_file(layout::kPreload);
-    root.files().make_link(layout::kPreload, object);
+    root.files().replace_link(layout::kPreload, layout::kDraft, object);
     return link;
 }
 
@@ -53,7 +52,7 @@ std::string search_path(const Root& root) {
     std::vector<std::string> directories{root.path().string() + layout::kCommands};
     for (std::string& directory : machines_search_path()) directories.push_back(std::move(directory));
     if (directories.size() == 1) directories.insert(directories.end(), {"/usr/bin", "/bin"});
-    // What lies beside the launcher, the tool above all, is found without its path.
+    // trelmctl and other programs beside the launcher are found by name.
     const std::string own = launcher_path().parent_path().string();
     if (std::find(directories.begin(), directories.end(), own) == directories.end())
         directories.push_back(own);
@@ -100,9 +99,9 @@ std::vector<std::string> environment_for(const Root& root, const PassedDirectori
     environment.set("PATH", search_path(root));
     environment.set(kRootVariable, root.path().string());
     environment.set(kPassedVariable, join(passed.directories(), "\n"));
-    // A directory of the machine's that the host does not have.
+    // The directory does not exist on the host.
     if (is_hidden(std::string(variable("TMPDIR")))) environment.remove("TMPDIR");
-    // Programs that know nothing of the sanitizer leave memory to the system.
+    // Programs that were not built with the sanitizer do not free everything.
     if (std::strlen(HOSTSIM_SANITIZER_RUNTIMES) > 0 && variable("ASAN_OPTIONS").empty())
         environment.set("ASAN_OPTIONS", "detect_leaks=0");
     return std::move(environment).entries();

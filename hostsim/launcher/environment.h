@@ -10,14 +10,15 @@
 
 namespace hostsim {
 
-// The value of a variable of this process, empty where it is not set.
+// The value of an environment variable, empty if it is not set.
 std::string_view variable(const char* name);
 
-// The directories of PATH but those of simulated hosts.
+// The directories of PATH, without those of simulated hosts.
 std::vector<std::string> machines_search_path();
 
-// "NAME=value" for each variable of this process, with those of the host. Makes a link in the root where the
-// preload object's own path cannot be told to the dynamic linker. std::runtime_error where nothing helps.
+// This process's environment with the host's variables, as "NAME=value". Creates a link in the root if
+// LD_PRELOAD cannot hold the preload object's own path. std::runtime_error if it cannot hold the link's path
+// either.
 std::vector<std::string> environment_for(const Root& root, const PassedDirectories& passed);
 
 }  // namespace hostsim

@@ -1,5 +1,5 @@
-// exit_status.h - what `trelm-hostsim run` ends with where it is not the command's own status. A script can tell
-// these from most commands' statuses; env and timeout use the same.
+// exit_status.h - exit statuses of `trelm-hostsim run` that are not the command's own. They are those of env
+// and timeout, which scripts know to tell from a command's.
 #pragma once
 
 namespace hostsim {

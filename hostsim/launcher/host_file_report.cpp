@@ -10,7 +10,7 @@ namespace hostsim {
 
 HostFileReport::HostFileReport(std::filesystem::path file) : file_(std::move(file)) {}
 
-// A version is judged when it was there twice: an editor may still have been writing the first time.
+// Judges a version when it was seen twice: at the first look an editor may still be writing.
 void HostFileReport::look() noexcept {
     const Stamp now = stamp();
     const bool settled = now == seen_;

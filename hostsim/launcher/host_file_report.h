@@ -1,5 +1,5 @@
-// host_file_report.h - tells the person who edits the file of a running host that the host does not follow it
-// any more, and when it does again.
+// host_file_report.h - reports a mistake that an edit puts into the file of a running host, and its
+// correction.
 #pragma once
 
 #include <sys/types.h>
@@ -12,15 +12,15 @@ namespace hostsim {
 
 class HostFileReport {
   public:
-    // To be made before the file is read for the first time.
+    // Construct it before the file is read for the first time.
     explicit HostFileReport(std::filesystem::path file);
 
-    // To be called a few times a second. Says on standard error when the file breaks and when it is sound
-    // again, each once.
+    // Call it a few times a second. Writes to standard error once when the file breaks, and once when it is
+    // sound again.
     void look() noexcept;
 
   private:
-    // What tells one version of a file from another without reading it; nothing where there is no file.
+    // Identifies a version of the file without reading it; empty if there is no file.
     using Stamp = std::optional<std::tuple<dev_t, ino_t, off_t, time_t, long>>;
     Stamp stamp() const noexcept;
 

@@ -34,7 +34,7 @@ std::string process_name(pid_t process) {
 }  // namespace
 
 fs::path listed_root() {
-    // By what path the program was started, before any symbolic link was followed.
+    // The path that the program was started by, with symbolic links unresolved.
     const auto* started_as = reinterpret_cast<const char*>(getauxval(AT_EXECFN));
     const fs::path path = started_as == nullptr ? "" : started_as;
     if (path.filename() == "lsof" && path.parent_path().filename() == "bin") {

@@ -1,5 +1,5 @@
-// listing.h - the host's process listing, which programs call as lsof: two lines for each process of the host
-// that has libtrelm.so mapped, one for its text and one for its data, as that host's own shows them.
+// listing.h - the host's process listing, which programs call as lsof. Like the real host's, it has two lines
+// for each process that maps libtrelm.so: one for its text, one for its data.
 #pragma once
 
 #include <filesystem>
@@ -7,8 +7,7 @@
 
 namespace hostsim {
 
-// Where the host lies whose command this program was started as ("ROOT/.hostsim/bin/lsof"); empty where it is
-// none's.
+// The root of the host whose lsof this program was started as; empty if there is none.
 std::filesystem::path listed_root();
 
 void list_processes(const std::filesystem::path& root, std::ostream& out);

@@ -1,5 +1,5 @@
-// main.cpp - trelm-hostsim: runs programs on a simulated host, and tells whether host files are sound. Called
-// as lsof by the programs of a host it is that host's process listing.
+// main.cpp - the command line of trelm-hostsim. Programs of a host call it as lsof; then it prints the host's
+// process listing.
 #include <fmt/format.h>
 #include <fmt/ostream.h>
 
@@ -28,17 +28,19 @@ namespace fs = std::filesystem;
 
 constexpr char kRunFooter[] =
     R"(The command and all its children see the host's drivers, name, user, process listing and semaphores, and
-files of its own under /tmp and /var/tmp. What they need of the machine there stays visible: the directory
-they are started in, those of the host file and of paths on the command line, and the command itself. Other
-files that lie directly in /tmp or /var/tmp are the host's. Several commands may run on one --root at the same
-time. A command that is statically linked or changes its user cannot be reached and is refused.
+the host's own /tmp and /var/tmp. These directories of the machine stay visible even below /tmp and /var/tmp:
+the working directory, those of the host file and of paths on the command line, and those in PATH.
+
+Several commands may run on one --root at the same time. A command that is statically linked or set-user-ID
+would run on the machine itself and is refused. A mistake that an edit puts into HOST.json is reported once; the
+host stays as it was.
 
 Exit status: the command's, or 128 and the number of the signal that ended it; 127 the command was not found,
-126 it cannot be executed, 125 trelm-hostsim itself failed or was called wrongly.)";
+126 it cannot be executed, 125 trelm-hostsim itself failed.)";
 
 constexpr char kCleanFooter[] =
-    R"(Whoever starts a host has the directory for temporary files cleaned first. A host that is killed together
-with its command leaves files there and semaphore sets until then. A host that runs is left alone.)";
+    R"(A host that is killed together with its command leaves files in the directory for temporary files, and
+semaphore sets. This command removes them, as the next start of a host does. Running hosts are left alone.)";
 
 constexpr int kFailed = 1;
 constexpr int kUsage = 2;
@@ -107,7 +109,7 @@ int clean(const std::vector<std::string>& roots) {
     return result;
 }
 
-// `run` ends with a status that a script can tell from the command's.
+// Failures of run have a status that a script can tell from the command's.
 int run_command(const hostsim::RunOptions& options) {
     try {
         return hostsim::run(options);
@@ -127,7 +129,7 @@ int list_as_lsof() {
     return 0;
 }
 
-// The command stands behind "--" and is not ours to read.
+// What follows "--" is the command and is not parsed here.
 std::vector<std::string> take_command(int& argc, char** argv) {
     char** const end =
         std::find_if(argv, argv + argc, [](const char* text) { return std::strcmp(text, "--") == 0; });
@@ -149,7 +151,7 @@ int dispatch(int argc, char** argv) {
     CLI::App* run = app.add_subcommand("run",
                                        "Run a command on the host that a file describes:\n  trelm-hostsim "
                                        "run HOST.json [--root DIR] -- COMMAND [ARGUMENT]...");
-    run->add_option("HOST.json", options.host_file, "The host file; edits show in the running host")
+    run->add_option("HOST.json", options.host_file, "The host file; the running host follows edits")
         ->required();
     const auto is_named = [](const std::string& value) {
         return value.empty() ? std::string("a directory is needed") : std::string();
@@ -159,24 +161,23 @@ int dispatch(int argc, char** argv) {
         "Keep the host's files (its /tmp, /var/tmp and LUNs) in this directory, which must be "
         "new, empty or an earlier --root; without it they go at the end");
     has_root->type_name("DIR")->check(is_named);
-    run->add_flag("--force", options.force, "Run also a command that the host cannot reach");
+    run->add_flag("--force", options.force, "Run a command even if it would run on the machine itself");
     run->footer(kRunFooter);
 
     std::vector<std::string> files;
-    CLI::App* checking = app.add_subcommand("check", "Say whether host files are sound");
+    CLI::App* checking = app.add_subcommand("check", "Check host files");
     checking->add_option("HOST.json", files, "Host files")->required();
 
     std::vector<std::string> roots;
-    CLI::App* cleaning = app.add_subcommand("clean", "Remove what hosts left whose processes were killed");
-    cleaning->add_option("--root", roots, "Clean here, too: a directory that was given to run")
+    CLI::App* cleaning = app.add_subcommand("clean", "Remove what killed hosts left");
+    cleaning->add_option("--root", roots, "Also clean this directory, which was given to run")
         ->type_name("DIR")
         ->check(is_named);
     cleaning->footer(kCleanFooter);
 
     std::string file;
     CLI::App* making = app.add_subcommand("new", "Write a commented host file to start from");
-    making->add_option("FILE", file,
-                       "The file to make, never one that is there; without it, standard output");
+    making->add_option("FILE", file, "The file to create; it must not exist. Default: standard output");
 
     try {
         app.parse(argc, argv);

@@ -15,7 +15,7 @@
 namespace hostsim {
 namespace {
 
-constexpr int kMostInterpreters = 5;  // the kernel follows no more
+constexpr int kMostInterpreters = 5;  // the limit of the kernel
 
 bool is_program(const std::string& path) {
     struct stat status {};
@@ -52,7 +52,7 @@ bool is_of_own_kind(const ElfW(Ehdr) & header) {
     return !own || (own->e_ident[EI_CLASS] == header.e_ident[EI_CLASS] && own->e_machine == header.e_machine);
 }
 
-// The dynamic linker preloads nothing from outside into a program that gets rights which its caller lacks.
+// In secure-execution mode the dynamic linker ignores LD_PRELOAD.
 bool gains_rights(int file) {
     struct stat status {};
     if (fstat(file, &status) != 0) return false;
@@ -62,7 +62,7 @@ bool gains_rights(int file) {
     return getuid() != 0 && fgetxattr(file, "security.capability", nullptr, 0) > 0;
 }
 
-// What a script names in its first line; the shell where a file is neither a program nor says.
+// The interpreter in the first line of a script. execvp runs other texts with the shell.
 std::string interpreter(int file) {
     char text[256]{};
     if (pread(file, text, sizeof text - 1, 0) < 2 || text[0] != '#' || text[1] != '!') return "/bin/sh";

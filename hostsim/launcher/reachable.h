@@ -1,5 +1,5 @@
-// reachable.h - whether the preload object gets into a program. Into one that it does not, the simulated host
-// does not get either: the program would work on the machine itself.
+// reachable.h - whether the dynamic linker preloads the simulator into a program. Without it the program
+// would run on the machine itself.
 #pragma once
 
 #include <optional>
@@ -8,8 +8,8 @@
 
 namespace hostsim {
 
-// Why `command`, looked for in the directories of `search_path` as execvp does, cannot be reached. Nothing where
-// it can be, or where there is no such program.
+// Why the simulator is not preloaded into `command`, which is looked up in `search_path` as execvp does.
+// Empty if it is, or if the program is not found.
 std::optional<std::string> why_unreachable(const std::string& command, std::string_view search_path);
 
 }  // namespace hostsim

@@ -1,5 +1,6 @@
 #include "run.h"
 
+#include <csignal>
 #include <iostream>
 #include <system_error>
 
@@ -20,7 +21,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// What the command needs of the machine: where it is started, what it is given, and the simulator itself.
+// The working directory, what the command line names, and the simulator itself.
 PassedDirectories passed_directories(const RunOptions& options) {
     PassedDirectories passed;
     passed.add_working_directory();
@@ -36,12 +37,12 @@ PassedDirectories passed_directories(const RunOptions& options) {
     return passed;
 }
 
-// The steps to a passed directory are there too, so that a program which walks there finds a way.
+// Creates the parents of passed directories in the root, for programs that walk a path step by step.
 void make_steps(const OwnDirectory& root, const PassedDirectories& passed) {
     for (const std::string& directory : passed.directories()) try {
             root.make_directory(fs::path(directory).parent_path().string());
         } catch (const std::exception&) {
-            // Something else of the host's is there.
+            // A file of the host has that name.
         }
 }
 
@@ -49,6 +50,8 @@ void make_steps(const OwnDirectory& root, const PassedDirectories& passed) {
 
 int run(const RunOptions& given) {
     require_proc();
+    // Writing beyond a file-size limit is then a failure like others.
+    const auto at_size_limit = std::signal(SIGXFSZ, SIG_IGN);
     RunOptions options = given;
     HostFileReport report(options.host_file);
     read_host_file(options.host_file);
@@ -66,10 +69,10 @@ int run(const RunOptions& given) {
     const std::unique_ptr<Root> root = options.root ? Root::open(*options.root) : Root::make_temporary();
     root->enter(options.host_file);
     make_steps(root->files(), passed);
-    const Command command{options.command, environment_for(*root, passed)};
+    const Program program{options.command, environment_for(*root, passed), at_size_limit};
     const auto kept = root->descriptors();
     const int status = supervise(
-        command, kept, [&] { root->leave(); }, [&] { report.look(); });
+        program, kept, [&] { root->leave(); }, [&] { report.look(); });
     root->hand_over();
     return status;
 }

@@ -10,13 +10,13 @@ namespace hostsim {
 
 struct RunOptions {
     std::filesystem::path host_file;
-    std::optional<std::filesystem::path> root;  // none: a directory for temporary files, gone at the end
-    bool force = false;                         // also a command that the host cannot reach
+    std::optional<std::filesystem::path> root;  // none: a temporary one
+    bool force = false;                         // run a command that the simulator does not reach
     std::vector<std::string> command;
 };
 
-// The exit status of the command, or one of exit_status.h. Throws, with nothing started, where the host cannot be
-// had.
+// Returns the exit status of the command, or one of exit_status.h. Throws before starting anything if the
+// host cannot be created.
 int run(const RunOptions& options);
 
 }  // namespace hostsim

@@ -25,10 +25,10 @@ constexpr int kLookEvery = 200;  // milliseconds
 constexpr std::initializer_list<int> kForwarded{SIGHUP,  SIGINT,  SIGQUIT, SIGTERM,
                                                 SIGUSR1, SIGUSR2, SIGALRM, SIGWINCH};
 
-// What the janitor tells the launcher, in this order: that the command runs, and how it ended.
+// The janitor sends two: when the command has started, and when it has ended.
 struct Notice {
     pid_t command;
-    int status;  // of the end
+    int status;  // as waitpid returns it
 };
 
 [[noreturn]] void fail(const char* what) { throw std::system_error(errno, std::generic_category(), what); }
@@ -59,11 +59,12 @@ std::vector<char*> pointers(const std::vector<std::string>& texts) {
 
 // ---- The command
 
-[[noreturn]] void become(const Command& command, const sigset_t& mask) {
-    const std::vector<char*> arguments = pointers(command.arguments);
-    const std::vector<char*> environment = pointers(command.environment);
+[[noreturn]] void become(const Program& program, const sigset_t& mask) {
+    const std::vector<char*> arguments = pointers(program.arguments);
+    const std::vector<char*> environment = pointers(program.environment);
     sigprocmask(SIG_SETMASK, &mask, nullptr);
-    // The variables are the command's from here on, PATH with the host's own commands among them.
+    std::signal(SIGXFSZ, program.at_size_limit);
+    // execvp searches the command's PATH, which has the host's own commands.
     environ = const_cast<char**>(environment.data());
     execvp(arguments[0], arguments.data());
     const int error = errno;
@@ -74,7 +75,7 @@ std::vector<char*> pointers(const std::vector<std::string>& texts) {
 
 // ---- The janitor
 
-// Whoever reads what the launcher was started to write must not wait for the janitor.
+// Closes the standard streams: a reader of the launcher's output must not wait for the janitor.
 void let_go(std::span<const int> kept) {
     const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
     for (const int fd : {0, 1, 2}) dup2(null, fd);
@@ -86,15 +87,14 @@ void let_go(std::span<const int> kept) {
         first = static_cast<unsigned>(fd) + 1;
     }
     close_range(first, ~0u, 0);
-    if (chdir("/") != 0) return;  // a directory that cannot be left is only kept busy
+    if (chdir("/") != 0) return;  // then the directory stays busy, which does no harm
 }
 
 void tell(int pipe, const Notice& notice) {
-    uninterrupted(
-        [&] { return write(pipe, &notice, sizeof notice); });  // a launcher that is gone needs no notice
+    uninterrupted([&] { return write(pipe, &notice, sizeof notice); });  // fails if the launcher has ended
 }
 
-// Ends with the last process of the command, children of children that went on alone included.
+// Waits for every process of the command, orphans included.
 [[noreturn]] void watch(pid_t command, int pipe, const std::function<void()>& at_end) {
     Notice notice{command, 0};
     tell(pipe, notice);
@@ -117,7 +117,7 @@ void tell(int pipe, const Notice& notice) {
     _exit(0);
 }
 
-[[noreturn]] void be_janitor(const Command& command, const sigset_t& mask, std::vector<int> kept, int pipe,
+[[noreturn]] void be_janitor(const Program& program, const sigset_t& mask, std::vector<int> kept, int pipe,
                              const std::function<void()>& at_end) {
     sigset_t all;
     sigfillset(&all);
@@ -125,7 +125,7 @@ void tell(int pipe, const Notice& notice) {
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     std::fflush(nullptr);
     const pid_t child = fork();
-    if (child == 0) become(command, mask);
+    if (child == 0) become(program, mask);
     kept.push_back(pipe);
     let_go(kept);
     if (child > 0) watch(child, pipe, at_end);
@@ -135,7 +135,7 @@ void tell(int pipe, const Notice& notice) {
 
 // ---- The launcher
 
-// A signal from a terminal has reached the command already: it goes to all processes in the foreground.
+// The kernel sends a signal from the terminal to all foreground processes, so the command has it already.
 void forward(int signals, pid_t command) {
     signalfd_siginfo info{};
     if (read(signals, &info, sizeof info) != sizeof info || info.ssi_code == SI_KERNEL) return;
@@ -169,9 +169,9 @@ int await(int pipe, int signals, const std::function<void()>& look) {
 
 }  // namespace
 
-int supervise(const Command& command, std::span<const int> kept, const std::function<void()>& at_end,
+int supervise(const Program& program, std::span<const int> kept, const std::function<void()>& at_end,
               const std::function<void()>& look) {
-    std::signal(SIGCHLD, SIG_DFL);  // where a parent ignores it, a child's status is lost
+    std::signal(SIGCHLD, SIG_DFL);  // a parent may have ignored it, and then waitpid returns no status
     sigset_t before;
     const sigset_t forwarded = forwarded_signals();
     sigprocmask(SIG_BLOCK, &forwarded, &before);
@@ -182,7 +182,7 @@ int supervise(const Command& command, std::span<const int> kept, const std::func
     std::fflush(nullptr);
     const pid_t janitor = fork();
     if (janitor < 0) fail("fork");
-    if (janitor == 0) be_janitor(command, before, {kept.begin(), kept.end()}, ends[1], at_end);
+    if (janitor == 0) be_janitor(program, before, {kept.begin(), kept.end()}, ends[1], at_end);
     close(ends[1]);
     return await(ends[0], signals, look);
 }

@@ -19,14 +19,14 @@ Host* serving_host() noexcept {
 Path::Path(const char* path) noexcept : path_(path) {
     const State* state = serving_state();
     if (state == nullptr) return;
-    place_ = map_path(path, state->root(), state->passed(), mapped_);
-    if (place_ == Place::machine) return;
+    kind_ = map_path(path, state->root(), state->passed(), mapped_);
+    if (kind_ == PathKind::machine) return;
     path_ = mapped_;
-    if (place_ != Place::files) refresh_driver_files(place_);
+    if (kind_ != PathKind::files) refresh_driver_files(kind_);
 }
 
 Look::Look(const char* path) noexcept : Path(path) {
-    if (place_ != Place::node) return;
+    if (kind_ != PathKind::node) return;
     const Host* host = serving_host();
     const OwnCalls own;
     device_ = host != nullptr && host->legacy_node() == NodeKind::device;
@@ -36,7 +36,7 @@ Look::Look(const char* path) noexcept : Path(path) {
 Template::Template(char* text) noexcept : text_(text) {
     const State* state = serving_state();
     is_mapped_ =
-        state != nullptr && map_path(text, state->root(), state->passed(), mapped_) != Place::machine;
+        state != nullptr && map_path(text, state->root(), state->passed(), mapped_) != PathKind::machine;
 }
 
 Template::~Template() {

@@ -1,5 +1,5 @@
-// arguments.h - wrappers for the path arguments of interposed functions. Each lives until the call that it is
-// an argument of has returned, leaves errno alone, and costs nothing but a test while no host is active.
+// arguments.h - wrappers for the path arguments of interposed functions. Each lives until the call returns,
+// preserves errno, and costs one test while no host is active.
 #pragma once
 
 #include "host.h"
@@ -8,13 +8,11 @@
 
 namespace hostsim {
 
-// The host of this process for a call by its program: null where none is active and for the simulator's own
-// calls.
+// The host of this process; null if none is active, and for the simulator's own calls.
 State* serving_state() noexcept;
 Host* serving_host() noexcept;
 
-// A path of the program's, redirected where it is the host's. Files that are made from the model are made
-// anew first.
+// A path argument, redirected if it belongs to the host. Files that show the model are refreshed first.
 class Path {
   public:
     explicit Path(const char* path) noexcept;
@@ -22,16 +20,16 @@ class Path {
     Path& operator=(const Path&) = delete;
 
     operator const char*() const { return path_; }
-    Place place() const { return place_; }
+    PathKind kind() const { return kind_; }
 
   protected:
     const char* path_;
-    Place place_ = Place::machine;
+    PathKind kind_ = PathKind::machine;
     PathBuffer mapped_;
 };
 
-// As Path, for calls that only look at a file or open it: the legacy driver's node is then a character
-// device. Calls that change the file reach a file of the root instead, never a device of the machine.
+// A Path for calls that open a file or read its attributes: they find a character device at the legacy
+// driver's node. Calls that change the file reach a file of the root, never a device of the machine.
 class Look : public Path {
   public:
     explicit Look(const char* path) noexcept;
@@ -41,7 +39,7 @@ class Look : public Path {
     bool device_ = false;
 };
 
-// A name template, of which libc fills in the last part: what it wrote goes back to the program's own text.
+// A name template, redirected. What libc writes into its last component is copied to the program's text.
 class Template {
   public:
     explicit Template(char* text) noexcept;
@@ -57,7 +55,7 @@ class Template {
     PathBuffer mapped_;
 };
 
-// Turns a path that libc reports into the one that the host's programs know, in place.
+// Replaces a path that libc returns with the one that programs of the host use, in place.
 void show_path(char* path) noexcept;
 
 }  // namespace hostsim

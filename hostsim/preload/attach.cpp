@@ -21,7 +21,7 @@ namespace {
 
 constexpr int kCannotAttach = 125;
 
-// Never destroyed: programs start others and use files until their very end.
+// Never destroyed: programs use files and start others until they exit.
 constinit std::atomic<const HostVariables*> variables = nullptr;
 
 std::string value(const char* name) {
@@ -38,25 +38,24 @@ const HostVariables* read_variables() {
     return result;
 }
 
-// The launcher and the listing are the machine's, wherever they are called: a launcher starts a host of its
-// own.
+// The launcher, which is also the listing, always runs on the machine: it starts a host of its own.
 bool is_simulators_own() {
     std::error_code error;
     return std::filesystem::equivalent("/proc/self/exe", launcher_path(), error);
 }
 
-// Before main, so that the process counts as one of the host's from its start.
+// Before main: the process belongs to the host from its start.
 [[gnu::constructor]] void attach_to_launched_host() {
     const OwnCalls own;
     const std::string root = value(kRootVariable);
     if (root.empty() || is_simulators_own()) return;
     try {
-        // For as long as the process lives.
+        // Released: it lives as long as the process.
         [[maybe_unused]] const State* const state =
             State::attach(root, split(value(kPassedVariable), "\n")).release();
         variables.store(read_variables());
     } catch (const std::exception& error) {
-        // To go on would be to work on the machine's own files.
+        // The process must not go on: it would use the machine's own files.
         std::fprintf(stderr,
                      "trelm-hostsim: this process was started on the simulated host at %s, which has ended "
                      "(%s); start it "

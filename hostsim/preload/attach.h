@@ -1,5 +1,4 @@
-// attach.h - how a process that the launcher started, or a child of one, comes onto its host and its children
-// stay there.
+// attach.h - attaches a process that the launcher started, or a descendant of one, to its host.
 #pragma once
 
 #include <array>
@@ -8,17 +7,17 @@
 
 namespace hostsim {
 
-// The environment variables that take a process onto the host, as "NAME=value". The first names preloaded
-// objects, of which a program may have more than the simulator's.
+// The environment variables that attach a process to the host, as "NAME=value". The first is LD_PRELOAD,
+// which may list objects of the program too.
 struct HostVariables {
     std::array<std::string, 3> entries;
-    std::string preload;  // the simulator's own part of the first
+    std::string preload;  // the value of LD_PRELOAD at the start
 };
 
-// Those of this process; null where no launcher's host is active.
+// Those of this process; null if it is not attached to a launcher's host.
 const HostVariables* host_variables() noexcept;
 
-// Puts back the variables that the program removed.
+// Sets those variables again that the program has removed.
 void restore_environment() noexcept;
 
 }  // namespace hostsim

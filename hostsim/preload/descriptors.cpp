@@ -1,7 +1,6 @@
-// descriptors.cpp - opening files, and the descriptors of the legacy driver's node. Such a descriptor is a
-// real one of a character device, so that everything that takes a descriptor finds what it expects; only
-// requests to it and its closing go to the model. Which descriptors these are is remembered by number,
-// follows dup, and survives a fork.
+// descriptors.cpp - opening files, and descriptors of the legacy driver's node. Such a descriptor is a real
+// one of another character device, so that every call on a descriptor works; only ioctl and close go to the
+// model. A set of numbers tells which descriptors these are. It follows dup and survives fork.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -37,7 +36,7 @@ class NodeDescriptors {
     void assign(int fd, bool is_node) noexcept { is_node ? insert(fd) : erase(fd); }
 
   private:
-    static constexpr unsigned kLimit = 1u << 20;  // the kernel's own default bound on descriptors
+    static constexpr unsigned kLimit = 1u << 20;  // the kernel's default limit (fs.nr_open)
 
     static bool in_range(int fd) { return fd >= 0 && static_cast<unsigned>(fd) < kLimit; }
     static uint64_t bit(int fd) { return uint64_t{1} << (fd % 64); }
@@ -48,8 +47,8 @@ class NodeDescriptors {
 };
 constinit NodeDescriptors node_descriptors;
 
-// The host whose node `fd` is. A number may have been closed by means that are not interposed and be in use
-// for another file.
+// The host whose node `fd` is, else null. The number may have been closed without a call that is interposed,
+// and be in use for another file.
 Host* host_of_node(int fd) noexcept {
     if (!node_descriptors.contains(fd)) return nullptr;
     const OwnCalls own;
@@ -69,7 +68,7 @@ int injected_error(Host* host, Operation operation) noexcept {
 int descriptor(int fd) { return fd; }
 int descriptor(FILE* file) { return file == nullptr ? -1 : fileno(file); }
 
-// Opens `path` by `next` (which gets it redirected); failing opens of the node as the model says.
+// Opens `path`, redirected, with `next`. Opening the node fails if the model says so.
 template <typename Opened, typename Call>
 Opened open_by(const char* path, Opened failed, const Call& next) noexcept {
     const Look look(path);

@@ -27,18 +27,18 @@ void refresh_node(const std::string& root, NodeKind kind) {
         files.remove_file(layout::kLegacyNode);
 }
 
-// What this process last found to be as it should. Whoever puts another file there changes the directory.
-struct Found {
+// The files that this process last found up to date. Adding or removing a file changes the directory's time.
+struct LinkStates {
     fs::path directory;
     std::vector<LinkStateFile> files;
     fs::file_time_type changed;
 
-    bool operator==(const Found&) const = default;
+    bool operator==(const LinkStates&) const = default;
 };
-std::mutex found_mutex;
-Found found;
+std::mutex current_mutex;
+LinkStates current;
 
-// Whether anything had to be changed.
+// Returns true if anything had to be changed.
 bool replace_link_states(const OwnDirectory& root, const std::vector<LinkStateFile>& files) {
     const std::string directory = std::string(layout::kLinkStates) + "/";
     bool changed = false;
@@ -55,7 +55,7 @@ bool replace_link_states(const OwnDirectory& root, const std::vector<LinkStateFi
     return changed;
 }
 
-// A program reads many of these files in a row: a port is looked for in all of them.
+// Called often: to find a port, a program reads all of these files.
 void refresh_link_states(const std::string& root, const std::vector<LinkStateFile>& files) {
     const fs::path directory = root + layout::kLinkStates;
     const bool is_there = fs::exists(fs::symlink_status(directory));
@@ -67,29 +67,29 @@ void refresh_link_states(const std::string& root, const std::vector<LinkStateFil
         return;
     }
     if (!is_there) OwnDirectory(root).make_directory(layout::kLinkStates);
-    // Not waited for: a child forked while another thread is here would find it locked for ever.
-    const std::unique_lock lock(found_mutex, std::try_to_lock);
-    Found now{directory, files, fs::last_write_time(directory)};
-    if (lock && found == now) return;
-    if (!replace_link_states(OwnDirectory(root), files) && lock) found = std::move(now);
+    // try_to_lock: in a child forked while another thread holds the lock it would never be released.
+    const std::unique_lock lock(current_mutex, std::try_to_lock);
+    LinkStates now{directory, files, fs::last_write_time(directory)};
+    if (lock && current == now) return;
+    if (!replace_link_states(OwnDirectory(root), files) && lock) current = std::move(now);
 }
 
 }  // namespace
 
-void refresh_driver_files(Place place) noexcept {
+void refresh_driver_files(PathKind kind) noexcept {
     Host* host = serving_host();
     if (host == nullptr) return;
     const OwnCalls own;
     const KeepErrno keep;
     try {
         const std::string& root = host->state().root();
-        if (place == Place::link_states)
+        if (kind == PathKind::link_states)
             refresh_link_states(root, host->link_state_files());
         else
             refresh_node(root, host->legacy_node());
     } catch (const std::exception&) {
-        // The root cannot be written, or another process did the same meanwhile: the program sees what is
-        // there.
+        // The root cannot be written, or another process does the same. The program gets the files as they
+        // are.
     }
 }
 

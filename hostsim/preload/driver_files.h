@@ -1,13 +1,13 @@
-// driver_files.h - the files that the legacy driver shows, laid out below the host's root as the model has
-// them at the moment: its node's directory and its link-state files.
+// driver_files.h - the files of the legacy driver below the host's root, as the model has them at the moment:
+// the node and the link-state files.
 #pragma once
 
 #include "path_map.h"
 
 namespace hostsim {
 
-// Brings the files of `place` up to date. Readers of the old ones keep them: a changed file takes the other's
-// place.
-void refresh_driver_files(Place place) noexcept;
+// Brings the files of this kind up to date. A changed file is replaced, so that readers of the old one keep
+// it.
+void refresh_driver_files(PathKind kind) noexcept;
 
 }  // namespace hostsim

@@ -1,6 +1,6 @@
-// exec.cpp - starting programs. A path of the host's is redirected, and the new program stays on the host
-// even where the environment made for it leaves the host's variables out. Between fork and exec a program may
-// hold no memory lock, so everything here lives on the stack.
+// exec.cpp - starting programs. Paths are redirected, and the new program stays on the host even if the
+// environment that it gets lacks the host's variables. Between fork and exec the allocator's lock may be
+// held, so everything here lives on the stack.
 #include <alloca.h>
 #include <spawn.h>
 #include <unistd.h>
@@ -21,7 +21,7 @@ size_t count(char* const* list) noexcept {
     return n;
 }
 
-// Where `list` sets the variable of `entry`; null where it does not.
+// Points at the variable of `entry` in `list`; null if it is not set there.
 char* const* find(char* const* list, const std::string& entry) noexcept {
     const size_t name = entry.find('=') + 1;
     for (; list != nullptr && *list != nullptr; ++list)
@@ -29,7 +29,7 @@ char* const* find(char* const* list, const std::string& entry) noexcept {
     return nullptr;
 }
 
-// Calls `call` with the environment `list`, to which the variables of the host that it lacks are added.
+// Calls `call` with the environment `list` and those of the host's variables that it lacks.
 template <typename Call>
 int with_environment(char* const* list, const Call& call) noexcept {
     const HostVariables* host = serving_state() == nullptr ? nullptr : host_variables();
@@ -42,7 +42,7 @@ int with_environment(char* const* list, const Call& call) noexcept {
         if (find(list, entry) == nullptr) extended[next++] = const_cast<char*>(entry.c_str());
     extended[next] = nullptr;
 
-    // A preload list that the program made itself gets the simulator's objects in front.
+    // The simulator's objects come first in a preload list of the program's own.
     const std::string& preload = host->entries.front();
     if (char* const* at = find(list, preload);
         at != nullptr && std::strstr(*at, host->preload.c_str()) == nullptr) {
@@ -65,7 +65,7 @@ INTERPOSED(int, execve, (const char* path, Arguments arguments, Arguments variab
     return with_environment(variables,
                             [&](Arguments list) { return NEXT(execve)(Path(path), arguments, list); });
 }
-// A name without a slash is no path and is looked for by libc.
+// libc looks up a name without a slash; it is no path and is not redirected.
 INTERPOSED(int, execvpe, (const char* name, Arguments arguments, Arguments variables)) {
     return with_environment(variables,
                             [&](Arguments list) { return NEXT(execvpe)(Path(name), arguments, list); });
@@ -99,9 +99,9 @@ INTERPOSED(int, posix_spawnp,
     });
 }
 
-// ---- Arguments one by one: the last is a null pointer, in execle followed by the environment
+// ---- Variadic forms: a null pointer ends the arguments; in execle the environment follows
 
-// Calls `call` with the arguments as an array, and with `list` at what follows them.
+// Calls `call` with the arguments as an array. Afterwards `list` is at what follows them.
 template <typename Call>
 static int with_listed(const char* first, va_list list, const Call& call) noexcept {
     va_list counted;

@@ -1,4 +1,5 @@
-// file_status.cpp - the calls that tell what a file is and whose, in every variant of libc.
+// file_status.cpp - the stat family in every variant of libc. What the user who runs the host owns is shown
+// as the host's user's.
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -23,7 +24,7 @@ static int owned(int result, Status* status) noexcept {
     return result;
 }
 
-// `arguments` come in parentheses of their own.
+// `arguments` are in parentheses of their own.
 #define INTERPOSE_STATUS(name, parameters, arguments) \
     INTERPOSED(int, name, parameters) { return owned(NEXT(name) arguments, status); }
 
@@ -40,7 +41,7 @@ INTERPOSE_STATUS(fstatat64, (int dir, const char* path, Stat64* status, int flag
 INTERPOSE_STATUS(statx, (int dir, const char* path, int flags, unsigned mask, Statx* status),
                  (dir, Look(path), flags, mask, status))
 
-// ---- What programs call that were built with an older libc, whose calls say by `version` what record they have
+// ---- For programs that were built with an older libc; `version` says which record they use
 
 INTERPOSE_STATUS(__xstat, (int version, const char* path, Stat* status), (version, Look(path), status))
 INTERPOSE_STATUS(__xstat64, (int version, const char* path, Stat64* status), (version, Look(path), status))

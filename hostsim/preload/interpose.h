@@ -1,10 +1,10 @@
-// interpose.h - how one function of libc is stood in for. INTERPOSE(result, name, parameters, arguments)
-// defines the function and passes the call on to the next definition in the process with the arguments as
-// written: an argument wrapped in Path reaches it redirected into the simulated host's root. A function with
-// more to do than that is defined with INTERPOSED and passes its call on through NEXT.
+// interpose.h - defines functions that come before libc's. INTERPOSE(result, name, parameters, arguments)
+// passes the call on to the next definition in the process with the arguments as written: one wrapped in Path
+// is redirected into the simulated host's root. A function that does more is defined with INTERPOSED and
+// calls the next one through NEXT.
 //
-// The functions carry C++ names of their own and libc's only for the linker: libc's headers declare theirs
-// with attributes (not-null above all), macros and redirections that are not true of a stand-in.
+// Only the linker sees libc's names. In C++ the functions have names of their own, because libc's headers
+// declare theirs with attributes (non-null above all), macros and redirections that do not hold here.
 #pragma once
 
 #include <dlfcn.h>
@@ -18,7 +18,7 @@
 
 namespace hostsim {
 
-// The definition that would have been used without this one; looked up with the first call.
+// The definition that would be used without this one, looked up at the first call.
 template <typename Function>
 class Next;
 
@@ -41,7 +41,7 @@ class Next<Result(Parameters...)> {
         return found;
     }
 
-    // A newer function than this machine's libc has.
+    // libc of this machine lacks the function.
     static Result missing() {
         errno = ENOSYS;
         if constexpr (std::is_pointer_v<Result>)
@@ -63,6 +63,6 @@ class Next<Result(Parameters...)> {
 
 #define NEXT(name) next_##name
 
-// `arguments` come in parentheses of their own.
+// `arguments` are in parentheses of their own.
 #define INTERPOSE(result, name, parameters, arguments) /* NOLINTNEXTLINE(bugprone-macro-parentheses) */ \
     INTERPOSED(result, name, parameters) { return NEXT(name) arguments; }

@@ -1,4 +1,4 @@
-// management_library.cpp - the functions of libvmkmgmt.so, answered by the simulated host of the process.
+// management_library.cpp - the functions of libvmkmgmt.so, answered by the host of this process.
 #include <cerrno>
 #include <cstdarg>
 
@@ -7,7 +7,7 @@
 
 namespace {
 
-// As vmk_MgmtUserInit fails: with the error number, which errno has too.
+// vmk_MgmtUserInit returns the error number and sets errno.
 int refuse(int error) {
     errno = error;
     return error;
@@ -30,8 +30,7 @@ HOSTSIM_API int vmk_MgmtUserCallbackInvokeInt(vmk_MgmtUserHandle handle, uint64_
         errno = ENOENT;
         return -1;
     }
-    // No callback of any driver takes more than one parameter: of a larger count the first tells all that is
-    // needed.
+    // No driver has a callback with more than one parameter. With a larger count only the first is looked at.
     va_list arguments;
     va_start(arguments, parmCount);
     void* const first = parmCount > 0 ? va_arg(arguments, void*) : nullptr;

@@ -1,12 +1,12 @@
-// ownership.h - who owns what on a simulated host. All that the user has who runs the host belongs to the host's
-// user, so that a program which checks an owner against its own identity finds them equal.
+// ownership.h - owners of files and semaphore sets on a simulated host. What the user who runs the host owns
+// is shown as the host's user's, so that owner and geteuid agree.
 #pragma once
 
 #include <sys/types.h>
 
 namespace hostsim {
 
-// Turns the owner that the kernel reports into the one that the host shows, in place. Leaves errno alone.
+// Replaces the owner that the kernel returned with the one that the host shows. Preserves errno.
 void show_owner(uid_t& user, gid_t& group) noexcept;
 
 }  // namespace hostsim

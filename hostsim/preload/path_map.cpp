@@ -11,20 +11,21 @@ namespace {
 
 struct Redirected {
     std::string_view directory;
-    Place place;
+    PathKind kind;
 };
 constexpr std::array<Redirected, 4> kRedirected{{
-    {layout::kTmp, Place::files},
-    {layout::kVarTmp, Place::files},
-    {layout::kLinkStates, Place::link_states},
-    {layout::kNodeDirectory, Place::nodes},
+    {layout::kTmp, PathKind::files},
+    {layout::kVarTmp, PathKind::files},
+    {layout::kLinkStates, PathKind::link_states},
+    {layout::kNodeDirectory, PathKind::nodes},
 }};
 
 bool is_below(std::string_view path, std::string_view directory) {
     return path.starts_with(directory) && (path.size() == directory.size() || path[directory.size()] == '/');
 }
 
-// Writes the absolute `path` without empty, "." and ".." components. 0 when it does not fit, else its length.
+// Writes the absolute `path` without empty, "." and ".." components. Returns its length, 0 if it does not
+// fit.
 size_t normalise(const char* path, PathBuffer& out) {
     size_t length = 0;
     while (*path != 0) {
@@ -47,16 +48,15 @@ size_t normalise(const char* path, PathBuffer& out) {
     return length;
 }
 
-Place place_of(std::string_view path) {
-    if (path == layout::kLegacyNode) return Place::node;
+PathKind kind_of(std::string_view path) {
+    if (path == layout::kLegacyNode) return PathKind::node;
     const auto* found = std::find_if(kRedirected.begin(), kRedirected.end(), [path](const Redirected& entry) {
         return is_below(path, entry.directory);
     });
-    return found == kRedirected.end() ? Place::machine : found->place;
+    return found == kRedirected.end() ? PathKind::machine : found->kind;
 }
 
-// Directories that lead to `directory` are the machine's too, so that programs which walk a path find every
-// step.
+// Parents of a machine's directory are the machine's too: programs may walk a path step by step.
 bool leads_to(std::string_view path, std::string_view directory) {
     return is_below(directory, path) && path != layout::kTmp && path != layout::kVarTmp;
 }
@@ -69,19 +69,19 @@ bool is_machines(std::string_view path, std::string_view root, std::span<const s
            std::any_of(passed.begin(), passed.end(), is_passed);
 }
 
-// A slash at the end demands a directory.
+// With a slash at its end a path names a directory only.
 bool names_directory(std::string_view path) { return path.ends_with("/") || path.ends_with("/."); }
 
 }  // namespace
 
-Place map_path(const char* path, std::string_view root, std::span<const std::string> passed,
-               PathBuffer& mapped) noexcept {
-    if (path == nullptr || *path != '/') return Place::machine;
+PathKind map_path(const char* path, std::string_view root, std::span<const std::string> passed,
+                  PathBuffer& mapped) noexcept {
+    if (path == nullptr || *path != '/') return PathKind::machine;
     const size_t length = normalise(path, mapped);
     const std::string_view wanted(mapped, length);
-    const Place place = place_of(wanted);
-    if (place == Place::machine || (place == Place::files && is_machines(wanted, root, passed)))
-        return Place::machine;
+    const PathKind kind = kind_of(wanted);
+    if (kind == PathKind::machine || (kind == PathKind::files && is_machines(wanted, root, passed)))
+        return PathKind::machine;
 
     const bool slash = names_directory(path);
     const size_t prefix = std::min<size_t>(root.size(), PATH_MAX);
@@ -91,13 +91,13 @@ Place map_path(const char* path, std::string_view root, std::span<const std::str
     size_t end = prefix + rest;
     if (slash && end < PATH_MAX) mapped[end++] = '/';
     mapped[end] = 0;
-    return place;
+    return kind;
 }
 
 std::string_view seen_path(std::string_view path, std::string_view root) noexcept {
     if (!path.starts_with(root)) return path;
     const std::string_view rest = path.substr(root.size());
-    return !rest.empty() && place_of(rest) != Place::machine ? rest : path;
+    return !rest.empty() && kind_of(rest) != PathKind::machine ? rest : path;
 }
 
 }  // namespace hostsim

@@ -1,4 +1,4 @@
-// path_map.h - which of a program's paths belong to the simulated host, and where they lie below its root.
+// path_map.h - maps paths of a program to paths below the root of the simulated host.
 #pragma once
 
 #include <climits>
@@ -10,7 +10,7 @@
 
 namespace hostsim {
 
-enum class Place {
+enum class PathKind {
     machine,      // the path is the machine's own and is used as it is
     files,        // in the host's "/tmp" or "/var/tmp"
     node,         // the legacy driver's node
@@ -20,15 +20,14 @@ enum class Place {
 
 using PathBuffer = char[PATH_MAX + 1];
 
-// Tells where `path` belongs. For every place but `machine`, `mapped` is the path below `root`; one that is
-// too long is cut to PATH_MAX characters, which every system call refuses as too long. A path below `root` or
-// below one of `passed`, or leading to one of these, is the machine's, and so is a relative one: it starts
-// where chdir led.
-Place map_path(const char* path, std::string_view root, std::span<const std::string> passed,
-               PathBuffer& mapped) noexcept;
+// Classifies `path`. For every kind but `machine`, `mapped` is the path below `root`, cut to PATH_MAX
+// characters if it is longer; system calls refuse that as too long. Paths below `root` or one of `passed`,
+// and paths that lead to these, are the machine's. So are relative paths: chdir has been redirected before.
+PathKind map_path(const char* path, std::string_view root, std::span<const std::string> passed,
+                  PathBuffer& mapped) noexcept;
 
-// How the host's programs call a path of the machine: the path without `root` where it is a file of the
-// host's, else the path itself. The result is the end of `path`.
+// The reverse: the path without `root` if programs of the host use it so, else `path` itself. The result is a
+// suffix of `path`.
 std::string_view seen_path(std::string_view path, std::string_view root) noexcept;
 
 }  // namespace hostsim

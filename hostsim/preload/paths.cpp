@@ -1,9 +1,8 @@
-// paths.cpp - the calls that name a file and do nothing but take its path, in every variant of libc. Those of
-// a kind stand together; what opens files is in descriptors.cpp, what
-// tells of them in file_status.cpp.
+// paths.cpp - calls of which only a path has to be redirected, in every variant of libc. Calls that open
+// files are in descriptors.cpp, the stat family in file_status.cpp.
 //
-// A variadic function of libc is defined with its optional argument always there: arguments travel in
-// registers, and one that the program left out is handed on unread.
+// Variadic functions of libc are defined here with their optional argument. It travels in a register, and one
+// that the program left out is passed on without being used.
 #include <dirent.h>
 #include <fcntl.h>
 #include <ftw.h>
@@ -25,7 +24,7 @@
 namespace hostsim {
 namespace {
 
-// A path that libc wrote without terminating it.
+// For a path that libc returns without a terminating zero.
 ssize_t show_target(char* text, ssize_t length) noexcept {
     const State* state = serving_state();
     if (length <= 0 || state == nullptr) return length;
@@ -46,7 +45,7 @@ using Statfs64 = struct statfs64;
 using Statvfs = struct statvfs;
 using Statvfs64 = struct statvfs64;
 
-// ---- Looking at a file
+// ---- Access and file systems
 
 INTERPOSE(int, access, (const char* path, int mode), (Look(path), mode))
 INTERPOSE(int, eaccess, (const char* path, int mode), (Look(path), mode))
@@ -117,7 +116,7 @@ INTERPOSE(int, renameat2, (int from_dir, const char* from, int to_dir, const cha
 INTERPOSE(int, link, (const char* from, const char* to), (Path(from), Path(to)))
 INTERPOSE(int, linkat, (int from_dir, const char* from, int to_dir, const char* to, int flags),
           (from_dir, Path(from), to_dir, Path(to), flags))
-// The kernel follows a link by itself, so the link itself must hold the path below the root.
+// The kernel follows links without asking the simulator, so a link holds the path below the root.
 INTERPOSE(int, symlink, (const char* target, const char* path), (Path(target), Path(path)))
 INTERPOSE(int, symlinkat, (const char* target, int dir, const char* path), (Path(target), dir, Path(path)))
 INTERPOSE(int, mknod, (const char* path, mode_t mode, dev_t device), (Path(path), mode, device))
@@ -187,7 +186,7 @@ INTERPOSE(ssize_t, llistxattr, (const char* path, char* list, size_t size), (Pat
 INTERPOSE(int, removexattr, (const char* path, const char* name), (Path(path), name))
 INTERPOSE(int, lremovexattr, (const char* path, const char* name), (Path(path), name))
 
-// ---- Files with names of their own
+// ---- Temporary names
 
 INTERPOSE(int, mkstemp, (char* text), (Template(text)))
 INTERPOSE(int, mkstemp64, (char* text), (Template(text)))

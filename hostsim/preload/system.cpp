@@ -1,5 +1,4 @@
-// system.cpp - what a program asks of the system itself: its name, its user, System V semaphores and
-// commands.
+// system.cpp - the system's name, the user, System V semaphores, disks and shell commands.
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/utsname.h>
@@ -41,7 +40,7 @@ INTERPOSED(int, gethostname, (char* text, size_t size)) {
 
 // ---- The user: every identity of the process is the host's effective user
 
-// The id that `next` would tell, or the host's.
+// The host's user, or what `next` returns if there is no host.
 template <typename Call>
 static uid_t identity(Call& next) noexcept {
     const Host* host = serving_host();
@@ -93,8 +92,7 @@ INTERPOSED(int, semctl, (int set, int number, int command, semid_ds* argument)) 
     return result;
 }
 
-// A simulated host's flush must not keep the machine's disks busy, and its files need to survive no power
-// failure.
+// A simulated host need not survive a power failure, and must not keep the machine's disks busy.
 INTERPOSED(void, sync, ()) {
     if (serving_state() == nullptr) NEXT(sync)();
 }
@@ -107,7 +105,7 @@ static std::string shell_word(std::string_view text) {
     return result + "'";
 }
 
-// `command` for a shell that finds the host's own commands first, whatever the program made of PATH.
+// `command` with the host's own commands first in PATH, whatever the program has put there.
 static std::string on_host(const State& state, const char* command) {
     return "PATH=" + shell_word(state.root() + layout::kCommands) +
            ":${PATH:-/usr/sbin:/usr/bin:/sbin:/bin}\n" + command;

@@ -3,13 +3,13 @@
 #include "block_store.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <exception>
 #include <filesystem>
 #include <mutex>
 #include <unordered_map>
 #include <vector>
 
+#include "keep_errno.h"
 #include "own_calls.h"
 #include "sparse_file.h"
 
@@ -42,18 +42,10 @@ size_t for_ranges(uint64_t first, size_t size, uint32_t block_size, uint64_t pie
     return size;
 }
 
-// The contents lie in the machine's files, not in the simulated host's, and a device leaves no trace in
-// errno.
-class Unnoticed {
-  public:
-    Unnoticed() = default;
-    ~Unnoticed() { errno = errno_before_; }
-    Unnoticed(const Unnoticed&) = delete;
-    Unnoticed& operator=(const Unnoticed&) = delete;
-
-  private:
-    OwnCalls own_calls_;
-    int errno_before_ = errno;
+// The contents are files of the machine, not of the simulated host, and a device does not change errno.
+struct DeviceAccess {
+    OwnCalls own_calls;
+    KeepErrno keep_errno;
 };
 
 class DirectoryStore final : public BlockStore {
@@ -66,14 +58,14 @@ class DirectoryStore final : public BlockStore {
     static constexpr uint64_t kFileBytes = uint64_t{1} << 40;
 
     size_t do_read(uint64_t first, std::span<uint8_t> data) const override {
-        const Unnoticed unnoticed;
+        const DeviceAccess access;
         return for_ranges(first, data.size(), block_size(), kFileBytes, [&](const Range& range) {
             return read_sparse(path(range.piece), range.offset, data.subspan(range.data_at, range.size));
         });
     }
 
     size_t do_write(uint64_t first, std::span<const uint8_t> data) override {
-        const Unnoticed unnoticed;
+        const DeviceAccess access;
         std::error_code ignored;  // the write itself tells whether there is a directory
         std::filesystem::create_directories(directory_, ignored);
         return for_ranges(first, data.size(), block_size(), kFileBytes, [&](const Range& range) {

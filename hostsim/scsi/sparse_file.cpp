@@ -3,27 +3,19 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
+
+#include "descriptor.h"
 
 namespace hostsim {
 
 namespace {
 
-class Descriptor {
-  public:
-    Descriptor(const std::string& path, int flags) : fd_(::open(path.c_str(), flags | O_CLOEXEC, 0666)) {}
-    ~Descriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    explicit operator bool() const { return fd_ >= 0; }
-    int get() const { return fd_; }
-
-  private:
-    int fd_;
-};
+Descriptor open_file(const std::string& path, int flags) {
+    return Descriptor(::open(path.c_str(), flags | O_CLOEXEC, 0666));
+}
 
 // Repeats a call that may move less than asked for, until everything is moved, it moves nothing, or it fails.
 template <typename Call>
@@ -44,7 +36,7 @@ size_t move_all(size_t size, bool& failed, const Call& call) {
 size_t read_sparse(const std::string& path, uint64_t offset, std::span<uint8_t> data) {
     bool failed = false;
     size_t done = 0;
-    if (const Descriptor file(path, O_RDONLY); file) {
+    if (const Descriptor file = open_file(path, O_RDONLY); file) {
         done = move_all(data.size(), failed, [&](size_t at) {
             return ::pread(file.get(), data.data() + at, data.size() - at, static_cast<off_t>(offset + at));
         });
@@ -58,7 +50,7 @@ size_t read_sparse(const std::string& path, uint64_t offset, std::span<uint8_t> 
 
 size_t write_sparse(const std::string& path, uint64_t offset, std::span<const uint8_t> data) {
     bool failed = false;
-    const Descriptor file(path, O_WRONLY | O_CREAT);
+    const Descriptor file = open_file(path, O_WRONLY | O_CREAT);
     if (!file) return 0;
     return move_all(data.size(), failed, [&](size_t at) {
         return ::pwrite(file.get(), data.data() + at, data.size() - at, static_cast<off_t>(offset + at));

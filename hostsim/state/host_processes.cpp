@@ -43,7 +43,7 @@ std::vector<std::string> mapped_paths(pid_t process) {
     if (stat(directory.c_str(), &status) != 0 || status.st_uid != geteuid()) return {};
     std::vector<std::string> paths;
     std::ifstream maps(directory + "/maps");
-    // The path of a line is what follows its fifth field.
+    // The first slash in a line begins the path.
     for (std::string line; std::getline(maps, line);)
         if (const size_t path = line.find('/'); path != std::string::npos) paths.push_back(line.substr(path));
     return paths;

@@ -1,4 +1,4 @@
-// host_processes.h - the processes of a host, which are those that map its shared file.
+// host_processes.h - the processes of a host: those that map its shared file.
 #pragma once
 
 #include <sys/types.h>
@@ -11,10 +11,10 @@
 
 namespace hostsim {
 
-// std::runtime_error where the machine shows no processes.
+// Throws std::runtime_error if /proc is missing.
 void require_proc();
 
-// The paths of what a process of the caller's maps, as often as they are mapped; none for another's process.
+// Paths of the files that a process maps, one for each mapping. Empty for a process of another user.
 std::vector<std::string> mapped_paths(pid_t process);
 
 // In ascending order.

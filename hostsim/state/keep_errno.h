@@ -1,4 +1,4 @@
-// keep_errno.h - leaves errno as it was, whatever is called meanwhile.
+// keep_errno.h - restores errno at the end of a scope.
 #pragma once
 
 #include <cerrno>

@@ -3,8 +3,7 @@
 namespace hostsim {
 namespace {
 
-// Static thread storage: no allocation on first use, so that an interposer may ask inside malloc or a signal
-// handler.
+// Static thread storage needs no allocation, so interposed functions work inside malloc and signal handlers.
 [[gnu::tls_model("initial-exec")]] constinit thread_local int depth = 0;
 
 }  // namespace

@@ -1,6 +1,6 @@
-// own_calls.h - the simulator's own use of libc. The interposers stand before libc for the simulator's code
-// too, and a standard stream of ours must reach the machine's files, not the simulated host's: while an
-// OwnCalls lives, every interposed function of its thread goes straight to libc.
+// own_calls.h - the simulator's own calls of libc. The interposed functions are called by the simulator too,
+// which must reach the machine's files: while an OwnCalls lives, they pass every call of its thread on
+// unchanged.
 #pragma once
 
 #include "hostsim_api.h"

@@ -39,7 +39,7 @@ void check_directory(int fd, const fs::path& path) {
         refuse(path, "others may write to the directory; take that from them (chmod go-w)");
 }
 
-// Opens directories that their owner has no access to, too.
+// Opens a directory even if its mode denies access to its owner.
 Descriptor open_to_empty(int parent, const std::string& name) {
     Descriptor fd = open_directory(parent, name);
     struct stat status {};
@@ -55,9 +55,9 @@ bool on_one_file_system(int a, int b) {
     return fstat(a, &first) == 0 && fstat(b, &second) == 0 && first.st_dev == second.st_dev;
 }
 
-// Whether a directory was moved, which is then to be emptied itself.
+// Returns true if the directory was moved. It still has to be emptied.
 bool move_up(int from, const std::string& name, int to, const std::string& as) {
-    fchmodat(from, name.c_str(), S_IRWXU, 0);  // to move a directory is to write to it
+    fchmodat(from, name.c_str(), S_IRWXU, 0);  // moving a directory requires write permission on it
     return renameat(from, name.c_str(), to, as.c_str()) == 0;
 }
 
@@ -107,7 +107,7 @@ OwnDirectory OwnDirectory::make_directory(std::string_view path, mode_t mode) co
         const bool made = mkdirat(at.descriptor(), name.c_str(), last ? mode & 0755 : 0755) == 0;
         if (!made && errno != EEXIST) fail(at.path() / name);
         at = {at.descriptor(), name, at.path() / name};
-        // Not what the process's mask lets through, but what was asked for.
+        // mkdirat applies the umask.
         if (made && last && fchmod(at.descriptor(), mode) != 0) fail(at.path());
     }
     return at;
@@ -128,7 +128,7 @@ OwnDirectory::Entry OwnDirectory::entry(std::string_view path) const {
 Descriptor OwnDirectory::open_file(std::string_view path, int flags) const {
     const Entry found = entry(path);
     const fs::path name = path_.string() + std::string(path);
-    // A pipe in its place must not keep anyone waiting.
+    // O_NONBLOCK: a pipe in place of the file must not block.
     Descriptor fd(openat(found.directory.descriptor(), found.name.c_str(),
                          flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, S_IRUSR | S_IWUSR));
     struct stat status {};
@@ -162,17 +162,23 @@ void OwnDirectory::replace_file(std::string_view path, std::string_view draft, s
             done += static_cast<size_t>(size);
         }
     }
-    const Entry from = entry(fresh);
-    const Entry to = entry(path);
-    if (renameat(from.directory.descriptor(), from.name.c_str(), to.directory.descriptor(),
-                 to.name.c_str()) != 0)
-        fail(path_.string() + std::string(path));
+    rename(entry(fresh), entry(path));
 }
 
-void OwnDirectory::make_link(std::string_view path, const std::string& target) const {
-    const Entry found = entry(path);
-    if (symlinkat(target.c_str(), found.directory.descriptor(), found.name.c_str()) != 0)
-        fail(path_.string() + std::string(path));
+void OwnDirectory::replace_link(std::string_view path, std::string_view draft,
+                                const std::string& target) const {
+    const std::string fresh = fmt::format("{}{}", draft, gettid());
+    const Entry from = entry(fresh);
+    remove_file(fresh);
+    if (symlinkat(target.c_str(), from.directory.descriptor(), from.name.c_str()) != 0)
+        fail(path_.string() + fresh);
+    rename(from, entry(path));
+}
+
+void OwnDirectory::rename(const Entry& from, const Entry& to) {
+    if (renameat(from.directory.descriptor(), from.name.c_str(), to.directory.descriptor(),
+                 to.name.c_str()) != 0)
+        fail(to.directory.path() / to.name);
 }
 
 std::vector<std::string> OwnDirectory::names() const { return names_in(fd_.get(), path_); }
@@ -199,10 +205,11 @@ void OwnDirectory::remove_files(std::string_view path) const noexcept try {
     const OwnDirectory found = directory(path);
     for (const std::string& name : found.names()) unlinkat(found.descriptor(), name.c_str(), 0);
 } catch (const std::exception&) {
-    // There is none.
+    // The directory does not exist.
 }
 
-// What lies in a subdirectory moves up here, so that a deep tree takes neither descriptors nor stack.
+// Subdirectories of a subdirectory are moved up to this one, so that a deep tree needs a constant number of
+// descriptors and no recursion.
 void OwnDirectory::remove_contents() const noexcept try {
     unsigned moves = 0;
     for (bool again = true; again;) {
@@ -220,7 +227,7 @@ void OwnDirectory::remove_contents() const noexcept try {
         }
     }
 } catch (const std::exception&) {
-    // A directory that cannot be read stays.
+    // A directory that cannot be read is left.
 }
 
 }  // namespace hostsim

@@ -1,6 +1,6 @@
-// passed_directories.h - the directories of the machine that stay visible on a simulated host although its
-// own "/tmp" or "/var/tmp" would hide them: where its programs are started, what they are given, where the
-// simulator lies.
+// passed_directories.h - directories of the machine that stay visible although the host's own "/tmp" or
+// "/var/tmp" would hide them: where programs are started, what their arguments name, where the simulator
+// lies.
 #pragma once
 
 #include <filesystem>
@@ -14,11 +14,10 @@ bool is_hidden(const std::filesystem::path& directory);
 
 class PassedDirectories {
   public:
-    // `directory` as it is called and as it is, where it is one that would be hidden.
+    // Adds the path as given and with links resolved, if it would be hidden.
     void add(const std::filesystem::path& directory);
-    // A single file, which may lie in "/tmp" itself.
+    // Adds a single file, which may lie in "/tmp" itself.
     void add_file(const std::filesystem::path& file);
-    // The same as add for the working directory.
     void add_working_directory();
     const std::vector<std::string>& directories() const { return directories_; }
 

@@ -22,7 +22,7 @@ namespace fs = std::filesystem;
 
 constexpr std::string_view kTemporaryName = "trelm-hostsim-";
 
-// The mark of a root that goes with its host, and that of one which a user named.
+// Marks of a root that is removed with its host, and of one that a user named.
 constexpr std::string_view kTemporaryMark = "The root of a simulated host, for as long as the host runs.\n";
 constexpr std::string_view kKeptMark = "The root of a simulated host, kept by its user.\n";
 
@@ -34,7 +34,7 @@ constexpr std::string_view kKeptMark = "The root of a simulated host, kept by it
     throw std::runtime_error(path.string() + ": " + reason);
 }
 
-// A search path and the list of passed directories cannot hold others.
+// PATH and the list of passed directories use these characters as separators.
 bool is_usable(const fs::path& path) { return path.string().find_first_of(":\n") == std::string::npos; }
 
 fs::path temporary_files() {
@@ -90,11 +90,11 @@ Root::~Root() {
         remove();
     else if (begun_ && blank_)
         unmake();
-    // One in which something is stays.
+    // Fails if it is not empty.
     if (made_) unlinkat(parent_.get(), name_.c_str(), AT_REMOVEDIR);
 }
 
-// ---- Which directory
+// ---- Choosing the directory
 
 std::unique_ptr<Root> Root::make_temporary() {
     const fs::path directory = temporary_files();
@@ -125,13 +125,13 @@ std::unique_ptr<Root> Root::find(const fs::path& given, bool make) {
 
 std::unique_ptr<Root> Root::open(const fs::path& given) {
     std::unique_ptr<Root> root = find(given, true);
-    // In this order, because another launcher may be making a host here.
+    // In this order: another launcher may be turning a blank directory into a marked one.
     if (!root->blank_ && root->mark().empty())
         refuse(root->path(), "neither empty nor the root of a simulated host; give a new directory");
     return root;
 }
 
-// No host has got so far as to leave its mark.
+// Empty, or a launcher was killed before it wrote the mark.
 bool Root::is_blank() const {
     const std::vector<std::string> names = directory_.names();
     if (names.empty()) return true;
@@ -150,15 +150,15 @@ std::string_view Root::mark() const {
     return {};
 }
 
-// ---- Who runs a host there
+// ---- Locks
 
 void Root::open_locks(int flags) {
     turn_ = directory_.open_file(layout::kTurn, O_RDWR | flags);
     users_ = directory_.open_file(layout::kUsers, O_RDWR | flags);
 }
 
-// Whether no one else runs a host here. If so no one will for as long as this object has its locks. Processes
-// may go on when all who watched over them were killed.
+// True if nobody else runs a host here. Nobody can start one while this object holds its locks. Processes of
+// a host may go on after its launcher and janitor were killed.
 bool Root::is_unused(bool wait) {
     if (!lock(turn_, wait ? LOCK_EX : LOCK_EX | LOCK_NB)) return false;
     if (!lock(users_, LOCK_EX | LOCK_NB)) return false;
@@ -200,7 +200,7 @@ void Root::join(const std::string& host_file) const {
                        "; end it first or give another --root");
 }
 
-// ---- Making and ending a host
+// ---- Creating and ending a host
 
 void Root::begin(const std::string& host_file) {
     begun_ = true;
@@ -223,10 +223,10 @@ void Root::lay_out() const {
     directory_.make_directory(layout::kNodeDirectory);
     directory_.make_directory(layout::kCommands);
     if (const fs::path launcher = launcher_path(); !launcher.empty())
-        directory_.make_link(layout::kListing, launcher);
+        directory_.replace_link(layout::kListing, layout::kDraft, launcher);
 }
 
-// Removes what is of use only while the host runs. The number of its semaphore sets, if there was a host.
+// Removes what is needed only while the host runs. Returns the number of semaphore sets if there was a host.
 std::optional<size_t> Root::end() const noexcept try {
     const std::optional<size_t> sets = remove_state(directory_);
     directory_.remove_file(layout::kLegacyNode);
@@ -245,7 +245,7 @@ std::optional<size_t> Root::end() const noexcept try {
     return std::nullopt;
 }
 
-// Undoes what `begin` made in a blank directory. Nothing can be in it yet.
+// Removes what begin() created in a blank directory.
 void Root::unmake() const noexcept {
     for (const char* file : layout::kKept) directory_.remove_file(file);
     for (const char* directory : {layout::kOwn, layout::kTmp, layout::kVarTmp, layout::kLuns})
@@ -257,7 +257,7 @@ bool Root::remove() const noexcept {
     return unlinkat(parent_.get(), name_.c_str(), AT_REMOVEDIR) == 0;
 }
 
-// ---- What killed hosts left
+// ---- Killed hosts
 
 std::vector<Remains> Root::sweep(const fs::path& directory) {
     std::vector<Remains> found;
@@ -271,7 +271,7 @@ std::vector<Remains> Root::sweep(const fs::path& directory) {
             const size_t sets = root.end().value_or(0);
             if (root.remove()) found.push_back({root.path(), sets});
         } catch (const std::exception&) {
-            // Another user's, or removed meanwhile.
+            // It belongs to another user, or was removed meanwhile.
         }
     }
     return found;

@@ -1,10 +1,10 @@
-// root.h - the directory under which a simulated host lies: who may use it as one, who runs a host there, and
-// what is removed when. Several launchers may run commands on one host at once: the first makes it, each takes
-// part, the last one ends it. Locks are the kernel's, so a killed launcher leaves none behind.
+// root.h - the root directory of a simulated host: which directories are accepted, who runs a host there, and
+// what is removed when. Several launchers may run commands on one host at once: the first creates the host,
+// each holds a shared lock, the last one ends the host. The kernel releases the locks of a killed launcher.
 //
-// A root is empty or does not exist when its first host comes, and bears a mark from then on. It belongs to the
-// caller, who alone may write to it. Only what a host itself made is ever removed, but for a temporary root,
-// which is made for one host and goes with it.
+// A root is new or empty at first and carries a mark from then on. The caller owns it, and nobody else may
+// write to it. Only files that a host made are removed, except in a temporary root: it is made for one host
+// and is removed with it.
 #pragma once
 
 #include <array>
@@ -20,7 +20,7 @@
 
 namespace hostsim {
 
-// What was left of a host whose processes were killed.
+// What a host left whose processes were killed, now removed.
 struct Remains {
     std::filesystem::path root;
     size_t semaphore_sets;
@@ -28,28 +28,29 @@ struct Remains {
 
 class Root {
   public:
-    // A new directory among the temporary files, where what killed hosts left is removed first.
+    // Creates a directory among the temporary files, after removing the roots of killed hosts there.
     static std::unique_ptr<Root> make_temporary();
-    // The directory that a user names, made if it is not there. std::runtime_error where it cannot be a root.
+    // Opens or creates the directory that a user named. std::runtime_error if it is not acceptable as a root.
     static std::unique_ptr<Root> open(const std::filesystem::path& given);
     Root(const Root&) = delete;
     Root& operator=(const Root&) = delete;
-    // Leaves the host in the process that entered it. A root that no host ever ran at goes.
+    // Leaves the host, in the process that entered it. Removes a root that this object created and no host
+    // used.
     ~Root();
 
-    // Takes part in the host that `host_file` describes, making it where no one else runs it.
-    // std::runtime_error where another host runs here, std::system_error where nothing can be made.
+    // Joins the host that `host_file` describes, or creates it if nobody runs it. std::runtime_error if
+    // another host runs here, std::system_error if the host cannot be created.
     void enter(const std::string& host_file);
-    // Gives the part back and ends the host if it was the last. To be called by one process of those that
-    // share the part through fork, when no command runs any more.
+    // Releases the lock, and ends the host if nobody else holds it. Processes share the lock through fork:
+    // only one of them may call this, when no command runs any more.
     void leave() noexcept;
-    // Another of those processes will leave, not the one whose object this is.
+    // Another of those processes leaves, so the destructor does not.
     void hand_over() noexcept { owner_ = 0; }
 
     // Absolute, no symbolic links, no slash at its end.
     const std::filesystem::path& path() const { return directory_.path(); }
     const OwnDirectory& files() const { return directory_; }
-    // Those that `leave` needs.
+    // The descriptors that leave() needs.
     std::array<int, 4> descriptors() const;
 
   private:
@@ -74,18 +75,18 @@ class Root {
     Descriptor parent_;
     std::string name_;
     OwnDirectory directory_;
-    bool made_;                  // by this object
-    bool is_temporary_ = false;  // made for one host
-    bool blank_;                 // no host ran here before
-    bool begun_ = false;         // this object makes, or made, the host
+    bool made_;                  // this object created the directory
+    bool is_temporary_ = false;  // created for one host
+    bool blank_;                 // no host has run here
+    bool begun_ = false;         // this object has started to create the host
     bool entered_ = false;
-    Descriptor turn_;   // held while a host is made or ended
-    Descriptor users_;  // shared by all who run the host
+    Descriptor turn_;   // held while a host is created or ended
+    Descriptor users_;  // shared by all launchers of the host
     pid_t owner_;
 };
 
-// Remove what killed hosts left: all of it in the directory for temporary files; at a root that a user names.
-// std::runtime_error where that is no root, or where a host runs.
+// Remove what killed hosts left: among the temporary files, or in the root that a user named.
+// std::runtime_error if that is not a root or a host runs there.
 std::vector<Remains> clear_temporary_roots();
 std::optional<Remains> clear_root(const std::filesystem::path& given);
 

@@ -36,8 +36,9 @@ uint64_t random_id() {
     return id;
 }
 
-// A set of the caller's under the machine's key. The keys in the file are the programs' own, and the machine's
-// follow from the host's random number: a file from elsewhere leads to no set of another host or program.
+// Removes a set that the caller created. The file lists the keys that the host's programs use; the machine's
+// keys are derived from the host's random number, so that a forged list names no set of another host or
+// program.
 bool remove_set(key_t key) {
     const int set = semget(key, 0, 0);
     semid_ds found{};
@@ -65,7 +66,7 @@ MappedState map_state(const OwnDirectory& root) {
 
 void create_state(const OwnDirectory& root, std::string_view host_file) {
     const Descriptor file = root.open_file(layout::kState, O_RDWR | O_CREAT | O_EXCL);
-    // A hole in a mapped file that the disk has no room for would end a process.
+    // A full disk would otherwise show as SIGBUS when a process writes to the mapping.
     if (const int error = posix_fallocate(file.get(), 0, sizeof(SharedState)); error != 0) fail(root, error);
     const MappedState shared = map_file(root, file);
     shared->host_id = random_id();
@@ -84,7 +85,7 @@ std::optional<size_t> remove_state(const OwnDirectory& root) noexcept {
             sets += remove_set(machine_key(shared->host_id, static_cast<key_t>(taken))) ? 1 : 0;
         }
     } catch (const std::exception&) {
-        // No shared file, or none of this simulator's: no semaphores to know of.
+        // There is no shared file, or a foreign one. Then there are no semaphore sets to remove.
     }
     return root.remove_file(layout::kState) ? std::optional(sets) : std::nullopt;
 }

@@ -1,4 +1,4 @@
-// shared_state.h - the file that all processes of a host map: its layout, and how it is made, found and removed.
+// shared_state.h - the file that all processes of a host map: its layout, creation, mapping and removal.
 #pragma once
 
 #include <sys/types.h>
@@ -18,7 +18,7 @@ struct SharedCounter {
     std::atomic<uint64_t> value;
 };
 
-// All atomics: no process may leave the others waiting, however it ends.
+// Atomics, no locks: a process that is killed must not block the others.
 struct SharedState {
     static constexpr size_t kCounterSlots = 16384;
     static constexpr size_t kSemaphoreSlots = 4096;
@@ -33,16 +33,17 @@ struct SharedState {
 };
 static_assert(std::atomic<uint64_t>::is_always_lock_free);
 
-// The mapped file of the host at `root`. std::exception where there is none, or one that is not the caller's.
+// Maps the file of the host at `root`. std::exception if there is none, or one that another user may write
+// to.
 MappedState map_state(const OwnDirectory& root);
 
-// Makes the file, with all the room that it will ever need. std::system_error.
+// Creates the file with all its blocks allocated. std::system_error.
 void create_state(const OwnDirectory& root, std::string_view host_file);
 
-// Removes the file and the host's semaphore sets; how many sets there were, nothing where there was no file.
+// Removes the file and the host's semaphore sets. Returns the number of sets, nothing if there was no file.
 std::optional<size_t> remove_state(const OwnDirectory& root) noexcept;
 
-// The machine's key for a semaphore set that the host's programs know by `key`.
+// The machine's key of the semaphore set that programs of the host call `key`.
 key_t machine_key(uint64_t host_id, key_t key) noexcept;
 
 int64_t monotonic_now() noexcept;

@@ -14,7 +14,7 @@ namespace fs = std::filesystem;
 constexpr const char* kLauncher = "trelm-hostsim";
 constexpr const char* kPreload = "libtrelm-hostsim.so";
 
-// `name` in the first of the two directories, each relative to that of this object.
+// `name` in the first directory that has it. Both are relative to the directory of this object.
 fs::path beside(const char* installed, const char* built, const char* name) {
     const fs::path here = own_object().parent_path();
     std::error_code error;
@@ -33,7 +33,7 @@ fs::path own_object() {
     Dl_info info{};
     const bool known =
         dladdr(reinterpret_cast<const void*>(&own_object), &info) != 0 && info.dli_fname != nullptr;
-    // Of the program itself the loader knows only the name that it was called by.
+    // For the program itself the loader returns argv[0].
     const bool is_library =
         known && fs::path(info.dli_fname).filename().string().find(".so") != std::string::npos;
     return fs::canonical(is_library ? info.dli_fname : "/proc/self/exe", error);

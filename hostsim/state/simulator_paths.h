@@ -1,5 +1,5 @@
-// simulator_paths.h - where the parts of the simulator lie. Launcher and preload object find each other by
-// their places relative to one another, so that a build tree and an installed tree may both be moved.
+// simulator_paths.h - the paths of launcher and preload object. Each finds the other relative to itself, so
+// that a build tree and an installed tree may be moved.
 #pragma once
 
 #include <filesystem>
@@ -8,9 +8,9 @@ namespace hostsim {
 
 // The object that this code is part of: the launcher, or the preload object.
 std::filesystem::path own_object();
-// The launcher trelm-hostsim; empty where it is not found.
+// The launcher trelm-hostsim; empty if it is not found.
 std::filesystem::path launcher_path();
-// The preload object; empty where it is not found.
+// The preload object; empty if it is not found.
 std::filesystem::path preload_path();
 
 }  // namespace hostsim

@@ -1,6 +1,5 @@
-// state.h - what all processes of one simulated host share while it runs: the directory under which its files
-// lie and a small file mapped by every one of them, with the host's identity, named counters and the
-// semaphore keys in use.
+// state.h - what the processes of one simulated host share while it runs: its root directory, and a mapped
+// file with the host's identity, named counters and semaphore keys.
 #pragma once
 
 #include <sys/types.h>
@@ -25,26 +24,25 @@ struct Unmap {
 };
 using MappedState = std::unique_ptr<SharedState, Unmap>;
 
-// Environment variables that take a process onto a launched host: the host's root,
+// Environment variables that attach a process to a launched host: the host's root,
 inline constexpr const char* kRootVariable = "TRELM_HOSTSIM_ROOT";
-// and directories of the machine that stay visible to a launched host's programs, one a line.
+// and the directories of the machine that stay visible, one a line.
 inline constexpr const char* kPassedVariable = "TRELM_HOSTSIM_PASS";
 
-// A process has at most one State, the current one; a second in the same process takes its place until it
-// goes.
+// The latest State of a process is the current one. When it is destroyed, the one before is current again.
 class HOSTSIM_API State {
   public:
-    // A host of this process alone (and of its forks): a new root in the directory for temporary files. The
-    // root and the host's semaphores go with the object, in the process that made it. std::system_error when
-    // it cannot be made.
+    // Creates a host for this process and its forks, with a temporary root. In this process the destructor
+    // removes the root and the host's semaphores. std::system_error if the host cannot be created.
     static std::unique_ptr<State> temporary();
 
-    // The running host whose root this is. std::system_error when none runs there. In a process that the
-    // launcher started the preloaded object has attached before main, and current() is that State.
+    // Attaches to the host that runs at `root`. std::system_error if none does. The preload object calls it
+    // before main in a process that the launcher started.
     static std::unique_ptr<State> attach(const std::filesystem::path& root,
                                          std::vector<std::string> passed = {});
 
-    // Of this process; null where no host is active. Safe to ask at any time, by interposers above all.
+    // The State of this process; null if no host is active. May be called at any time, also in signal
+    // handlers.
     static State* current() noexcept;
 
     State(const State&) = delete;
@@ -56,16 +54,16 @@ class HOSTSIM_API State {
     // Directories below "/tmp" and "/var/tmp" that are the machine's own and stay visible.
     const std::vector<std::string>& passed() const noexcept { return passed_; }
     uint64_t host_id() const noexcept;  // random, never 0
-    std::string host_file() const;      // of a launcher's host
+    std::string host_file() const;      // empty for a temporary host
     // Time since the host started, the same in all its processes.
     std::chrono::nanoseconds age() const noexcept;
 
-    // A counter that all processes of the host share; 0 at the start of the host. std::length_error when
-    // there are more names than the shared file has room for (16384).
+    // A counter that the host's processes share, 0 at the start of the host. std::length_error if the shared
+    // file has no room for another name (16384).
     std::atomic<uint64_t>& counter(std::string_view name);
 
-    // The machine's key for a semaphore set of this host, remembered so that cleaning removes the set; -1
-    // when the host has used more keys than the shared file has room for (4096).
+    // The machine's key for a semaphore set of this host. It is recorded, so that the set is removed when the
+    // host ends. -1 if the shared file has no room for another key (4096).
     key_t semaphore_key(key_t key) noexcept;
 
   private:

@@ -1,4 +1,4 @@
-// texts.h - lists that are written as one text.
+// texts.h - splits and joins texts.
 #pragma once
 
 #include <algorithm>
@@ -8,7 +8,7 @@
 
 namespace hostsim {
 
-// The parts of `text` between any of the `separators`, without the empty ones.
+// The parts between any of the `separators`, without empty ones.
 inline std::vector<std::string> split(std::string_view text, std::string_view separators) {
     std::vector<std::string> parts;
     while (!text.empty()) {

@@ -1,5 +1,5 @@
-// hostsim_root_test.cpp - the directory under which a host lies, on a machine whose other users are hostile: what
-// may be one, what is removed and what stays.
+// hostsim_root_test.cpp - the directory under which a host lies, on a machine whose other users are hostile:
+// what may be one, what is removed and what stays.
 #include <gmock/gmock.h>
 #include <sys/sem.h>
 
@@ -215,8 +215,12 @@ TEST_F(HostsimRoot, ThatCannotBeHadLeavesNothing) {
     } catch (const std::system_error& error) {
         EXPECT_EQ(error.code().value(), ENOSPC);
     }
-    EXPECT_TRUE(fs::is_empty(at("temporary")));
     disk_is_full = false;
+    const Words command{kLauncher, "run", at("host.json"), "--", "true"};
+    const Outcome limited = execute(Words{"/bin/sh", "-c", "ulimit -f 8; \"$@\"", "sh"} + command);
+    EXPECT_EQ(limited.status, 125);
+    EXPECT_THAT(limited.errors, HasSubstr("File too large"));
+    EXPECT_TRUE(fs::is_empty(at("temporary")));
 }
 
 TEST_F(HostsimRoot, IsRemovedHoweverDeepAndClosedItsDirectoriesAre) {
