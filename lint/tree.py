@@ -1,0 +1,133 @@
+"""tree.py - the rooms of the tree, its sources and their includes, as the other scripts of this folder ask for them.
+
+The rooms stand in the tables of docs/architecture.md: every table with the columns "room" and "sees". A room is one or
+more patterns; it sees itself, the rooms it names and what those see.
+"""
+
+import fnmatch
+import re
+import subprocess
+from pathlib import Path, PurePosixPath
+from typing import NamedTuple
+
+ROOT = Path(__file__).resolve().parent.parent
+SOURCE_SUFFIXES = (".cpp", ".h", ".hpp", ".c")
+
+
+class Room(NamedTuple):
+    name: str
+    patterns: tuple[str, ...]
+    sees: tuple[str, ...]
+
+
+def _cells(line: str) -> list[str]:
+    return [cell.strip() for cell in line.strip().strip("|").split("|")]
+
+
+def _quoted(cell: str) -> tuple[str, ...]:
+    return tuple(re.findall(r"`([^`]+)`", cell))
+
+
+def rooms() -> list[Room]:
+    found: list[Room] = []
+    columns: list[str] = []
+    for line in (ROOT / "docs/architecture.md").read_text(encoding="utf-8").splitlines():
+        if not line.startswith("|"):
+            columns = []
+        elif not columns:
+            columns = _cells(line)
+        elif {"room", "sees"} <= set(columns) and not line.startswith("|---"):
+            row = dict(zip(columns, _cells(line)))
+            patterns = _quoted(row["room"])
+            found.append(Room(patterns[0], patterns, _quoted(row["sees"])))
+    return found
+
+
+def sources() -> list[str]:
+    listing = subprocess.run(["git", "ls-files", "--cached", "--others", "--exclude-standard"], cwd=ROOT, check=True,
+                             capture_output=True, text=True)
+    return sorted(name for name in listing.stdout.splitlines() if name.endswith(SOURCE_SUFFIXES) and (ROOT / name).is_file())
+
+
+def room_of(source: str, all_rooms: list[Room]) -> Room | None:
+    """The room with the longest pattern that the file matches; a pattern that ends in '/' takes all below it."""
+    best: tuple[int, Room] | None = None
+    for room in all_rooms:
+        for pattern in room.patterns:
+            matches = source.startswith(pattern) if pattern.endswith("/") else fnmatch.fnmatch(source, pattern)
+            if matches and (best is None or len(pattern) > best[0]):
+                best = (len(pattern), room)
+    return best[1] if best else None
+
+
+def includes(source: str) -> list[tuple[int, str]]:
+    """Line number and text of each #include of a file of our own."""
+    text = (ROOT / source).read_text(encoding="utf-8")
+    return [(number, match[1]) for number, line in enumerate(text.splitlines(), 1)
+            if (match := re.match(r'\s*#\s*include\s+["<]([^">]+)[">]', line))]
+
+
+def resolve(source: str, included: str, headers: list[str], seen: list[Room], all_rooms: list[Room]) -> str | None:
+    """The file of the tree that an include means: one beside it, else one in a room that is seen, else any."""
+    beside = str(PurePosixPath(source).parent / included)
+    if beside in headers:
+        return beside
+    candidates = [header for header in headers if header == included or header.endswith("/" + included)]
+    candidates.sort(key=lambda header: room_of(header, all_rooms) not in seen)
+    return candidates[0] if candidates else None
+
+
+def seen_from(room: Room, all_rooms: list[Room]) -> list[Room]:
+    by_name = {room.name: room for room in all_rooms}
+    seen, open_rooms = [], [room]
+    while open_rooms:
+        current = open_rooms.pop()
+        if current not in seen:
+            seen.append(current)
+            open_rooms += [by_name[name] for name in current.sees]
+    return seen
+
+
+def circles(arrows: dict[str, set[str]]) -> list[list[str]]:
+    """Groups of nodes that reach each other (Tarjan's algorithm)."""
+    index: dict[str, int] = {}
+    low: dict[str, int] = {}
+    stack: list[str] = []
+    found: list[list[str]] = []
+
+    def visit(node: str) -> None:
+        index[node] = low[node] = len(index)
+        stack.append(node)
+        for target in arrows.get(node, ()):
+            if target not in index:
+                visit(target)
+                low[node] = min(low[node], low[target])
+            elif target in stack:
+                low[node] = min(low[node], index[target])
+        if low[node] == index[node]:
+            group = stack[stack.index(node):]
+            del stack[stack.index(node):]
+            if len(group) > 1:
+                found.append(sorted(group))
+
+    for node in sorted(arrows):
+        if node not in index:
+            visit(node)
+    return found
+
+
+def noun(source: str) -> str:
+    """A header and the file that implements it are one noun."""
+    return str(PurePosixPath(source).with_suffix(""))
+
+
+def include_circles() -> list[list[str]]:
+    all_rooms, files = rooms(), sources()
+    headers = [name for name in files if not name.endswith((".cpp", ".c"))]
+    arrows: dict[str, set[str]] = {}
+    for source in files:
+        room = room_of(source, all_rooms)
+        seen = seen_from(room, all_rooms) if room else []
+        targets = (resolve(source, included, headers, seen, all_rooms) for _, included in includes(source))
+        arrows.setdefault(noun(source), set()).update(noun(target) for target in targets if target)
+    return circles({node: targets - {node} for node, targets in arrows.items()})
