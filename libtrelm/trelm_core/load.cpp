@@ -11,9 +11,10 @@
 #include "trelm_ntapi.h"
 #include "trelm_pool.h"
 #include "trelm_pyx_ntapi.h"
+#include "trelm_version.h"
 
 uint8_t trelm_os_type = 0;
-const char* const trelm_api_version = "v5.00 build2";
+const char* const trelm_api_version = TRELM_VERSION_TEXT;
 
 namespace {
 

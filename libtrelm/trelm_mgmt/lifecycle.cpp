@@ -4,8 +4,10 @@
 
 #include "trelm_core.h"
 #include "trelm_dbg.h"
+#include "trelm_version.h"
 
-const char trelm_version_description[128] = "Calvexa Ulvard FC API library version v5.00 build2";
+const char trelm_version_description[128] = "Calvexa Ulvard FC API library version " TRELM_VERSION_TEXT;
+static_assert(TRELM_VERSION_NUMBER == TRELM_BUILT_VERSION_NUMBER, "the public header has the project's version");
 
 using trelm::detail::error;
 using trelm::detail::Piece;
