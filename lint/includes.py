@@ -11,7 +11,7 @@ import tree
 
 
 def faults() -> list[str]:
-    all_rooms, files = tree.rooms(), tree.sources()
+    all_rooms, sources = tree.rooms(), tree.sources()
     names = {room.name for room in all_rooms}
     unknown = [f"docs/architecture.md: {room.name} sees {name}, which is no room"
                for room in all_rooms for name in room.sees if name not in names]
@@ -19,8 +19,8 @@ def faults() -> list[str]:
         return unknown
     found = ["docs/architecture.md: rooms that see each other: " + ", ".join(group)
              for group in tree.circles({room.name: set(room.sees) for room in all_rooms})]
-    headers = [name for name in files if not name.endswith((".cpp", ".c"))]
-    for source in files:
+    headers = tree.headers_of(sources)
+    for source in sources:
         room = tree.room_of(source, all_rooms)
         if room is None:
             found.append(f"{source}: belongs to no room of docs/architecture.md")

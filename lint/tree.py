@@ -43,10 +43,18 @@ def rooms() -> list[Room]:
     return found
 
 
-def sources() -> list[str]:
-    listing = subprocess.run(["git", "ls-files", "--cached", "--others", "--exclude-standard"], cwd=ROOT, check=True,
-                             capture_output=True, text=True)
-    return sorted(name for name in listing.stdout.splitlines() if name.endswith(SOURCE_SUFFIXES) and (ROOT / name).is_file())
+def files(root: Path = ROOT) -> list[str]:
+    if (root / ".git").exists():
+        listing = subprocess.run(["git", "ls-files", "--cached", "--others", "--exclude-standard"], cwd=root, check=True,
+                                 capture_output=True, text=True)
+        names = listing.stdout.splitlines()
+    else:
+        names = [str(path.relative_to(root)) for path in root.rglob("*")]
+    return sorted(name for name in names if (root / name).is_file())
+
+
+def sources(root: Path = ROOT) -> list[str]:
+    return [name for name in files(root) if name.endswith(SOURCE_SUFFIXES)]
 
 
 def room_of(source: str, all_rooms: list[Room]) -> Room | None:
@@ -60,9 +68,9 @@ def room_of(source: str, all_rooms: list[Room]) -> Room | None:
     return best[1] if best else None
 
 
-def includes(source: str) -> list[tuple[int, str]]:
+def includes(source: str, root: Path = ROOT) -> list[tuple[int, str]]:
     """Line number and text of each #include of a file of our own."""
-    text = (ROOT / source).read_text(encoding="utf-8")
+    text = (root / source).read_text(encoding="utf-8")
     return [(number, match[1]) for number, line in enumerate(text.splitlines(), 1)
             if (match := re.match(r'\s*#\s*include\s+["<]([^">]+)[">]', line))]
 
@@ -121,13 +129,17 @@ def noun(source: str) -> str:
     return str(PurePosixPath(source).with_suffix(""))
 
 
-def include_circles() -> list[list[str]]:
-    all_rooms, files = rooms(), sources()
-    headers = [name for name in files if not name.endswith((".cpp", ".c"))]
+def headers_of(names: list[str]) -> list[str]:
+    return [name for name in names if name.endswith((".h", ".hpp"))]
+
+
+def include_circles(root: Path = ROOT) -> list[list[str]]:
+    all_rooms, names = rooms(), sources(root)
+    headers = headers_of(names)
     arrows: dict[str, set[str]] = {}
-    for source in files:
+    for source in names:
         room = room_of(source, all_rooms)
         seen = seen_from(room, all_rooms) if room else []
-        targets = (resolve(source, included, headers, seen, all_rooms) for _, included in includes(source))
+        targets = (resolve(source, included, headers, seen, all_rooms) for _, included in includes(source, root))
         arrows.setdefault(noun(source), set()).update(noun(target) for target in targets if target)
     return circles({node: targets - {node} for node, targets in arrows.items()})
