@@ -189,7 +189,16 @@ bool database_is_open();
 bool database_is_inherited();
 
 // What a port's log lines carry as its handle.
-inline uint32_t handle_of(const trelm_priv_db* pdb) { return pdb->hw_info ? pdb->hw_info->apihandle : 0; }
+inline uint32_t handle_of(const trelm_priv_db* pdb) {
+    return pdb->hw_info ? __atomic_load_n(&pdb->hw_info->apihandle, __ATOMIC_RELAXED) : 0;
+}
+// Other threads look it up at any time. What belongs to an open port is written before, so that they see it.
+inline void set_handle(trelm_hw_info& hw, uint32_t handle) {
+    __atomic_store_n(&hw.apihandle, handle, __ATOMIC_RELEASE);
+}
+
+// Of a port list that is there.
+uint32_t count_physical_ports();
 
 // Empties the whole registry, ports first: hardware records outlive what refers to them.
 void release_registry();

@@ -46,7 +46,7 @@ class Turn {
   public:
     Turn() {
         lock();
-        semaphore_ = trelm_dbg_sem_id;
+        semaphore_ = __atomic_load_n(&trelm_dbg_sem_id, __ATOMIC_RELAXED);
         held_ = trelm::detail::sem_wait_unlogged(semaphore_) == 0;
     }
     ~Turn() {
@@ -58,6 +58,7 @@ class Turn {
 
   private:
     trelm::detail::ErrnoKeeper keep_;
+    trelm::detail::NoCancellation whole_;
     int32_t semaphore_;
     bool held_;
 };
@@ -80,7 +81,7 @@ void flush_line() {
     line.text[line.fill] = '\0';
     line.fill = 0;
     fputs(line.text, stderr);
-    if (!(trelm_debug & trelm::detail::kLogToFile)) return;
+    if (!(trelm::detail::debug_flags() & trelm::detail::kLogToFile)) return;
     if (FILE* stream = trelm_dbg_get_fptr()) fputs(line.text, stream);
     memset(line.text, 0, sizeof line.text);
 }
@@ -180,7 +181,7 @@ void dump_elements(const DumpLayout& layout, const uint8_t* buffer, uint64_t cou
 
 FILE* trelm_dbg_get_fptr(void) {
     if (trelmdbg_fp) return trelmdbg_fp;
-    if (trelm_debug && !trelmlog_path[0]) {
+    if (trelm::detail::debug_flags() && !trelmlog_path[0]) {
         memset(trelmlog_path, 0, 256);
         memcpy(trelmlog_path, kDefaultLogPath, sizeof kDefaultLogPath);
     }
@@ -191,13 +192,14 @@ FILE* trelm_dbg_get_fptr(void) {
 
 void trelm_dbg_print(const char* func_name, const char* string, uint64_t number, uint8_t radix,
                      uint8_t newline) {
-    if (!trelm_debug) return;
+    if (!trelm::detail::debug_flags()) return;
     trelm::detail::ErrnoKeeper keep;
     trelm::detail::Heap<char> scratch(kScratch);
     if (!scratch) return;
     Turn turn;
     trelm::detail::QuietWrites quiet;
-    if ((trelm_debug & trelm::detail::kLogToFile) && newline == 1 && !stamp(scratch.get())) return;
+    if ((trelm::detail::debug_flags() & trelm::detail::kLogToFile) && newline == 1 && !stamp(scratch.get()))
+        return;
     if (func_name) trelm_dbg_puts(func_name);
     trelm_dbg_puts(string);
     if (radix) trelm_dbg_output_number(number, radix);

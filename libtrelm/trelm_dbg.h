@@ -44,7 +44,9 @@ struct Piece {
 // Writes one line composed of the pieces.
 void write_line(const char* func_name, const Piece* pieces, size_t count);
 
-inline bool logs(DebugFlag category) { return __builtin_expect(trelm_debug & category, 0); }
+// Loads and opens may set the flags while other threads look at them.
+inline uint32_t debug_flags() { return __atomic_load_n(&trelm_debug, __ATOMIC_RELAXED); }
+inline bool logs(DebugFlag category) { return __builtin_expect(debug_flags() & category, 0); }
 
 template <class T, class>
 using For = T;

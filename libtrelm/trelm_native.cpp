@@ -15,6 +15,7 @@ namespace {
 using trelm::detail::error;
 using trelm::detail::native_driver;
 using trelm::detail::native_operation;
+using trelm::detail::Outcome;
 using trelm::detail::Piece;
 using trelm::detail::trace;
 
@@ -24,7 +25,8 @@ constexpr uint32_t kStatusNoMemory = 10;  // the transport's own: no payload cou
 // A host has no more ports than this; a driver that counts more is not followed further.
 constexpr uint64_t kMaxInstances = 65536;
 
-struct Operation {
+// What a request is and says.
+struct RequestKind {
     native_callback callback;
     uint32_t payload;
     const char* status_text;
@@ -33,7 +35,7 @@ struct Operation {
     bool exit_shows_result;
 };
 
-constexpr Operation kOperations[trelm::detail::kNativeOperations] = {
+constexpr RequestKind kRequests[trelm::detail::kNativeOperations] = {
     {NATIVE_CB_PORT_INFO, sizeof(kronfc_port_info), ": Get port info callback failed, status=",
      ": Get port info callback function failed, errno=", "): port_info_cb alloc failed.", true},
     {NATIVE_CB_PORT_STATS, sizeof(kronfc_port_stats), ": Get port stats native failed, status=",
@@ -132,19 +134,22 @@ void trace_at(const char* func, uint32_t apihandle, const char* text) {
     trace(func, Piece("(", apihandle), text);
 }
 
-uint32_t no_memory(const native_driver& driver, native_operation operation, const trelm_priv_db* pdb,
-                   uint32_t* stat) {
+void trace_entry(const native_driver& driver, native_operation operation, const trelm_priv_db* pdb) {
+    trace_at(driver.operation_names[operation], trelm::detail::handle_of(pdb), "): entered.");
+}
+
+Outcome no_memory(const native_driver& driver, native_operation operation, const trelm_priv_db* pdb) {
+    const int err = errno;
     error(driver.operation_names[operation], Piece("(", trelm::detail::handle_of(pdb)),
-          kOperations[operation].alloc_text);
-    *stat = kStatusNoMemory;
-    return 1;
+          kRequests[operation].alloc_text);
+    return {1, kStatusNoMemory, err};
 }
 
 void trace_exit(const native_driver& driver, native_operation operation, const trelm_priv_db* pdb,
                 uint32_t result) {
     if (!trelm::detail::logs(trelm::detail::kTrace)) return;
     const char* func = driver.operation_names[operation];
-    bool shows_result = kOperations[operation].exit_shows_result &&
+    bool shows_result = kRequests[operation].exit_shows_result &&
                         (operation != trelm::detail::kPortInfo || driver.port_info_exit_shows_result);
     if (shows_result) {
         trace(func, Piece("(", trelm::detail::handle_of(pdb)), Piece("): exiting. ret=", result));
@@ -154,21 +159,19 @@ void trace_exit(const native_driver& driver, native_operation operation, const t
 }
 
 // Sends the wrapper and judges the outcome: the driver's status first, then the call's own result.
-uint32_t send(const native_driver& driver, native_operation operation, const trelm_priv_db* pdb,
-              native_cb_header* wrapper, uint32_t* stat) {
+Outcome send(const native_driver& driver, native_operation operation, const trelm_priv_db* pdb,
+             native_cb_header* wrapper) {
     wrapper->host_no = pdb->host_no;
     wrapper->status = 0;
-    int rc = invoke(driver, kOperations[operation].callback, wrapper);
-    *stat = wrapper->status;
-    if (*stat) {
-        error(driver.operation_names[operation], Piece(kOperations[operation].status_text, *stat));
-        return 1;
+    const int rc = invoke(driver, kRequests[operation].callback, wrapper);
+    const int err = errno;
+    const uint32_t stat = wrapper->status;
+    if (stat) {
+        error(driver.operation_names[operation], Piece(kRequests[operation].status_text, stat));
+    } else if (rc) {
+        error(driver.operation_names[operation], Piece(kRequests[operation].errno_text, err));
     }
-    if (rc) {
-        error(driver.operation_names[operation], Piece(kOperations[operation].errno_text, errno));
-        return 1;
-    }
-    return 0;
+    return {stat || rc ? 1u : 0u, stat, err};
 }
 
 // The payload of an operation other than a SCSI command.
@@ -177,15 +180,17 @@ struct Request {
     uint8_t body[sizeof(kronfc_port_stats)];  // the largest
 } __attribute__((packed));
 
-uint32_t data_length(const kronfc_scsi_cmd& cmd) {
-    return cmd.direction == SCSI_DIRECTION_IN || cmd.direction == SCSI_DIRECTION_OUT ? cmd.data_len : 0;
-}
+// What precedes the data, or its address, in the command records of all drivers.
+constexpr size_t kScsiLead = offsetof(kronfc_scsi_cmd, data_buffer);
+static_assert(kScsiLead == offsetof(dorfc_scsi_cmd, data_addr));
 
-constexpr size_t kScsiLead = offsetof(kronfc_scsi_cmd, data_buffer);  // what precedes the data area
+bool moves_data(const dorfc_scsi_cmd& cmd) {
+    return cmd.direction == SCSI_DIRECTION_IN || cmd.direction == SCSI_DIRECTION_OUT;
+}
 
 // Fills a wrapper that is zero wherever the command says nothing. The driver sees all of it, so what an
 // earlier command left in the block is cleared, but for what is overwritten.
-void fill_scsi(kronfc_scsi_cmd_cb& wrapper, bool cleared, const kronfc_scsi_cmd& cmd, const uint8_t* data) {
+void fill_scsi(kronfc_scsi_cmd_cb& wrapper, bool cleared, const dorfc_scsi_cmd& cmd, const uint8_t* data) {
     const uint32_t out = cmd.direction == SCSI_DIRECTION_OUT ? cmd.data_len : 0;
     kronfc_scsi_cmd& to = wrapper.cmnd;
     if (!cleared) {
@@ -199,27 +204,25 @@ void fill_scsi(kronfc_scsi_cmd_cb& wrapper, bool cleared, const kronfc_scsi_cmd&
     to.cdb_len = cmd.cdb_len;
     memcpy(to.cdb, cmd.cdb, cmd.cdb_len);
     to.sense_len = cmd.sense_len;
-    to.data_len = data_length(cmd);
+    to.data_len = moves_data(cmd) ? cmd.data_len : 0;
     if (out) memcpy(to.data_buffer, data, out);
 }
 
 // One SCSI command; `take` gets the driver's answer on success.
 template <class Take>
-uint32_t exchange(const native_driver& driver, trelm_priv_db* pdb, const kronfc_scsi_cmd& cmd,
-                  const uint8_t* data, uint32_t* stat, Take take) {
-    trace_at(driver.operation_names[trelm::detail::kScsiCmd], trelm::detail::handle_of(pdb), "): entered.");
-    uint32_t result = 1;
-    if (cmd.cdb_len > kScsiMaxCdb || data_length(cmd) > kScsiMaxData) {
-        *stat = kStatusInvalid;
-    } else {
-        trelm::detail::Pooled<kronfc_scsi_cmd_cb> wrapper;
-        if (!wrapper) return no_memory(driver, trelm::detail::kScsiCmd, pdb, stat);
+Outcome exchange(const native_driver& driver, const trelm_priv_db* pdb, const dorfc_scsi_cmd& cmd,
+                 const uint8_t* data, Take take) {
+    trace_entry(driver, trelm::detail::kScsiCmd, pdb);
+    Outcome outcome = {1, kStatusInvalid, errno};
+    if (cmd.cdb_len <= kScsiMaxCdb && !(moves_data(cmd) && cmd.data_len > kScsiMaxData)) {
+        const trelm::detail::Pooled<kronfc_scsi_cmd_cb> wrapper;
+        if (!wrapper) return no_memory(driver, trelm::detail::kScsiCmd, pdb);
         fill_scsi(*wrapper.get(), wrapper.cleared(), cmd, data);
-        result = send(driver, trelm::detail::kScsiCmd, pdb, &wrapper->header, stat);
-        if (result == 0) take(wrapper->cmnd);
+        outcome = send(driver, trelm::detail::kScsiCmd, pdb, &wrapper->header);
+        if (outcome.result == 0) take(wrapper->cmnd);
     }
-    trace_exit(driver, trelm::detail::kScsiCmd, pdb, result);
-    return result;
+    trace_exit(driver, trelm::detail::kScsiCmd, pdb, outcome.result);
+    return outcome;
 }
 
 }  // namespace
@@ -268,9 +271,9 @@ uint32_t trelm::detail::native_open_adapter(const native_driver& driver, trelm_p
         error(driver.open_name, ": pdb not found, exiting");
         return 1;
     }
-    pdb->hw_info->apihandle = instance + 1;
+    set_handle(*pdb->hw_info, instance + 1);
     ++pdb->hw_info->open_cnt;
-    *papi_handle = pdb->hw_info->apihandle;
+    *papi_handle = instance + 1;
     trace(driver.open_name, ": exiting.");
     return 0;
 }
@@ -285,43 +288,44 @@ uint32_t trelm::detail::native_close_adapter(const native_driver& driver, trelm_
     if (hw.open_cnt == 0) return 0;
     if (--hw.open_cnt == 0) {
         hw.oshandle = -1;
-        hw.apihandle = 0;
+        set_handle(hw, 0);
     }
     trace_at(driver.close_name, hw.apihandle, "): exiting.");
     return 0;
 }
 
-uint32_t trelm::detail::native_request(const native_driver& driver, native_operation operation,
-                                       trelm_priv_db* pdb, void* payload, size_t wanted, uint32_t* stat) {
-    const Operation& row = kOperations[operation];
-    trace_at(driver.operation_names[operation], handle_of(pdb), "): entered.");
-    Pooled<Request> request;
-    if (!request) return no_memory(driver, operation, pdb, stat);
+trelm::detail::Outcome trelm::detail::native_request(const native_driver& driver, native_operation operation,
+                                                     const trelm_priv_db* pdb, void* payload, size_t wanted) {
+    trace_entry(driver, operation, pdb);
+    const Pooled<Request> request;
+    if (!request) return no_memory(driver, operation, pdb);
     uint8_t* const body = request->body;
-    memset(request.get(), 0, sizeof request->header + row.payload);
+    memset(request.get(), 0, sizeof request->header + kRequests[operation].payload);
     if (operation == kTgtInfo) {
         constexpr size_t at = offsetof(kronfc_tgt_info, scsi_tgt_num);
         memcpy(body + at, static_cast<uint8_t*>(payload) + at, sizeof(kronfc_tgt_info::scsi_tgt_num));
     }
-    uint32_t result = send(driver, operation, pdb, &request->header, stat);
-    if (result == 0) memcpy(payload, body, wanted);
-    request.reset();
-    trace_exit(driver, operation, pdb, result);
-    return result;
+    const Outcome outcome = send(driver, operation, pdb, &request->header);
+    if (outcome.result == 0) memcpy(payload, body, wanted);
+    trace_exit(driver, operation, pdb, outcome.result);
+    return outcome;
 }
 
-uint32_t trelm::detail::native_send_scsi_cmd(const native_driver& driver, trelm_priv_db* pdb,
-                                             kronfc_scsi_cmd* pcmd, uint32_t* stat) {
-    return exchange(driver, pdb, *pcmd, pcmd->data_buffer, stat,
-                    [pcmd](const kronfc_scsi_cmd& answer) { memcpy(pcmd, &answer, sizeof answer); });
+trelm::detail::Outcome trelm::detail::native_send_scsi_cmd(const native_driver& driver,
+                                                           const trelm_priv_db* pdb, kronfc_scsi_cmd* pcmd) {
+    const auto& lead = *reinterpret_cast<const dorfc_scsi_cmd*>(pcmd);
+    const auto take = [pcmd](const kronfc_scsi_cmd& answer) { memcpy(pcmd, &answer, sizeof answer); };
+    return exchange(driver, pdb, lead, pcmd->data_buffer, take);
 }
 
-uint32_t trelm::detail::native_exchange_scsi_cmd(const native_driver& driver, trelm_priv_db* pdb,
-                                                 kronfc_scsi_cmd* pcmd, uint8_t* data, uint32_t* stat) {
-    const uint32_t room = pcmd->direction == SCSI_DIRECTION_IN ? pcmd->data_len : 0;
-    return exchange(driver, pdb, *pcmd, data, stat, [pcmd, data, room](const kronfc_scsi_cmd& answer) {
-        memcpy(pcmd, &answer, kScsiLead);
+trelm::detail::Outcome trelm::detail::native_exchange_scsi_cmd(const native_driver& driver,
+                                                               const trelm_priv_db* pdb, dorfc_scsi_cmd* cmd,
+                                                               uint8_t* data) {
+    const uint32_t room = cmd->direction == SCSI_DIRECTION_IN ? cmd->data_len : 0;
+    const auto take = [cmd, data, room](const kronfc_scsi_cmd& answer) {
+        memcpy(cmd, &answer, kScsiLead);
         const uint32_t arrived = answer.data_len < room ? answer.data_len : room;
         if (arrived) memcpy(data, answer.data_buffer, arrived);
-    });
+    };
+    return exchange(driver, pdb, *cmd, data, take);
 }

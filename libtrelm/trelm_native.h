@@ -17,6 +17,16 @@ union native_port_info {
     kronfc_port_info kron;
 };
 
+// How a request ended. It fails by its result, by the driver's status, or by both; `error` is the errno that
+// the call to the driver left.
+struct Outcome {
+    uint32_t result = 0;
+    uint32_t stat = 0;
+    int error = 0;
+
+    bool failed() const { return result != 0 || stat != 0; }
+};
+
 struct native_driver {
     vmk_MgmtApiSignature* signature;
     uint64_t cookie;
@@ -54,18 +64,23 @@ uint32_t native_close_adapter(const native_driver& driver, trelm_priv_db* pdb);
 
 // One operation with a payload of at most 512 bytes; on success `payload` receives the first `wanted` bytes
 // of the driver's answer.
-uint32_t native_request(const native_driver& driver, native_operation operation, trelm_priv_db* pdb,
-                        void* payload, size_t wanted, uint32_t* stat);
+Outcome native_request(const native_driver& driver, native_operation operation, const trelm_priv_db* pdb,
+                       void* payload, size_t wanted);
 
 // A SCSI command whose data lies inside the record.
-uint32_t native_send_scsi_cmd(const native_driver& driver, trelm_priv_db* pdb, kronfc_scsi_cmd* pcmd,
-                              uint32_t* stat);
+Outcome native_send_scsi_cmd(const native_driver& driver, const trelm_priv_db* pdb, kronfc_scsi_cmd* pcmd);
 
-// A SCSI command whose data lies in the caller's own buffer of pcmd->data_len bytes, so that it is copied
-// once: of the record only what precedes the data area is looked at or written, and `data` receives at most
-// its own length.
-uint32_t native_exchange_scsi_cmd(const native_driver& driver, trelm_priv_db* pdb, kronfc_scsi_cmd* pcmd,
-                                  uint8_t* data, uint32_t* stat);
+// A SCSI command whose data lies in the caller's own buffer of cmd->data_len bytes, so that it is copied
+// once. The record is used up to its data length, to where those of all drivers are alike; `data` receives at
+// most its own length.
+Outcome native_exchange_scsi_cmd(const native_driver& driver, const trelm_priv_db* pdb, dorfc_scsi_cmd* cmd,
+                                 uint8_t* data);
+
+// An outcome as the exported functions give it.
+inline uint32_t give(const Outcome& outcome, uint32_t* stat) {
+    *stat = outcome.stat;
+    return outcome.result;
+}
 
 extern const native_driver kron_driver;
 extern const native_driver pyx_driver;

@@ -28,6 +28,14 @@ vmk_MgmtApiSignature kron_fcapi_sig = {.version = 0x01000000,
                                        .callbacks = kron_fcapi_callbacks};
 vmk_MgmtUserHandle kron_fcapi_handle = 0;
 
+using trelm::detail::give;
+using trelm::detail::kron_driver;
+using trelm::detail::native_close_adapter;
+using trelm::detail::native_find_all_instances;
+using trelm::detail::native_open_adapter;
+using trelm::detail::native_request;
+using trelm::detail::native_send_scsi_cmd;
+
 namespace {
 
 void fill_port(trelm_priv_db& pdb, const trelm::detail::native_port_info& port) {
@@ -49,9 +57,52 @@ const trelm::detail::native_driver trelm::detail::kron_driver = {
     .handle = &kron_fcapi_handle,
     .signed_count = true,
     .port_info_exit_shows_result = true,
-    TRELM_NATIVE_NAMES(trelmnt),
+    .find_all_name = "trelmnt_find_all_instances",
+    .find_hw_info_name = "trelmnt_get_hw_info_inst",
+    .find_parent_name = "trelmnt_get_parent_port",
+    .open_name = "trelmnt_open_adapter",
+    .close_name = "trelmnt_close_adapter",
+    .operation_names = {"trelmnt_get_port_info", "trelmnt_get_port_stats", "trelmnt_get_tgt_info",
+                        "trelmnt_get_fcf_info", "trelmnt_send_scsi_cmd"},
     .fill_port = fill_port,
     .fill_hardware = fill_hardware,
 };
 
-TRELM_DEFINE_NATIVE_TRANSPORT(trelmnt, kronfc, trelm::detail::kron_driver)
+uint32_t trelmnt_find_all_instances(const char*, uint32_t* start_inst) {
+    return native_find_all_instances(kron_driver, start_inst);
+}
+
+uint32_t trelmnt_open_adapter(trelm_priv_db* pdb, uint32_t instance, uint32_t* papi_handle) {
+    return native_open_adapter(kron_driver, pdb, instance, papi_handle);
+}
+
+uint32_t trelmnt_close_adapter(trelm_priv_db* pdb) { return native_close_adapter(kron_driver, pdb); }
+
+uint32_t trelmnt_get_port_info(trelm_priv_db* pdb, kronfc_port_info* port_info, uint32_t* stat) {
+    return give(native_request(kron_driver, trelm::detail::kPortInfo, pdb, port_info, sizeof *port_info),
+                stat);
+}
+
+uint32_t trelmnt_get_port_stats(trelm_priv_db* pdb, kronfc_port_stats* pstats, uint32_t* stat) {
+    return give(native_request(kron_driver, trelm::detail::kPortStats, pdb, pstats, sizeof *pstats), stat);
+}
+
+uint32_t trelmnt_get_tgt_info(trelm_priv_db* pdb, kronfc_tgt_info* ptgt, uint32_t* stat) {
+    return give(native_request(kron_driver, trelm::detail::kTgtInfo, pdb, ptgt, sizeof *ptgt), stat);
+}
+
+uint32_t trelmnt_get_fcf_info(trelm_priv_db* pdb, kronfc_fcf_info* pfcf, uint32_t* stat) {
+    return give(native_request(kron_driver, trelm::detail::kFcfInfo, pdb, pfcf, sizeof *pfcf), stat);
+}
+
+uint32_t trelmnt_send_scsi_cmd(trelm_priv_db* pdb, kronfc_scsi_cmd* pcmd, uint32_t* stat) {
+    return give(native_send_scsi_cmd(kron_driver, pdb, pcmd), stat);
+}
+
+trelm_hw_info* trelmnt_get_hw_info_inst(const kronfc_pci_info* pci_info) {
+    return trelm::detail::find_hw_info(__func__, *pci_info);
+}
+
+trelm_priv_db* trelmnt_get_parent_port(const kronfc_pci_info* pci_info) {
+    return trelm::detail::find_parent(__func__, *pci_info);
+}

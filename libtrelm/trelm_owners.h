@@ -3,6 +3,7 @@
 #pragma once
 
 #include <dirent.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,6 +20,18 @@ class ErrnoKeeper {
 
   private:
     int saved_;
+};
+
+// A thread that is cancelled ends at the first cancellation point after this, not in between.
+class NoCancellation {
+  public:
+    NoCancellation() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+    ~NoCancellation() { pthread_setcancelstate(before_, nullptr); }
+    NoCancellation(const NoCancellation&) = delete;
+    NoCancellation& operator=(const NoCancellation&) = delete;
+
+  private:
+    int before_ = PTHREAD_CANCEL_ENABLE;
 };
 
 // A value with a release function and a value that stands for 'none'.

@@ -1,13 +1,16 @@
-// The pool of request memory: of each size two slots, one for each block of a request. Slots change hands
-// atomically, so that two threads that use the library at once (which they should not) never share a block.
+// The pool of request memory. What was given back last is taken first: a request gives its payload back before
+// its record, of which, when it is large, only the beginning is ever used. So each block keeps its part, and
+// most of the record's is never touched.
 //
-// What was given back last is taken first. A request gives its payload back before its record, of which, when
-// it is large, only the beginning is ever used: so each block keeps its part, and most of the record's is
-// never touched.
+// The blocks that a cell keeps are its thread's alone, so taking one and giving it back are plain reads and
+// writes. A signal handler that uses the library may come between two of them. It finds a block either kept,
+// and has given it back when it returns, or taken.
 
 #include "trelm_pool.h"
 
 #include <cstdlib>
+
+#include "trelm_gate.h"
 
 #if __has_include(<sanitizer/asan_interface.h>)
 #include <sanitizer/asan_interface.h>
@@ -18,58 +21,76 @@
 
 namespace {
 
-constexpr size_t kSlots = 2;
+using trelm::detail::kLargeBlock;
+using trelm::detail::kSmallBlock;
+using trelm::detail::ThreadCell;
 
-struct Blocks {
-    size_t size;
-    void* slots[kSlots];
+constexpr size_t kKept = 2;  // of either size: as many as a request takes
+
+// Where the calling thread keeps blocks of one size; nowhere, where it has no cell.
+struct Shelf {
+    size_t block_size;
+    void** begin;
+    void** end;
 };
-Blocks kept[] = {{trelm::detail::kSmallBlock, {}}, {trelm::detail::kLargeBlock, {}}};
 
-Blocks& blocks_for(size_t bytes) { return kept[bytes > trelm::detail::kSmallBlock]; }
+Shelf shelf_for(size_t bytes) {
+    const bool large = bytes > kSmallBlock;
+    const size_t block_size = large ? kLargeBlock : kSmallBlock;
+    ThreadCell* const cell = trelm::detail::my_cell;
+    if (!cell) return {block_size, nullptr, nullptr};
+    void** const begin = large ? cell->large_blocks : cell->small_blocks;
+    return {block_size, begin, begin + kKept};
+}
 
-void* take_kept(Blocks& blocks) {
-    for (size_t i = kSlots; i-- > 0;) {
-        if (!__atomic_load_n(&blocks.slots[i], __ATOMIC_RELAXED)) continue;
-        if (void* block = __atomic_exchange_n(&blocks.slots[i], nullptr, __ATOMIC_ACQ_REL)) return block;
+void* take_kept(const Shelf& shelf) {
+    for (void** kept = shelf.end; kept != shelf.begin;) {
+        void* const block = *--kept;
+        *kept = nullptr;
+        if (block) return block;
     }
     return nullptr;
 }
 
-bool keep(Blocks& blocks, void* block) {
-    for (void*& slot : blocks.slots) {
-        void* none = nullptr;
-        if (!__atomic_load_n(&slot, __ATOMIC_RELAXED) &&
-            __atomic_compare_exchange_n(&slot, &none, block, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED))
-            return true;
+bool keep(const Shelf& shelf, void* block) {
+    for (void** kept = shelf.begin; kept != shelf.end; ++kept) {
+        if (*kept) continue;
+        *kept = block;
+        return true;
     }
     return false;
+}
+
+void release(void*& block) {
+    free(block);
+    block = nullptr;
 }
 
 }  // namespace
 
 void* trelm::detail::pool_take(size_t bytes, bool* cleared) {
-    Blocks& blocks = blocks_for(bytes);
-    void* block = take_kept(blocks);
-    const bool zeroed = !block && cleared && blocks.size == kLargeBlock;
+    const Shelf shelf = shelf_for(bytes);
+    void* block = take_kept(shelf);
+    const bool zeroed = !block && cleared && shelf.block_size == kLargeBlock;
     if (cleared) *cleared = zeroed;
-    if (!block) block = zeroed ? calloc(1, blocks.size) : malloc(blocks.size);
+    if (!block) block = zeroed ? calloc(1, shelf.block_size) : malloc(shelf.block_size);
     // A kept block hides from AddressSanitizer who may use how much of it.
     if (block) {
-        ASAN_POISON_MEMORY_REGION(block, blocks.size);
+        ASAN_POISON_MEMORY_REGION(block, shelf.block_size);
         ASAN_UNPOISON_MEMORY_REGION(block, bytes);
     }
     return block;
 }
 
 void trelm::detail::pool_give_back(void* block, size_t bytes) {
-    Blocks& blocks = blocks_for(bytes);
-    ASAN_POISON_MEMORY_REGION(block, blocks.size);
-    if (!keep(blocks, block)) free(block);
+    const Shelf shelf = shelf_for(bytes);
+    ASAN_POISON_MEMORY_REGION(block, shelf.block_size);
+    if (!keep(shelf, block)) free(block);
 }
 
 void trelm::detail::pool_empty() {
-    for (Blocks& blocks : kept) {
-        for (void*& slot : blocks.slots) free(__atomic_exchange_n(&slot, nullptr, __ATOMIC_ACQ_REL));
+    for (ThreadCell* cell = first_cell(); cell != end_of_cells(); ++cell) {
+        for (void*& block : cell->small_blocks) release(block);
+        for (void*& block : cell->large_blocks) release(block);
     }
 }

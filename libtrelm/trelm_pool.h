@@ -1,8 +1,8 @@
 // trelm_pool.h - memory for requests. A SCSI command to a native driver takes two blocks of a quarter of a
 // megabyte; given back to the C allocator each time, they cost more in page faults than the command itself. A
 // request for counters takes two of half a kilobyte, and to allocate and free those costs as much as the rest
-// of the library's part. So a block that is given back is kept for the next request, up to two of either
-// size, and all of them are freed when the library is.
+// of the library's part. So each thread keeps the blocks that its calls give back, two of either size, and
+// freeing the library frees them all.
 #pragma once
 
 #include <cstddef>
@@ -21,7 +21,7 @@ inline constexpr size_t kLargeBlock = sizeof(kronfc_scsi_cmd_cb);
 void* pool_take(size_t bytes, bool* cleared = nullptr);
 // The same number of bytes as when they were taken.
 void pool_give_back(void* block, size_t bytes);
-// Frees the blocks that are kept.
+// Frees the blocks that are kept. Nobody else may be in the library.
 void pool_empty();
 
 template <class T>

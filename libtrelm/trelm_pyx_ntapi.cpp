@@ -25,6 +25,14 @@ vmk_MgmtApiSignature cx_fcoe_sig = {.version = 0x01000000,
                                     .callbacks = cx_fcoe_callbacks};
 vmk_MgmtUserHandle cx_fcoe_handle = 0;
 
+using trelm::detail::give;
+using trelm::detail::native_close_adapter;
+using trelm::detail::native_find_all_instances;
+using trelm::detail::native_open_adapter;
+using trelm::detail::native_request;
+using trelm::detail::native_send_scsi_cmd;
+using trelm::detail::pyx_driver;
+
 namespace {
 
 void fill_port(trelm_priv_db& pdb, const trelm::detail::native_port_info& port) {
@@ -43,9 +51,52 @@ const trelm::detail::native_driver trelm::detail::pyx_driver = {
     .handle = &cx_fcoe_handle,
     .signed_count = false,
     .port_info_exit_shows_result = false,
-    TRELM_NATIVE_NAMES(trelm_pyxnt),
+    .find_all_name = "trelm_pyxnt_find_all_instances",
+    .find_hw_info_name = "trelm_pyxnt_get_hw_info_inst",
+    .find_parent_name = "trelm_pyxnt_get_parent_port",
+    .open_name = "trelm_pyxnt_open_adapter",
+    .close_name = "trelm_pyxnt_close_adapter",
+    .operation_names = {"trelm_pyxnt_get_port_info", "trelm_pyxnt_get_port_stats", "trelm_pyxnt_get_tgt_info",
+                        "trelm_pyxnt_get_fcf_info", "trelm_pyxnt_send_scsi_cmd"},
     .fill_port = fill_port,
     .fill_hardware = fill_hardware,
 };
 
-TRELM_DEFINE_NATIVE_TRANSPORT(trelm_pyxnt, cx_fcoe, trelm::detail::pyx_driver)
+uint32_t trelm_pyxnt_find_all_instances(const char*, uint32_t* start_inst) {
+    return native_find_all_instances(pyx_driver, start_inst);
+}
+
+uint32_t trelm_pyxnt_open_adapter(trelm_priv_db* pdb, uint32_t instance, uint32_t* papi_handle) {
+    return native_open_adapter(pyx_driver, pdb, instance, papi_handle);
+}
+
+uint32_t trelm_pyxnt_close_adapter(trelm_priv_db* pdb) { return native_close_adapter(pyx_driver, pdb); }
+
+uint32_t trelm_pyxnt_get_port_info(trelm_priv_db* pdb, cx_fcoe_port_info* port_info, uint32_t* stat) {
+    return give(native_request(pyx_driver, trelm::detail::kPortInfo, pdb, port_info, sizeof *port_info),
+                stat);
+}
+
+uint32_t trelm_pyxnt_get_port_stats(trelm_priv_db* pdb, cx_fcoe_port_stats* pstats, uint32_t* stat) {
+    return give(native_request(pyx_driver, trelm::detail::kPortStats, pdb, pstats, sizeof *pstats), stat);
+}
+
+uint32_t trelm_pyxnt_get_tgt_info(trelm_priv_db* pdb, cx_fcoe_tgt_info* ptgt, uint32_t* stat) {
+    return give(native_request(pyx_driver, trelm::detail::kTgtInfo, pdb, ptgt, sizeof *ptgt), stat);
+}
+
+uint32_t trelm_pyxnt_get_fcf_info(trelm_priv_db* pdb, cx_fcoe_fcf_info* pfcf, uint32_t* stat) {
+    return give(native_request(pyx_driver, trelm::detail::kFcfInfo, pdb, pfcf, sizeof *pfcf), stat);
+}
+
+uint32_t trelm_pyxnt_send_scsi_cmd(trelm_priv_db* pdb, cx_fcoe_scsi_cmd* pcmd, uint32_t* stat) {
+    return give(native_send_scsi_cmd(pyx_driver, pdb, pcmd), stat);
+}
+
+trelm_hw_info* trelm_pyxnt_get_hw_info_inst(const cx_fcoe_pci_info* pci_info) {
+    return trelm::detail::find_hw_info(__func__, *pci_info);
+}
+
+trelm_priv_db* trelm_pyxnt_get_parent_port(const cx_fcoe_pci_info* pci_info) {
+    return trelm::detail::find_parent(__func__, *pci_info);
+}

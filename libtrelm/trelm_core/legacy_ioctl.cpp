@@ -92,7 +92,7 @@ bool open_node(const char* func, trelm_hw_info& hw, uint32_t instance, uint32_t*
         return false;
     }
     hw.oshandle = fd;
-    hw.apihandle = instance + 1;
+    trelm::detail::set_handle(hw, instance + 1);
     return true;
 }
 
@@ -208,7 +208,7 @@ uint32_t trelm_close_adapter(trelm_priv_db* pdb, uint32_t* perr) {
         result = 1;
     } else if (hw.open_cnt && --hw.open_cnt == 0) {
         hw.oshandle = -1;
-        hw.apihandle = 0;
+        trelm::detail::set_handle(hw, 0);
     }
     trace(__func__, Piece("(", hw.apihandle), Piece("): exiting, rval=", result));
     return result;

@@ -8,6 +8,7 @@
 
 #include "trelm_core.h"
 #include "trelm_dbg.h"
+#include "trelm_gate.h"
 #include "trelm_ntapi.h"
 #include "trelm_pool.h"
 #include "trelm_pyx_ntapi.h"
@@ -71,11 +72,19 @@ void close_hardware(trelm_hw_info& hw) {
         close(fd);
     }
     hw.oshandle = -1;
-    hw.apihandle = 0;
+    trelm::detail::set_handle(hw, 0);
     hw.phys_path[0] = '\0';
 }
 
 }  // namespace
+
+void trelm::detail::forget_registry() {
+    trelm_priv_database = nullptr;
+    trelm_phy_info = nullptr;
+    trelm_db_sem_id = -1;
+    trelm_shm_fildes = -1;
+    trelm_shared_data = nullptr;
+}
 
 void trelm_check_esx(void) {
     trace(__func__, ": entered.");

@@ -8,6 +8,7 @@
 #include "trelm_core/discovery.h"
 #include "trelm_core/location_index.h"
 #include "trelm_dbg.h"
+#include "trelm_gate.h"
 
 trelm_dlist* trelm_priv_database = nullptr;
 trelm_dlist* trelm_phy_info = nullptr;
@@ -52,11 +53,18 @@ struct Roster {
         for (trelm_dl_node* node = list->head->*step; node && node != list->head; node = node->*step) {
             auto* record = static_cast<Record*>(node->data);
             if (!matches(*record)) continue;
-            list->marker = node;
+            rest_on(node);
             return record;
         }
-        list->marker = list->head;
+        rest_on(list->head);
         return nullptr;
+    }
+
+    // No public call depends on where the cursor rests: it says where the next record goes, records are added
+    // by loads alone, and a load begins with no list. So while several threads look up, none moves it, and
+    // they share no line that is written.
+    void rest_on(trelm_dl_node* node) const {
+        if (!trelm::detail::shares_registry()) list->marker = node;
     }
 
     // The same where the index of a discovery knows how such a walk would end.
@@ -120,7 +128,7 @@ const Roster<trelm_hw_info> hardware = {trelm_phy_info, ": not enough memory for
 bool is_physical(const trelm_priv_db& pdb) { return pdb.port_type != FC_PORTTYPE_NPIV; }
 
 bool has_handle(const trelm_priv_db& pdb, uint32_t handle) {
-    return pdb.hw_info && pdb.hw_info->apihandle == handle;
+    return pdb.hw_info && __atomic_load_n(&pdb.hw_info->apihandle, __ATOMIC_ACQUIRE) == handle;
 }
 
 bool lies_at(const trelm_hw_info& hw, const dorfc_pci_info& at) {
@@ -172,6 +180,15 @@ trelm_priv_db* trelm_get_pdb_from_user_instance(uint32_t instance) {
     }
     return ports.find(
         [instance](const trelm_priv_db& pdb) mutable { return is_physical(pdb) && instance-- == 0; });
+}
+
+uint32_t trelm::detail::count_physical_ports() {
+    uint32_t count = 0;
+    ports.find([&count](const trelm_priv_db& pdb) {
+        count += is_physical(pdb);
+        return false;
+    });
+    return count;
 }
 
 uint32_t trelm_get_instance_from_pdb(trelm_priv_db* pdb, uint32_t* instance) {

@@ -176,9 +176,11 @@ int let_go(int32_t sem_id) {
     return result;
 }
 
+int32_t debug_semaphore() { return __atomic_load_n(&trelm_dbg_sem_id, __ATOMIC_RELAXED); }
+
 // The failures of the log's own semaphore are not written to the log.
 int warn_of_failure(const char* func, int32_t sem_id, int result, const char* warning) {
-    const bool logs_own = sem_id != -1 && sem_id == trelm_dbg_sem_id;
+    const bool logs_own = sem_id != -1 && sem_id == debug_semaphore();
     if (result == -1 && !logs_own) trelm::detail::error(func, trelm::detail::Piece(warning, errno, 16));
     return result;
 }
@@ -241,6 +243,10 @@ int trelm_sem_signal(int32_t sem_id) {
 void trelm_set_debug_level(void) {
     const char* flags = getenv("TRELM_API_DEBUG");
     if (!flags) return;
-    trelm_debug = static_cast<uint32_t>(strtol(flags, nullptr, 16));
-    if (trelm_debug && trelm_dbg_sem_id == -1) trelm_dbg_sem_id = trelm::detail::sem_get(trelm_dbg_semkey);
+    const auto wanted = static_cast<uint32_t>(strtol(flags, nullptr, 16));
+    if (wanted != trelm::detail::debug_flags()) __atomic_store_n(&trelm_debug, wanted, __ATOMIC_RELAXED);
+    if (!wanted || debug_semaphore() != -1) return;
+    // Threads that get here at once get the same set.
+    const trelm::detail::NoCancellation whole;
+    __atomic_store_n(&trelm_dbg_sem_id, trelm::detail::sem_get(trelm_dbg_semkey), __ATOMIC_RELAXED);
 }

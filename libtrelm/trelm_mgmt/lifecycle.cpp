@@ -5,19 +5,42 @@
 #include "trelm_core.h"
 #include "trelm_dbg.h"
 #include "trelm_version.h"
+#include "trelm_gate.h"
+#include "trelm_owners.h"
 
 const char trelm_version_description[128] = "Calvexa Ulvard FC API library version " TRELM_VERSION_TEXT;
 static_assert(TRELM_VERSION_NUMBER == TRELM_BUILT_VERSION_NUMBER, "the public header has the project's version");
 
+using trelm::detail::Call;
 using trelm::detail::error;
+using trelm::detail::Exclusive;
+using trelm::detail::NoCancellation;
 using trelm::detail::Piece;
 using trelm::detail::trace;
+
+namespace {
+
+// Answers without having the library alone, so that a load of a loaded library does not wait for the calls
+// that are under way.
+bool is_loaded() {
+    const Call call;
+    return call && trelm::detail::database_is_open() && !trelm::detail::database_is_inherited();
+}
+
+}  // namespace
 
 uint32_t TRELM_LoadLibrary(void) {
     trelm_set_debug_level();
     trace(__func__, ": entered.");
+    if (is_loaded()) {
+        error(__func__, ": already loaded.");
+        return TRELM_STATUS_OK;
+    }
+    const NoCancellation whole;
+    const Exclusive alone;
+    if (!alone) return TRELM_STATUS_FAILED;
     if (trelm::detail::database_is_inherited()) trelm_unload_lib();
-    if (trelm::detail::database_is_open()) {
+    if (trelm::detail::database_is_open()) {  // another thread's load came first
         error(__func__, ": already loaded.");
         return TRELM_STATUS_OK;
     }
@@ -40,6 +63,9 @@ uint32_t TRELM_LoadLibrary(void) {
 
 uint32_t TRELM_FreeLibrary(void) {
     trace(__func__, ": entered.");
+    const NoCancellation whole;
+    const Exclusive alone;
+    if (!alone) return TRELM_STATUS_FAILED;
     const uint32_t status = trelm_unload_lib();
     if (status != 0) {
         error(__func__, Piece(": unload failed. rval=", status));
@@ -63,7 +89,8 @@ uint32_t TRELM_GetVersion(uint8_t* pVersion, uint32_t VersionSize) {
 
 uint32_t TRELM_GetPortCount(uint32_t* pPortCount) {
     trace(__func__, ": entered.");
-    if (!trelm_priv_database) {
+    const Call call;
+    if (!call || !trelm_priv_database) {
         error(__func__, ": no adapters found.");
         return TRELM_STATUS_FAILED;
     }
@@ -75,11 +102,7 @@ uint32_t TRELM_GetPortCount(uint32_t* pPortCount) {
         error(__func__, ": invalid parameter.");
         return TRELM_STATUS_INVALID_PARAMETER;
     }
-    uint32_t count = 0;
-    trelm_dlist_start(trelm_priv_database);
-    while (const auto* pdb = static_cast<trelm_priv_db*>(_trelm_dlist_mark_move(trelm_priv_database, 1))) {
-        if (pdb->port_type != FC_PORTTYPE_NPIV) ++count;
-    }
+    const uint32_t count = trelm::detail::count_physical_ports();
     *pPortCount = count;
     trace(__func__, Piece(": exiting. cnt=", count));
     return TRELM_STATUS_OK;

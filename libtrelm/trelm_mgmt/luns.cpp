@@ -2,8 +2,8 @@
 
 #include <cstring>
 
+#include "trelm_mgmt/port_call.h"
 #include "trelm_mgmt/scsi_commands.h"
-#include "trelm_mgmt/transport.h"
 #include "trelm_owners.h"
 
 namespace {
@@ -11,8 +11,12 @@ namespace {
 using trelm::detail::fail_call;
 using trelm::detail::LunAddress;
 using trelm::detail::Piece;
+using trelm::detail::PortCall;
 using trelm::detail::read_be32;
 using trelm::detail::read_be64;
+using trelm::detail::send;
+
+constexpr char kFunction[] = "TRELM_GetLunInfo";
 
 constexpr uint32_t kInquiryRoom = 256;
 constexpr uint32_t kCapacityRoom = 32;
@@ -41,28 +45,28 @@ uint32_t two_levels(const uint8_t* bytes) {
     return uint32_t{bytes[2]} << 24 | uint32_t{bytes[3]} << 16 | uint32_t{bytes[0]} << 8 | bytes[1];
 }
 
-uint32_t fail_lun(const char* func, const LunAddress& lun, const char* text, uint32_t status) {
-    trelm::detail::error(func, Piece("(", lun.handle), Piece(text, lun.lun, 16),
+uint32_t fail_lun(const PortCall& call, const LunAddress& lun, const char* text, uint32_t status) {
+    trelm::detail::error(kFunction, Piece("(", call.handle()), Piece(text, lun.lun, 16),
                          Piece(", rval=", status, 16));
     return status;
 }
 
-uint32_t fail_capacity(const char* func, const LunAddress& lun, uint32_t status) {
-    return fail_lun(func, lun, "): scsi read capacity cmd failed for lun=", status);
+uint32_t fail_capacity(const PortCall& call, const LunAddress& lun, uint32_t status) {
+    return fail_lun(call, lun, "): scsi read capacity cmd failed for lun=", status);
 }
 
 // Capacity in bytes.
-uint32_t measure(const char* func, const LunAddress& lun, uint64_t& capacity) {
+uint32_t measure(PortCall& call, const LunAddress& lun, uint64_t& capacity) {
     uint8_t data[kCapacityRoom];
-    uint32_t status = trelm::detail::send(trelm::detail::kReadCapacity10, lun, data);
-    if (status != TRELM_STATUS_OK) return fail_capacity(func, lun, status);
+    uint32_t status = send(call, trelm::detail::kReadCapacity10, lun, data);
+    if (status != TRELM_STATUS_OK) return fail_capacity(call, lun, status);
     uint64_t last_block = read_be32(data);
     uint32_t block_length = read_be32(data + 4);
     if (last_block == kTooLargeFor10) {
-        trelm::detail::error_call(func, lun.handle,
+        trelm::detail::error_call(kFunction, call.handle(),
                                   {"): trying read capacity(16) cmd for lun=", lun.lun, 16});
-        status = trelm::detail::send(trelm::detail::kReadCapacity16, lun, data);
-        if (status != TRELM_STATUS_OK) return fail_capacity(func, lun, status);
+        status = send(call, trelm::detail::kReadCapacity16, lun, data);
+        if (status != TRELM_STATUS_OK) return fail_capacity(call, lun, status);
         last_block = read_be64(data);
         block_length = read_be32(data + 8);
     }
@@ -71,14 +75,13 @@ uint32_t measure(const char* func, const LunAddress& lun, uint64_t& capacity) {
 }
 
 // Fills the element that begins at `info`; an array of an earlier version has no room for the last field.
-uint32_t describe(const char* func, const LunAddress& lun, bool version_2, TRELM_LUN_INFO* info) {
+uint32_t describe(PortCall& call, const LunAddress& lun, bool version_2, TRELM_LUN_INFO* info) {
     uint8_t data[kInquiryRoom];
-    uint32_t status = trelm::detail::send(trelm::detail::kInquiry, lun, data);
-    if (status != TRELM_STATUS_OK) {
-        return fail_lun(func, lun, "): send scsi inquiry cmd failed for lun=", status);
-    }
+    uint32_t status = send(call, trelm::detail::kInquiry, lun, data);
+    if (status != TRELM_STATUS_OK)
+        return fail_lun(call, lun, "): send scsi inquiry cmd failed for lun=", status);
     uint64_t capacity = 0;
-    status = measure(func, lun, capacity);
+    status = measure(call, lun, capacity);
     if (status != TRELM_STATUS_OK) return status;
 
     trelm_scsi_inq_data inquiry;
@@ -97,24 +100,25 @@ uint32_t describe(const char* func, const LunAddress& lun, bool version_2, TRELM
 
 uint32_t TRELM_GetLunInfo(uint32_t Handle, uint32_t NpivIndex, uint32_t ScsiTgtNum, uint32_t* pLunCount,
                           TRELM_LUN_INFO** pLunInfo) {
-    const char* func = __func__;
-    trelm::detail::trace(func, Piece("(", Handle), Piece("): entered for NPIV=", NpivIndex),
+    trelm::detail::trace(kFunction, Piece("(", Handle), Piece("): entered for NPIV=", NpivIndex),
                          Piece(" and LunCount=", pLunCount ? *pLunCount : 0));
     if (ScsiTgtNum >= TRELM_MAX_TARGETS || !pLunCount || *pLunCount == 0 || !pLunInfo || !*pLunInfo) {
-        return fail_call(func, Handle, "): invalid parameter.", TRELM_STATUS_INVALID_PARAMETER);
+        return fail_call(kFunction, Handle, trelm::detail::kInvalidParameter, TRELM_STATUS_INVALID_PARAMETER);
     }
     const trelm::detail::Heap<uint8_t> data(trelm::detail::kReportLunsRoom);
-    if (!data) return fail_call(func, Handle, "): pdata alloc failed.", TRELM_STATUS_NO_MEMORY);
-    LunAddress lun = {Handle, NpivIndex, ScsiTgtNum, 0, 0};
-    uint32_t status = trelm::detail::send(trelm::detail::kReportLuns, lun, data.get());
+    if (!data) return fail_call(kFunction, Handle, "): pdata alloc failed.", TRELM_STATUS_NO_MEMORY);
+    PortCall call(Handle, NpivIndex);
+    LunAddress lun = {ScsiTgtNum, 0, 0};
+    uint32_t status = send(call, trelm::detail::kReportLuns, lun, data.get());
     if (status != TRELM_STATUS_OK) {
-        return fail_call(func, Handle, {"): send scsi report luns cmd failed, rval=", status, 16}, status);
+        return fail_call(kFunction, Handle, {"): send scsi report luns cmd failed, rval=", status, 16},
+                         status);
     }
     const uint32_t announced = trelm::detail::announced_luns(data.get());
     const uint32_t luns = announced < trelm::detail::kMaxLuns ? announced : trelm::detail::kMaxLuns;
     if (luns > *pLunCount) {
         *pLunCount = luns;
-        return fail_call(func, Handle, "): invalid Lun Count value.", TRELM_STATUS_INSUFFICIENT_BUFFER);
+        return fail_call(kFunction, Handle, "): invalid Lun Count value.", TRELM_STATUS_INSUFFICIENT_BUFFER);
     }
 
     const uint32_t version = (*pLunInfo)->Version;
@@ -124,9 +128,9 @@ uint32_t TRELM_GetLunInfo(uint32_t Handle, uint32_t NpivIndex, uint32_t ScsiTgtN
          ++i, entry += trelm::detail::kLunEntry, element += TRELM_LUN_INFO_STRIDE(version)) {
         lun.lun = two_levels(entry);
         lun.lun_ext = two_levels(entry + 4);
-        status = describe(func, lun, version == 2, reinterpret_cast<TRELM_LUN_INFO*>(element));
+        status = describe(call, lun, version == 2, reinterpret_cast<TRELM_LUN_INFO*>(element));
         if (status != TRELM_STATUS_OK) return status;
     }
-    trelm::detail::trace_call(func, Handle, {"): exiting, rval=", TRELM_STATUS_OK});
+    trelm::detail::trace_call(kFunction, Handle, {trelm::detail::kExiting, TRELM_STATUS_OK});
     return TRELM_STATUS_OK;
 }

@@ -2,12 +2,20 @@
 
 #include <cstring>
 
+#include "trelm_mgmt/port_call.h"
 #include "trelm_mgmt/transport.h"
 
 namespace {
 
+using trelm::detail::Call;
 using trelm::detail::fail_call;
 using trelm::detail::fail_request;
+using trelm::detail::kEntered;
+using trelm::detail::kExiting;
+using trelm::detail::kInvalidParameter;
+using trelm::detail::kNoPort;
+using trelm::detail::PortCall;
+using trelm::detail::PortStatus;
 using trelm::detail::trace_call;
 
 struct Conversion {
@@ -91,7 +99,37 @@ void fill(TRELM_FCOE_INFO& info, const trelm_priv_db& pdb, const trelm_hw_info& 
     info.NpivCount = hw.npiv_count;
 }
 
-void fill(TRELM_VNPORT_INFO& info, const trelm_priv_db& pdb, const dorfc_fcf_info& fcf) {
+// Fields that other threads read and write at the same time.
+template <class Field>
+Field load(const Field& field) {
+    return __atomic_load_n(&field, __ATOMIC_RELAXED);
+}
+template <class Field>
+void store(Field& field, Field value) {
+    __atomic_store_n(&field, value, __ATOMIC_RELAXED);
+}
+
+bool is_up_to_date(const trelm_priv_db& pdb, const PortStatus& now) {
+    return load(pdb.port_id) == now.port_id && load(pdb.port_state) == now.port_state &&
+           load(pdb.port_sup_speed) == now.port_sup_speed && load(pdb.port_speed) == now.port_speed &&
+           load(pdb.tgt_cnt) == now.tgt_cnt;
+}
+
+// Writes a driver's answer into the registry, whole: of two threads that ask at once one comes after the
+// other. A port that has not changed is not written, so that threads that poll it do not meet here.
+void refresh(trelm_priv_db& pdb, const PortStatus& now) {
+    if (is_up_to_date(pdb, now)) return;
+    const trelm::detail::RecordLock lock;
+    if (!lock) return;
+    store(pdb.port_id, now.port_id);
+    store(pdb.port_state, now.port_state);
+    store(pdb.port_sup_speed, now.port_sup_speed);
+    store(pdb.port_speed, now.port_speed);
+    store(pdb.tgt_cnt, now.tgt_cnt);
+}
+
+void fill(TRELM_VNPORT_INFO& info, const trelm_priv_db& pdb, const PortStatus& status,
+          const dorfc_fcf_info& fcf) {
     copy_wwn(info.WWNN, pdb.wwnn);
     copy_wwn(info.WWPN, pdb.wwpn);
     copy_wwn(info.ParentWWPN, pdb.parent ? pdb.parent->wwpn : pdb.wwpn);
@@ -101,13 +139,13 @@ void fill(TRELM_VNPORT_INFO& info, const trelm_priv_db& pdb, const dorfc_fcf_inf
     info.FabricPriority = fcf.priority;
     info.KeepAliveTimeout = fcf.ka_timeout;
     copy_wwn(info.SwitchName, fcf.switch_name);
-    info.PortFCID = pdb.port_id;
+    info.PortFCID = status.port_id;
     info.FabricVlan = static_cast<uint16_t>(pdb.vlan);
     info.PortType = pdb.port_type == FC_PORTTYPE_NPIV ? TRELM_PORTTYPE_NPIV : TRELM_PORTTYPE_PHYSICAL;
-    info.PortSpeed = pdb.port_speed;
-    info.PortState = trelm::detail::transport_of(pdb.hw_info).public_port_state(pdb.port_state);
-    info.PortSupportedSpeed = pdb.port_sup_speed;
-    info.TgtCount = pdb.tgt_cnt;
+    info.PortSpeed = status.port_speed;
+    info.PortState = public_port_state(trelm::detail::transport_of(pdb.hw_info), status.port_state);
+    info.PortSupportedSpeed = status.port_sup_speed;
+    info.TgtCount = status.tgt_cnt;
     info.FcfCount = pdb.fcf_cnt;
     info.NpivIndex = pdb.npiv_index;
 }
@@ -115,37 +153,39 @@ void fill(TRELM_VNPORT_INFO& info, const trelm_priv_db& pdb, const dorfc_fcf_inf
 }  // namespace
 
 uint32_t TRELM_GetFcoeInfo(uint32_t Handle, TRELM_FCOE_INFO* pFcoeInfo) {
-    trace_call(__func__, Handle, "): entered.");
-    const trelm_priv_db* pdb = trelm_get_pdb_from_user_handle(Handle);
-    if (!pdb) return fail_call(__func__, Handle, "): get pdb failed.", TRELM_STATUS_FAILED);
-    if (!pFcoeInfo)
-        return fail_call(__func__, Handle, "): invalid parameter.", TRELM_STATUS_INVALID_PARAMETER);
+    trace_call(__func__, Handle, kEntered);
+    const Call call(Handle);
+    const trelm_priv_db* pdb = call ? trelm_get_pdb_from_user_handle(Handle) : nullptr;
+    if (!pdb) return fail_call(__func__, Handle, kNoPort, TRELM_STATUS_FAILED);
+    if (!pFcoeInfo) return fail_call(__func__, Handle, kInvalidParameter, TRELM_STATUS_INVALID_PARAMETER);
     if (pFcoeInfo->Version == 2) fill_version_2(*pFcoeInfo, *pdb->hw_info);
     fill(*pFcoeInfo, *pdb, *pdb->hw_info);
-    trace_call(__func__, Handle, {"): exiting, rval=", TRELM_STATUS_OK});
+    trace_call(__func__, Handle, {kExiting, TRELM_STATUS_OK});
     return TRELM_STATUS_OK;
 }
 
 uint32_t TRELM_GetVNPortInfo(uint32_t Handle, uint32_t NpivIndex, TRELM_VNPORT_INFO* pVNPortInfo) {
-    trace_call(__func__, Handle, "): entered.");
-    if (!pVNPortInfo)
-        return fail_call(__func__, Handle, "): invalid parameter.", TRELM_STATUS_INVALID_PARAMETER);
-    trelm_priv_db* pdb = trelm_get_vn_pdb_from_user_handle(Handle, NpivIndex);
-    if (!pdb) return fail_call(__func__, Handle, "): get pdb failed.", TRELM_STATUS_FAILED);
+    trace_call(__func__, Handle, kEntered);
+    if (!pVNPortInfo) return fail_call(__func__, Handle, kInvalidParameter, TRELM_STATUS_INVALID_PARAMETER);
+    PortCall call(Handle, NpivIndex);
+    trelm_priv_db* const pdb = call.port();
+    if (!pdb) return fail_call(__func__, Handle, kNoPort, TRELM_STATUS_FAILED);
 
     const trelm::detail::Transport& transport = trelm::detail::transport_of(pdb->hw_info);
     if (transport.calling_port_info) trace_call(__func__, Handle, transport.calling_port_info);
-    trelm::detail::Outcome outcome = transport.refresh_port(pdb);
+    PortStatus status;
+    trelm::detail::Outcome outcome = ask_port_status(transport, pdb, status);
     if (outcome.failed()) return fail_request(__func__, Handle, "): port info failed, stat=", outcome);
+    refresh(*pdb, status);
 
     dorfc_fcf_info fcf = {};
     if (pdb->fcf_cnt != 0) {
         if (transport.calling_fcf_info) trace_call(__func__, Handle, transport.calling_fcf_info);
-        outcome = transport.fcf_info(pdb, &fcf);
+        outcome = ask_fcf_info(transport, pdb, &fcf);
         if (outcome.failed()) return fail_request(__func__, Handle, "): fcf info failed, stat=", outcome);
     }
     if (pVNPortInfo->Version == 2) copy_text(pVNPortInfo->HbaName, pdb->hba_name);
-    fill(*pVNPortInfo, *pdb, fcf);
-    trace_call(__func__, Handle, {"): exiting, rval=", TRELM_STATUS_OK});
+    fill(*pVNPortInfo, *pdb, status, fcf);
+    trace_call(__func__, Handle, {kExiting, TRELM_STATUS_OK});
     return TRELM_STATUS_OK;
 }

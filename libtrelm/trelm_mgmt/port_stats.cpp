@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "trelm_mgmt/port_call.h"
 #include "trelm_mgmt/transport.h"
 #include "trelm_pool.h"
 
@@ -15,22 +16,24 @@ static_assert(sizeof(TRELM_PORT_STATS) - offsetof(TRELM_PORT_STATS, RxFCoEFrames
 
 uint32_t TRELM_GetPortStats(uint32_t Handle, uint32_t NpivIndex, TRELM_PORT_STATS* pStats) {
     using trelm::detail::fail_call;
-    trelm::detail::trace_call(__func__, Handle, "): entered.");
-    if (!pStats) return fail_call(__func__, Handle, "): invalid parameter.", TRELM_STATUS_INVALID_PARAMETER);
-    trelm_priv_db* pdb = trelm_get_vn_pdb_from_user_handle(Handle, NpivIndex);
-    if (!pdb) return fail_call(__func__, Handle, "): get pdb failed.", TRELM_STATUS_FAILED);
+    trelm::detail::trace_call(__func__, Handle, trelm::detail::kEntered);
+    if (!pStats)
+        return fail_call(__func__, Handle, trelm::detail::kInvalidParameter, TRELM_STATUS_INVALID_PARAMETER);
+    trelm::detail::PortCall call(Handle, NpivIndex);
+    trelm_priv_db* const pdb = call.port();
+    if (!pdb) return fail_call(__func__, Handle, trelm::detail::kNoPort, TRELM_STATUS_FAILED);
 
     const trelm::detail::Transport& transport = trelm::detail::transport_of(pdb->hw_info);
     const trelm::detail::Pooled<dorfc_port_stats> stats;
     if (!stats) return fail_call(__func__, Handle, transport.stats_alloc_failed, TRELM_STATUS_NO_MEMORY);
     // The legacy driver gets this very record; a native one's answer overwrites all of it.
-    if (!transport.native) *stats.get() = {};
-    const trelm::detail::Outcome outcome = transport.port_stats(pdb, stats.get());
+    if (!transport.driver) *stats.get() = {};
+    const trelm::detail::Outcome outcome = ask_port_stats(transport, pdb, stats.get());
     if (outcome.failed())
         return trelm::detail::fail_request(__func__, Handle, "): get stats failed, stat=", outcome);
 
     memcpy(reinterpret_cast<uint8_t*>(pStats) + offsetof(TRELM_PORT_STATS, RxFCoEFrames), stats.get(),
            kCounters);
-    trelm::detail::trace_call(__func__, Handle, {"): exiting, rval=", TRELM_STATUS_OK});
+    trelm::detail::trace_call(__func__, Handle, {trelm::detail::kExiting, TRELM_STATUS_OK});
     return TRELM_STATUS_OK;
 }

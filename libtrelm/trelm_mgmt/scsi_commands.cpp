@@ -11,7 +11,7 @@ const ReadCommand kInquiry = {6, {0x12, 0, 0, 0, 0xFF, 0}, 256};
 const ReadCommand kReadCapacity10 = {10, {0x25}, 32};
 const ReadCommand kReadCapacity16 = {16, {0x9E, 0x10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 32, 0, 0}, 32};
 
-uint32_t send(const ReadCommand& command, const LunAddress& to, uint8_t* data) {
+uint32_t send(PortCall& call, const ReadCommand& command, const LunAddress& to, uint8_t* data) {
     memset(data, 0, command.data_len);
     TRELM_SCSI_CMND cmnd = {};
     cmnd.ScsiTgtNum = to.target;
@@ -22,7 +22,7 @@ uint32_t send(const ReadCommand& command, const LunAddress& to, uint8_t* data) {
     memcpy(cmnd.CDB, command.cdb, sizeof cmnd.CDB);
     cmnd.SenseLength = sizeof cmnd.Sense;
     uint32_t data_len = command.data_len;
-    return TRELM_SendScsiCommand(to.handle, to.npiv_index, &cmnd, &data_len, data);
+    return send_scsi_command(call, &cmnd, &data_len, data);
 }
 
 uint32_t announced_luns(const uint8_t* data) { return read_be32(data) / kLunEntry; }

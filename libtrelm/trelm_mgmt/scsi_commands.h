@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "trelm_mgmt.h"
+#include "trelm_mgmt/port_call.h"
 
 namespace trelm::detail {
 
@@ -14,8 +14,6 @@ inline constexpr uint32_t kMaxLuns = (kReportLunsRoom - kReportLunsHeader) / kLu
 
 // Who a command goes to.
 struct LunAddress {
-    uint32_t handle;
-    uint32_t npiv_index;
     uint32_t target;
     uint32_t lun;
     uint32_t lun_ext;
@@ -33,9 +31,9 @@ extern const ReadCommand kInquiry;
 extern const ReadCommand kReadCapacity10;
 extern const ReadCommand kReadCapacity16;
 
-// Sends the command through TRELM_SendScsiCommand. `data` has room for the command's data_len bytes and is
+// Sends the command as TRELM_SendScsiCommand does. `data` has room for the command's data_len bytes and is
 // cleared first.
-uint32_t send(const ReadCommand& command, const LunAddress& to, uint8_t* data);
+uint32_t send(PortCall& call, const ReadCommand& command, const LunAddress& to, uint8_t* data);
 
 // Entries that the header of a LUN list announces, received or not.
 uint32_t announced_luns(const uint8_t* data);

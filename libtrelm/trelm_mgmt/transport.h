@@ -1,70 +1,54 @@
-// transport.h - which driver serves a port, and what the public functions ask of it. A Transport is a
-// complete table: the functions read as their algorithms and know no driver.
+// transport.h - which driver serves a port, and what the public functions ask of it. The functions read as
+// their algorithms and know no driver.
 #pragma once
 
 #include "trelm_core.h"
-#include "trelm_dbg.h"
+#include "trelm_native.h"
 
 namespace trelm::detail {
 
-// How a request ended. Requests fail by their result, by the driver's status, or by both.
-struct Outcome {
-    uint32_t result;
-    uint32_t stat;
-
-    bool failed() const { return result != 0 || stat != 0; }
-};
-
-// The record of a SCSI command to either kind of driver: they begin alike, so the common fields can be read
-// from both.
-union scsi_cmd_record {
-    dorfc_scsi_cmd legacy;
-    kronfc_scsi_cmd native;
-};
-
+// What the three drivers do not share.
 struct Transport {
-    // How opening and closing fail, and what the public functions say of it.
-    uint32_t (*open)(trelm_priv_db* pdb, uint32_t instance, uint32_t* handle, uint32_t* err);
-    uint32_t (*close)(trelm_priv_db* pdb, uint32_t* err);
+    const native_driver* driver;  // null: the legacy driver
+    bool reports_mfw_version;
+    // What the public functions log.
     const char* open_failed;
-    const char* close_failed;  // null: nothing is said
-
-    // Asks for port information and brings the registry record up to date with it.
-    Outcome (*refresh_port)(trelm_priv_db* pdb);
-    Outcome (*fcf_info)(trelm_priv_db* pdb, dorfc_fcf_info* fcf);
-    Outcome (*port_stats)(trelm_priv_db* pdb, dorfc_port_stats* stats);
-    Outcome (*tgt_info)(trelm_priv_db* pdb, dorfc_tgt_info* tgt);
-    const char* calling_port_info;  // trace lines of their own, or null
+    const char* close_failed;       // null: nothing
+    const char* calling_port_info;  // null: nothing
     const char* calling_fcf_info;
     const char* stats_alloc_failed;
     const char* tgt_alloc_failed;
-
-    // Sends the command; `data` is the caller's buffer of cmd's data_len bytes. A read leaves its data there
-    // on success.
-    Outcome (*send_scsi)(trelm_priv_db* pdb, scsi_cmd_record* cmd, uint8_t* data);
-    bool native;  // one command moves at most kScsiMaxData bytes
     const char* scsi_alloc_failed;
     const char* scsi_failed;
-
-    uint32_t (*public_port_state)(uint32_t port_state);
-    bool reports_mfw_version;
 };
 
 // The transport that serves the ports of a hardware record.
 const Transport& transport_of(const trelm_hw_info* hw);
 
-// The lines of a public function: its name, the handle or instance in parentheses, and a text with perhaps a
-// number.
-[[gnu::always_inline]] inline void trace_call(const char* func, uint32_t handle, const Piece& text) {
-    trace(func, Piece("(", handle), text);
-}
-[[gnu::always_inline]] inline void error_call(const char* func, uint32_t handle, const Piece& text) {
-    error(func, Piece("(", handle), text);
-}
-// Logs the text and returns the status, so that failing is one expression.
-uint32_t fail_call(const char* func, uint32_t handle, Piece text, uint32_t status);
-// The same for a failed request: the line shows its status and errno, which the returned code translates.
-uint32_t fail_request(const char* func, uint32_t handle, const char* text, Outcome outcome);
+// Both return 0, or something else and the system's error number if there is one.
+uint32_t open_port(const Transport& transport, trelm_priv_db* pdb, uint32_t instance, uint32_t* handle,
+                   uint32_t* err);
+uint32_t close_port(const Transport& transport, trelm_priv_db* pdb, uint32_t* err);
+
+// What a port's driver tells of it at any time.
+struct PortStatus {
+    uint32_t port_id;
+    uint32_t port_state;  // a public value with the legacy driver, else the driver's
+    uint16_t port_sup_speed;
+    uint16_t port_speed;
+    uint32_t tgt_cnt;
+};
+Outcome ask_port_status(const Transport& transport, trelm_priv_db* pdb, PortStatus& status);
+uint32_t public_port_state(const Transport& transport, uint32_t port_state);
+
+// These fill the record on success. The legacy driver gets this very record and may find it as it is.
+Outcome ask_fcf_info(const Transport& transport, trelm_priv_db* pdb, dorfc_fcf_info* fcf);
+Outcome ask_port_stats(const Transport& transport, trelm_priv_db* pdb, dorfc_port_stats* stats);
+Outcome ask_tgt_info(const Transport& transport, trelm_priv_db* pdb, dorfc_tgt_info* tgt);
+
+// Sends the command; `data` is the caller's buffer of cmd's data_len bytes. A read leaves its data there on
+// success.
+Outcome send_scsi(const Transport& transport, trelm_priv_db* pdb, dorfc_scsi_cmd* cmd, uint8_t* data);
 
 }  // namespace trelm::detail
 

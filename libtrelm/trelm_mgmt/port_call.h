@@ -1,0 +1,59 @@
+// port_call.h - what the public functions for a port share: how they are let in, the port that they are for,
+// and the lines that they log.
+#pragma once
+
+#include "trelm_core.h"
+#include "trelm_dbg.h"
+#include "trelm_gate.h"
+#include "trelm_native.h"
+#include "trelm_owners.h"
+
+namespace trelm::detail {
+
+// A public function at work on the port that a handle and an NPIV index name. The port is looked up once and
+// stays the same until the function returns, whoever closes it meanwhile: the call came before that close.
+class PortCall {
+  public:
+    [[gnu::always_inline]] PortCall(uint32_t handle, uint32_t npiv_index)
+        : call_(handle), handle_(handle), npiv_index_(npiv_index) {}
+
+    uint32_t handle() const { return handle_; }
+    // Null where there is no such port.
+    trelm_priv_db* port() {
+        if (!port_) look_up();
+        return port_;
+    }
+
+  private:
+    void look_up();
+
+    Call call_;
+    // A driver may wait, and a thread that is cancelled there would leave what it holds.
+    NoCancellation whole_;
+    uint32_t handle_;
+    uint32_t npiv_index_;
+    trelm_priv_db* port_ = nullptr;
+};
+
+inline constexpr char kInvalidParameter[] = "): invalid parameter.";
+inline constexpr char kNoPort[] = "): get pdb failed.";
+inline constexpr char kEntered[] = "): entered.";
+inline constexpr char kExiting[] = "): exiting, rval=";
+
+// The lines of a public function: its name, the handle or instance in parentheses, and a text with perhaps a
+// number.
+[[gnu::always_inline]] inline void trace_call(const char* func, uint32_t handle, const Piece& text) {
+    trace(func, Piece("(", handle), text);
+}
+[[gnu::always_inline]] inline void error_call(const char* func, uint32_t handle, const Piece& text) {
+    error(func, Piece("(", handle), text);
+}
+// Logs the text and returns the status, so that failing is one expression.
+uint32_t fail_call(const char* func, uint32_t handle, Piece text, uint32_t status);
+// The same for a failed request: the line shows its status and errno, which the returned code translates.
+uint32_t fail_request(const char* func, uint32_t handle, const char* text, const Outcome& outcome);
+
+// TRELM_SendScsiCommand within another public function.
+uint32_t send_scsi_command(PortCall& call, TRELM_SCSI_CMND* pScsiCmnd, uint32_t* pDataLen, uint8_t* pData);
+
+}  // namespace trelm::detail
