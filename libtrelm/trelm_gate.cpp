@@ -188,6 +188,7 @@ uint32_t& port_word(uint32_t instance) { return port_words[instance % kPortLocks
 
 void be_alone_in_child() {
     gate.sleepers = 0;
+    gate.threads -= rare.crowd - crowded_calls;
     rare.crowd = crowded_calls;
     for (ThreadCell* cell = first_cell(); cell != end_of_cells(); ++cell) {
         if (cell->taken && cell != my_cell) vacate(*cell);
@@ -222,11 +223,7 @@ void wake_sleepers() {
     syscall(SYS_futex, &rare.events, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
 }
 
-bool shares_registry() {
-    if (!my_cell) return !sees_ends || load(rare.cells_used) == kCells;
-    const bool reads = my_cell->call != kOutside && !(my_cell->call & kHasAll);
-    return reads && __atomic_load_n(&gate.threads, __ATOMIC_RELAXED) > 1;
-}
+bool reads_registry() { return !my_cell || (my_cell->call != kOutside && !(my_cell->call & kHasAll)); }
 
 // ---- Call
 
@@ -252,6 +249,7 @@ void Call::enter_slowly(uint64_t mark) {
 
 void Call::enter_crowd() {
     ++crowded_calls;
+    add(gate.threads, 1);
     for (;;) {
         add(rare.crowd, 1);
         if (crowded_calls > 1 || load(gate.closed) == kOpen) return;
@@ -263,12 +261,14 @@ void Call::enter_crowd() {
 
 void Call::leave_crowd() {
     --crowded_calls;
+    add(gate.threads, UINT32_MAX);
     add(rare.crowd, UINT32_MAX);
 }
 
-bool Call::made_way_for_close(uint32_t handle) {
+bool Call::is_closing(uint32_t handle) { return load(port_word(handle - 1)) & kExpels; }
+
+bool Call::make_way_for_close(uint32_t handle) {
     const uint32_t& word = port_word(handle - 1);
-    if (!(load(word) & kExpels)) return false;
     if (outer_ != kOutside) {  // cannot step outside, and the close may be this thread's own
         admitted_ = false;
         return true;
@@ -295,6 +295,7 @@ PortLock::PortLock(uint32_t instance) : cell_(take_cell()), word_(&port_word(ins
     const uint32_t id = id_of(cell_);
     if (cell_) outer_ = cell_->call;
     if (outer_ & kHasAll) return;
+    if (!cell_) add(gate.threads, 1);
     if (cell_ && outer_ == kOutside) __atomic_store_n(&cell_->call, kInside, __ATOMIC_RELAXED);
     if (load(rare.port_words_used) <= instance % kPortLocks)
         raise(rare.port_words_used, instance % kPortLocks + 1);
@@ -317,6 +318,7 @@ PortLock::PortLock(uint32_t instance) : cell_(take_cell()), word_(&port_word(ins
 
 PortLock::~PortLock() {
     if (held_) __atomic_store_n(word_, 0, __ATOMIC_RELEASE);
+    if (!cell_) add(gate.threads, UINT32_MAX);
     if (cell_ && outer_ == kOutside) __atomic_store_n(&cell_->call, kOutside, __ATOMIC_RELEASE);
     wake_if_needed();
 }

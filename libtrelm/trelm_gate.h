@@ -28,8 +28,12 @@ inline constexpr uint64_t kHasAll = kInside << 2;       // an Exclusive
 struct alignas(128) ThreadCell {
     uint64_t call;
     uint32_t taken;
-    void* small_blocks[2];  // the pool's, for whoever has the cell
-    void* large_blocks[2];
+    // The pool's, small and large, for whoever has the cell. They are kept first to second and taken second
+    // to first.
+    struct Blocks {
+        void* first;
+        void* second;
+    } blocks[2];
 };
 
 // Null until the thread's first call, and while there are more threads than cells. Initial-exec: any other
@@ -38,7 +42,7 @@ extern constinit thread_local ThreadCell* my_cell __attribute__((tls_model("init
 
 struct alignas(128) GateState {
     uint32_t closed;    // who has or wants the library alone, as id_of() counts cells; kOpen: nobody
-    uint32_t threads;   // cells taken
+    uint32_t threads;   // that have a cell, or are in a call without one
     uint32_t sleepers;  // threads that wait in the kernel
 };
 extern GateState gate;
@@ -55,7 +59,10 @@ ThreadCell* first_cell();
 ThreadCell* end_of_cells();
 
 // Whether this thread reads the registry while others may, in which case it leaves the lists' cursors alone.
-bool shares_registry();
+bool reads_registry();
+inline bool shares_registry() {
+    return __atomic_load_n(&gate.threads, __ATOMIC_RELAXED) > 1 && reads_registry();
+}
 
 class Call {
   public:
@@ -84,9 +91,13 @@ class Call {
 
     // For a call that is about to use the node of the port that `handle` names: where a close waits for the
     // node's users, this call steps outside until that is over. Then true: what it has looked up is void.
-    bool made_way_for_close(uint32_t handle);
+    bool made_way_for_close(uint32_t handle) {
+        return __builtin_expect(is_closing(handle), 0) && make_way_for_close(handle);
+    }
 
   private:
+    static bool is_closing(uint32_t handle);
+    bool make_way_for_close(uint32_t handle);
     void enter_slowly(uint64_t mark);
     void enter_crowd();
     void leave_crowd();

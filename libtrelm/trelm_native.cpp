@@ -3,6 +3,7 @@
 
 #include "trelm_native.h"
 
+#include <cerrno>
 #include <cstring>
 
 #include "trelm_core/discovery.h"
@@ -164,14 +165,12 @@ Outcome send(const native_driver& driver, native_operation operation, const trel
     wrapper->host_no = pdb->host_no;
     wrapper->status = 0;
     const int rc = invoke(driver, kRequests[operation].callback, wrapper);
-    const int err = errno;
     const uint32_t stat = wrapper->status;
-    if (stat) {
-        error(driver.operation_names[operation], Piece(kRequests[operation].status_text, stat));
-    } else if (rc) {
-        error(driver.operation_names[operation], Piece(kRequests[operation].errno_text, err));
-    }
-    return {stat || rc ? 1u : 0u, stat, err};
+    if (!stat && !rc) return {};
+    const int err = errno;
+    error(driver.operation_names[operation],
+          stat ? Piece(kRequests[operation].status_text, stat) : Piece(kRequests[operation].errno_text, err));
+    return {1, stat, err};
 }
 
 // The payload of an operation other than a SCSI command.

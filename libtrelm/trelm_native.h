@@ -18,7 +18,7 @@ union native_port_info {
 };
 
 // How a request ended. It fails by its result, by the driver's status, or by both; `error` is the errno that
-// the call to the driver left.
+// the failing call left.
 struct Outcome {
     uint32_t result = 0;
     uint32_t stat = 0;

@@ -25,40 +25,29 @@ using trelm::detail::kLargeBlock;
 using trelm::detail::kSmallBlock;
 using trelm::detail::ThreadCell;
 
-constexpr size_t kKept = 2;  // of either size: as many as a request takes
-
-// Where the calling thread keeps blocks of one size; nowhere, where it has no cell.
-struct Shelf {
-    size_t block_size;
-    void** begin;
-    void** end;
-};
-
-Shelf shelf_for(size_t bytes) {
-    const bool large = bytes > kSmallBlock;
-    const size_t block_size = large ? kLargeBlock : kSmallBlock;
+// What the calling thread keeps of one size; nothing, where it has no cell.
+ThreadCell::Blocks* kept_blocks(bool large) {
     ThreadCell* const cell = trelm::detail::my_cell;
-    if (!cell) return {block_size, nullptr, nullptr};
-    void** const begin = large ? cell->large_blocks : cell->small_blocks;
-    return {block_size, begin, begin + kKept};
+    return cell ? &cell->blocks[large] : nullptr;
 }
 
-void* take_kept(const Shelf& shelf) {
-    for (void** kept = shelf.end; kept != shelf.begin;) {
-        void* const block = *--kept;
-        *kept = nullptr;
-        if (block) return block;
-    }
-    return nullptr;
+void* take(void*& kept) {
+    void* const block = kept;
+    kept = nullptr;
+    return block;
 }
 
-bool keep(const Shelf& shelf, void* block) {
-    for (void** kept = shelf.begin; kept != shelf.end; ++kept) {
-        if (*kept) continue;
-        *kept = block;
-        return true;
-    }
-    return false;
+void* take_kept(bool large) {
+    ThreadCell::Blocks* const kept = kept_blocks(large);
+    if (!kept) return nullptr;
+    return kept->second ? take(kept->second) : take(kept->first);
+}
+
+bool keep(void* block, bool large) {
+    ThreadCell::Blocks* const kept = kept_blocks(large);
+    if (!kept || kept->second) return false;
+    (kept->first ? kept->second : kept->first) = block;
+    return true;
 }
 
 void release(void*& block) {
@@ -69,28 +58,31 @@ void release(void*& block) {
 }  // namespace
 
 void* trelm::detail::pool_take(size_t bytes, bool* cleared) {
-    const Shelf shelf = shelf_for(bytes);
-    void* block = take_kept(shelf);
-    const bool zeroed = !block && cleared && shelf.block_size == kLargeBlock;
+    const bool large = bytes > kSmallBlock;
+    const size_t room = large ? kLargeBlock : kSmallBlock;
+    void* block = take_kept(large);
+    const bool zeroed = !block && cleared && large;
     if (cleared) *cleared = zeroed;
-    if (!block) block = zeroed ? calloc(1, shelf.block_size) : malloc(shelf.block_size);
+    if (!block) block = zeroed ? calloc(1, room) : malloc(room);
     // A kept block hides from AddressSanitizer who may use how much of it.
     if (block) {
-        ASAN_POISON_MEMORY_REGION(block, shelf.block_size);
+        ASAN_POISON_MEMORY_REGION(block, room);
         ASAN_UNPOISON_MEMORY_REGION(block, bytes);
     }
     return block;
 }
 
 void trelm::detail::pool_give_back(void* block, size_t bytes) {
-    const Shelf shelf = shelf_for(bytes);
-    ASAN_POISON_MEMORY_REGION(block, shelf.block_size);
-    if (!keep(shelf, block)) free(block);
+    const bool large = bytes > kSmallBlock;
+    ASAN_POISON_MEMORY_REGION(block, large ? kLargeBlock : kSmallBlock);
+    if (!keep(block, large)) free(block);
 }
 
 void trelm::detail::pool_empty() {
     for (ThreadCell* cell = first_cell(); cell != end_of_cells(); ++cell) {
-        for (void*& block : cell->small_blocks) release(block);
-        for (void*& block : cell->large_blocks) release(block);
+        for (ThreadCell::Blocks& kept : cell->blocks) {
+            release(kept.first);
+            release(kept.second);
+        }
     }
 }

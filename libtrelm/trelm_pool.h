@@ -8,7 +8,6 @@
 #include <cstddef>
 
 #include "trelm_driver_records.h"
-#include "trelm_owners.h"
 
 namespace trelm::detail {
 
@@ -24,22 +23,27 @@ void pool_give_back(void* block, size_t bytes);
 // Frees the blocks that are kept. Nobody else may be in the library.
 void pool_empty();
 
+// Memory of the pool, for one request.
 template <class T>
-void give_back(T* memory) {
-    pool_give_back(memory, sizeof(T));
-}
-
-// Memory of the pool as a record of type T.
-template <class T>
-class Pooled : public Owner<T*, nullptr, give_back<T>> {
+class Pooled {
     static_assert(sizeof(T) <= kLargeBlock);
 
   public:
-    Pooled() { this->reset(static_cast<T*>(pool_take(sizeof(T), &cleared_))); }
+    Pooled() : memory_(static_cast<T*>(pool_take(sizeof(T), &cleared_))) {}
+    ~Pooled() {
+        if (memory_) pool_give_back(memory_, sizeof(T));
+    }
+    Pooled(const Pooled&) = delete;
+    Pooled& operator=(const Pooled&) = delete;
+
+    explicit operator bool() const { return memory_; }
+    T* get() const { return memory_; }
+    T* operator->() const { return memory_; }
     bool cleared() const { return cleared_; }
 
   private:
     bool cleared_ = false;
+    T* memory_;
 };
 
 }  // namespace trelm::detail

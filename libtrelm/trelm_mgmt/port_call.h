@@ -19,13 +19,19 @@ class PortCall {
 
     uint32_t handle() const { return handle_; }
     // Null where there is no such port.
-    trelm_priv_db* port() {
-        if (!port_) look_up();
-        return port_;
-    }
+    trelm_priv_db* port() { return port_ ? port_ : port_ = look_up(); }
 
   private:
-    void look_up();
+    [[gnu::always_inline]] trelm_priv_db* look_up() {
+        while (call_) {
+            trelm_priv_db* const found = trelm_get_vn_pdb_from_user_handle(handle_, npiv_index_);
+            // Over a node a call must not begin while a close waits: the descriptor might be another file's
+            // then.
+            if (!found || is_native(*found) || !call_.made_way_for_close(handle_)) return found;
+        }
+        return nullptr;
+    }
+    static bool is_native(const trelm_priv_db& pdb) { return pdb.hw_info->native_driver == 1; }
 
     Call call_;
     // A driver may wait, and a thread that is cancelled there would leave what it holds.

@@ -60,7 +60,7 @@ Outcome over_node(uint32_t (*request)(int32_t, trelm_priv_db*, Record*, uint32_t
                   Record* record) {
     Outcome outcome;
     outcome.result = request(pdb->hw_info->oshandle, pdb, record, &outcome.stat);
-    outcome.error = errno;
+    if (outcome.failed()) outcome.error = errno;
     return outcome;
 }
 
