@@ -23,8 +23,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "shared_db.h"
 #include "trelm_core.h"
-#include "trelm_core/shared_db.h"
 
 namespace bench {
 namespace {

@@ -1,6 +1,6 @@
 // shared_db.cpp - a shared file of any size and content, and a process listing of any content: the library
 // joins, takes a slot by its rule, changes nothing else, and leaves.
-#include "trelm_core/shared_db.h"
+#include "shared_db.h"
 
 #include <fstream>
 #include <vector>

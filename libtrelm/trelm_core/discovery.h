@@ -1,28 +1,25 @@
-// discovery.h - what the discoveries of all drivers share: which devices are served, where a port belongs,
+// discovery.h - what the discoveries of all drivers share: which devices are served, how a port gets its hardware record,
 // and how a driver's answers become registry records.
 #pragma once
 
 #include <cstring>
 
-#include "trelm_core.h"
+#include "registry.h"
+#include "trelm_dbg.h"
 
 namespace trelm::detail {
 
-// Whether ports of a PCI device with this id are served. The vendor id does not matter.
+// Whether the library serves ports of a PCI device with this id. The vendor id does not matter.
 bool is_supported_device(uint16_t device_id);
 
-// The PCI-location look-ups of the registry, under the name that their caller logs.
-trelm_hw_info* find_hw_info(const char* func_name, const dorfc_pci_info& at);
-trelm_priv_db* find_parent(const char* func_name, const dorfc_pci_info& at);
-
-// Fields of one name and width in a driver record and a registry record.
+// Copies a field that has the same name and width in a driver record and in a registry record.
 #define TRELM_COPY(to, from, field)                            \
     do {                                                       \
         static_assert(sizeof(to).field == sizeof(from).field); \
         memcpy(&(to).field, &(from).field, sizeof(to).field);  \
     } while (0)
 
-// The drivers' records begin alike, so any of them can be read as the legacy driver's up to `npiv_index`.
+// All drivers' records have the legacy driver's layout up to `npiv_index`.
 inline void copy_port(trelm_priv_db& pdb, const dorfc_port_info& port) {
     pdb.port_id = port.portid;
     pdb.port_state = port.link_state;
@@ -39,7 +36,7 @@ inline void copy_port(trelm_priv_db& pdb, const dorfc_port_info& port) {
     TRELM_COPY(pdb, port, npiv_index);
 }
 
-// All but what one driver alone knows or numbers in its own way.
+// The fields that all drivers give in the same form.
 inline void copy_hardware(trelm_hw_info& hw, const dorfc_port_info& port, const dorfc_pci_info& pci) {
     TRELM_COPY(hw, port, manufacturer);
     TRELM_COPY(hw, port, model_name);
@@ -61,6 +58,39 @@ inline void copy_hardware(trelm_hw_info& hw, const dorfc_port_info& port, const 
     TRELM_COPY(hw, pci, pcie_speed);
     TRELM_COPY(hw, pci, pcie_width);
     hw.driver_loaded = 1;
+}
+
+// What was done with a port that a driver reported.
+enum class Added { kept, dropped, no_memory };
+
+// The names of a driver's functions, for its log lines.
+struct DiscoveryNames {
+    const char* find_all;
+    const char* find_hw_info;
+    const char* find_parent;
+};
+
+// Gives a port the hardware record that belongs to it: a virtual port that of its physical port, a physical one its own,
+// which `fill` fills. A port of a device that is not served is removed. `shown` is the number that a message carries.
+template <class Fill>
+Added attach_hardware(const DiscoveryNames& names, trelm_priv_db* pdb, const dorfc_pci_info& pci,
+                      uint32_t shown, Fill fill) {
+    if (!is_physical(*pdb)) {
+        pdb->hw_info = find_hw_info(names.find_hw_info, pci);
+        pdb->parent = find_parent(names.find_parent, pci);
+        return Added::kept;
+    }
+    trelm_hw_info* hw = nullptr;
+    if (trelm_alloc_hw_info_mem(&hw) != 0) {
+        error(names.find_all, Piece(": inst=", shown, 16), " hw info mem alloc failed, exiting");
+        return Added::no_memory;
+    }
+    fill(*hw);
+    pdb->hw_info = hw;
+    if (is_supported_device(hw->device_id)) return Added::kept;
+    trelm_free_hw_info_element(hw);
+    trelm_free_pdb_element(pdb);
+    return Added::dropped;
 }
 
 }  // namespace trelm::detail

@@ -6,23 +6,26 @@
 #include <cstdio>
 #include <cstring>
 
-#include "trelm_core.h"
-#include "trelm_core/discovery.h"
-#include "trelm_core/location_index.h"
+#include "discovery.h"
+#include "legacy_driver.h"
+#include "registry.h"
 #include "trelm_dbg.h"
 #include "trelm_system.h"
 
 namespace {
 
+using trelm::detail::Added;
 using trelm::detail::error;
 using trelm::detail::Piece;
 using trelm::detail::trace;
 
 constexpr char kFunc[] = "trelm_find_all_instances";
+constexpr trelm::detail::DiscoveryNames kNames = {kFunc, "trelm_get_hw_info_inst", "trelm_get_parent_port"};
 constexpr char kModelDesc[] = "Calvexa 10G FCoE Adapter";
 
-constexpr uint32_t kMaxIndex = 65535;         // a request selects the port with 16 bits
-constexpr unsigned kMaxFailuresInARow = 256;  // host numbers; a driver that fails so often has no more ports
+constexpr uint32_t kMaxIndex = 65535;  // a request selects the port with 16 bits
+constexpr unsigned kMaxFailuresInARow =
+    256;  // requests for a host number; after that the driver has no more ports
 
 using NodePath = char[sizeof trelm_hw_info::phys_path];
 
@@ -31,7 +34,7 @@ void report(int fd, const char* text, uint32_t stat) {
     error(kFunc, Piece("(", fd, 16), Piece(text, stat, 16), Piece(" errno=", err, 16));
 }
 
-// Leaves the port's fields zero where the driver does not answer; such a port counts as a physical one.
+// If the driver does not answer, the fields stay zero and the port counts as physical.
 void read_port_info(int fd, trelm_priv_db* pdb, dorfc_port_info& port) {
     uint32_t stat = 0;
     if (trelm_get_port_info(fd, pdb, &port, &stat) != 0) {
@@ -60,68 +63,45 @@ void fill_hardware(trelm_hw_info& hw, const NodePath& path, const dorfc_port_inf
     hw.native_driver = 0;
 }
 
-enum class Step { kKept, kDropped, kFailed, kNoMemory };
-
-// Gives the port the hardware record that belongs to it: a virtual port that of its physical port, a physical
-// one its own.
-Step attach_hardware(const NodePath& path, trelm_priv_db* pdb, const dorfc_port_info& port,
-                     const dorfc_pci_info& pci, uint16_t instance) {
-    if (pdb->port_type == FC_PORTTYPE_NPIV) {
-        pdb->hw_info = trelm_get_hw_info_inst(&pci);
-        pdb->parent = trelm_get_parent_port(&pci);
-        return Step::kKept;
-    }
-    trelm_hw_info* hw = nullptr;
-    if (trelm_alloc_hw_info_mem(&hw) != 0) {
-        error(kFunc, Piece(": inst=", instance, 16), " hw info mem alloc failed, exiting");
-        return Step::kNoMemory;
-    }
-    fill_hardware(*hw, path, port, pci);
-    pdb->hw_info = hw;
-    if (trelm::detail::is_supported_device(hw->device_id)) {
-        trelm::detail::index_newest_port();
-        return Step::kKept;
-    }
-    trelm_free_hw_info_element(hw);
-    trelm_free_pdb_element(pdb);
-    return Step::kDropped;
-}
-
-Step add_port(int fd, const NodePath& path, uint32_t index, uint16_t instance) {
-    trelm_priv_db* pdb = nullptr;
-    if (trelm_alloc_pdb_mem(&pdb) != 0) {
-        error(kFunc, Piece(": inst=", instance, 16), " mem alloc failed, exiting");
-        return Step::kNoMemory;
-    }
-    pdb->drvr_inst = index;
-    if (trelm_get_hostno(pdb, fd, &pdb->host_no) != 0) {
-        error(kFunc, ": host no failed.");
-        trelm_free_pdb_element(pdb);
-        return Step::kFailed;
-    }
+// Fills the record of a new port. If its PCI location cannot be read, the port has no hardware record.
+Added read_port(int fd, const NodePath& path, trelm_priv_db* pdb, uint16_t instance) {
     dorfc_port_info port = {};
     dorfc_pci_info pci = {};
     read_port_info(fd, pdb, port);
-    const Step step =
-        read_pci_info(fd, pdb, pci) ? attach_hardware(path, pdb, port, pci, instance) : Step::kKept;
-    if (step == Step::kKept) trelm_print_priv_data(pdb);
-    return step;
+    if (!read_pci_info(fd, pdb, pci)) return Added::kept;
+    return trelm::detail::attach_hardware(kNames, pdb, pci, instance,
+                                          [&](trelm_hw_info& hw) { fill_hardware(hw, path, port, pci); });
 }
 
-// Walks the driver's indexes until it has accounted for all its ports. False when memory ran out.
+// `has_number` receives whether the driver gave the port a host number.
+Added add_port(int fd, const NodePath& path, uint32_t index, uint16_t instance, bool& has_number) {
+    trelm_priv_db* pdb = nullptr;
+    if (trelm_alloc_pdb_mem(&pdb) != 0) {
+        error(kFunc, Piece(": inst=", instance, 16), " mem alloc failed, exiting");
+        return Added::no_memory;
+    }
+    pdb->drvr_inst = index;
+    has_number = trelm_get_hostno(pdb, fd, &pdb->host_no) == 0;
+    if (!has_number) {
+        error(kFunc, ": host no failed.");
+        trelm_free_pdb_element(pdb);
+        return Added::dropped;
+    }
+    const Added added = read_port(fd, path, pdb, instance);
+    if (added == Added::kept) trelm_print_priv_data(pdb);
+    return added;
+}
+
+// Asks for one index after another until all ports of the count were found. False when memory is exhausted.
 bool add_ports(int fd, const NodePath& path, int32_t hba_count, uint16_t& instance) {
-    const trelm::detail::LocationIndex index_of_locations;
     unsigned failures = 0;
     for (uint32_t index = 0; hba_count > 0 && index <= kMaxIndex && failures < kMaxFailuresInARow; ++index) {
-        const Step step = add_port(fd, path, index, instance);
-        if (step == Step::kNoMemory) return false;
-        if (step == Step::kKept) ++instance;
-        if (step == Step::kFailed) {
-            ++failures;
-        } else {
-            failures = 0;
-            --hba_count;
-        }
+        bool has_number = false;
+        const Added added = add_port(fd, path, index, instance, has_number);
+        if (added == Added::no_memory) return false;
+        if (added == Added::kept) ++instance;
+        failures = has_number ? 0 : failures + 1;
+        if (has_number) --hba_count;
     }
     return true;
 }

@@ -1,5 +1,5 @@
 // The transport to the legacy driver: requests are ioctls on its character node, each with a fixed block that
-// points at the payload. What differs between requests stands in one table.
+// points at the payload. One table holds what differs between requests.
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -8,7 +8,8 @@
 
 #include <cstring>
 
-#include "trelm_core.h"
+#include "legacy_driver.h"
+#include "registry.h"
 #include "trelm_dbg.h"
 #include "trelm_system.h"
 
@@ -50,7 +51,7 @@ constexpr Request kScsiCmd = {
     DORFC_SEND_SCSI_CMD, "trelm_send_scsi_cmd",
     ": send scsi cmd ioctl failed, ioctl_status=", ": send scsi cmd ioctl function failed, errno="};
 
-// Issues a request and judges the outcome: the driver's status first, then the call's own result.
+// Issues a request. The driver's status decides first, then the result of the call.
 uint32_t issue(const Request& request, int32_t handle, const trelm_priv_db* pdb, void* payload,
                uint32_t* stat) {
     dorfc_ioctl block;
@@ -68,7 +69,7 @@ uint32_t issue(const Request& request, int32_t handle, const trelm_priv_db* pdb,
     return 0;
 }
 
-// A request that goes to one port and is traced with `shown`, mostly its handle.
+// A request for one port. Its trace lines show `shown`, mostly the handle.
 uint32_t issue_to_port(const Request& request, uint32_t shown, int32_t handle, const trelm_priv_db* pdb,
                        void* payload, uint32_t* stat) {
     trace(request.name, Piece("(", shown), "): entered.");

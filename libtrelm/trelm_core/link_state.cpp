@@ -7,7 +7,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "trelm_core.h"
+#include "legacy_driver.h"
+#include "trelm_mgmt.h"
 #include "trelm_system.h"
 
 namespace {
@@ -18,8 +19,8 @@ constexpr size_t kNameRoom = 32;
 constexpr size_t kPathRoom = 256;
 constexpr size_t kLineRoom = 256;
 
-// A text file line by line; lines longer than a piece come in several. A stream would give the same, but the
-// system call and the memory that it takes to open one cost more than reading the file.
+// Reads a text file line by line; a line longer than 255 characters comes in pieces. A stdio stream would do the
+// same, but its allocation and its extra system call cost more than reading the file.
 class LineReader {
   public:
     explicit LineReader(const char* path) : file_(path ? trelm::detail::open_file(path, O_RDONLY) : -1) {}
@@ -61,7 +62,7 @@ class LineReader {
     char buffer_[4096];
 };
 
-// Reads on until a line, or a piece of one, holds the text.
+// Reads up to and including the first line, or piece of a line, that contains the text.
 bool skip_past(LineReader& file, const char* text) {
     char line[kLineRoom];
     while (file.next(line)) {
@@ -83,7 +84,7 @@ uint32_t trelm_read_directory(const char* pth, char (*file_names)[32], uint32_t*
         if (!entry) break;
         const char* name = entry->d_name;
         if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) continue;
-        // A longer name would fill its slot without an end.
+        // A longer name would leave no room for the terminating zero.
         const size_t length = strlen(name);
         if (length >= kNameRoom) continue;
         memset(file_names[names], 0, kNameRoom);

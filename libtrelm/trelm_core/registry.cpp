@@ -1,12 +1,11 @@
-// The registry: two lists, one of port records and one of hardware records, filled by the discoveries and
-// read by everything else. Both work alike, so what one list does is written once and each says only its
-// names.
+// The registry: two lists, one of port records and one of hardware records, filled by the discoveries and read by
+// everything else. Both lists work alike: the functions are templates, and each list adds its messages.
+
+#include "registry.h"
 
 #include <cstdlib>
 
-#include "trelm_core.h"
-#include "trelm_core/discovery.h"
-#include "trelm_core/location_index.h"
+#include "discovery.h"
 #include "trelm_dbg.h"
 #include "trelm_gate.h"
 
@@ -22,12 +21,28 @@ const trelm_device_info trelm_quad_port_zr_list[9] = {
 namespace {
 
 using trelm::detail::error;
+using trelm::detail::is_physical;
 using trelm::detail::trace;
 
 constexpr uint16_t kSupportedDevices[] = {0x165C, 0x1662, 0x1663, 0x168A, 0x168E, 0x16A1,
                                           0x16A2, 0x16A4, 0x16A5, 0x16AE, 0x8080, 0x8180};
 
 constexpr char kNoPortList[] = ": no memory allocated for api_priv_data";
+
+// The log messages of one of the lists.
+struct Messages {
+    const char* free_all_name;
+    const char* no_list;
+    const char* no_record;
+    const char* absent;
+};
+
+constexpr Messages kPorts = {"trelm_free_all_pdb_mem", ": not enough memory for api_priv_data.",
+                             ": not enough memory for api_priv_data instance.",
+                             ": no memory allocated for api_priv_data."};
+constexpr Messages kHardware = {"trelm_free_all_hw_info_mem", ": not enough memory for api_phy_info.",
+                                ": not enough memory for api_phy_info instance.",
+                                ": no memory allocated for api_phy_info."};
 
 void prepare(trelm_priv_db&) {}
 void prepare(trelm_hw_info& hw) { hw.oshandle = -1; }
@@ -38,94 +53,76 @@ void drop_references(trelm_priv_db& pdb) {
 }
 void drop_references(trelm_hw_info&) {}
 
-// One of the two lists: where it hangs, and its messages.
+// The cursor tells where the next record is inserted. Only loads insert, and a load begins without a list, so no public
+// call depends on it. While several threads look up records none of them moves it: they would share a cache line that
+// is written.
+void rest_on(trelm_dlist* list, trelm_dl_node* node) {
+    if (!trelm::detail::shares_registry()) list->marker = node;
+}
+
+// The first record that matches. The cursor is set once, to that record or to the sentinel; every public call passes
+// here, so it does not follow each step.
+template <class Record, class Match>
+Record* find(trelm_dlist* list, Match matches) {
+    for (trelm_dl_node* node = list->head->next; node && node != list->head; node = node->next) {
+        auto* record = static_cast<Record*>(node->data);
+        if (!matches(*record)) continue;
+        rest_on(list, node);
+        return record;
+    }
+    rest_on(list, list->head);
+    return nullptr;
+}
+template <class Match>
+trelm_priv_db* find_port(Match matches) {
+    return find<trelm_priv_db>(trelm_priv_database, matches);
+}
+
 template <class Record>
-struct Roster {
-    trelm_dlist*& list;
-    const char* no_list;
-    const char* no_record;
-    const char* absent;
-
-    // Walks from the sentinel; the cursor rests on what is found, or on the sentinel. It is not moved step by
-    // step: every call of the library comes through here.
-    template <class Match>
-    Record* find(Match matches, trelm_dl_node* trelm_dl_node::*step = &trelm_dl_node::next) const {
-        for (trelm_dl_node* node = list->head->*step; node && node != list->head; node = node->*step) {
-            auto* record = static_cast<Record*>(node->data);
-            if (!matches(*record)) continue;
-            rest_on(node);
-            return record;
-        }
-        rest_on(list->head);
-        return nullptr;
+void free_all(const Messages& messages, trelm_dlist*& list) {
+    if (!list) return error(messages.free_all_name, messages.absent);
+    while (auto* last = static_cast<Record*>(trelm_dlist_pop(list))) {
+        drop_references(*last);
+        list->del_func(last);
     }
+    trelm_dlist_destroy(list);
+    list = nullptr;
+}
 
-    // No public call depends on where the cursor rests: it says where the next record goes, records are added
-    // by loads alone, and a load begins with no list. So while several threads look up, none moves it, and
-    // they share no line that is written.
-    void rest_on(trelm_dl_node* node) const {
-        if (!trelm::detail::shares_registry()) list->marker = node;
+template <class Record>
+uint32_t alloc(const char* func, const Messages& messages, trelm_dlist*& list, Record** out) {
+    trace(func, ": entered.");
+    if (!list) list = trelm_dlist_new(sizeof(Record));
+    if (!list) {
+        error(func, messages.no_list);
+        return 1;
     }
-
-    // The same where the index of a discovery knows how such a walk would end.
-    template <class Match>
-    Record* find(trelm::detail::Place place, Match matches) const {
-        if (!place.known) return find(matches);
-        list->marker = place.node ? place.node : list->head;
-        return place.node ? static_cast<Record*>(place.node->data) : nullptr;
+    auto* record = static_cast<Record*>(calloc(1, sizeof(Record)));
+    if (!record || !trelm_dlist_insert(list, record, 1)) {
+        error(func, record ? ": trelm_dlist_insert failed." : messages.no_record);
+        error(func, ": failed.");
+        free(record);
+        free_all<Record>(messages, list);
+        return 1;
     }
+    prepare(*record);
+    *out = record;
+    trace(func, ": exiting sucessfully.");
+    return 0;
+}
 
-    void free_all(const char* func) const {
-        if (!list) return error(func, absent);
-        while (auto* last = static_cast<Record*>(trelm_dlist_pop(list))) {
-            drop_references(*last);
-            list->del_func(last);
-        }
-        trelm_dlist_destroy(list);
-        list = nullptr;
+template <class Record>
+void free_element(const char* func, const Messages& messages, trelm_dlist* list, const Record* record) {
+    trace(func, ": entered.");
+    if (!list) return error(func, messages.absent);
+    // Discovery drops the record that it has just added. The cursor is still on it.
+    const bool is_at_cursor = record && trelm_dlist_mark(list) == record;
+    if (is_at_cursor || find<Record>(list, [record](const Record& each) { return &each == record; })) {
+        drop_references(*static_cast<Record*>(trelm_dlist_mark(list)));
+        trelm_dlist_delete(list, 1);
     }
-
-    uint32_t alloc(const char* func, const char* free_all_func, Record** out) const {
-        trace(func, ": entered.");
-        if (!list) list = trelm_dlist_new(sizeof(Record));
-        if (!list) {
-            error(func, no_list);
-            return 1;
-        }
-        auto* record = static_cast<Record*>(calloc(1, sizeof(Record)));
-        if (!record || !trelm_dlist_insert(list, record, 1)) {
-            error(func, record ? ": trelm_dlist_insert failed." : no_record);
-            error(func, ": failed.");
-            free(record);
-            free_all(free_all_func);
-            return 1;
-        }
-        prepare(*record);
-        *out = record;
-        trace(func, ": exiting sucessfully.");
-        return 0;
-    }
-
-    void free_element(const char* func, const Record* record) const {
-        trace(func, ": entered.");
-        if (!list) return error(func, absent);
-        if (Record* found = find([record](const Record& candidate) { return &candidate == record; },
-                                 &trelm_dl_node::prev)) {
-            drop_references(*found);
-            trelm_dlist_delete(list, 1);
-        }
-        trace(func, ": exiting.");
-    }
-};
-
-const Roster<trelm_priv_db> ports = {trelm_priv_database, ": not enough memory for api_priv_data.",
-                                     ": not enough memory for api_priv_data instance.",
-                                     ": no memory allocated for api_priv_data."};
-const Roster<trelm_hw_info> hardware = {trelm_phy_info, ": not enough memory for api_phy_info.",
-                                        ": not enough memory for api_phy_info instance.",
-                                        ": no memory allocated for api_phy_info."};
-
-bool is_physical(const trelm_priv_db& pdb) { return pdb.port_type != FC_PORTTYPE_NPIV; }
+    trace(func, ": exiting.");
+}
 
 bool has_handle(const trelm_priv_db& pdb, uint32_t handle) {
     return pdb.hw_info && __atomic_load_n(&pdb.hw_info->apihandle, __ATOMIC_ACQUIRE) == handle;
@@ -136,7 +133,7 @@ bool lies_at(const trelm_hw_info& hw, const dorfc_pci_info& at) {
            hw.pci_func == at.function_num;
 }
 
-// What both handle look-ups refuse, with the message that says so.
+// Whether a look-up by handle must fail; logs why.
 bool cannot_resolve(const char* func, uint32_t handle) {
     if (handle && trelm_priv_database) return false;
     error(func, handle ? kNoPortList : ": invalid handle");
@@ -153,20 +150,20 @@ bool trelm::detail::is_supported_device(uint16_t device_id) {
 }
 
 uint32_t trelm_alloc_pdb_mem(trelm_priv_db** pdb) {
-    return ports.alloc(__func__, "trelm_free_all_pdb_mem", pdb);
+    return alloc(__func__, kPorts, trelm_priv_database, pdb);
 }
 
 uint32_t trelm_alloc_hw_info_mem(trelm_hw_info** hw) {
-    return hardware.alloc(__func__, "trelm_free_all_hw_info_mem", hw);
+    return alloc(__func__, kHardware, trelm_phy_info, hw);
 }
 
-void trelm_free_pdb_element(trelm_priv_db* pdb) { ports.free_element(__func__, pdb); }
+void trelm_free_pdb_element(trelm_priv_db* pdb) { free_element(__func__, kPorts, trelm_priv_database, pdb); }
 
-void trelm_free_hw_info_element(trelm_hw_info* hw) { hardware.free_element(__func__, hw); }
+void trelm_free_hw_info_element(trelm_hw_info* hw) { free_element(__func__, kHardware, trelm_phy_info, hw); }
 
-void trelm_free_all_pdb_mem(void) { ports.free_all(__func__); }
+void trelm_free_all_pdb_mem(void) { free_all<trelm_priv_db>(kPorts, trelm_priv_database); }
 
-void trelm_free_all_hw_info_mem(void) { hardware.free_all(__func__); }
+void trelm_free_all_hw_info_mem(void) { free_all<trelm_hw_info>(kHardware, trelm_phy_info); }
 
 void trelm::detail::release_registry() {
     trelm_free_all_pdb_mem();
@@ -178,13 +175,13 @@ trelm_priv_db* trelm_get_pdb_from_user_instance(uint32_t instance) {
         error(__func__, kNoPortList);
         return nullptr;
     }
-    return ports.find(
+    return find_port(
         [instance](const trelm_priv_db& pdb) mutable { return is_physical(pdb) && instance-- == 0; });
 }
 
 uint32_t trelm::detail::count_physical_ports() {
     uint32_t count = 0;
-    ports.find([&count](const trelm_priv_db& pdb) {
+    find_port([&count](const trelm_priv_db& pdb) {
         count += is_physical(pdb);
         return false;
     });
@@ -197,7 +194,7 @@ uint32_t trelm_get_instance_from_pdb(trelm_priv_db* pdb, uint32_t* instance) {
         return 1;
     }
     uint32_t before = 0;
-    ports.find([pdb, &before](const trelm_priv_db& candidate) {
+    find_port([pdb, &before](const trelm_priv_db& candidate) {
         if (&candidate == pdb) return true;
         before += is_physical(candidate);
         return false;
@@ -208,13 +205,13 @@ uint32_t trelm_get_instance_from_pdb(trelm_priv_db* pdb, uint32_t* instance) {
 
 trelm_priv_db* trelm_get_pdb_from_user_handle(uint32_t handle) {
     if (cannot_resolve(__func__, handle)) return nullptr;
-    return ports.find(
+    return find_port(
         [handle](const trelm_priv_db& pdb) { return is_physical(pdb) && has_handle(pdb, handle); });
 }
 
 trelm_priv_db* trelm_get_vn_pdb_from_user_handle(uint32_t handle, uint32_t npiv_index) {
     if (cannot_resolve(__func__, handle)) return nullptr;
-    return ports.find([handle, npiv_index](const trelm_priv_db& pdb) {
+    return find_port([handle, npiv_index](const trelm_priv_db& pdb) {
         return has_handle(pdb, handle) && pdb.npiv_index == npiv_index;
     });
 }
@@ -226,7 +223,7 @@ trelm_hw_info* trelm::detail::find_hw_info(const char* func_name, const dorfc_pc
         return nullptr;
     }
     trelm_hw_info* found =
-        hardware.find(hardware_place(at), [&at](const trelm_hw_info& hw) { return lies_at(hw, at); });
+        find<trelm_hw_info>(trelm_phy_info, [&at](const trelm_hw_info& hw) { return lies_at(hw, at); });
     trace(func_name, ": exiting.");
     return found;
 }
@@ -237,7 +234,7 @@ trelm_priv_db* trelm::detail::find_parent(const char* func_name, const dorfc_pci
         error(func_name, kNoPortList);
         return nullptr;
     }
-    trelm_priv_db* found = ports.find(port_place(at), [&at](const trelm_priv_db& pdb) {
+    trelm_priv_db* found = find_port([&at](const trelm_priv_db& pdb) {
         return is_physical(pdb) && pdb.hw_info && lies_at(*pdb.hw_info, at);
     });
     trace(func_name, ": exiting.");

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "trelm_core.h"
+#include "registry.h"
 #include "trelm_dbg.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // The database that processes with the library loaded share. Each takes one of eight slots; the last to leave
 // removes the file and the semaphore that guards it.
 
-#include "trelm_core/shared_db.h"
+#include "shared_db.h"
 
 #include <sys/ipc.h>
 #include <sys/mman.h>
@@ -11,7 +11,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "trelm_core.h"
+#include "semaphore_set.h"
+#include "semaphores.h"
+#include "shared_file.h"
 #include "trelm_dbg.h"
 #include "trelm_system.h"
 
@@ -35,12 +37,10 @@ constexpr char kOpen[] = "trelm_open_database";
 constexpr char kClose[] = "trelm_close_database";
 constexpr int kGuardTries = 16;
 
-pid_t slot_owner = 0;  // the process that took the slot; a forked child of its inherits the number alone
+pid_t slot_owner = 0;  // the process that took the slot. A forked child inherits the number, not the slot
 
-bool wait_found_no_set() { return errno == EIDRM || errno == EINVAL; }
-
-// Gets the semaphore and waits on it. The set may be removed between the two, by the last process to leave or
-// by one whose open failed; this process then starts over, for it must not go on unguarded.
+// Gets the semaphore and waits for it. The last process to leave, or one whose open failed, may remove the set between
+// the two steps. This process then starts over, because it must not go on without the guard.
 bool enter_guard() {
     for (int tries = 0; tries < kGuardTries; ++tries) {
         trelm_db_sem_id = trelm::detail::sem_get(trelm_db_semkey);
@@ -53,23 +53,23 @@ bool enter_guard() {
         }
         trace(kOpen, Piece(": got trelm_db_sem_id=", trelm_db_sem_id));
         if (trelm_sem_wait(trelm_db_sem_id) == 0) return true;
-        if (!wait_found_no_set()) break;
+        if (!trelm::detail::is_gone(errno)) break;
     }
     trelm_db_sem_id = -1;
     return false;
 }
 
-// Lets go by taking the set away from everyone. It is not signalled first: whoever waits would then pass on a
-// set that is gone the next moment, beside the next comer's new one, and so would find out and start over
-// instead. Where the set cannot be taken away it is signalled all the same, so that nobody waits for ever.
+// Releases the guard by removing the set. It is not signalled first: a waiter would get the old set just before it is
+// removed, while the next process creates a new one, and both would be inside. Removal wakes waiters with EIDRM, and
+// they start over. If the removal fails, the set is signalled, so that nobody waits for ever.
 void remove_guard() {
-    if (trelm::detail::sem_del(trelm_db_sem_id) != 0) trelm_sem_signal(trelm_db_sem_id);
+    if (trelm::detail::remove_database_semaphore() != 0) trelm_sem_signal(trelm_db_sem_id);
     trelm_db_sem_id = -1;
 }
 
 // If the signal fails, the set is removed. Waiters get EIDRM and retry.
 void release_guard() {
-    if (trelm_sem_signal(trelm_db_sem_id) != 0) trelm::detail::sem_del(trelm_db_sem_id);
+    if (trelm_sem_signal(trelm_db_sem_id) != 0) trelm::detail::remove_database_semaphore();
 }
 
 void occupy(unsigned slot) {
@@ -89,7 +89,7 @@ void take_slot() {
         error(kOpen, Piece(": assigned api_lib_instance=", slot));
         return;
     }
-    // Slots of processes that ended without closing stay marked; when none is left, all but one are freed.
+    // A process that ended without closing leaves its slot marked. When no slot is free, all but one are freed.
     for (unsigned slot = 1; slot < kLibraryInstances; ++slot)
         trelm_shared_data->libinst_flags[slot] &= ~kSlotTaken;
     occupy(0);
@@ -115,14 +115,14 @@ int join() {
 
 // ---- Closing
 
-// What becomes of the file once this process has left.
+// Whether this process removed the file as the last one, and the errno if that failed.
 struct LastOne {
     bool file_goes = false;
     int remove_errno = 0;
 };
 
-// Gives the slot back under the guard. Where this is the last instance the file goes while the guard still
-// holds: a newcomer who finds it afterwards would share it with nobody.
+// Gives the slot back under the guard. The last process removes the file while it still holds the guard; otherwise a new
+// process could open the file just before it disappears, and share it with nobody.
 LastOne leave() {
     LastOne last;
     flush();
@@ -163,7 +163,7 @@ void report(const LastOne& last) {
         error(kClose, Piece(": Unable to remove shared data file. errno=", last.remove_errno));
 }
 
-// A signal of the host program may end a read early; the rest is still to come.
+// Whether a signal of the host program interrupted the read; it is repeated then.
 bool was_interrupted(FILE* stream) {
     if (!ferror(stream) || errno != EINTR) return false;
     clearerr(stream);
@@ -204,7 +204,8 @@ uint32_t trelm_close_database(int32_t) {
     LastOne last;
     if (trelm_db_sem_id != -1 && has_slot() && trelm_shared_data) {
         error(kClose, Piece(": inst=", trelm_library_instance), ", going to clean up shared mem.");
-        if (trelm_sem_wait(trelm_db_sem_id) == 0 || (wait_found_no_set() && enter_guard())) last = leave();
+        if (trelm_sem_wait(trelm_db_sem_id) == 0 || (trelm::detail::is_gone(errno) && enter_guard()))
+            last = leave();
     }
     if (trelm_shm_fildes != -1) unmap();
     report(last);

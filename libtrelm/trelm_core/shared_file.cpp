@@ -1,5 +1,7 @@
 // Opening the file of the shared database: created full size, grown where an older version left it smaller, replaced
-// where another user could cut it or have it stand for a file of his.
+// if another user made it or it has a second name.
+
+#include "shared_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -7,7 +9,7 @@
 
 #include <cstring>
 
-#include "trelm_core/shared_db.h"
+#include "shared_db.h"
 #include "trelm_dbg.h"
 #include "trelm_system.h"
 
@@ -19,7 +21,7 @@ using trelm::detail::Heap;
 using trelm::detail::Piece;
 
 constexpr size_t kFileSize = sizeof(trelm_shared_db);
-// The file lies where anyone may put things: no link is followed, nothing waits for a pipe's other end.
+// Anyone can put something at the path. O_NOFOLLOW refuses links, O_NONBLOCK keeps a pipe from blocking the open.
 constexpr int kOpenFlags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
 constexpr int kTries = 16;
 constexpr char kCannotCreate[] = ": Unable to create shared data file. errno=";
@@ -56,8 +58,8 @@ int fail(const char* func, const char* text) {
 enum class Found {
     nothing,
     usable,
-    foreign,   // another user's, or of a file that has another name elsewhere
-    unusable,  // root's, and no regular file
+    foreign,   // another user's, or a file with a second name
+    unusable,  // root's, but not a regular file
 };
 
 Found look_at(const char* path, const Descriptor& fd, struct stat& status) {
@@ -68,7 +70,7 @@ Found look_at(const char* path, const Descriptor& fd, struct stat& status) {
     return fd && is_file ? Found::usable : Found::unusable;
 }
 
-// Gives a new file its contents. The descriptor, or -1.
+// Fills a new file with zeros. The descriptor, or -1.
 int fill(const char* func, const char* path, Descriptor& fd) {
     Heap<uint8_t> zeros(kFileSize);
     if (!zeros) return fail(func, ": malloc tmp mem failed=");
@@ -101,7 +103,7 @@ int upgrade(const char* func, int fd, size_t old_size) {
     return fd;
 }
 
-// Takes the file as it is found. The descriptor, or -1.
+// Uses an existing file. The descriptor, or -1.
 int take_over(const char* func, Descriptor& fd, const struct stat& status) {
     // Whoever may write to the file could cut it while it is mapped.
     constexpr mode_t others_write = S_IWGRP | S_IWOTH;
@@ -113,7 +115,7 @@ int take_over(const char* func, Descriptor& fd, const struct stat& status) {
 }  // namespace
 
 int trelm::detail::open_shared_file(const char* func_name, const char* path) {
-    // Another user may put something in the place of what was removed, again and again.
+    // Another user may create something at the path each time after it was removed.
     for (int tries = 0; tries < kTries; ++tries) {
         Descriptor fd(open_file(path, kOpenFlags));
         const int open_error = fd ? EEXIST : errno;

@@ -1,8 +1,8 @@
 // Turning instance numbers into handles, and giving handles back. Of one port only one open or close is under
 // way at a time.
 
-#include "trelm_mgmt/port_call.h"
-#include "trelm_mgmt/transport.h"
+#include "port_call.h"
+#include "transport.h"
 
 using trelm::detail::close_port;
 using trelm::detail::error_call;

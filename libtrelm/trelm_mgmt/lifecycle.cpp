@@ -2,11 +2,13 @@
 
 #include <cstring>
 
+#include "load.h"
 #include "trelm_core.h"
 #include "trelm_dbg.h"
-#include "trelm_version.h"
 #include "trelm_gate.h"
+#include "trelm_mgmt.h"
 #include "trelm_owners.h"
+#include "trelm_version.h"
 
 const char trelm_version_description[128] = "Calvexa Ulvard FC API library version " TRELM_VERSION_TEXT;
 static_assert(TRELM_VERSION_NUMBER == TRELM_BUILT_VERSION_NUMBER, "the public header has the project's version");

@@ -2,8 +2,8 @@
 
 #include <cstring>
 
-#include "trelm_mgmt/port_call.h"
-#include "trelm_mgmt/scsi_commands.h"
+#include "port_call.h"
+#include "scsi_commands.h"
 #include "trelm_owners.h"
 
 namespace {

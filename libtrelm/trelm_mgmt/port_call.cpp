@@ -1,8 +1,8 @@
 // What the public functions for a port share.
 
-#include "trelm_mgmt/port_call.h"
+#include "port_call.h"
 
-#include "trelm_mgmt/transport.h"
+#include "transport.h"
 
 namespace trelm::detail {
 

@@ -5,6 +5,7 @@
 #include "trelm_core.h"
 #include "trelm_dbg.h"
 #include "trelm_gate.h"
+#include "trelm_mgmt.h"
 #include "trelm_native.h"
 #include "trelm_owners.h"
 

@@ -2,8 +2,8 @@
 
 #include <cstring>
 
-#include "trelm_mgmt/port_call.h"
-#include "trelm_mgmt/transport.h"
+#include "port_call.h"
+#include "transport.h"
 #include "trelm_pool.h"
 
 namespace {

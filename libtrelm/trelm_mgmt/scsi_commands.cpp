@@ -1,6 +1,6 @@
 // The commands of target and LUN discovery.
 
-#include "trelm_mgmt/scsi_commands.h"
+#include "scsi_commands.h"
 
 #include <cstring>
 

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "trelm_mgmt/port_call.h"
+#include "port_call.h"
 
 namespace trelm::detail {
 

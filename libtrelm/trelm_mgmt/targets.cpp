@@ -1,8 +1,8 @@
 // Listing the SCSI targets that a port sees.
 
-#include "trelm_mgmt/port_call.h"
-#include "trelm_mgmt/scsi_commands.h"
-#include "trelm_mgmt/transport.h"
+#include "port_call.h"
+#include "scsi_commands.h"
+#include "transport.h"
 #include "trelm_owners.h"
 
 namespace {

@@ -1,9 +1,10 @@
 // The three transports, and the rule that chooses between them.
 
-#include "trelm_mgmt/transport.h"
+#include "transport.h"
 
 #include <cerrno>
 
+#include "trelm_mgmt.h"
 #include "trelm_owners.h"
 
 namespace trelm::detail {

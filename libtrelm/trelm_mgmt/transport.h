@@ -55,6 +55,6 @@ Outcome send_scsi(const Transport& transport, trelm_priv_db* pdb, dorfc_scsi_cmd
 extern "C" {
 
 // A driver status as a return code: 1 to 13 as the code of that number, any other as a driver error.
-TRELM_API uint32_t trelm_xlate_err(uint32_t stat);
+TRELM_EXPORTED uint32_t trelm_xlate_err(uint32_t stat);
 
 }  // extern "C"

@@ -10,10 +10,10 @@
 #include <fstream>
 #include <regex>
 
+#include "shared_db.h"
 #include "support/failing_allocation.h"
 #include "support/places.h"
 #include "support/port_calls.h"
-#include "trelm_core/shared_db.h"
 #include "trelm_ntapi.h"
 #include "trelm_pyx_ntapi.h"
 

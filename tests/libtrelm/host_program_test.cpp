@@ -8,11 +8,11 @@
 
 #include <climits>
 
+#include "shared_db.h"
 #include "support/child.h"
 #include "support/loaded_host.h"
 #include "support/log_capture.h"
 #include "support/stand_before.h"
-#include "trelm_core/shared_db.h"
 
 static int lowest = INT_MAX;  // of the descriptors that the library used, but for standard error
 

@@ -2,6 +2,7 @@
 // header in C, and the process-wide variables before anything has happened.
 #include <gmock/gmock.h>
 
+#include "load.h"
 #include "support/places.h"
 #include "trelm_core.h"
 #include "trelm_dbg.h"

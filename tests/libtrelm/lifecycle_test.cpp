@@ -2,6 +2,7 @@
 // which driver serves a port, and that nothing is left behind.
 #include <sys/utsname.h>
 
+#include "load.h"
 #include "support/port_calls.h"
 #include "support/stand_before.h"
 

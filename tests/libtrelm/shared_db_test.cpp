@@ -7,10 +7,10 @@
 
 #include <fstream>
 
+#include "shared_db.h"
 #include "support/child.h"
 #include "support/failing_allocation.h"
 #include "support/log_capture.h"
-#include "trelm_core/shared_db.h"
 
 namespace {
 std::set<std::string_view> failing_calls;  // each fails once

@@ -5,22 +5,30 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "trelm_mgmt.h"
+#include "semaphore_set.h"
+#include "trelm_exported.h"
 
 extern "C" {
 
-extern TRELM_API uint32_t trelm_debug;  // flags, read from TRELM_API_DEBUG
-extern TRELM_API char
+extern TRELM_EXPORTED uint32_t trelm_debug;  // flags, read from TRELM_API_DEBUG
+extern TRELM_EXPORTED char
     trelmlog_path[512];  // empty until first needed; a text set by the host program is used as it is
-extern TRELM_API FILE* trelmdbg_fp;  // open while a line is written
+extern TRELM_EXPORTED FILE* trelmdbg_fp;  // open while a line is written
+
+extern TRELM_EXPORTED int32_t trelm_dbg_sem_id;  // -1 none
+extern TRELM_EXPORTED key_t trelm_dbg_semkey;
+
+// Reads TRELM_API_DEBUG into trelm_debug and gets the log's semaphore when output is first switched on.
+TRELM_EXPORTED void trelm_set_debug_level(void);
 
 // `radix` 0: no number, else 10 or 16. `newline` 1 ends the line. `func_name` may be null.
-TRELM_API void trelm_dbg_print(const char* func_name, const char* string, uint64_t number, uint8_t radix,
-                               uint8_t newline);
+TRELM_EXPORTED void trelm_dbg_print(const char* func_name, const char* string, uint64_t number, uint8_t radix,
+                                    uint8_t newline);
 // Dumps `count` elements of `wd_size` bits (8, 16, 32 or 64) in hexadecimal.
-TRELM_API void trelm_dbg_dump(const char* string, const uint8_t* buffer, uint8_t wd_size, uint64_t count);
+TRELM_EXPORTED void trelm_dbg_dump(const char* string, const uint8_t* buffer, uint8_t wd_size,
+                                   uint64_t count);
 // The log stream, opened if needed; null where it cannot be.
-TRELM_API FILE* trelm_dbg_get_fptr(void);
+TRELM_EXPORTED FILE* trelm_dbg_get_fptr(void);
 
 }  // extern "C"
 
@@ -41,18 +49,22 @@ struct Piece {
     uint8_t radix = 0;
 };
 
+// Loads and opens may set the semaphore while other threads log.
+inline int32_t debug_semaphore() { return __atomic_load_n(&trelm_dbg_sem_id, __ATOMIC_RELAXED); }
+extern KeptHold kept_log_hold;
+
 // Writes one line composed of the pieces.
 void write_line(const char* func_name, const Piece* pieces, size_t count);
 
-// Loads and opens may set the flags while other threads look at them.
+// Loads and opens may set the flags while other threads read them.
 inline uint32_t debug_flags() { return __atomic_load_n(&trelm_debug, __ATOMIC_RELAXED); }
 inline bool logs(DebugFlag category) { return __builtin_expect(debug_flags() & category, 0); }
 
 template <class T, class>
 using For = T;
 
-// Out of line, and with the pieces taken apart: a call without a log then neither makes room for them nor
-// puts them together, which it would for a Piece, as that is too large for registers.
+// Out of line, with the pieces passed as separate arguments: a Piece is too large for registers, so every call site
+// would have to build it on the stack even when the log is off.
 template <class... Pieces>
 struct LineOf {
     [[gnu::cold, gnu::noinline]] static void write(const char* func_name, For<const char*, Pieces>... texts,

@@ -9,7 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "trelm_mgmt.h"
+#include "trelm_exported.h"
 
 extern "C" {
 
@@ -39,49 +39,51 @@ using trelm_dlist_filter = int (*)(void* element);
 using trelm_dlist_compare = int (*)(void* a, void* b);
 
 // Both give null when memory is exhausted; the first releases elements with free().
-TRELM_API trelm_dlist* trelm_dlist_new(size_t datasize);
-TRELM_API trelm_dlist* trelm_dlist_new_with_delete(size_t datasize, trelm_dlist_release del_func);
+TRELM_EXPORTED trelm_dlist* trelm_dlist_new(size_t datasize);
+TRELM_EXPORTED trelm_dlist* trelm_dlist_new_with_delete(size_t datasize, trelm_dlist_release del_func);
 // Deletes every element, first to last, and the list.
-TRELM_API void trelm_dlist_destroy(trelm_dlist* list);
+TRELM_EXPORTED void trelm_dlist_destroy(trelm_dlist* list);
 
 // Cursor to the sentinel.
-TRELM_API void trelm_dlist_start(trelm_dlist* list);
-TRELM_API void trelm_dlist_end(trelm_dlist* list);
+TRELM_EXPORTED void trelm_dlist_start(trelm_dlist* list);
+TRELM_EXPORTED void trelm_dlist_end(trelm_dlist* list);
 // The element at the cursor, or null at the sentinel.
-TRELM_API void* trelm_dlist_mark(trelm_dlist* list);
+TRELM_EXPORTED void* trelm_dlist_mark(trelm_dlist* list);
 // Moves the cursor one node and returns the element there, null at the sentinel.
-TRELM_API void* _trelm_dlist_mark_move(trelm_dlist* list, int direction);
+TRELM_EXPORTED void* _trelm_dlist_mark_move(trelm_dlist* list, int direction);
 
 // Insertions leave the cursor on the new node and return its element, or null where nothing was inserted.
-TRELM_API void* trelm_dlist_insert(trelm_dlist* list, void* data, int direction);
-TRELM_API trelm_dl_node* _trelm_dlist_insert_dlnode(trelm_dlist* list, trelm_dl_node* node, int direction);
-TRELM_API void* trelm_dlist_push(trelm_dlist* list, void* data);
-TRELM_API void* trelm_dlist_unshift(trelm_dlist* list, void* data);
+TRELM_EXPORTED void* trelm_dlist_insert(trelm_dlist* list, void* data, int direction);
+TRELM_EXPORTED trelm_dl_node* _trelm_dlist_insert_dlnode(trelm_dlist* list, trelm_dl_node* node,
+                                                         int direction);
+TRELM_EXPORTED void* trelm_dlist_push(trelm_dlist* list, void* data);
+TRELM_EXPORTED void* trelm_dlist_unshift(trelm_dlist* list, void* data);
 // Before the first element for which sorter(data, element) is non-zero, else at the end.
-TRELM_API void* trelm_dlist_insert_sorted(trelm_dlist* list, void* data, trelm_dlist_match sorter);
-TRELM_API void* trelm_dlist_unshift_sorted(trelm_dlist* list, void* data, trelm_dlist_match sorter);
+TRELM_EXPORTED void* trelm_dlist_insert_sorted(trelm_dlist* list, void* data, trelm_dlist_match sorter);
+TRELM_EXPORTED void* trelm_dlist_unshift_sorted(trelm_dlist* list, void* data, trelm_dlist_match sorter);
 
 // Removals hand the element back; only trelm_dlist_delete releases it. A cursor on the node moves in
 // `direction`.
-TRELM_API void* _trelm_dlist_remove(trelm_dlist* list, trelm_dl_node* node, int direction);
-TRELM_API void trelm_dlist_delete(trelm_dlist* list, int direction);
-TRELM_API void* trelm_dlist_pop(trelm_dlist* list);
-TRELM_API void* trelm_dlist_shift(trelm_dlist* list);
-TRELM_API void trelm_dlist_move(trelm_dlist* source, trelm_dlist* dest, trelm_dl_node* node, int direction);
+TRELM_EXPORTED void* _trelm_dlist_remove(trelm_dlist* list, trelm_dl_node* node, int direction);
+TRELM_EXPORTED void trelm_dlist_delete(trelm_dlist* list, int direction);
+TRELM_EXPORTED void* trelm_dlist_pop(trelm_dlist* list);
+TRELM_EXPORTED void* trelm_dlist_shift(trelm_dlist* list);
+TRELM_EXPORTED void trelm_dlist_move(trelm_dlist* source, trelm_dlist* dest, trelm_dl_node* node,
+                                     int direction);
 
 // Neither moves the cursor.
-TRELM_API void* trelm_dlist_find_custom(trelm_dlist* list, void* target, trelm_dlist_match comp);
-TRELM_API void trelm_dlist_transform(trelm_dlist* list, trelm_dlist_operation node_operation);
-TRELM_API void _trelm_dlist_swap(trelm_dlist* list, trelm_dl_node* a, trelm_dl_node* b);
+TRELM_EXPORTED void* trelm_dlist_find_custom(trelm_dlist* list, void* target, trelm_dlist_match comp);
+TRELM_EXPORTED void trelm_dlist_transform(trelm_dlist* list, trelm_dlist_operation node_operation);
+TRELM_EXPORTED void _trelm_dlist_swap(trelm_dlist* list, trelm_dl_node* a, trelm_dl_node* b);
 
 // Stable. Left unsorted when the temporary list cannot be had.
-TRELM_API void trelm_dlist_sort_custom(trelm_dlist* list, trelm_dlist_compare compare);
+TRELM_EXPORTED void trelm_dlist_sort_custom(trelm_dlist* list, trelm_dlist_compare compare);
 // Releases the elements for which filter returns 0, then sorts the rest.
-TRELM_API void trelm_dlist_filter_sort(trelm_dlist* list, trelm_dlist_filter filter,
-                                       trelm_dlist_compare compare);
+TRELM_EXPORTED void trelm_dlist_filter_sort(trelm_dlist* list, trelm_dlist_filter filter,
+                                            trelm_dlist_compare compare);
 // One pass that merges neighbouring runs of `passcount` elements of the source and appends them to dest. 0
 // for an empty source, 1 when the source was a single run, 2 or more when runs were merged.
-TRELM_API int _trelm_dlist_merge(trelm_dlist* listsource, trelm_dlist* listdest, unsigned int passcount,
-                                 trelm_dlist_compare compare);
+TRELM_EXPORTED int _trelm_dlist_merge(trelm_dlist* listsource, trelm_dlist* listdest, unsigned int passcount,
+                                      trelm_dlist_compare compare);
 
 }  // extern "C"

@@ -1,6 +1,5 @@
-// The debug log. A line grows in a buffer of the writing thread until it is complete or the buffer full; an
-// in-process mutex and a System V semaphore keep whole print calls apart, so lines of several threads and
-// processes never mix.
+// The debug log. Each thread collects a line in a buffer of its own until the line is complete or the buffer is full. A
+// mutex and a System V semaphore serialise print calls, so lines of several threads and processes never mix.
 
 #include "trelm_dbg.h"
 
@@ -9,15 +8,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
-#include "trelm_core.h"
 #include "trelm_system.h"
 
 uint32_t trelm_debug = 0;
 char trelmlog_path[512] = "";
 FILE* trelmdbg_fp = nullptr;
+int32_t trelm_dbg_sem_id = -1;
+key_t trelm_dbg_semkey = 0x373;
+
+trelm::detail::KeptHold trelm::detail::kept_log_hold;
 
 namespace {
 
@@ -36,21 +39,21 @@ thread_local LineBuffer line __attribute__((tls_model("initial-exec")));
 
 pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
 
-// A child forked while another thread writes a line would find the mutex held for ever.
+// A child that is forked while another thread writes a line must not inherit a locked mutex.
 void lock() { pthread_mutex_lock(&mutex); }
 void unlock() { pthread_mutex_unlock(&mutex); }
 __attribute__((constructor)) void keep_whole_over_fork() { pthread_atfork(lock, unlock, unlock); }
 
-// Holds the log for one print or dump call. A broken semaphore does not stop output: it goes on without it.
+// Holds the log for one print or dump call. If the semaphore fails, output goes on without it.
 class Turn {
   public:
     Turn() {
         lock();
-        semaphore_ = __atomic_load_n(&trelm_dbg_sem_id, __ATOMIC_RELAXED);
-        held_ = trelm::detail::sem_wait_unlogged(semaphore_) == 0;
+        semaphore_ = trelm::detail::debug_semaphore();
+        held_ = trelm::detail::sem_take(semaphore_, trelm::detail::kept_log_hold) == 0;
     }
     ~Turn() {
-        if (held_) trelm::detail::sem_signal_unlogged(semaphore_);
+        if (held_) trelm::detail::sem_release(semaphore_, trelm::detail::kept_log_hold);
         unlock();
     }
     Turn(const Turn&) = delete;
@@ -63,8 +66,7 @@ class Turn {
     bool held_;
 };
 
-// The log file may lie in a directory that anyone can write to. A link or a device in its place is no log file, nor
-// is a file of another user or one that has another name, which may be anything.
+// Anyone can put something at the path. Only a regular file with one name that root or the caller owns is used.
 FILE* open_log(const char* path) {
     trelm::detail::Descriptor fd(trelm::detail::open_file(
         path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0666));
@@ -119,7 +121,7 @@ class Digits {
 
 void trelm_dbg_output_number(uint64_t n, uint8_t base) { trelm_dbg_puts(Digits(n, base).text()); }
 
-// Puts the time before a line in the file. False when there is no time to be had, which drops the line.
+// Writes the time before a line of the file. False if the time cannot be converted; the line is then dropped.
 bool stamp(char* scratch) {
     time_t now = time(nullptr);
     tm local;
@@ -179,6 +181,17 @@ void dump_elements(const DumpLayout& layout, const uint8_t* buffer, uint64_t cou
 
 }  // namespace
 
+void trelm_set_debug_level(void) {
+    const char* flags = getenv("TRELM_API_DEBUG");
+    if (!flags) return;
+    const auto wanted = static_cast<uint32_t>(strtol(flags, nullptr, 16));
+    if (wanted != trelm::detail::debug_flags()) __atomic_store_n(&trelm_debug, wanted, __ATOMIC_RELAXED);
+    if (!wanted || trelm::detail::debug_semaphore() != -1) return;
+    // Several threads that arrive here at once get the same set.
+    const trelm::detail::NoCancellation whole;
+    __atomic_store_n(&trelm_dbg_sem_id, trelm::detail::sem_get(trelm_dbg_semkey), __ATOMIC_RELAXED);
+}
+
 FILE* trelm_dbg_get_fptr(void) {
     if (trelmdbg_fp) return trelmdbg_fp;
     if (trelm::detail::debug_flags() && !trelmlog_path[0]) {
@@ -221,7 +234,7 @@ void trelm_dbg_dump(const char* string, const uint8_t* buffer, uint8_t wd_size, 
         dump_elements(layout, buffer, buffer ? count : 0);
         trelm_dbg_puts(layout.rule);
     }
-    // What is not written now would be at the end of the program, which nobody guards.
+    // Unwritten data would be written at the end of the program, outside the lock.
     if (trelmdbg_fp && fflush(trelmdbg_fp) != 0) close_log();
 }
 

@@ -4,7 +4,6 @@
 
 #include <cstring>
 
-#include "trelm_core/discovery.h"
 #include "trelm_native.h"
 
 vmk_MgmtCallbackInfo kron_fcapi_callbacks[10] = {
@@ -57,9 +56,7 @@ const trelm::detail::native_driver trelm::detail::kron_driver = {
     .handle = &kron_fcapi_handle,
     .signed_count = true,
     .port_info_exit_shows_result = true,
-    .find_all_name = "trelmnt_find_all_instances",
-    .find_hw_info_name = "trelmnt_get_hw_info_inst",
-    .find_parent_name = "trelmnt_get_parent_port",
+    .discovery_names = {"trelmnt_find_all_instances", "trelmnt_get_hw_info_inst", "trelmnt_get_parent_port"},
     .open_name = "trelmnt_open_adapter",
     .close_name = "trelmnt_close_adapter",
     .operation_names = {"trelmnt_get_port_info", "trelmnt_get_port_stats", "trelmnt_get_tgt_info",

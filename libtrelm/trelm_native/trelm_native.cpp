@@ -6,13 +6,13 @@
 #include <cerrno>
 #include <cstring>
 
-#include "trelm_core/discovery.h"
-#include "trelm_core/location_index.h"
+#include "discovery.h"
 #include "trelm_dbg.h"
 #include "trelm_pool.h"
 
 namespace {
 
+using trelm::detail::Added;
 using trelm::detail::error;
 using trelm::detail::native_driver;
 using trelm::detail::native_operation;
@@ -85,47 +85,29 @@ bool read_instance(const native_driver& driver, uint32_t index, Instance& instan
            ask_port(driver, NATIVE_CB_PCI_INFO, hostno.host_no, instance.pci);
 }
 
-enum class Added { kKept, kDropped, kNoMemory };
-
-Added add_hardware(const native_driver& driver, trelm_priv_db* pdb, const Instance& instance) {
-    trelm_hw_info* hw = nullptr;
-    if (trelm_alloc_hw_info_mem(&hw) != 0) {
-        error(driver.find_all_name, Piece(": inst=", pdb->drvr_inst, 16),
-              " hw info mem alloc failed, exiting");
-        return Added::kNoMemory;
-    }
+void fill_hardware(const native_driver& driver, const Instance& instance, trelm_hw_info& hw) {
     const dorfc_port_info& port = instance.port.common;
-    trelm::detail::copy_hardware(*hw, port, instance.pci);
-    memcpy(hw->model_desc, port.model_desc, sizeof hw->model_desc);
-    hw->chip_rev_id = instance.pci.chip_rev_id;
-    hw->native_driver = 1;
-    driver.fill_hardware(*hw, instance.port, instance.pci);
-    pdb->hw_info = hw;
-    if (trelm::detail::is_supported_device(hw->device_id)) return Added::kKept;
-    trelm_free_hw_info_element(hw);
-    trelm_free_pdb_element(pdb);
-    return Added::kDropped;
+    trelm::detail::copy_hardware(hw, port, instance.pci);
+    memcpy(hw.model_desc, port.model_desc, sizeof hw.model_desc);
+    hw.chip_rev_id = instance.pci.chip_rev_id;
+    hw.native_driver = 1;
+    driver.fill_hardware(hw, instance.port, instance.pci);
 }
 
 Added add_instance(const native_driver& driver, uint32_t index, const Instance& instance) {
     trelm_priv_db* pdb = nullptr;
     if (trelm_alloc_pdb_mem(&pdb) != 0) {
-        error(driver.find_all_name, Piece(": inst=", index), " mem alloc failed, exiting");
-        return Added::kNoMemory;
+        error(driver.discovery_names.find_all, Piece(": inst=", index), " mem alloc failed, exiting");
+        return Added::no_memory;
     }
     pdb->drvr_inst = index;
     pdb->host_no = instance.host_no;
     trelm::detail::copy_port(*pdb, instance.port.common);
     driver.fill_port(*pdb, instance.port);
-    Added added = Added::kKept;
-    if (pdb->port_type == FC_PORTTYPE_NPIV) {
-        pdb->hw_info = trelm::detail::find_hw_info(driver.find_hw_info_name, instance.pci);
-        pdb->parent = trelm::detail::find_parent(driver.find_parent_name, instance.pci);
-    } else {
-        added = add_hardware(driver, pdb, instance);
-        if (added == Added::kKept) trelm::detail::index_newest_port();
-    }
-    if (added == Added::kKept) trelm_print_priv_data(pdb);
+    const Added added =
+        trelm::detail::attach_hardware(driver.discovery_names, pdb, instance.pci, index,
+                                       [&](trelm_hw_info& hw) { fill_hardware(driver, instance, hw); });
+    if (added == Added::kept) trelm_print_priv_data(pdb);
     return added;
 }
 
@@ -229,37 +211,37 @@ Outcome exchange(const native_driver& driver, const trelm_priv_db* pdb, const do
 uint32_t trelm::detail::native_find_all_instances(const native_driver& driver, uint32_t* start_inst) {
     int rc = vmk_MgmtUserInit(driver.signature, driver.cookie, driver.handle);
     if (rc) {
-        error(driver.find_all_name, Piece(": vmk init failed. rc=", rc));
+        error(driver.discovery_names.find_all, Piece(": vmk init failed. rc=", rc));
         return 1;
     }
     kronfc_hba_cnt_cb answer = {};
     invoke(driver, NATIVE_CB_HBA_COUNT, &answer);
     if (answer.status) {
-        error(driver.find_all_name, ": get hba count failed.");
+        error(driver.discovery_names.find_all, ": get hba count failed.");
         return 1;
     }
     const int64_t hba_cnt =
         driver.signed_count ? answer.hba_cnt : int64_t{static_cast<uint32_t>(answer.hba_cnt)};
-    trace(driver.find_all_name, Piece(": Got hba_count=", hba_cnt));
+    trace(driver.discovery_names.find_all, Piece(": Got hba_count=", hba_cnt));
 
-    const LocationIndex index_of_locations;
     uint32_t added = 0;
     for (uint32_t index = 0; index < kMaxInstances && index < hba_cnt; ++index) {
         Instance instance;
         if (!read_instance(driver, index, instance)) continue;
         switch (add_instance(driver, index, instance)) {
-            case Added::kKept:
+            case Added::kept:
                 ++added;
                 break;
-            case Added::kDropped:
+            case Added::dropped:
                 break;
-            case Added::kNoMemory:
+            case Added::no_memory:
                 release_registry();
                 return 1;
         }
     }
     *start_inst = added;
-    trace(driver.find_all_name, Piece(": found ", hba_cnt, 16), Piece(" instances, exiting rval=", 0, 16));
+    trace(driver.discovery_names.find_all, Piece(": found ", hba_cnt, 16),
+          Piece(" instances, exiting rval=", 0, 16));
     return 0;
 }
 

@@ -2,7 +2,7 @@
 // drivers. Each driver describes itself in a native_driver; everything else is the same.
 #pragma once
 
-#include "trelm_core.h"
+#include "discovery.h"
 #include "vmkmgmt.h"
 
 namespace trelm::detail {
@@ -34,9 +34,7 @@ struct native_driver {
     bool signed_count;  // how the driver counts its instances
     bool port_info_exit_shows_result;
 
-    const char* find_all_name;
-    const char* find_hw_info_name;
-    const char* find_parent_name;
+    DiscoveryNames discovery_names;
     const char* open_name;
     const char* close_name;
     const char* operation_names[kNativeOperations];

@@ -1,5 +1,5 @@
-// trelm_owners.h - small owners, so that every early return is safe. None of them disturbs errno when it lets
-// go: a message written after a failure shows the number that the failing call left.
+// trelm_owners.h - small owners that make every early return safe. Releasing preserves errno, so a message after a
+// failure shows the number of the failing call.
 #pragma once
 
 #include <dirent.h>
@@ -22,7 +22,7 @@ class ErrnoKeeper {
     int saved_;
 };
 
-// A thread that is cancelled ends at the first cancellation point after this, not in between.
+// Defers cancellation of the thread until the object goes.
 class NoCancellation {
   public:
     NoCancellation() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }

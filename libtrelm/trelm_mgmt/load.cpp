@@ -1,6 +1,8 @@
 // Load and unload: the checks of user and system, the discoveries in their order, and joining the shared
 // database.
 
+#include "load.h"
+
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -9,6 +11,7 @@
 #include "trelm_core.h"
 #include "trelm_dbg.h"
 #include "trelm_gate.h"
+#include "trelm_mgmt.h"
 #include "trelm_ntapi.h"
 #include "trelm_pool.h"
 #include "trelm_pyx_ntapi.h"
@@ -23,7 +26,8 @@ using trelm::detail::error;
 using trelm::detail::Piece;
 using trelm::detail::trace;
 
-enum OsType : uint8_t { kEsxi = 1, kOtherSystem = 2 };
+constexpr uint8_t kEsxi = 1;
+constexpr uint8_t kOtherSystem = 2;
 
 constexpr char kLoad[] = "trelm_load_lib";
 
@@ -123,7 +127,7 @@ void trelm_cleanup_hbas(void) {
         error(__func__, ": api_priv_data not found, exiting");
         return;
     }
-    // A hardware record that several ports share is closed at the first of them; later ones find it closed.
+    // A hardware record that several ports share is closed at the first of them.
     trelm_dlist_start(trelm_priv_database);
     while (auto* pdb = static_cast<trelm_priv_db*>(_trelm_dlist_mark_move(trelm_priv_database, 1))) {
         if (pdb->hw_info) close_hardware(*pdb->hw_info);

@@ -4,7 +4,6 @@
 
 #include <cstring>
 
-#include "trelm_core/discovery.h"
 #include "trelm_native.h"
 
 vmk_MgmtCallbackInfo cx_fcoe_callbacks[8] = {
@@ -51,9 +50,8 @@ const trelm::detail::native_driver trelm::detail::pyx_driver = {
     .handle = &cx_fcoe_handle,
     .signed_count = false,
     .port_info_exit_shows_result = false,
-    .find_all_name = "trelm_pyxnt_find_all_instances",
-    .find_hw_info_name = "trelm_pyxnt_get_hw_info_inst",
-    .find_parent_name = "trelm_pyxnt_get_parent_port",
+    .discovery_names = {"trelm_pyxnt_find_all_instances", "trelm_pyxnt_get_hw_info_inst",
+                        "trelm_pyxnt_get_parent_port"},
     .open_name = "trelm_pyxnt_open_adapter",
     .close_name = "trelm_pyxnt_close_adapter",
     .operation_names = {"trelm_pyxnt_get_port_info", "trelm_pyxnt_get_port_stats", "trelm_pyxnt_get_tgt_info",

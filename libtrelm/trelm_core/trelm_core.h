@@ -1,0 +1,9 @@
+// trelm_core.h - the sum of the core's headers: the registry of ports, the database shared between processes, semaphores, and
+// the transport to the legacy driver.
+#pragma once
+
+#include "legacy_driver.h"
+#include "port_records.h"
+#include "registry.h"
+#include "semaphores.h"
+#include "shared_db.h"
