@@ -5,7 +5,6 @@
 
 #include <cstdlib>
 
-#include "discovery.h"
 #include "trelm_dbg.h"
 #include "trelm_gate.h"
 
@@ -23,9 +22,6 @@ namespace {
 using trelm::detail::error;
 using trelm::detail::is_physical;
 using trelm::detail::trace;
-
-constexpr uint16_t kSupportedDevices[] = {0x165C, 0x1662, 0x1663, 0x168A, 0x168E, 0x16A1,
-                                          0x16A2, 0x16A4, 0x16A5, 0x16AE, 0x8080, 0x8180};
 
 constexpr char kNoPortList[] = ": no memory allocated for api_priv_data";
 
@@ -141,13 +137,6 @@ bool cannot_resolve(const char* func, uint32_t handle) {
 }
 
 }  // namespace
-
-bool trelm::detail::is_supported_device(uint16_t device_id) {
-    for (uint16_t supported : kSupportedDevices) {
-        if (device_id == supported) return true;
-    }
-    return false;
-}
 
 uint32_t trelm_alloc_pdb_mem(trelm_priv_db** pdb) {
     return alloc(__func__, kPorts, trelm_priv_database, pdb);

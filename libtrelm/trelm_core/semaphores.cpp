@@ -5,8 +5,10 @@
 #include <cerrno>
 
 #include "semaphore_set.h"
-#include "shared_db.h"
 #include "trelm_dbg.h"
+
+key_t trelm_db_semkey = 0x32C;
+int32_t trelm_db_sem_id = -1;
 
 namespace {
 

@@ -1,11 +1,17 @@
-// semaphores.h - waiting for a semaphore and releasing it, with a warning in the log where that fails.
+// semaphores.h - the database's semaphore, and waiting for and releasing a semaphore with a warning in the log where that
+// fails.
 #pragma once
+
+#include <sys/types.h>
 
 #include <cstdint>
 
 #include "trelm_exported.h"
 
 extern "C" {
+
+extern TRELM_EXPORTED key_t trelm_db_semkey;
+extern TRELM_EXPORTED int32_t trelm_db_sem_id;  // of the shared database; -1 none
 
 // Each returns 0, or -1 and errno.
 TRELM_EXPORTED int trelm_sem_wait(int32_t sem_id);

@@ -17,9 +17,7 @@
 #include "trelm_dbg.h"
 #include "trelm_system.h"
 
-key_t trelm_db_semkey = 0x32C;
 const char trelm_db_fname[] = "/tmp/trelm_shared.dat";
-int32_t trelm_db_sem_id = -1;
 int32_t trelm_shm_fildes = -1;
 trelm_shared_db* trelm_shared_data = nullptr;
 uint8_t trelm_library_instance = 255;

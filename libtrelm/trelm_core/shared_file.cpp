@@ -9,7 +9,7 @@
 
 #include <cstring>
 
-#include "shared_db.h"
+#include "shared_layout.h"
 #include "trelm_dbg.h"
 #include "trelm_system.h"
 

@@ -11,7 +11,8 @@
 #include "trelm_version.h"
 
 const char trelm_version_description[128] = "Calvexa Ulvard FC API library version " TRELM_VERSION_TEXT;
-static_assert(TRELM_VERSION_NUMBER == TRELM_BUILT_VERSION_NUMBER, "the public header has the project's version");
+static_assert(TRELM_VERSION_NUMBER == TRELM_BUILT_VERSION_NUMBER,
+              "the public header has the project's version");
 
 using trelm::detail::Call;
 using trelm::detail::error;
