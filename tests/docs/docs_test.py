@@ -1,7 +1,7 @@
 """The documents beside what they describe: pages hold every function, field, option and key and name none that is not
 there, and every example is compiled and run on a simulated host.
 
-The environment names the trees, TRELM_SOURCE and TRELM_BUILD, and the compilers, CC and CXX.
+The environment names the trees (TRELM_SOURCE, TRELM_BUILD) and the compilers (CC, CXX).
 """
 
 from __future__ import annotations
