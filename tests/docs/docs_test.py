@@ -30,7 +30,7 @@ SECTION_3 = "\n".join(text for name, text in PAGES.items() if name.endswith(".3"
 ENVIRONMENT = {
     **os.environ,
     "LC_ALL": "C.UTF-8",
-    "PATH": f"{BUILD}/bin:{os.environ['PATH']}",
+    "PATH": f"{BUILD}/bin:{Path(sys.executable).parent}:{os.environ['PATH']}",
     "CPATH": f"{SOURCE}/libtrelm",
     "LIBRARY_PATH": f"{BUILD}/lib",
 }
