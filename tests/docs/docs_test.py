@@ -1,7 +1,7 @@
 """The documents beside what they describe: pages hold every function, field, option and key and name none that is not
 there, and every example is compiled and run on a simulated host.
 
-The environment names the trees, TRELM_SOURCE and TRELM_BUILD, and the compilers, CC and CXX.
+The environment names the trees (TRELM_SOURCE, TRELM_BUILD) and the compilers (CC, CXX).
 """
 
 from __future__ import annotations
@@ -30,7 +30,7 @@ SECTION_3 = "\n".join(text for name, text in PAGES.items() if name.endswith(".3"
 ENVIRONMENT = {
     **os.environ,
     "LC_ALL": "C.UTF-8",
-    "PATH": f"{BUILD}/bin:{os.environ['PATH']}",
+    "PATH": f"{BUILD}/bin:{Path(sys.executable).parent}:{os.environ['PATH']}",
     "CPATH": f"{SOURCE}/libtrelm",
     "LIBRARY_PATH": f"{BUILD}/lib",
 }

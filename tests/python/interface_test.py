@@ -1,6 +1,6 @@
 """The Python package beside the C header, the tool and the type checker.
 
-The environment names the trees: TRELM_SOURCE, TRELM_BUILD, and the C compiler, CC.
+The environment names the trees (TRELM_SOURCE, TRELM_BUILD), the version (TRELM_VERSION) and the C compiler (CC).
 """
 
 import ast
@@ -67,6 +67,9 @@ class HeaderTest(unittest.TestCase):
                     kind = ctypes.POINTER(kind)
                 prototypes[function].append(kind)
         self.assertEqual(prototypes, _c.PROTOTYPES)
+
+    def test_package_has_the_version_of_the_project(self) -> None:
+        self.assertEqual(trelm.__version__, os.environ["TRELM_VERSION"])
 
     def test_statistics_have_the_names_of_the_counters_in_their_order(self) -> None:
         def plain(name: str) -> str:
