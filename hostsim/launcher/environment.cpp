@@ -48,12 +48,19 @@ std::string preload_list(const Root& root) {
     return join(objects, ":");
 }
 
+// The directory of the launcher, where trelmctl lies: its programs are found by name.
+std::string programs_directory(const Root& root) {
+    const std::string directory = launcher_path().parent_path();
+    if (directory.find(':') == std::string::npos) return directory;
+    root.files().replace_link(layout::kPrograms, layout::kDraft, directory);
+    return root.path().string() + layout::kPrograms;
+}
+
 std::string search_path(const Root& root) {
     std::vector<std::string> directories{root.path().string() + layout::kCommands};
     for (std::string& directory : machines_search_path()) directories.push_back(std::move(directory));
     if (directories.size() == 1) directories.insert(directories.end(), {"/usr/bin", "/bin"});
-    // trelmctl and other programs beside the launcher are found by name.
-    const std::string own = launcher_path().parent_path().string();
+    const std::string own = programs_directory(root);
     if (std::find(directories.begin(), directories.end(), own) == directories.end())
         directories.push_back(own);
     return join(directories, ":");

@@ -34,6 +34,8 @@ inline constexpr char kLastSound[] = "/.hostsim/last-sound.json";
 inline constexpr char kDraft[] = "/.hostsim/draft-";
 // Link to the preload object, for LD_PRELOAD if the object's own path has a space or a colon.
 inline constexpr char kPreload[] = "/.hostsim/preload.so";
+// Link to the directory of the launcher, for PATH if that directory's own path has a colon.
+inline constexpr char kPrograms[] = "/.hostsim/programs";
 // The host's own commands.
 inline constexpr char kCommands[] = "/.hostsim/bin";
 inline constexpr char kListing[] = "/.hostsim/bin/lsof";

@@ -94,8 +94,9 @@ TEST_F(HostsimRun, WorksFromAPathWithASpaceAndAColon) {
         fs::create_directories((moved / file).parent_path());
         fs::copy_file(fs::path(binary_dir()) / file, moved / file);
     }
-    const Outcome outcome = execute({moved / "bin/trelm-hostsim", "run", at("host.json"), "--", "sh", "-c",
-                                     "uname; env -i /bin/uname -n"});
+    write("a place: mine/bin/beside", "#!/bin/sh\nuname; env -i /bin/uname -n");
+    chmod((moved / "bin/beside").c_str(), 0755);
+    const Outcome outcome = execute({moved / "bin/trelm-hostsim", "run", at("host.json"), "--", "beside"});
     EXPECT_EQ(outcome.out, "VMkernel\nesx-run\n") << outcome.errors;
 }
 
