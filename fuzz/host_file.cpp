@@ -1,5 +1,5 @@
-// host_file.cpp - host files of any content: taken, or refused with a message that begins with the file's
-// name.
+// host_file.cpp - host files of any content: taken, or refused with lines that begin with the file's
+// name and control no terminal.
 #include "host_file.h"
 
 #include "host_error.h"
@@ -9,7 +9,10 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     try {
         hostsim::parse_host({reinterpret_cast<const char*>(data), size}, "host.json", "/");
     } catch (const hostsim::HostError& error) {
-        REQUIRE(std::string_view(error.what()).starts_with("host.json:"));
+        const std::string_view message = error.what();
+        REQUIRE(message.starts_with("host.json:"));
+        REQUIRE(std::none_of(message.begin(), message.end(),
+                             [](char c) { return (c >= 0 && c < ' ' && c != '\n') || c == 0x7F; }));
     }
     return 0;
 }

@@ -20,7 +20,7 @@ from typing import Any, Dict, Iterator, List, Optional, Tuple
 SOURCE = Path(__file__).resolve().parent.parent
 SCHEMA = SOURCE / "hostsim/hostfile/host.schema.json"
 _SIMPLE_TYPES = {"integer": "number", "boolean": "true or false", "string": "text", "number": "number"}
-_NAMED_TYPES = {"wwn": "world-wide name", "mac": "MAC address"}
+_NAMED_TYPES = {"wwn": "world-wide name", "mac": "MAC address", "error_name": "name of an error"}
 
 
 def literal(text: str) -> str:

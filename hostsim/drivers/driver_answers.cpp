@@ -155,9 +155,8 @@ uint32_t Device::run(const DeviceRequest& request) {
 
 uint32_t Device::hba_count(const DeviceRequest& request) {
     const auto reported = model_.driver(request.driver).reported_port_count;
-    const auto count =
-        reported ? *reported : static_cast<int64_t>(driver_ports(model_, request.driver).size());
-    record<uint32_t>(request) = static_cast<uint32_t>(count);
+    record<uint32_t>(request) =
+        reported ? *reported : static_cast<uint32_t>(driver_ports(model_, request.driver).size());
     return kStatusGood;
 }
 

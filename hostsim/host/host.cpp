@@ -99,8 +99,9 @@ void copy_name(std::span<char> field, const std::string& text) {
 }
 
 Model checked(Model model) {
-    if (const auto problem = find_problem(model)) {
-        throw HostError("the host's model: " + problem->pointer + ": " + problem->reason);
+    for (const ModelProblem& problem : find_problems(model, 1)) {
+        if (problem.severity == ModelProblem::Severity::error)
+            throw HostError("the host's model: " + problem.pointer + ": " + problem.reason);
     }
     return model;
 }

@@ -2,10 +2,14 @@
 #pragma once
 
 #include <string_view>
+#include <vector>
 
 namespace hostsim {
 
 // 0 for a name that no error has.
 int errno_by_name(std::string_view name);
+
+// Every name that has a number.
+std::vector<std::string_view> errno_names();
 
 }  // namespace hostsim

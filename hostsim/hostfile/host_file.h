@@ -1,22 +1,25 @@
-// host_file.h - host files: JSON with comments that describes a host. Every mistake in one is told with its
-// place and with what is allowed there; a file is taken as a whole or not at all.
+// host_file.h - host files: JSON with comments that describes a host. Every mistake is reported with its
+// place and with what is allowed there. A file is taken as a whole or not at all.
 #pragma once
 
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "hostsim_api.h"
 #include "model.h"
 
 namespace hostsim {
 
-// Directories of LUNs are relative to `directory`. HostError "NAME:LINE:COLUMN: reason" or "NAME:
-// /json/pointer: reason".
+// Directories of LUNs are relative to `directory`. HostError: up to ten lines, each "NAME:LINE:COLUMN:
+// /json/pointer: reason". `warnings` gets lines of the same form for what no real host has.
 HOSTSIM_API Model parse_host(std::string_view text, const std::string& name,
-                             const std::filesystem::path& directory);
+                             const std::filesystem::path& directory,
+                             std::vector<std::string>* warnings = nullptr);
 
-// HostError also for a file that cannot be read.
-HOSTSIM_API Model read_host_file(const std::filesystem::path& path);
+// HostError also for a file that is no regular file or cannot be read.
+HOSTSIM_API Model read_host_file(const std::filesystem::path& path,
+                                 std::vector<std::string>* warnings = nullptr);
 
 }  // namespace hostsim

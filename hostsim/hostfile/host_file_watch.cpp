@@ -7,28 +7,24 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <iterator>
 #include <system_error>
 
+#include "file_text.h"
 #include "host_error.h"
 #include "host_file.h"
 
 namespace hostsim {
 namespace {
 
-std::string read_text(const std::filesystem::path& path) {
-    std::ifstream stream(path, std::ios::binary);
-    if (!stream) throw HostError(path.string() + ": the last sound version of the host file is not there");
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
-
-// Puts the copy in place as a whole, because other processes read it at any time. Failing leaves the older
-// copy.
-void replace_copy(const std::filesystem::path& from, const std::filesystem::path& to) {
+// Puts the copy in place as a whole, because other processes read it at any time. If that fails, the older
+// copy remains.
+void replace_copy(const std::string& text, const std::filesystem::path& copy) {
+    const std::filesystem::path fresh = fmt::format("{}.{}", copy.string(), getpid());
+    std::ofstream stream(fresh, std::ios::binary);
+    stream << text;
+    stream.close();
     std::error_code ignored;
-    const std::filesystem::path fresh = fmt::format("{}.{}", to.string(), getpid());
-    std::filesystem::copy_file(from, fresh, std::filesystem::copy_options::overwrite_existing, ignored);
-    if (!ignored) std::filesystem::rename(fresh, to, ignored);
+    if (stream) std::filesystem::rename(fresh, copy, ignored);
 }
 
 }  // namespace
@@ -40,7 +36,7 @@ Model HostFileWatch::read() {
     } catch (const HostError&) {
         if (!std::filesystem::exists(last_sound_)) throw;
     }
-    return parse_host(read_text(last_sound_), last_sound_.string(), file_.parent_path());
+    return parse_host(file_text(last_sound_), last_sound_.string(), file_.parent_path());
 }
 
 std::optional<Model> HostFileWatch::poll() noexcept {
@@ -55,8 +51,9 @@ std::optional<Model> HostFileWatch::poll() noexcept {
 }
 
 Model HostFileWatch::read_and_keep() {
-    Model model = read_host_file(file_);
-    replace_copy(file_, last_sound_);
+    const std::string text = file_text(file_);
+    Model model = parse_host(text, file_.string(), file_.parent_path());
+    replace_copy(text, last_sound_);
     return model;
 }
 

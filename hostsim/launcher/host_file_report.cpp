@@ -2,8 +2,9 @@
 
 #include <sys/stat.h>
 
-#include <iostream>
+#include <string>
 
+#include "complain.h"
 #include "host_file.h"
 
 namespace hostsim {
@@ -21,15 +22,12 @@ void HostFileReport::look() noexcept {
     try {
         read_host_file(file_);
         is_sound_ = true;
-        if (!was_sound)
-            std::cerr << "trelm-hostsim: " << file_.string() << ": sound again; the host follows it"
-                      << std::endl;
+        if (!was_sound) complain(file_.string() + ": sound again; the host follows it");
     } catch (const std::exception& mistake) {
         is_sound_ = false;
         if (was_sound)
-            std::cerr << "trelm-hostsim: " << mistake.what()
-                      << "\ntrelm-hostsim: the host stays as it was until the file is sound again"
-                      << std::endl;
+            complain(mistake.what() +
+                     std::string("\nthe host stays as it was until the file is sound again"));
     }
 }
 

@@ -14,10 +14,13 @@
 #include <string>
 #include <vector>
 
+#include "complain.h"
 #include "exit_status.h"
 #include "host_file.h"
+#include "host_schema.h"
 #include "listing.h"
 #include "model.h"
+#include "printable.h"
 #include "root.h"
 #include "run.h"
 #include "starting_host.h"
@@ -25,6 +28,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using hostsim::complain;
 
 constexpr char kRunFooter[] =
     R"(The command and all its children see the host's drivers, name, user, process listing and semaphores, and
@@ -45,8 +49,6 @@ semaphore sets. This command removes them, as the next start of a host does. Run
 constexpr int kFailed = 1;
 constexpr int kUsage = 2;
 
-void complain(std::string_view text) { std::cerr << "trelm-hostsim: " << text << std::endl; }
-
 std::string summary(const hostsim::Model& model) {
     std::string drivers;
     for (size_t i = 0; i < hostsim::kDriverKinds; ++i) {
@@ -66,7 +68,11 @@ int check(const std::vector<std::string>& files) {
     int result = 0;
     for (const std::string& file : files) {
         try {
-            fmt::print("sound: {}: {}\n", file, summary(hostsim::read_host_file(file)));
+            std::vector<std::string> warnings;
+            const hostsim::Model model = hostsim::read_host_file(file, &warnings);
+            for (const std::string& warning : warnings) complain("warning: " + warning);
+            fmt::print("{}: {}: {}\n", warnings.empty() ? "sound" : "usable", hostsim::printable(file),
+                       hostsim::printable(summary(model)));
         } catch (const std::exception& error) {
             complain(error.what());
             result = kFailed;
@@ -165,7 +171,8 @@ int dispatch(int argc, char** argv) {
     run->footer(kRunFooter);
 
     std::vector<std::string> files;
-    CLI::App* checking = app.add_subcommand("check", "Check host files");
+    CLI::App* checking =
+        app.add_subcommand("check", "Check host files: sound, usable with warnings, or mistaken");
     checking->add_option("HOST.json", files, "Host files")->required();
 
     std::vector<std::string> roots;
@@ -178,6 +185,8 @@ int dispatch(int argc, char** argv) {
     std::string file;
     CLI::App* making = app.add_subcommand("new", "Write a commented host file to start from");
     making->add_option("FILE", file, "The file to create; it must not exist. Default: standard output");
+
+    CLI::App* schema = app.add_subcommand("schema", "Print the JSON schema of host files");
 
     try {
         app.parse(argc, argv);
@@ -192,6 +201,10 @@ int dispatch(int argc, char** argv) {
     if (*has_root) options.root = root;
     if (*run) return run_command(options);
     if (*cleaning) return clean(roots);
+    if (*schema) {
+        fmt::print("{}", hostsim::host_schema());
+        return 0;
+    }
     return *checking ? check(files) : write_new(file);
 }
 

@@ -1,9 +1,9 @@
 #include "run.h"
 
 #include <csignal>
-#include <iostream>
 #include <system_error>
 
+#include "complain.h"
 #include "environment.h"
 #include "exit_status.h"
 #include "host_file.h"
@@ -54,15 +54,17 @@ int run(const RunOptions& given) {
     const auto at_size_limit = std::signal(SIGXFSZ, SIG_IGN);
     RunOptions options = given;
     HostFileReport report(options.host_file);
-    read_host_file(options.host_file);
+    std::vector<std::string> warnings;
+    read_host_file(options.host_file, &warnings);
+    for (const std::string& warning : warnings) complain("warning: " + warning);
     options.host_file = fs::canonical(options.host_file);
     const PassedDirectories passed = passed_directories(options);
     if (!options.force) {
         const std::string& command = options.command.front();
         if (const auto reason = why_unreachable(command, join(machines_search_path(), ":"))) {
-            std::cerr << "trelm-hostsim: " << command << ": " << *reason
-                      << ", so it would run on this machine and not on the simulated host; "
-                         "--force runs it all the same\n";
+            complain(command + ": " + *reason +
+                     ", so it would run on this machine and not on the simulated host; "
+                     "--force runs it all the same");
             return kCannotExecute;
         }
     }

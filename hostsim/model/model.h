@@ -28,8 +28,8 @@ struct Driver {
     std::string version{};
     std::string date{};
     bool loaded = true;
-    std::vector<std::string> order{};              // ports by name or WWPN, before all that are not named
-    std::optional<int64_t> reported_port_count{};  // in place of the number of ports that there are
+    std::vector<std::string> order{};               // ports by name or WWPN, before all that are not named
+    std::optional<uint32_t> reported_port_count{};  // instead of the number of ports
 };
 
 // The counters of a port, in the order of the driver's record.
@@ -232,15 +232,17 @@ struct Model {
     PhysicalPort& port(size_t adapter, size_t number) { return adapters.at(adapter).ports.at(number); }
 };
 
-// A mistake in a model: where (a JSON pointer into its host file) and what, with what is allowed.
+// A mistake in a model, or what no real host would have although a simulated one can run with it.
 struct ModelProblem {
-    std::string pointer;
-    std::string reason;
+    enum class Severity : uint8_t { warning, error };
+
+    Severity severity;
+    std::string pointer;  // a JSON pointer into the host file
+    std::string reason;   // what is wrong and what is allowed
 };
 
-// The first mistake of a model, if there is one: what two parts of it must agree on, and what no field may
-// exceed.
-HOSTSIM_API std::optional<ModelProblem> find_problem(const Model& model);
+// The problems of a model in the order of its host file, up to `limit`.
+HOSTSIM_API std::vector<ModelProblem> find_problems(const Model& model, size_t limit);
 
 // Whether a driver is there: its management interface, or its node as a character device.
 HOSTSIM_API bool is_present(const Model& model, DriverKind kind);

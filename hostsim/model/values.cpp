@@ -61,6 +61,20 @@ std::optional<MacAddress> parse_mac(std::string_view text) {
     return mac;
 }
 
+std::optional<uint32_t> parse_pci_location(std::string_view text) {
+    constexpr std::string_view kForm = "0000:00:00";
+    constexpr uint32_t kLargestDevice = 31;
+    if (text.size() != kForm.size()) return std::nullopt;
+    uint32_t location = 0;
+    for (size_t i = 0; i < text.size(); ++i) {
+        uint8_t digit = 0;
+        const bool is_digit = std::from_chars(&text[i], &text[i] + 1, digit, 16).ec == std::errc{};
+        if (kForm[i] == ':' ? text[i] != ':' : !is_digit) return std::nullopt;
+        if (is_digit) location = location << 4 | digit;
+    }
+    return (location & 0xFF) <= kLargestDevice ? std::optional(location) : std::nullopt;
+}
+
 std::optional<uint64_t> parse_number(std::string_view text) {
     const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
     if (hexadecimal) text.remove_prefix(2);

@@ -1,28 +1,35 @@
-// host_file_test.cpp - host files: what they describe arrives in the model, and every mistake is told with
-// its place.
+// host_file_test.cpp - host files: what they describe arrives in the model, and every mistake is reported
+// with its place.
 #include "host_file.h"
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 
+#include <fstream>
 #include <nlohmann/json.hpp>
+#include <regex>
 
 #include "host.h"
+#include "host_schema.h"
+#include "support/programs.h"
 
 namespace {
 
 using nlohmann::json;
-using testing::AllOf;
 using testing::HasSubstr;
-using testing::StartsWith;
+using namespace trelm::test;
 
-// What is told of a host file with this text.
-std::string mistake_in(const std::string& text) {
+// What is reported of a host file with this text: warnings, or mistakes.
+std::string report_on(const std::string& text) {
+    std::vector<std::string> warnings;
     try {
-        hostsim::parse_host(text, "host.json", "/base");
+        hostsim::parse_host(text, "host.json", "/base", &warnings);
     } catch (const hostsim::HostError& error) {
         return error.what();
     }
-    return "no mistake";
+    std::string all;
+    for (const std::string& warning : warnings) all += (all.empty() ? "warning: " : "\nwarning: ") + warning;
+    return all.empty() ? "sound" : all;
 }
 
 // A sound host with one of everything, to be changed at one place.
@@ -37,7 +44,8 @@ const char kSound[] = R"({ // with a comment
               "fcf_mac": "02:00:00:00:00:01"}],
     "targets": [{"index": 127, "wwnn": "50:00:00:00:00:00:00:01", "wwpn": "50:00:00:00:00:00:00:02",
       "luns": [{"number": 0, "capacity": "2 TiB"}, {"number": 300, "count": 3000, "capacity": 1048576},
-               {"number": 256, "block_count": 100, "backing": "file", "directory": "disks/a"}]}],
+               {"number": 256, "block_count": 100, "backing": "file", "directory": "disks/a"},
+               {"number": 257, "block_count": 9, "naa": "60:00:00:00:00:00:00:03"}]}],
     "virtual_ports": [{"wwnn": "28:00:00:00:00:00:00:01", "wwpn": "28:00:00:00:00:00:00:02"}]}]}],
   "faults": [{"operation": "scsi", "target": 127, "opcode": "0x28", "count": "always", "errno": "EIO"}]})";
 
@@ -48,58 +56,120 @@ TEST(HostFile, ArrivesInTheModel) {
     const auto& luns = port.targets.at(0).luns;
     const hostsim::Fault& fault = model.faults.at(0);
     EXPECT_EQ(model.driver(hostsim::DriverKind::legacy).presence, hostsim::Driver::Presence::no_device);
-    EXPECT_EQ(std::tuple(adapter.pci_domain, adapter.pci_device, adapter.device_id),
-              std::tuple(1, 0x1f, 0x8080));
-    EXPECT_EQ(std::tuple(port.speed, port.link_state, port.host_no), std::tuple(0x100, 7u, 7u));
+    EXPECT_EQ(std::tuple(adapter.pci_domain, adapter.pci_bus, adapter.pci_device, adapter.device_id),
+              std::tuple(1, 0x3b, 0x1f, 0x8080));
+    EXPECT_EQ(adapter.management_firmware, 0x08251E00u);
+    EXPECT_EQ(std::tuple(port.supported_speed, port.speed, port.link_state, port.host_no),
+              std::tuple(5, 0x100, 7u, 7u));
+    EXPECT_EQ(port.fcfs.at(0).fcf_mac, (hostsim::MacAddress{2, 0, 0, 0, 0, 1}));
     EXPECT_EQ(std::tuple(port.counters[29].start, port.counters[29].rate), std::tuple(UINT64_MAX, 0.5));
+    EXPECT_EQ(std::tuple(luns.at(0).block_count, luns.at(1).block_count),
+              std::tuple(uint64_t{1} << 32, 2048u));
     EXPECT_EQ(luns.at(2).directory, "/base/disks/a") << "relative to the host file";
     EXPECT_EQ(std::tuple(fault.opcode, fault.count, fault.error),
               std::tuple(0x28, hostsim::Fault::kAlways, EIO));
 }
 
-// Where the sound host is changed, to what JSON, and what is told; the place told where it is another one.
-// A stands for the adapter, P for its port, L for the LUNs of the port's target, F for the fault.
-struct Mistake {
-    std::string pointer, value, reason, place = pointer;
-};
-std::string whole(const std::string& place) {
-    const std::map<char, std::string> starts{{'A', "/adapters/0/"},
-                                             {'P', "/adapters/0/ports/0/"},
-                                             {'L', "/adapters/0/ports/0/targets/0/luns/"},
+// The sound host with a value at one place, or without it. A stands for the adapter, P for its port, L for
+// the LUNs of the port's target, F for the fault.
+std::string changed(std::string place, const std::string& value) {
+    const std::map<char, std::string> starts{{'A', "/adapters/0"},
+                                             {'P', "/adapters/0/ports/0"},
+                                             {'L', "/adapters/0/ports/0/targets/0/luns"},
                                              {'F', "/faults/0"}};
-    const auto start = starts.find(place[0]);
-    return start == starts.end() ? place : start->second + place.substr(1);
+    if (const auto start = starts.find(place[0]); start != starts.end()) place.replace(0, 1, start->second);
+    json host = json::parse(kSound, nullptr, true, true);
+    const json::json_pointer pointer(place);
+    if (value == "nothing")
+        host[pointer.parent_pointer()].erase(pointer.back());
+    else
+        host[pointer] = json::parse(value);
+    return host.dump();
 }
 
-TEST(HostFile, TellsEachMistakeWithItsPlaceAndWhatIsAllowed) {
-    const std::vector<Mistake> mistakes{
-        {"/colour", "1", "not known here; allowed are name, system_name"},
-        {"/name", "\"a\\u0000b\"", "zero byte"},
-        {"/effective_user", "1.5", "0 to 4294967295"},
-        {"Apci", "{}", "\"address\" is missing"},
-        {"Amodel", "\"123456789012345678901234567890123\"", "33 bytes, at most 32"},
-        {"Pcounters/read_req", "{\"rate\": -1}", "0 to 1e15", "Pcounters/read_req/rate"},
-        {"Pwwpn", "\"00:00:00:00:00:00:00:00\"", "eight bytes"},
-        {"Pspeed", "\"3 Gbit\"", "\"10 Gbit\""},
-        {"Pvirtual_ports/0/wwpn", "\"20:00:00:00:00:00:00:02\"", "taken by /adapters/0/ports/0,"},
-        {"L0/capacity", "\"16 EiB\"", "no size"},
-        {"L0/block_count", "1", "either", "L0"},
-        {"L2/addressing", "\"peripheral\"", "255", "L2/number"},
-        {"L2/number", "301", "LUN 301 stands twice"},
-        {"/drivers/kron/order/0", "\"b\"", "no port \"b\""},
-        {"F", "{\"operation\": \"open\", \"status\": 3}", "\"errno\" only", "F/status"},
-        {"F/errno", "\"EOOPS\"", "\"EIO\""},
-    };
-    for (const Mistake& mistake : mistakes) {
-        json host = json::parse(kSound, nullptr, true, true);
-        host[json::json_pointer(whole(mistake.pointer))] = json::parse(mistake.value);
-        EXPECT_THAT(mistake_in(host.dump()), AllOf(StartsWith("host.json: " + whole(mistake.place) + ": "),
-                                                   HasSubstr(mistake.reason)));
+// Each line "PLACE = VALUE" of the file is followed by what is reported of that change.
+TEST(HostFile, ReportsEachMistakeWithItsPlaceAndWhatIsAllowed) {
+    const std::string expected = text_of(source_dir() + "/tests/hostsim/host_file_mistakes.txt");
+    std::istringstream lines(expected);
+    std::string actual;
+    for (std::string line; std::getline(lines, line);) {
+        const size_t sign = line.find(" = ");
+        if (line.starts_with(' ') || sign == std::string::npos) continue;
+        const std::string report = report_on(changed(line.substr(0, sign), line.substr(sign + 3)));
+        const std::string placeless = std::regex_replace(report, std::regex("host.json:1:\\d+: "), "");
+        actual += line + "\n  " + std::regex_replace(placeless, std::regex("\n"), "\n  ") + "\n";
     }
-    EXPECT_THAT(mistake_in("{\n  \"adapters\": [],\n  \"name\" \"h\"\n}"), StartsWith("host.json:3:12: "));
-    EXPECT_THAT(mistake_in("{\"adapters\": []"), StartsWith("host.json:1:16: "));
-    EXPECT_THAT(mistake_in(R"({"adapters": [], "name": "a", "name": "b"})"),
-                HasSubstr("\"name\" stands twice"));
+    EXPECT_EQ(actual, expected);
+}
+
+TEST(HostFile, ReportsLineAndColumnInItsOwnWords) {
+    EXPECT_EQ(report_on(kSound), "sound");
+    const std::string deep(100'000, '[');
+    const std::pair<std::string, std::string> rows[]{
+        {"{\n  \"adapters\": [],\n  \"name\" \"h\"\n}",
+         "3:12: this is not expected here; \"name\" needs a \":\" and a value"},
+        {"{\"adapters\": []", "1:16: the file ends here; \"}\" or \",\" and a key in quotes is allowed"},
+        {"{\"adapters\": [],\n }", "2:2: this is not expected here; a key in quotes must follow the \",\""},
+        {"{\"adapters\": [1 2", "1:17: this is not expected here; \"]\" or \",\" and a value is allowed"},
+        {"{]", "1:2: this is not expected here; \"}\" or a key in quotes is allowed"},
+        {"[}", "1:2: this is not expected here; \"]\" or a value is allowed"},
+        {"", "1:1: the file ends here; a host file is an object {…}"},
+        {"{} {}", "1:4: this is not expected here; nothing may follow the host"},
+        {"5", "1:1: a host file is an object {…}"},
+        {"{\"name\": \"a\nb\"}",
+         "1:12: control characters, bytes that are not UTF-8 and unknown escapes are not "
+         "allowed in a text; \\n, \\t, \\\", \\\\ and \\u0000 to \\uffff are"},
+        {"{ / }", "1:4: this is no comment; \"// …\" and \"/* … */\" are allowed"},
+        {"{\"adapters\":\n [1e999]}", "2:3: 1e999 is out of range, a number below 1.8e308 is allowed"},
+        {"{\"name\": " + deep, "1:41: the nesting is too deep, 32 levels are allowed"},
+        {"{\"adapters\": [], \"\\\"\\\\\": 1,\n \"\\\"\\\\\": 1}", "2:2: duplicate key \"\"\\\""},
+        {"{\"adapters\": [],\n  \"name\": 5}", "2:11: /name: 5 is not allowed here; a text \"…\" is allowed"},
+        {"{\"adapters\": [],\n \"ad\\u001b[1m\xc2\x9b\": 5}",
+         "2:2: /ad\\x1b[1m\\xc2\\x9b: this key is not known here; allowed are name, system_name, release, "
+         "version, machine, "
+         "effective_user, drivers, adapters and faults"},
+        {"{\"adapters\": [],\n \"mac\": [true, null, -1], \"name\": [",
+         "2:36: the file ends here; \"]\" or a value is allowed"},
+    };
+    for (const auto& [text, report] : rows)
+        EXPECT_THAT(report_on(text), testing::StartsWith("host.json:" + report));
+}
+
+TEST(HostFile, ShowsTenMistakesAndCutsWhatIsLong) {
+    json host = {{"adapters", json::array()}};
+    for (int i = 0; i < 12; ++i) host["adapters"].push_back(std::string(100, 'x'));
+    const std::string report = report_on(host.dump(1));
+    EXPECT_EQ(std::count(report.begin(), report.end(), '\n'), 10);
+    EXPECT_THAT(report, HasSubstr("host.json:12:3: /adapters/9: "));
+    EXPECT_THAT(report, testing::EndsWith("\nhost.json: there are more mistakes"));
+    EXPECT_EQ(report_on(R"({"adapters": [], "name": )" + std::string(100, '7') + "}"),
+              "host.json:1:26: /name: 7777777777777777777777777777777777777777… is not allowed here; a text "
+              "\"…\" is allowed");
+}
+
+TEST(HostFile, SchemaIsMadeFromTheTablesOfTheReader) {
+    EXPECT_EQ(hostsim::host_schema(), text_of(source_dir() + "/hostsim/hostfile/host.schema.json"));
+}
+
+class HostFileOnDisk : public Programs {};
+
+TEST_F(HostFileOnDisk, IsARegularFileOfBoundedSize) {
+    const std::string line = at("bad\x1b[2J\nname");
+    mkfifo(at("pipe").c_str(), 0600);
+    write("large", "");
+    truncate(at("large").c_str(), off_t{1} << 40);
+    const std::pair<std::string, std::string> rows[]{
+        {at("pipe"), "this is no regular file"}, {"/dev/zero", "this is no regular file"},
+        {at(""), "this is a directory"},         {at("large"), "more than 8388608 bytes"},
+        {at("absent"), "No such file"},          {line, "bad\\x1b[2J\\x0aname: the host file cannot"}};
+    for (const auto& [path, reason] : rows) {
+        try {
+            hostsim::read_host_file(path);
+            ADD_FAILURE() << path;
+        } catch (const hostsim::HostError& error) {
+            EXPECT_THAT(error.what(), HasSubstr(reason));
+        }
+    }
 }
 
 }  // namespace

@@ -199,6 +199,14 @@ TEST_F(HostsimRun, WritesAHostFileThatIsSoundAndChecksOthers) {
     const Outcome sound = launch({"check", at("new.json")});
     EXPECT_EQ(sound.status, 0) << sound.errors;
     EXPECT_THAT(sound.out, StartsWith("sound: " + at("new.json")));
+    write("odd.json", R"({"adapters": [], "name": "a\u001b[1mb",
+                         "faults": [{"operation": "init", "status": 1}]})");
+    const std::string warning = "trelm-hostsim: warning: " + at("odd.json") + ":2:51: /faults/0/operation: ";
+    const Outcome usable = launch({"check", at("odd.json")});
+    EXPECT_EQ(usable.status, 0);
+    EXPECT_THAT(usable.errors, StartsWith(warning));
+    EXPECT_THAT(usable.out, AllOf(StartsWith("usable: " + at("odd.json")), HasSubstr("\"a\\x1b[1mb\"")));
+    EXPECT_THAT(launch({"run", at("odd.json"), "--", "true"}).errors, StartsWith(warning));
     const Outcome mixed = launch({"check", at("mine.json"), at("absent.json")});
     EXPECT_EQ(mixed.status, 1);
     EXPECT_THAT(mixed.errors, AllOf(HasSubstr(at("mine.json") + ":1:"), HasSubstr("absent.json")));

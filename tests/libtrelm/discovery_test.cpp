@@ -146,7 +146,7 @@ TEST_P(Discovery, FollowsACountThatIsNonsenseOnlySoFar) {
         SCOPED_TRACE(count);
         const uint32_t asked = asked_for.at(static_cast<size_t>(GetParam()));
         hostsim::Model model = hostsim::hosts::ports(GetParam(), 2);
-        model.driver(GetParam()).reported_port_count = count;
+        model.driver(GetParam()).reported_port_count = static_cast<uint32_t>(count);
         start(model);
         expect_found(std::min(asked, 2U));
         EXPECT_EQ(host().count_calls(Operation::hostno), asked);
