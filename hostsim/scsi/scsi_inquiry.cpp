@@ -89,11 +89,8 @@ struct Page {
     Bytes (*contents)(const DiskConfig&);
 };
 constexpr Page kPages[] = {
-    {0x00, supported_pages},
-    {0x80, unit_serial_number},
-    {0x83, device_identification},
-    {0xB0, block_limits},
-    {0xB1, block_device_characteristics},
+    {0x00, supported_pages}, {0x80, unit_serial_number},           {0x83, device_identification},
+    {0xB0, block_limits},    {0xB1, block_device_characteristics},
 };
 
 Bytes supported_pages(const DiskConfig&) {

@@ -6,6 +6,7 @@
 #include "support/places.h"
 #include "trelm_core.h"
 #include "trelm_dbg.h"
+#include "trelm_mgmt.h"
 
 extern "C" int call_everything_from_c(void);
 
