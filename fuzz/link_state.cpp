@@ -8,6 +8,7 @@
 #include "../tests/support/stand_before.h"
 #include "target.h"
 #include "trelm_core.h"
+#include "trelm_mgmt.h"
 
 namespace {
 

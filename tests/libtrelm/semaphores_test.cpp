@@ -6,6 +6,7 @@
 #include "support/child.h"
 #include "support/log_capture.h"
 #include "support/stand_before.h"
+#include "trelm_mgmt.h"
 
 static bool semctl_fails = false;  // as a seccomp filter makes it
 static int failing_releases = 0;   // so many of the next ones
