@@ -49,7 +49,7 @@ def files(root: Path = ROOT) -> list[str]:
                                  capture_output=True, text=True)
         names = listing.stdout.splitlines()
     else:
-        names = [str(path.relative_to(root)) for path in root.rglob("*")]
+        names = [str(path.relative_to(root)) for path in root.rglob("*") if "build" not in path.parts]
     return sorted(name for name in names if (root / name).is_file())
 
 

@@ -7,9 +7,10 @@
 #include <csignal>
 #include <new>
 
+#include "command_line.h"
 #include "commands.h"
-#include "options.h"
 #include "output.h"
+#include "terminal.h"
 #include "trelm_mgmt.hpp"
 
 namespace {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "hostsim_api.h"
+#include "values.h"
 
 namespace hostsim {
 
@@ -71,8 +72,6 @@ struct Counter {
     uint64_t start = 0;  // value when the host started
     double rate = 0;     // growth a second
 };
-
-using MacAddress = std::array<uint8_t, 6>;
 
 struct Fcf {
     uint64_t switch_name = 0;

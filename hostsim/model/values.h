@@ -2,15 +2,17 @@
 // hexadecimal, sizes as a number with a unit.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "hostsim_api.h"
-#include "model.h"
 
 namespace hostsim {
+
+using MacAddress = std::array<uint8_t, 6>;
 
 HOSTSIM_API std::optional<uint64_t> parse_wwn(std::string_view text);     // "20:00:00:1b:21:ab:cd:ef"
 HOSTSIM_API std::optional<MacAddress> parse_mac(std::string_view text);   // "00:1b:21:ab:cd:ef"

@@ -7,15 +7,6 @@
 
 namespace hostsim {
 
-State* serving_state() noexcept { return OwnCalls::active() ? nullptr : State::current(); }
-
-Host* serving_host() noexcept {
-    if (serving_state() == nullptr) return nullptr;
-    const OwnCalls own;
-    const KeepErrno keep;
-    return Host::current();
-}
-
 Path::Path(const char* path) noexcept : path_(path) {
     const State* state = serving_state();
     if (state == nullptr) return;

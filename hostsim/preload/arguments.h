@@ -2,15 +2,10 @@
 // preserves errno, and costs one test while no host is active.
 #pragma once
 
-#include "host.h"
 #include "path_map.h"
-#include "state.h"
+#include "serving_host.h"
 
 namespace hostsim {
-
-// The host of this process; null if none is active, and for the simulator's own calls.
-State* serving_state() noexcept;
-Host* serving_host() noexcept;
 
 // A path argument, redirected if it belongs to the host. Files that show the model are refreshed first.
 class Path {

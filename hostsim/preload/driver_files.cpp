@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "arguments.h"
 #include "interpose.h"
 #include "own_directory.h"
 #include "root_layout.h"
+#include "serving_host.h"
 
 namespace hostsim {
 namespace {

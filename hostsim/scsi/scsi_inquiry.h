@@ -6,7 +6,7 @@
 #include <optional>
 #include <vector>
 
-#include "scsi_disk.h"
+#include "disk_config.h"
 
 namespace hostsim {
 

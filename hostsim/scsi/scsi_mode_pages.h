@@ -1,7 +1,8 @@
 // scsi_mode_pages.h - the answer to MODE SENSE (6) and (10).
 #pragma once
 
-#include "scsi_disk.h"
+#include "disk_config.h"
+#include "scsi.h"
 
 namespace hostsim {
 

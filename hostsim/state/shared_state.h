@@ -8,8 +8,8 @@
 #include <optional>
 #include <string_view>
 
+#include "mapped_state.h"
 #include "own_directory.h"
-#include "state.h"
 
 namespace hostsim {
 

@@ -14,15 +14,11 @@
 #include <vector>
 
 #include "hostsim_api.h"
+#include "mapped_state.h"
 
 namespace hostsim {
 
 class Root;
-struct SharedState;  // the mapped file
-struct Unmap {
-    void operator()(SharedState* shared) const noexcept;
-};
-using MappedState = std::unique_ptr<SharedState, Unmap>;
 
 // Environment variables that attach a process to a launched host: the host's root,
 inline constexpr const char* kRootVariable = "TRELM_HOSTSIM_ROOT";

@@ -6,6 +6,7 @@
 #include <array>
 #include <string_view>
 
+#include "command_line.h"
 #include "commands.h"
 #include "luns.h"
 #include "ports.h"

@@ -13,7 +13,6 @@
 namespace trelmctl {
 
 struct Command;
-class Output;
 
 enum class DrawingFormat { dot, svg, mermaid };
 
@@ -42,22 +41,5 @@ struct Options {
     std::string shell;               // to complete in
     std::vector<std::string> words;  // of a command line to complete
 };
-
-// Throws CommandFailed where the command line is wrong. Without a command, what was asked for (help or the
-// version) has been printed.
-Options parse_options(int argc, char** argv, Output& output);
-
-// Asked for before the command line is understood, so that a mistake in it is told in JSON, too.
-bool asks_for_json(int argc, char** argv);
-
-// Of the tool, or of a command; throws CommandFailed where there is no such command.
-std::string help_text(const std::string& command);
-
-struct OptionName {
-    std::string name;  // with its dashes
-    bool takes_value;
-};
-// What a command takes besides its arguments; nothing for a name that is no command.
-std::vector<OptionName> option_names(const std::string& command);
 
 }  // namespace trelmctl

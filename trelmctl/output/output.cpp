@@ -27,11 +27,6 @@ std::string WriteFailed::text() const {
                        std::strerror(error));
 }
 
-void tell(std::string_view text) {
-    std::fwrite(text.data(), 1, text.size(), stderr);
-    std::fflush(stderr);
-}
-
 Output::Output(bool json) : json_(json), document_(new Json{{"format_version", 1}}) {}
 Output::~Output() = default;
 

@@ -20,9 +20,6 @@ struct WriteFailed {
     std::string text() const;
 };
 
-// Writes to standard error as far as that takes it.
-void tell(std::string_view text);
-
 class Output {
   public:
     explicit Output(bool json);

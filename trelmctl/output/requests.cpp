@@ -3,7 +3,7 @@
 #include <fmt/format.h>
 
 #include "failure.h"
-#include "output.h"
+#include "terminal.h"
 
 namespace trelmctl {
 namespace {

@@ -6,10 +6,10 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <utility>
 
-#include "output.h"
 #include "text.h"
 
 namespace trelmctl {
@@ -28,6 +28,11 @@ TerminalSize terminal_size(int fd) {
 bool is_terminal(int fd) { return isatty(fd) == 1; }
 
 bool utf8_locale() { return std::string_view(nl_langinfo(CODESET)) == "UTF-8"; }
+
+void tell(std::string_view text) {
+    std::fwrite(text.data(), 1, text.size(), stderr);
+    std::fflush(stderr);
+}
 
 Progress::Progress() : visible_(is_terminal(STDERR_FILENO)) {}
 

@@ -21,6 +21,9 @@ bool is_terminal(int fd);
 // Whether the terminal's character set has the line-drawing characters.
 bool utf8_locale();
 
+// Writes to standard error as far as that takes it.
+void tell(std::string_view text);
+
 // A line on the terminal that says what is being waited for. It is gone when its owner is. Silent where standard
 // error is no terminal.
 class Progress {
