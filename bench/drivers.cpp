@@ -44,23 +44,42 @@ constexpr RecordSize kSizes[] = {
 Ports ports;
 size_t lun_list_size;
 uint8_t lun_list[8 + 8 * 2048];
-uint32_t asked_port;  // of the request that is under way
+// Each thread has a kernel of its own, so that threads meet in the library alone.
+thread_local uint32_t asked_port;  // of the request that is under way
 
 // The memory is shared so that a forked process finds it as it is and copies no page of it.
+class KernelMemory {
+  public:
+    uint8_t* get() const { return memory_; }
+    ~KernelMemory() { munmap(memory_, 2 * kKernelMemory); }
+
+  private:
+    uint8_t* memory_ = static_cast<uint8_t*>(mmap(nullptr, 2 * kKernelMemory, PROT_READ | PROT_WRITE,
+                                                  MAP_SHARED | MAP_ANONYMOUS | MAP_POPULATE, -1, 0));
+};
 uint8_t* kernel_memory() {
-    static auto* const memory = static_cast<uint8_t*>(mmap(nullptr, 2 * kKernelMemory, PROT_READ | PROT_WRITE,
-                                                           MAP_SHARED | MAP_ANONYMOUS | MAP_POPULATE, -1, 0));
-    return memory;
+    thread_local const KernelMemory memory;
+    return memory.get();
 }
 uint8_t* kernel_data() { return kernel_memory() + kKernelMemory; }
 
+// A pipe has a lock, so threads have pipes of their own.
+class Pipe {
+  public:
+    Pipe() {
+        if (pipe2(ends_, O_CLOEXEC) != 0) abort();
+    }
+    ~Pipe() {
+        for (const int end : ends_) close(end);
+    }
+    int end() const { return ends_[0]; }
+
+  private:
+    int ends_[2];
+};
 int system_call_end() {
-    static const int end = [] {
-        int ends[2];
-        if (pipe2(ends, O_CLOEXEC) != 0) abort();
-        return ends[0];
-    }();
-    return end;
+    thread_local const Pipe pipe;
+    return pipe.end();
 }
 
 void enter_kernel() {

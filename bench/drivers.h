@@ -66,7 +66,7 @@ class ScsiPayload {
     uint32_t length_;
 };
 
-// Has the memory that payloads are copied to mapped in this process.
+// Has the memory that payloads of this thread are copied to mapped in this process.
 void touch_kernel_memory();
 
 }  // namespace bench

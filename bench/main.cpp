@@ -93,6 +93,7 @@ int main(int argc, char** argv) {
     bench::add_load_rows();
     bench::add_list_rows();
     bench::add_log_rows();
+    bench::add_thread_rows();
     Table table;
     benchmark::RunSpecifiedBenchmarks(&table);
 }

@@ -20,7 +20,7 @@ inline double now(clockid_t clock = CLOCK_THREAD_CPUTIME_ID) {
 }
 
 template <class Work>
-double time_batch(Work& work, size_t count) {
+double time_batch(const Work& work, size_t count) {
     const double start = now();
     for (size_t i = 0; i < count; ++i) {
         work();
@@ -48,7 +48,7 @@ class Samples {
 
 // A batch is long enough for the clock and short enough to run undisturbed mostly.
 template <class Work>
-size_t batch_size(Work& work) {
+size_t batch_size(const Work& work) {
     constexpr double kWanted = 100e3;  // nanoseconds
     work();
     size_t count = 1;

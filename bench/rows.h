@@ -9,6 +9,7 @@ void add_memory_rows();  // page faults and memory
 void add_load_rows();    // load and free, the shared database
 void add_list_rows();    // the list container
 void add_log_rows();     // the debug log
+void add_thread_rows();  // several threads at once
 
 // What this executable does in a process of its own to measure memory: kMemoryProbe is its one argument.
 inline constexpr char kMemoryProbe[] = "--memory-probe";

@@ -2,29 +2,39 @@
  * trelm_mgmt.h - the public interface of libtrelm, a management library for the FCoE (Fibre Channel over
  * Ethernet) ports of converged network adapters on ESXi hosts. Compiles as C99 and as C++.
  *
- * Conventions, said once:
+ * Conventions:
  *
  *  1. A program calls TRELM_LoadLibrary, counts ports with TRELM_GetPortCount, opens a port by its instance
  *     number (0 to count - 1) with TRELM_OpenAdapter, works with the handle, closes it with
  *     TRELM_CloseAdapter and ends with TRELM_FreeLibrary. The process must run as root on an ESXi host.
  *  2. Every function returns a status: TRELM_STATUS_OK or a failure, TRELM_STATUS_BASE plus a small number.
- *     TRELM_GetVersion is the one exception; TRELM_OpenAdapter and TRELM_CloseAdapter may also return a
- * system error number. "A driver failure" below is any of the codes that TRELM_STATUS_DRIVER_ERROR explains;
- *     0x6000000A among them also says that the request to a native driver could not be allocated.
+ *     TRELM_GetVersion is the one exception. TRELM_OpenAdapter and TRELM_CloseAdapter may also return a
+ *     system error number. "A driver failure" below is any of the codes that TRELM_STATUS_DRIVER_ERROR
+ *     explains; 0x6000000A among them also says that the request to a native driver could not be allocated.
  *  3. The caller owns every record and array that it passes. The library keeps no reference to them,
- * allocates nothing that the caller must free, and writes only the fields that a function's text names: all
- * other bytes keep what the caller put there. Clear a record before the call.
+ *     allocates nothing that the caller must free, and writes only the fields that a function's text names:
+ *     all other bytes keep what the caller put there. Clear a record before the call.
  *  4. Records are packed and little-endian; their sizes and offsets are part of the interface. Each begins
- * with `Version`, set by the caller and never changed by the library; 2 asks for the fields marked "version
- * 2".
+ *     with `Version`, set by the caller and never changed by the library; 2 asks for the fields marked
+ *     "version 2".
  *  5. Text fields are fixed-width byte arrays copied whole. They are not terminated when the text fills them.
  *  6. World-wide names and MAC addresses are byte arrays, most significant byte first.
  *  7. A port is addressed by a handle and an NPIV index. A physical port and its virtual (NPIV) ports share
- * the handle of the physical port; the index is the one that the driver gave each of them (NpivIndex of
- *     TRELM_VNPORT_INFO), the physical port's own included.
- *  8. The library is not thread-safe: a program that uses it from several threads serialises its calls.
- * Several processes may have it loaded at the same time.
- *  9. Diagnostics are off unless the environment variable TRELM_API_DEBUG holds a hexadecimal flag word:
+ *     the handle of the physical port; the index is the one that the driver gave each of them (NpivIndex of
+ *     TRELM_VNPORT_INFO), the physical port's own included. Drivers mostly count from 0. To find the virtual
+ *     ports without asking a driver, try indexes until NpivCount of TRELM_FCOE_INFO plus one are found:
+ *     TRELM_GetTgtInfo with a capacity of 0 returns TRELM_STATUS_FAILED where there is no such port, and
+ *     another status where there is.
+ *  8. Every function may be called from any thread at any time. What the threads of a program see is what
+ *     some order of their calls, one after another, could have given. A call that waits in a driver holds up
+ *     no other call, with one exception: the last close of a legacy driver's port waits for the calls that
+ *     use the port, and calls for that port wait for the close. TRELM_FreeLibrary waits until all calls have
+ *     returned, and calls that come meanwhile wait for it. A thread that is cancelled ends after the function
+ *     that it is in. In a signal handler that interrupted a function of this library in its own thread, a
+ *     function that would have to wait for that one returns TRELM_STATUS_FAILED instead.
+ *  9. Several processes may have the library loaded. A forked child may use the ports that its parent had
+ *     open and may free the library; it counts as a user of the library after a load of its own.
+ * 10. Diagnostics are off unless the environment variable TRELM_API_DEBUG holds a hexadecimal flag word:
  *     1 append lines to /var/tmp/libtrelm.log, 2 trace lines, 4 error lines. Lines go to standard error.
  */
 #ifndef TRELM_MGMT_H
@@ -47,14 +57,21 @@ extern "C" {
 #define TRELM_STATUS_OK 0x00000000u
 /* All failures are TRELM_STATUS_BASE plus a small number. */
 #define TRELM_STATUS_BASE 0x60000000u
-/* General failure: not loaded, load or unload failed, no port for a handle and NPIV index, open or close
- * failed. */
+/*
+ * General failure: not loaded, load or unload failed, no port for a handle and NPIV index, open or close
+ * failed. A driver failure with status 1 has the same code. To tell that apart from a missing port call
+ * TRELM_GetTgtInfo with a capacity of 0, which does not ask the driver.
+ */
 #define TRELM_STATUS_FAILED 0x60000001u
 /* A required pointer is null or an argument is out of range. */
 #define TRELM_STATUS_INVALID_PARAMETER 0x60000004u
 /* TRELM_OpenAdapter: no physical port has that instance number. */
 #define TRELM_STATUS_INVALID_INSTANCE 0x60000007u
-/* The caller's array is too small; the count argument now holds the number of elements needed. */
+/*
+ * The caller's array is too small; the count argument now holds the number of elements needed. A driver
+ * failure with status 9 has the same code: the count argument is then no larger than the array. A loop that
+ * enlarges its array ends there.
+ */
 #define TRELM_STATUS_INSUFFICIENT_BUFFER 0x60000009u
 /* A work buffer could not be allocated. */
 #define TRELM_STATUS_NO_MEMORY 0x6000000Au
@@ -128,7 +145,16 @@ typedef struct TRELM_FCOE_INFO {
         MFWVersion[32]; /* version 2, adapters of the kron family only: management firmware, "08.37.30.00" */
 } TRELM_FCOE_INFO;
 
-/* A physical or virtual port as it is now. 168 bytes. Filled by TRELM_GetVNPortInfo. */
+/*
+ * A physical or virtual port. 168 bytes. Filled by TRELM_GetVNPortInfo.
+ *
+ * The fields marked "live" are what the driver tells now, and so are those of the FCF where the port had one
+ * at load. All others, FcfCount among them, are as they were at load: a fabric, a VLAN or a name that changes
+ * later is seen after TRELM_FreeLibrary and a new load.
+ *
+ * Speeds are bits as drivers report them: 0x1 1 Gbit/s, 0x2 2, 0x8 4, 0x10 8, 0x4 10, 0x20 16, 0x80 20,
+ * 0x800 25, 0x40 32, 0x100 40, 0x200 50, 0x400 100.
+ */
 typedef struct TRELM_VNPORT_INFO {
     uint32_t Version;            /* in: 2 for the version 2 field; a caller of version 1 may pass 136 bytes */
     uint8_t WWNN[8];             /* world-wide node name */
@@ -140,55 +166,60 @@ typedef struct TRELM_VNPORT_INFO {
     uint8_t FcfMAC[6];           /* of the FCF */
     uint8_t FcfWWNN[8];          /* not written */
     uint8_t FcfWWPN[8];          /* not written */
-    uint32_t PortFCID;           /* Fibre Channel port identifier, 24 bits */
+    uint32_t PortFCID;           /* live: Fibre Channel port identifier, 24 bits */
     uint32_t FCMap;              /* of the FCF: FC-MAP, 24 bits */
     uint16_t FabricVlan;         /* FCoE VLAN */
     uint8_t FabricPriority;      /* of the FCF */
     uint8_t PortType;            /* TRELM_PORTTYPE_* */
-    uint32_t KeepAliveTimeout;   /* of the FCF, as the driver reports it */
-    uint64_t PortSpeed;          /* as the driver reports it */
+    uint32_t KeepAliveTimeout;   /* of the FCF, in the driver's unit */
+    uint64_t PortSpeed;          /* live: one bit; 0 unknown */
     uint8_t SwitchName[8];       /* of the FCF */
-    uint32_t PortState;          /* TRELM_PORTSTATE_* */
-    uint64_t PortSupportedSpeed; /* as the driver reports it */
-    uint32_t TgtCount;           /* SCSI targets that the port sees */
+    uint32_t PortState;          /* live: TRELM_PORTSTATE_* */
+    uint64_t PortSupportedSpeed; /* live: the bits of all speeds */
+    uint32_t TgtCount;           /* live: SCSI targets that the port sees */
     uint32_t FcfCount;           /* FCFs that the port knows */
     uint32_t NpivIndex;          /* selects this port together with the handle */
     uint8_t HbaName[32];         /* version 2: text, the driver's name for the adapter, such as "vmhba2" */
 } TRELM_VNPORT_INFO;
 
-/* The counters of a port as its driver keeps them. 244 bytes. Filled by TRELM_GetPortStats. */
+/*
+ * The counters of a port as its driver keeps them. 244 bytes. Filled by TRELM_GetPortStats.
+ *
+ * Each counts upwards from when the driver last cleared it, which it may do at any time: a counter that is
+ * less than before has started anew. Those without another unit count events.
+ */
 typedef struct TRELM_PORT_STATS {
-    uint32_t Version; /* neither read nor written */
-    uint64_t RxFCoEFrames;
-    uint64_t RxFCoEBytes;
-    uint64_t RxFCPFrames;
-    uint64_t TxFCoEFrames;
-    uint64_t TxFCoEBytes;
-    uint64_t TxFCPFrames;
-    uint64_t FCoEDropedFrames;
-    uint64_t SequencesDropped;
-    uint64_t FCCRCErrorFrames;
-    uint64_t WrongFCoEVersionFrames;
-    uint64_t EOFAFrames;
-    uint64_t MissingFrames;
-    uint64_t SequenceTimeouts;
-    uint64_t ReadRequests;
-    uint64_t WriteRequests;
-    uint64_t ControlRequests;
-    uint64_t ReadMegabytes;
-    uint64_t WriteMegabytes;
-    uint64_t FIPVlanNegotiations;
-    uint64_t FIPFabricDiscoveries;
-    uint64_t FLOGICount;
-    uint64_t FDISCCount;
-    uint64_t ULPTOVExpirations;
-    uint64_t RECExpirations;
-    uint64_t ABTSCount;
-    uint64_t SRRCount;
-    uint64_t ResetLUNCount;
-    uint64_t ResetTargetCount;
-    uint64_t SessionLevelRecoveryCount;
-    uint64_t LinkFailures;
+    uint32_t Version;                   /* neither read nor written */
+    uint64_t RxFCoEFrames;              /* FCoE frames received */
+    uint64_t RxFCoEBytes;               /* bytes of them */
+    uint64_t RxFCPFrames;               /* frames of SCSI (FCP) among them */
+    uint64_t TxFCoEFrames;              /* FCoE frames sent */
+    uint64_t TxFCoEBytes;               /* bytes of them */
+    uint64_t TxFCPFrames;               /* frames of SCSI (FCP) among them */
+    uint64_t FCoEDropedFrames;          /* FCoE frames dropped */
+    uint64_t SequencesDropped;          /* FC sequences dropped */
+    uint64_t FCCRCErrorFrames;          /* frames with a wrong FC CRC */
+    uint64_t WrongFCoEVersionFrames;    /* frames of an unknown FCoE version */
+    uint64_t EOFAFrames;                /* frames that the sender aborted (EOFa) */
+    uint64_t MissingFrames;             /* frames missing from a sequence */
+    uint64_t SequenceTimeouts;          /* sequences that were not completed in time */
+    uint64_t ReadRequests;              /* SCSI commands that read, */
+    uint64_t WriteRequests;             /* that write, */
+    uint64_t ControlRequests;           /* and that do neither */
+    uint64_t ReadMegabytes;             /* data read, in megabytes as the driver counts them */
+    uint64_t WriteMegabytes;            /* data written, likewise */
+    uint64_t FIPVlanNegotiations;       /* FIP: VLAN discoveries */
+    uint64_t FIPFabricDiscoveries;      /* FIP: FCF discoveries */
+    uint64_t FLOGICount;                /* fabric logins of the physical port */
+    uint64_t FDISCCount;                /* fabric logins of virtual ports */
+    uint64_t ULPTOVExpirations;         /* expired timers of the upper layer (ULP_TOV) */
+    uint64_t RECExpirations;            /* expired timers of read exchange concise (REC_TOV) */
+    uint64_t ABTSCount;                 /* exchanges aborted (ABTS) */
+    uint64_t SRRCount;                  /* sequence retransmission requests */
+    uint64_t ResetLUNCount;             /* LUN resets */
+    uint64_t ResetTargetCount;          /* target resets */
+    uint64_t SessionLevelRecoveryCount; /* recoveries of a session */
+    uint64_t LinkFailures;              /* failures of the link */
 } TRELM_PORT_STATS;
 
 /* One SCSI command. 292 bytes. Taken by TRELM_SendScsiCommand, which writes only Sense. */
@@ -204,7 +235,7 @@ typedef struct TRELM_SCSI_CMND {
     uint8_t Sense[256];   /* out: sense data */
 } TRELM_SCSI_CMND;
 
-/* A SCSI target. 34 bytes. Filled by TRELM_GetTgtInfo. */
+/* A SCSI target. 34 bytes, in arrays of every version. Filled by TRELM_GetTgtInfo. */
 typedef struct TRELM_TGT_INFO {
     uint32_t Version;    /* neither read nor written */
     uint32_t ScsiTgtNum; /* 0 to 127; numbers may have gaps */
@@ -217,16 +248,17 @@ typedef struct TRELM_TGT_INFO {
 
 /*
  * A LUN. 217 bytes in version 2; 213 in earlier ones, which lack the last field. Filled by TRELM_GetLunInfo.
+ * Arrays of either version have elements of that size: TRELM_LUN_INFO_STRIDE.
  *
  * The 8 bytes b0 to b7 of a LUN as REPORT LUNS gives them are two numbers here: ScsiLunNum is b2 b3 b0 b1 and
  * ScsiLunNumExt is b6 b7 b4 b5, most significant byte first; a single-level LUN is thus its plain number.
  */
 typedef struct TRELM_LUN_INFO {
-    uint32_t Version;            /* in: that of the first element decides the layout of the whole array */
-    uint32_t ScsiLunNum;         /* lower half of the LUN */
-    uint8_t DeviceType;          /* INQUIRY byte 0: peripheral qualifier and device type */
-    uint64_t Capacity;           /* bytes */
-    uint8_t VendorName[16];      /* text; bytes 8 to 15 not written */
+    uint32_t Version;       /* in: that of the first element decides the layout of the whole array */
+    uint32_t ScsiLunNum;    /* lower half of the LUN */
+    uint8_t DeviceType;     /* INQUIRY byte 0: peripheral qualifier and device type */
+    uint64_t Capacity;      /* bytes; 0: the device did not tell, with a pending UNIT ATTENTION for example */
+    uint8_t VendorName[16]; /* text; bytes 8 to 15 not written */
     uint8_t ProductName[32];     /* text; bytes 16 to 31 not written */
     uint8_t ProductRevision[16]; /* text; bytes 4 to 15 not written */
     uint8_t DeviceName[32];      /* not written */
@@ -248,7 +280,10 @@ extern TRELM_API const char trelm_version_description[128];
 
 /*
  * Finds the FCoE ports of the host and joins the processes that have the library loaded. Ports that appear
- * later are seen after TRELM_FreeLibrary and a new load.
+ * later are seen after TRELM_FreeLibrary and a new load. It may wait for a process that is loading or freeing
+ * the library at the same time.
+ *
+ * Loads are not counted: a load of a loaded library does nothing, and one TRELM_FreeLibrary undoes them all.
  *
  * Returns TRELM_STATUS_OK, also when the library is loaded already, or TRELM_STATUS_FAILED: not root, not an
  * ESXi host, or the database shared between processes cannot be set up. Where no port is found the library
@@ -257,9 +292,14 @@ extern TRELM_API const char trelm_version_description[128];
 TRELM_API uint32_t TRELM_LoadLibrary(void);
 
 /*
- * Closes every open port of the process, leaves the shared database and forgets all ports; every handle
- * becomes invalid. Safe at any time and any number of times. Returns TRELM_STATUS_OK; TRELM_STATUS_FAILED is
- * reserved for a failed end of the shared database, and the library is unloaded then too.
+ * Closes every open port of the process, whoever opened it, leaves the shared database and forgets all ports;
+ * every handle becomes invalid. Safe at any time and any number of times.
+ *
+ * To learn whether it is the last process that has the library loaded, it runs a shell pipeline over the host's
+ * process listing (popen), while other processes that load or free the library wait for it.
+ *
+ * Returns TRELM_STATUS_OK; TRELM_STATUS_FAILED is reserved for a failed end of the shared database, and the
+ * library is unloaded then too.
  */
 TRELM_API uint32_t TRELM_FreeLibrary(void);
 
@@ -360,7 +400,8 @@ TRELM_API uint32_t TRELM_GetTgtInfo(uint32_t Handle, uint32_t NpivIndex, uint32_
  * Version of the first element selects the layout. At most 2047 LUNs are listed.
  *
  * *pLunCount is written in one case: too small an array (TRELM_STATUS_INSUFFICIENT_BUFFER and the number
- * needed).
+ * needed). On success all LUNs of the target were filled, and their number is not told: put a value that no
+ * LUN has into each element before, such as all ones in ScsiLunNum and ScsiLunNumExt.
  *
  * Returns also TRELM_STATUS_INVALID_PARAMETER (target above 127, capacity 0, null pointer),
  * TRELM_STATUS_NO_MEMORY, or what TRELM_SendScsiCommand returned for the command that failed

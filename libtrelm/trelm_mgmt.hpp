@@ -9,7 +9,8 @@
 //     }
 //
 // A call that fails throws trelm::Error with the code, the operation and the port; destructors never throw.
-// The conventions of trelm_mgmt.h hold: calls from several threads are the program's to serialise.
+// The conventions of trelm_mgmt.h hold: any thread may call at any time. One object is one thread's at a time
+// where a function changes it: construction, destruction, moves, close().
 #pragma once
 
 #include <array>
@@ -18,8 +19,10 @@
 #include <cstring>
 #include <exception>
 #include <initializer_list>
+#include <iterator>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -60,8 +63,35 @@ std::string text(const uint8_t (&field)[Width]) {
     return std::string(field, field + length);
 }
 
+// A return code in words; empty for success.
+inline std::string status_words(uint32_t code) {
+    switch (code) {
+        case TRELM_STATUS_OK:
+            return {};
+        case TRELM_STATUS_FAILED:
+            return "not loaded, no such port, or the driver failed";
+        case TRELM_STATUS_INVALID_PARAMETER:
+            return "invalid parameter";
+        case TRELM_STATUS_INVALID_INSTANCE:
+            return "no port has this number";
+        case TRELM_STATUS_INSUFFICIENT_BUFFER:
+            return "the array is too small";
+        case TRELM_STATUS_NO_MEMORY:
+            return "out of memory";
+        case TRELM_STATUS_DRIVER_ERROR:
+            return "the driver failed";
+        case TRELM_STATUS_BASE + 13:
+            return "driver status 13, device offline";
+        default:
+            if (code > TRELM_STATUS_BASE && code < TRELM_STATUS_BASE + 13)
+                return "driver status " + std::to_string(code - TRELM_STATUS_BASE);
+            return std::generic_category().message(static_cast<int>(code));
+    }
+}
+
 // A failed call. `operation` is the C function's name; instance and NPIV index are there where the call had
-// them.
+// them. what() says all of it, as in "TRELM_OpenAdapter failed for port 3: no port has this number (0x60000007
+// TRELM_STATUS_INVALID_INSTANCE)".
 class Error : public std::exception {
   public:
     Error(uint32_t code, const char* operation, std::optional<uint32_t> instance = {},
@@ -72,8 +102,9 @@ class Error : public std::exception {
         message_ = operation_ + " failed";
         if (instance) message_ += " for port " + std::to_string(*instance);
         if (npiv_index) message_ += ", NPIV index " + std::to_string(*npiv_index);
-        message_ += std::string(": ") + hex.data();
+        message_ += ": " + status_words(code) + " (" + hex.data();
         if (status_name(code) != nullptr) message_ += std::string(" ") + status_name(code);
+        message_ += ")";
     }
 
     uint32_t code() const noexcept { return code_; }
@@ -91,6 +122,8 @@ class Error : public std::exception {
 };
 
 // The loaded library. Keep one in a program: the first that goes frees the library for the whole process.
+// Construction throws where the load fails. A host without ports is no failure, except where none of its
+// drivers answers: that looks like any other failed load.
 class Library {
   public:
     Library() {
@@ -127,7 +160,8 @@ class Library {
 // The two numbers of a LUN as one: the extension is the upper half. A single-level LUN is its plain number.
 inline uint64_t lun_number(uint32_t number, uint32_t extension) { return uint64_t{extension} << 32 | number; }
 
-// A command record, cleared but for what is given; room for all the sense data there is.
+// A command record, cleared but for what is given; room for all the sense data there is. The CDB is any range
+// of bytes that has a size: a list in braces, a container, a C array.
 template <typename Bytes = std::initializer_list<uint8_t>>
 TRELM_SCSI_CMND scsi_command(uint32_t target, uint64_t lun, const Bytes& cdb,
                              uint8_t direction = TRELM_SCSI_DATA_IN) {
@@ -136,7 +170,7 @@ TRELM_SCSI_CMND scsi_command(uint32_t target, uint64_t lun, const Bytes& cdb,
     command.ScsiLunNum = static_cast<uint32_t>(lun);
     command.ScsiLunNumExt = static_cast<uint32_t>(lun >> 32);
     command.Direction = direction;
-    command.CDBLength = static_cast<uint8_t>(cdb.size() < 255 ? cdb.size() : 255);
+    command.CDBLength = static_cast<uint8_t>(std::size(cdb) < 255 ? std::size(cdb) : 255);
     std::size_t i = 0;
     for (const uint8_t byte : cdb) {
         if (i < sizeof command.CDB) command.CDB[i++] = byte;
@@ -243,7 +277,9 @@ class Adapter {
         return found;
     }
 
-    std::vector<TRELM_LUN_INFO> luns(uint32_t npiv_index, uint32_t target) const {
+    // Appends the LUNs of the target to `found`, and returns what TRELM_GetLunInfo returned: on failure the
+    // LUNs before the failing one are there.
+    uint32_t list_luns(uint32_t npiv_index, uint32_t target, std::vector<TRELM_LUN_INFO>& found) const {
         std::vector<TRELM_LUN_INFO> elements(16);
         uint32_t code = TRELM_STATUS_INSUFFICIENT_BUFFER;
         // The list may grow between two calls, but not for ever.
@@ -252,15 +288,21 @@ class Adapter {
             uint32_t count = static_cast<uint32_t>(elements.size());
             TRELM_LUN_INFO* array = elements.data();
             code = TRELM_GetLunInfo(handle_, npiv_index, target, &count, &array);
-            // Where the room was enough, the code is a driver's status 9 instead.
+            // If the room was enough, the code is a driver's status 9.
             if (code != TRELM_STATUS_INSUFFICIENT_BUFFER || count <= elements.size()) break;
             elements.resize(count);
         }
-        check(code, "TRELM_GetLunInfo", npiv_index);
-        std::size_t filled = 0;
-        while (filled < elements.size() && !is_unfilled(elements[filled])) ++filled;
-        elements.resize(filled);
-        return elements;
+        for (const TRELM_LUN_INFO& element : elements) {
+            if (is_unfilled(element)) break;
+            found.push_back(element);
+        }
+        return code;
+    }
+
+    std::vector<TRELM_LUN_INFO> luns(uint32_t npiv_index, uint32_t target) const {
+        std::vector<TRELM_LUN_INFO> found;
+        check(list_luns(npiv_index, target, found), "TRELM_GetLunInfo", npiv_index);
+        return found;
     }
 
     // Sends a command; `length` bytes move to or from `data` in the record's direction. The sense data is in
@@ -269,6 +311,13 @@ class Adapter {
               uint32_t length = 0) const {
         check(TRELM_SendScsiCommand(handle_, npiv_index, &command, &length, data), "TRELM_SendScsiCommand",
               npiv_index);
+    }
+
+    // Sends a command that does not read.
+    void send(uint32_t npiv_index, TRELM_SCSI_CMND& command, const uint8_t* data, uint32_t length) const {
+        if (command.Direction == TRELM_SCSI_DATA_IN)
+            check(TRELM_STATUS_INVALID_PARAMETER, "TRELM_SendScsiCommand", npiv_index);
+        send(npiv_index, command, const_cast<uint8_t*>(data), length);
     }
 
   private:

@@ -45,6 +45,13 @@ enum pcie_link_width : uint32_t {
 };
 
 // Data direction of a SCSI command record; any other value means no data phase.
+// Statuses that the library itself uses or looks at.
+enum driver_status : uint32_t {
+    DRIVER_STATUS_INVALID = 4,         // a SCSI command that no record can carry
+    DRIVER_STATUS_NO_MEMORY = 10,      // no payload could be allocated
+    DRIVER_STATUS_DEVICE_OFFLINE = 13  // of a target: there is none at this index
+};
+
 enum scsi_direction : uint8_t { SCSI_DIRECTION_NONE = 0, SCSI_DIRECTION_IN = 1, SCSI_DIRECTION_OUT = 2 };
 
 inline constexpr uint32_t kScsiMaxData = 262144;  // bytes of data area in a native SCSI command record

@@ -154,27 +154,24 @@ ThreadCell* take_cell() {
     return nullptr;
 }
 
-bool everyone_is_out(const ThreadCell* but) {
-    if (load(rare.crowd) != 0) return false;
-    for (uint32_t i = 0; i < load(rare.port_words_used); ++i) {
-        if (load(port_words[i].word) != 0) return false;
-    }
+// Waits for one after the other, not for all of them to be out at once: whoever enters after the gate was
+// closed, or after a port was marked, finds that out for himself.
+template <class IsInTheWay>
+void wait_for_others(const ThreadCell* own, IsInTheWay is_in_the_way) {
     for (const ThreadCell* cell = first_cell(); cell != end_of_cells(); ++cell) {
-        if (cell != but && load(cell->call) != kOutside) return false;
+        if (cell != own) wait_until([=] { return !is_in_the_way(load(cell->call)); });
     }
-    return true;
+    wait_until([] { return load(rare.crowd) == 0; });
+}
+
+void wait_for_everyone(const ThreadCell* own) {
+    wait_for_others(own, [](uint64_t call) { return call != kOutside; });
+    for (uint32_t i = 0; i < load(rare.port_words_used); ++i)
+        wait_until([i] { return load(port_words[i].word) == 0; });
 }
 
 bool uses_port(uint64_t call, uint32_t handle) {
     return (call & kUsesAnyPort) || (call & ~kHasAll) == (kInside | handle);
-}
-
-bool someone_uses(uint32_t handle, const ThreadCell* but) {
-    if (load(rare.crowd) != 0) return true;
-    for (const ThreadCell* cell = first_cell(); cell != end_of_cells(); ++cell) {
-        if (cell != but && uses_port(load(cell->call), handle)) return true;
-    }
-    return false;
 }
 
 void wait_while_closed() {
@@ -187,6 +184,7 @@ uint32_t& port_word(uint32_t instance) { return port_words[instance % kPortLocks
 // ---- Fork and the end of the library
 
 void be_alone_in_child() {
+    ++gate.forks;
     gate.sleepers = 0;
     gate.threads -= rare.crowd - crowded_calls;
     rare.crowd = crowded_calls;
@@ -326,7 +324,7 @@ PortLock::~PortLock() {
 bool PortLock::expel_users(uint32_t handle) {
     if (uses_port(outer_, handle)) return false;
     store(*word_, id_of(cell_) | kExpels);
-    wait_until([this, handle] { return !someone_uses(handle, cell_); });
+    wait_for_others(cell_, [handle](uint64_t call) { return uses_port(call, handle); });
     return true;
 }
 
@@ -343,7 +341,7 @@ Exclusive::Exclusive() : cell_(take_cell()) {
     });
     if (!cell_) cell_ = my_cell = &spare;
     if (in_doubt) store(cell_->call, kInside | kHasAll);
-    wait_until([this] { return everyone_is_out(cell_); });
+    wait_for_everyone(cell_);
     store(cell_->call, kInside | kHasAll);
     if (in_doubt) forget_registry();
     held_ = true;

@@ -44,6 +44,7 @@ struct alignas(128) GateState {
     uint32_t closed;    // who has or wants the library alone, as id_of() counts cells; kOpen: nobody
     uint32_t threads;   // that have a cell, or are in a call without one
     uint32_t sleepers;  // threads that wait in the kernel
+    uint32_t forks;     // between the process that began with this library and this one
 };
 extern GateState gate;
 inline constexpr uint32_t kOpen = 0;
@@ -66,6 +67,7 @@ inline bool shares_registry() {
 
 class Call {
   public:
+    // A call over a port's node names the port's handle.
     [[gnu::always_inline]] explicit Call(uint32_t handle = 0) {
         ThreadCell* const cell = my_cell;
         if (__builtin_expect(cell && cell->call == kOutside, 1)) {

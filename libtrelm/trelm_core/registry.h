@@ -1,4 +1,6 @@
 // registry.h - the ports of the host as discovery found them: two lists of records, and look-ups.
+//
+// Nothing here is guarded: who calls it directly sees to it that no other thread is in the library.
 #pragma once
 
 #include <cstddef>

@@ -15,6 +15,7 @@
 #include "semaphores.h"
 #include "shared_file.h"
 #include "trelm_dbg.h"
+#include "trelm_gate.h"
 #include "trelm_system.h"
 
 const char trelm_db_fname[] = "/tmp/trelm_shared.dat";
@@ -36,6 +37,7 @@ constexpr char kClose[] = "trelm_close_database";
 constexpr int kGuardTries = 16;
 
 pid_t slot_owner = 0;  // the process that took the slot. A forked child inherits the number, not the slot
+uint32_t slot_forks = 0;
 
 // Gets the semaphore and waits for it. The last process to leave, or one whose open failed, may remove the set between
 // the two steps. This process then starts over, because it must not go on without the guard.
@@ -75,6 +77,7 @@ void occupy(unsigned slot) {
     memset(&trelm_shared_data->hbaptevq[slot], 0, sizeof(trelm_hbaptevq));
     trelm_library_instance = static_cast<uint8_t>(slot);
     slot_owner = getpid();
+    slot_forks = trelm::detail::gate.forks;
 }
 
 void take_slot() {
@@ -174,7 +177,8 @@ bool trelm::detail::database_is_open() {
     return trelm_db_sem_id != -1 && trelm_shm_fildes >= 0 && trelm_shared_data;
 }
 
-bool trelm::detail::database_is_inherited() { return database_is_open() && slot_owner != getpid(); }
+// Every load of a loaded library asks this, so it does without a system call.
+bool trelm::detail::database_is_inherited() { return database_is_open() && slot_forks != gate.forks; }
 
 uint32_t trelm_open_database(int32_t* ret_handle) {
     trace(kOpen, ": entered.");

@@ -1,4 +1,6 @@
 // shared_db.h - the file that processes with the library loaded share, and its slots.
+//
+// Nothing here is guarded: who calls it directly sees to it that no other thread is in the library.
 #pragma once
 
 #include <cstdint>

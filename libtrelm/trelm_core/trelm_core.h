@@ -1,5 +1,7 @@
 // trelm_core.h - the sum of the core's headers: the registry of ports, the database shared between processes, semaphores, and
 // the transport to the legacy driver.
+//
+// Nothing here is guarded: who calls it directly sees to it that no other thread is in the library.
 #pragma once
 
 #include "legacy_driver.h"

@@ -36,6 +36,13 @@ namespace trelm::detail {
 
 enum DebugFlag : uint32_t { kLogToFile = 0x1, kTrace = 0x2, kError = 0x4 };
 
+// The benchmarks build a library without a log, to measure what a log that is off costs.
+#ifdef TRELM_WITHOUT_LOG
+inline constexpr bool kHasLog = false;
+#else
+inline constexpr bool kHasLog = true;
+#endif
+
 // A piece of a log line: a text, and perhaps a number behind it.
 struct Piece {
     constexpr Piece(const char* words) : text(words) {}
@@ -58,7 +65,7 @@ void write_line(const char* func_name, const Piece* pieces, size_t count);
 
 // Loads and opens may set the flags while other threads read them.
 inline uint32_t debug_flags() { return __atomic_load_n(&trelm_debug, __ATOMIC_RELAXED); }
-inline bool logs(DebugFlag category) { return __builtin_expect(debug_flags() & category, 0); }
+inline bool logs(DebugFlag category) { return kHasLog && __builtin_expect(debug_flags() & category, 0); }
 
 template <class T, class>
 using For = T;

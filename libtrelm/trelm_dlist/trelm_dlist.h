@@ -4,6 +4,8 @@
 // list has null links and a null cursor until its first insertion. Directions are integers: non-zero is
 // forward (towards `next`, after the cursor), 0 is backward. The list owns its nodes, and its elements only
 // where it releases them.
+//
+// A list and its cursor are not guarded: its callers see to it that one thread at a time uses it.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,6 @@
 // load.h - load and unload: what the public functions for them do, and who may load.
+//
+// Nothing here is guarded: who calls it directly sees to it that no other thread is in the library.
 #pragma once
 
 #include <cstdint>

@@ -154,7 +154,7 @@ void fill(TRELM_VNPORT_INFO& info, const trelm_priv_db& pdb, const PortStatus& s
 
 uint32_t TRELM_GetFcoeInfo(uint32_t Handle, TRELM_FCOE_INFO* pFcoeInfo) {
     trace_call(__func__, Handle, kEntered);
-    const Call call(Handle);
+    const Call call;
     const trelm_priv_db* pdb = call ? trelm_get_pdb_from_user_handle(Handle) : nullptr;
     if (!pdb) return fail_call(__func__, Handle, kNoPort, TRELM_STATUS_FAILED);
     if (!pFcoeInfo) return fail_call(__func__, Handle, kInvalidParameter, TRELM_STATUS_INVALID_PARAMETER);

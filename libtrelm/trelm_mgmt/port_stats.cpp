@@ -10,7 +10,41 @@ namespace {
 
 // The public record is the driver's thirty counters, in the same order, behind a version.
 constexpr size_t kCounters = offsetof(dorfc_port_stats, reserved);
-static_assert(sizeof(TRELM_PORT_STATS) - offsetof(TRELM_PORT_STATS, RxFCoEFrames) == kCounters);
+constexpr size_t kFirstCounter = offsetof(TRELM_PORT_STATS, RxFCoEFrames);
+static_assert(sizeof(TRELM_PORT_STATS) - kFirstCounter == kCounters);
+#define SAME_COUNTER(theirs, ours) \
+    static_assert(offsetof(dorfc_port_stats, theirs) == offsetof(TRELM_PORT_STATS, ours) - kFirstCounter)
+SAME_COUNTER(rx_fcoe_frames, RxFCoEFrames);
+SAME_COUNTER(rx_fcoe_bytes, RxFCoEBytes);
+SAME_COUNTER(rx_fcp_frames, RxFCPFrames);
+SAME_COUNTER(tx_fcoe_frames, TxFCoEFrames);
+SAME_COUNTER(tx_fcoe_bytes, TxFCoEBytes);
+SAME_COUNTER(tx_fcp_frames, TxFCPFrames);
+SAME_COUNTER(fcoe_dropped_frames, FCoEDropedFrames);
+SAME_COUNTER(seq_dropped, SequencesDropped);
+SAME_COUNTER(fc_crc_err_frames, FCCRCErrorFrames);
+SAME_COUNTER(wrong_fcoe_ver_frames, WrongFCoEVersionFrames);
+SAME_COUNTER(eofa_frames, EOFAFrames);
+SAME_COUNTER(missing_frames, MissingFrames);
+SAME_COUNTER(seq_timeouts, SequenceTimeouts);
+SAME_COUNTER(read_req, ReadRequests);
+SAME_COUNTER(write_req, WriteRequests);
+SAME_COUNTER(ctrl_req, ControlRequests);
+SAME_COUNTER(read_megabytes, ReadMegabytes);
+SAME_COUNTER(write_megabytes, WriteMegabytes);
+SAME_COUNTER(fip_vlan_negotiations, FIPVlanNegotiations);
+SAME_COUNTER(fip_fabric_discoveries, FIPFabricDiscoveries);
+SAME_COUNTER(flogi_cnt, FLOGICount);
+SAME_COUNTER(fdisc_cnt, FDISCCount);
+SAME_COUNTER(ulp_tov_expirations, ULPTOVExpirations);
+SAME_COUNTER(rec_expirations, RECExpirations);
+SAME_COUNTER(abts_cnt, ABTSCount);
+SAME_COUNTER(srr_cnt, SRRCount);
+SAME_COUNTER(reset_lun_cnt, ResetLUNCount);
+SAME_COUNTER(reset_tgt_cnt, ResetTargetCount);
+SAME_COUNTER(sess_level_recovery_cnt, SessionLevelRecoveryCount);
+SAME_COUNTER(link_failures, LinkFailures);
+#undef SAME_COUNTER
 
 }  // namespace
 
@@ -32,8 +66,7 @@ uint32_t TRELM_GetPortStats(uint32_t Handle, uint32_t NpivIndex, TRELM_PORT_STAT
     if (outcome.failed())
         return trelm::detail::fail_request(__func__, Handle, "): get stats failed, stat=", outcome);
 
-    memcpy(reinterpret_cast<uint8_t*>(pStats) + offsetof(TRELM_PORT_STATS, RxFCoEFrames), stats.get(),
-           kCounters);
+    memcpy(reinterpret_cast<uint8_t*>(pStats) + kFirstCounter, stats.get(), kCounters);
     trelm::detail::trace_call(__func__, Handle, {trelm::detail::kExiting, TRELM_STATUS_OK});
     return TRELM_STATUS_OK;
 }

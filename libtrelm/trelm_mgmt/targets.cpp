@@ -15,7 +15,6 @@ using trelm::detail::Piece;
 using trelm::detail::PortCall;
 
 constexpr char kFunction[] = "TRELM_GetTgtInfo";
-constexpr uint32_t kDeviceOffline = 13;  // driver status
 
 // LUNs that the target reports; a target that does not answer is listed all the same.
 uint32_t count_luns(PortCall& call, uint32_t target, uint8_t* data) {
@@ -43,7 +42,7 @@ uint32_t list_targets(PortCall& call, uint32_t wanted, TRELM_TGT_INFO* element, 
         *target = {};
         target->scsi_tgt_num = index;
         const Outcome outcome = ask_tgt_info(transport, call.port(), target);
-        if (outcome.stat == kDeviceOffline) {
+        if (outcome.stat == DRIVER_STATUS_DEVICE_OFFLINE) {
             trelm::detail::error(kFunction, Piece("(", handle), Piece("): device offline for index=", index),
                                  " continuing for next index");
             continue;

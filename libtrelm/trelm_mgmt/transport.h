@@ -9,7 +9,7 @@ namespace trelm::detail {
 
 // What the three drivers do not share.
 struct Transport {
-    const native_driver* driver;  // null: the legacy driver
+    const NativeDriver* driver;  // null: the legacy driver
     bool reports_mfw_version;
     // What the public functions log.
     const char* open_failed;

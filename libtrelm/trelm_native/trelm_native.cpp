@@ -14,14 +14,11 @@ namespace {
 
 using trelm::detail::Added;
 using trelm::detail::error;
-using trelm::detail::native_driver;
-using trelm::detail::native_operation;
+using trelm::detail::NativeDriver;
+using trelm::detail::NativeOperation;
 using trelm::detail::Outcome;
 using trelm::detail::Piece;
 using trelm::detail::trace;
-
-constexpr uint32_t kStatusInvalid = 4;    // a command that no record can carry
-constexpr uint32_t kStatusNoMemory = 10;  // the transport's own: no payload could be allocated
 
 // A host has no more ports than this; a driver that counts more is not followed further.
 constexpr uint64_t kMaxInstances = 65536;
@@ -49,7 +46,7 @@ constexpr RequestKind kRequests[trelm::detail::kNativeOperations] = {
      ": send scsi cmd native function failed, errno=", "): pcmd_cb alloc failed.", false},
 };
 
-int invoke(const native_driver& driver, uint64_t callback, void* payload) {
+int invoke(const NativeDriver& driver, uint64_t callback, void* payload) {
     return vmk_MgmtUserCallbackInvokeInt(*driver.handle, 0, callback, 1, payload);
 }
 
@@ -58,13 +55,13 @@ int invoke(const native_driver& driver, uint64_t callback, void* payload) {
 // What the driver tells of one instance.
 struct Instance {
     uint32_t host_no = 0;
-    trelm::detail::native_port_info port = {};
+    trelm::detail::NativePortInfo port = {};
     dorfc_pci_info pci = {};
 };
 
 // In discovery the status in the record alone says whether a call worked.
 template <class Record>
-bool ask_port(const native_driver& driver, uint64_t callback, uint32_t host_no, Record& out) {
+bool ask_port(const NativeDriver& driver, uint64_t callback, uint32_t host_no, Record& out) {
     struct {
         native_cb_header header;
         Record payload;
@@ -75,7 +72,7 @@ bool ask_port(const native_driver& driver, uint64_t callback, uint32_t host_no, 
     return request.header.status == 0;
 }
 
-bool read_instance(const native_driver& driver, uint32_t index, Instance& instance) {
+bool read_instance(const NativeDriver& driver, uint32_t index, Instance& instance) {
     kronfc_hostno_cb hostno = {};
     hostno.inst = index;
     invoke(driver, NATIVE_CB_HOSTNO, &hostno);
@@ -85,7 +82,7 @@ bool read_instance(const native_driver& driver, uint32_t index, Instance& instan
            ask_port(driver, NATIVE_CB_PCI_INFO, hostno.host_no, instance.pci);
 }
 
-void fill_hardware(const native_driver& driver, const Instance& instance, trelm_hw_info& hw) {
+void fill_hardware(const NativeDriver& driver, const Instance& instance, trelm_hw_info& hw) {
     const dorfc_port_info& port = instance.port.common;
     trelm::detail::copy_hardware(hw, port, instance.pci);
     memcpy(hw.model_desc, port.model_desc, sizeof hw.model_desc);
@@ -94,7 +91,7 @@ void fill_hardware(const native_driver& driver, const Instance& instance, trelm_
     driver.fill_hardware(hw, instance.port, instance.pci);
 }
 
-Added add_instance(const native_driver& driver, uint32_t index, const Instance& instance) {
+Added add_instance(const NativeDriver& driver, uint32_t index, const Instance& instance) {
     trelm_priv_db* pdb = nullptr;
     if (trelm_alloc_pdb_mem(&pdb) != 0) {
         error(driver.discovery_names.find_all, Piece(": inst=", index), " mem alloc failed, exiting");
@@ -117,18 +114,18 @@ void trace_at(const char* func, uint32_t apihandle, const char* text) {
     trace(func, Piece("(", apihandle), text);
 }
 
-void trace_entry(const native_driver& driver, native_operation operation, const trelm_priv_db* pdb) {
+void trace_entry(const NativeDriver& driver, NativeOperation operation, const trelm_priv_db* pdb) {
     trace_at(driver.operation_names[operation], trelm::detail::handle_of(pdb), "): entered.");
 }
 
-Outcome no_memory(const native_driver& driver, native_operation operation, const trelm_priv_db* pdb) {
+Outcome no_memory(const NativeDriver& driver, NativeOperation operation, const trelm_priv_db* pdb) {
     const int err = errno;
     error(driver.operation_names[operation], Piece("(", trelm::detail::handle_of(pdb)),
           kRequests[operation].alloc_text);
-    return {1, kStatusNoMemory, err};
+    return {1, DRIVER_STATUS_NO_MEMORY, err};
 }
 
-void trace_exit(const native_driver& driver, native_operation operation, const trelm_priv_db* pdb,
+void trace_exit(const NativeDriver& driver, NativeOperation operation, const trelm_priv_db* pdb,
                 uint32_t result) {
     if (!trelm::detail::logs(trelm::detail::kTrace)) return;
     const char* func = driver.operation_names[operation];
@@ -142,7 +139,7 @@ void trace_exit(const native_driver& driver, native_operation operation, const t
 }
 
 // Sends the wrapper and judges the outcome: the driver's status first, then the call's own result.
-Outcome send(const native_driver& driver, native_operation operation, const trelm_priv_db* pdb,
+Outcome send(const NativeDriver& driver, NativeOperation operation, const trelm_priv_db* pdb,
              native_cb_header* wrapper) {
     wrapper->host_no = pdb->host_no;
     wrapper->status = 0;
@@ -191,10 +188,10 @@ void fill_scsi(kronfc_scsi_cmd_cb& wrapper, bool cleared, const dorfc_scsi_cmd& 
 
 // One SCSI command; `take` gets the driver's answer on success.
 template <class Take>
-Outcome exchange(const native_driver& driver, const trelm_priv_db* pdb, const dorfc_scsi_cmd& cmd,
+Outcome exchange(const NativeDriver& driver, const trelm_priv_db* pdb, const dorfc_scsi_cmd& cmd,
                  const uint8_t* data, Take take) {
     trace_entry(driver, trelm::detail::kScsiCmd, pdb);
-    Outcome outcome = {1, kStatusInvalid, errno};
+    Outcome outcome = {1, DRIVER_STATUS_INVALID, errno};
     if (cmd.cdb_len <= kScsiMaxCdb && !(moves_data(cmd) && cmd.data_len > kScsiMaxData)) {
         const trelm::detail::Pooled<kronfc_scsi_cmd_cb> wrapper;
         if (!wrapper) return no_memory(driver, trelm::detail::kScsiCmd, pdb);
@@ -208,7 +205,7 @@ Outcome exchange(const native_driver& driver, const trelm_priv_db* pdb, const do
 
 }  // namespace
 
-uint32_t trelm::detail::native_find_all_instances(const native_driver& driver, uint32_t* start_inst) {
+uint32_t trelm::detail::native_find_all_instances(const NativeDriver& driver, uint32_t* start_inst) {
     int rc = vmk_MgmtUserInit(driver.signature, driver.cookie, driver.handle);
     if (rc) {
         error(driver.discovery_names.find_all, Piece(": vmk init failed. rc=", rc));
@@ -245,8 +242,8 @@ uint32_t trelm::detail::native_find_all_instances(const native_driver& driver, u
     return 0;
 }
 
-uint32_t trelm::detail::native_open_adapter(const native_driver& driver, trelm_priv_db* pdb,
-                                            uint32_t instance, uint32_t* papi_handle) {
+uint32_t trelm::detail::native_open_adapter(const NativeDriver& driver, trelm_priv_db* pdb, uint32_t instance,
+                                            uint32_t* papi_handle) {
     trace(driver.open_name, ": entered.");
     if (!pdb || !pdb->hw_info) {
         error(driver.open_name, ": pdb not found, exiting");
@@ -259,7 +256,7 @@ uint32_t trelm::detail::native_open_adapter(const native_driver& driver, trelm_p
     return 0;
 }
 
-uint32_t trelm::detail::native_close_adapter(const native_driver& driver, trelm_priv_db* pdb) {
+uint32_t trelm::detail::native_close_adapter(const NativeDriver& driver, trelm_priv_db* pdb) {
     if (!pdb || !pdb->hw_info) {
         error(driver.close_name, ": pdb not found, exiting");
         return 1;
@@ -275,7 +272,7 @@ uint32_t trelm::detail::native_close_adapter(const native_driver& driver, trelm_
     return 0;
 }
 
-trelm::detail::Outcome trelm::detail::native_request(const native_driver& driver, native_operation operation,
+trelm::detail::Outcome trelm::detail::native_request(const NativeDriver& driver, NativeOperation operation,
                                                      const trelm_priv_db* pdb, void* payload, size_t wanted) {
     trace_entry(driver, operation, pdb);
     const Pooled<Request> request;
@@ -292,14 +289,14 @@ trelm::detail::Outcome trelm::detail::native_request(const native_driver& driver
     return outcome;
 }
 
-trelm::detail::Outcome trelm::detail::native_send_scsi_cmd(const native_driver& driver,
+trelm::detail::Outcome trelm::detail::native_send_scsi_cmd(const NativeDriver& driver,
                                                            const trelm_priv_db* pdb, kronfc_scsi_cmd* pcmd) {
     const auto& lead = *reinterpret_cast<const dorfc_scsi_cmd*>(pcmd);
     const auto take = [pcmd](const kronfc_scsi_cmd& answer) { memcpy(pcmd, &answer, sizeof answer); };
     return exchange(driver, pdb, lead, pcmd->data_buffer, take);
 }
 
-trelm::detail::Outcome trelm::detail::native_exchange_scsi_cmd(const native_driver& driver,
+trelm::detail::Outcome trelm::detail::native_exchange_scsi_cmd(const NativeDriver& driver,
                                                                const trelm_priv_db* pdb, dorfc_scsi_cmd* cmd,
                                                                uint8_t* data) {
     const uint32_t room = cmd->direction == SCSI_DIRECTION_IN ? cmd->data_len : 0;

@@ -1,5 +1,5 @@
 // trelm_native.h - the transport over the VMkernel management interface, written once for both native
-// drivers. Each driver describes itself in a native_driver; everything else is the same.
+// drivers. Each driver describes itself in a NativeDriver; everything else is the same.
 #pragma once
 
 #include "discovery.h"
@@ -8,10 +8,10 @@
 namespace trelm::detail {
 
 // Operations that go to one port. Each driver has a function name for each of them.
-enum native_operation { kPortInfo, kPortStats, kTgtInfo, kFcfInfo, kScsiCmd, kNativeOperations };
+enum NativeOperation { kPortInfo, kPortStats, kTgtInfo, kFcfInfo, kScsiCmd, kNativeOperations };
 
 // Both drivers' port information: they begin alike, so what they share can be read from either.
-union native_port_info {
+union NativePortInfo {
     dorfc_port_info common;
     cx_fcoe_port_info cx;
     kronfc_port_info kron;
@@ -27,7 +27,7 @@ struct Outcome {
     bool failed() const { return result != 0 || stat != 0; }
 };
 
-struct native_driver {
+struct NativeDriver {
     vmk_MgmtApiSignature* signature;
     uint64_t cookie;
     vmk_MgmtUserHandle* handle;
@@ -40,8 +40,8 @@ struct native_driver {
     const char* operation_names[kNativeOperations];
 
     // What lies elsewhere in this driver's records, or is numbered in its own way.
-    void (*fill_port)(trelm_priv_db& pdb, const native_port_info& port);
-    void (*fill_hardware)(trelm_hw_info& hw, const native_port_info& port, const dorfc_pci_info& pci);
+    void (*fill_port)(trelm_priv_db& pdb, const NativePortInfo& port);
+    void (*fill_hardware)(trelm_hw_info& hw, const NativePortInfo& port, const dorfc_pci_info& pci);
 };
 
 // The entry of a signature's callback table for a callback in the driver with one in/out payload.
@@ -55,23 +55,23 @@ constexpr vmk_MgmtCallbackInfo native_callback_info(uint64_t id, uint64_t payloa
             .callbackId = id};
 }
 
-uint32_t native_find_all_instances(const native_driver& driver, uint32_t* start_inst);
-uint32_t native_open_adapter(const native_driver& driver, trelm_priv_db* pdb, uint32_t instance,
+uint32_t native_find_all_instances(const NativeDriver& driver, uint32_t* start_inst);
+uint32_t native_open_adapter(const NativeDriver& driver, trelm_priv_db* pdb, uint32_t instance,
                              uint32_t* papi_handle);
-uint32_t native_close_adapter(const native_driver& driver, trelm_priv_db* pdb);
+uint32_t native_close_adapter(const NativeDriver& driver, trelm_priv_db* pdb);
 
 // One operation with a payload of at most 512 bytes; on success `payload` receives the first `wanted` bytes
 // of the driver's answer.
-Outcome native_request(const native_driver& driver, native_operation operation, const trelm_priv_db* pdb,
+Outcome native_request(const NativeDriver& driver, NativeOperation operation, const trelm_priv_db* pdb,
                        void* payload, size_t wanted);
 
 // A SCSI command whose data lies inside the record.
-Outcome native_send_scsi_cmd(const native_driver& driver, const trelm_priv_db* pdb, kronfc_scsi_cmd* pcmd);
+Outcome native_send_scsi_cmd(const NativeDriver& driver, const trelm_priv_db* pdb, kronfc_scsi_cmd* pcmd);
 
 // A SCSI command whose data lies in the caller's own buffer of cmd->data_len bytes, so that it is copied
 // once. The record is used up to its data length, to where those of all drivers are alike; `data` receives at
 // most its own length.
-Outcome native_exchange_scsi_cmd(const native_driver& driver, const trelm_priv_db* pdb, dorfc_scsi_cmd* cmd,
+Outcome native_exchange_scsi_cmd(const NativeDriver& driver, const trelm_priv_db* pdb, dorfc_scsi_cmd* cmd,
                                  uint8_t* data);
 
 // An outcome as the exported functions give it.
@@ -80,7 +80,7 @@ inline uint32_t give(const Outcome& outcome, uint32_t* stat) {
     return outcome.result;
 }
 
-extern const native_driver kron_driver;
-extern const native_driver pyx_driver;
+extern const NativeDriver kron_driver;
+extern const NativeDriver pyx_driver;
 
 }  // namespace trelm::detail

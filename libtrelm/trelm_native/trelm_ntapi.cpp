@@ -37,12 +37,11 @@ using trelm::detail::native_send_scsi_cmd;
 
 namespace {
 
-void fill_port(trelm_priv_db& pdb, const trelm::detail::native_port_info& port) {
+void fill_port(trelm_priv_db& pdb, const trelm::detail::NativePortInfo& port) {
     TRELM_COPY(pdb, port.kron, hba_name);
 }
 
-void fill_hardware(trelm_hw_info& hw, const trelm::detail::native_port_info& port,
-                   const dorfc_pci_info& pci) {
+void fill_hardware(trelm_hw_info& hw, const trelm::detail::NativePortInfo& port, const dorfc_pci_info& pci) {
     TRELM_COPY(hw, port.kron, mfw_version);
     const uint8_t ports_on_adapter = trelm_is_quad_port_zr(&hw) == 0 ? 4 : 2;
     hw.phy_port_number = static_cast<uint8_t>(static_cast<uint8_t>(pci.function_num) % ports_on_adapter + 1);
@@ -50,7 +49,7 @@ void fill_hardware(trelm_hw_info& hw, const trelm::detail::native_port_info& por
 
 }  // namespace
 
-const trelm::detail::native_driver trelm::detail::kron_driver = {
+const trelm::detail::NativeDriver trelm::detail::kron_driver = {
     .signature = &kron_fcapi_sig,
     .cookie = 501,
     .handle = &kron_fcapi_handle,

@@ -34,17 +34,17 @@ using trelm::detail::pyx_driver;
 
 namespace {
 
-void fill_port(trelm_priv_db& pdb, const trelm::detail::native_port_info& port) {
+void fill_port(trelm_priv_db& pdb, const trelm::detail::NativePortInfo& port) {
     TRELM_COPY(pdb, port.cx, hba_name);
 }
 
-void fill_hardware(trelm_hw_info& hw, const trelm::detail::native_port_info&, const dorfc_pci_info& pci) {
+void fill_hardware(trelm_hw_info& hw, const trelm::detail::NativePortInfo&, const dorfc_pci_info& pci) {
     hw.phy_port_number = static_cast<uint8_t>(pci.port_num);
 }
 
 }  // namespace
 
-const trelm::detail::native_driver trelm::detail::pyx_driver = {
+const trelm::detail::NativeDriver trelm::detail::pyx_driver = {
     .signature = &cx_fcoe_sig,
     .cookie = 601,
     .handle = &cx_fcoe_handle,
