@@ -58,6 +58,8 @@ class Host::Core {
     std::optional<HostFileWatch> watch;
     Drivers drivers;
     ManagementApi api{drivers};
+    // The model's effective user as of the last call that held the lock.
+    std::atomic<uint32_t> user{drivers.model.effective_user};
 };
 
 namespace {
@@ -75,6 +77,7 @@ auto as_host(Core& core, const Work& work) {
     {
         const KeepErrno keep;
         core.follow_file();
+        core.user = core.drivers.model.effective_user;
     }
     return work();
 }
@@ -178,6 +181,7 @@ Model& Host::model() { return core_->drivers.model; }
 void Host::edit(const std::function<void(Model&)>& change) {
     const std::lock_guard lock(core_->mutex);
     change(core_->drivers.model);
+    core_->user = core_->drivers.model.effective_user;
 }
 
 std::vector<Call> Host::calls() const {
@@ -221,6 +225,8 @@ void Host::fill_utsname(utsname* name) const noexcept {
 uint32_t Host::effective_user() const noexcept {
     return as_host(*core_, [&] { return core_->drivers.model.effective_user; });
 }
+
+uint32_t Host::shown_owner() const noexcept { return core_->user; }
 
 NodeKind Host::legacy_node() const noexcept {
     return as_host(*core_, [&] {

@@ -59,6 +59,9 @@ class HOSTSIM_API Host {
     State& state() noexcept;
     void fill_utsname(utsname* name) const noexcept;
     uint32_t effective_user() const noexcept;
+    // The user that owns what the caller's user owns on the machine. It takes no lock: a program may ask for a file's
+    // owner while it holds a lock that it also takes before a fork, for which the host's lock is held.
+    uint32_t shown_owner() const noexcept;
     NodeKind legacy_node() const noexcept;
     // The errno of a fault that is injected into open or close of the legacy node, 0 for none. Counts as an
     // occurrence.

@@ -16,7 +16,7 @@ void show_owner(uid_t& user, gid_t& group) noexcept {
     const bool is_groups = group == getegid();
     const Host* host = is_users || is_groups ? Host::current() : nullptr;
     if (host == nullptr) return;
-    const uid_t shown = host->effective_user();
+    const uid_t shown = host->shown_owner();
     if (is_users) user = shown;
     if (is_groups) group = shown;
 }

@@ -106,7 +106,7 @@ TEST_F(HostsimPaths, DirectoriesAreListedAndEnteredAsTheHostsAndTheMachinesPaths
 
 // A file of the user who runs the test is the host user's, whichever call tells.
 TEST_F(HostsimPaths, TheHostsUserOwnsWhatItsProgramsMake) {
-    host_.model().effective_user = 4711;
+    host_.edit([](hostsim::Model& model) { model.effective_user = 4711; });
     const std::string path = in_tmp();
     const int fd = open(path.c_str(), O_RDONLY);
     struct stat s {};
