@@ -57,7 +57,8 @@ bool on_one_file_system(int a, int b) {
 
 // Returns true if the directory was moved. It still has to be emptied.
 bool move_up(int from, const std::string& name, int to, const std::string& as) {
-    fchmodat(from, name.c_str(), S_IRWXU, 0);  // moving a directory requires write permission on it
+    // Moving a directory requires write permission on it.
+    if (fchmodat(from, name.c_str(), S_IRWXU, 0) != 0 && errno == ENOENT) return false;
     return renameat(from, name.c_str(), to, as.c_str()) == 0;
 }
 

@@ -40,7 +40,7 @@ void Output::flush() {
 
 std::size_t Output::width() { return terminal_size(STDOUT_FILENO).columns; }
 
-void Output::stream(Json document) {
+void Output::stream(const Json& document) {
     streams_ = true;
     print(dumped(document, -1));
     flush();

@@ -37,7 +37,7 @@ class Output {
     static std::size_t width();
 
     // A document of a stream, on a line of its own. The stream takes the place of the document at the end.
-    void stream(Json document);
+    void stream(const Json& document);
 
     void fail(Failure failure);
 
