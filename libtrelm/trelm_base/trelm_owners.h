@@ -35,26 +35,26 @@ class NoCancellation {
 };
 
 // A value with a release function and a value that stands for 'none'.
-template <class T, T none, void (*release)(T)>
+template <class T, T None, void (*Release)(T)>
 class Owner {
   public:
-    explicit Owner(T value = none) : value_(value) {}
+    explicit Owner(T value = None) : value_(value) {}
     ~Owner() { reset(); }
     Owner(const Owner&) = delete;
     Owner& operator=(const Owner&) = delete;
 
-    explicit operator bool() const { return value_ != none; }
+    explicit operator bool() const { return value_ != None; }
     T get() const { return value_; }
     T operator->() const { return value_; }
     T let_go() {
         T value = value_;
-        value_ = none;
+        value_ = None;
         return value;
     }
-    void reset(T value = none) {
-        if (value_ != none) {
+    void reset(T value = None) {
+        if (value_ != None) {
             ErrnoKeeper keep;
-            release(value_);
+            Release(value_);
         }
         value_ = value;
     }

@@ -21,8 +21,6 @@
 
 namespace {
 
-using trelm::detail::kLargeBlock;
-using trelm::detail::kSmallBlock;
 using trelm::detail::ThreadCell;
 
 // What the calling thread keeps of one size; nothing, where it has no cell.

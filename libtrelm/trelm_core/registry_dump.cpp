@@ -26,8 +26,8 @@ void print(const Row& row) {
     trelm::detail::trace(nullptr, row.label, terminated);
 }
 
-template <size_t count>
-void print_all(const Row (&rows)[count]) {
+template <size_t Count>
+void print_all(const Row (&rows)[Count]) {
     for (const Row& row : rows) print(row);
 }
 

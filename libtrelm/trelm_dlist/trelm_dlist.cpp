@@ -228,7 +228,7 @@ Chain merge(Chain a, Chain b, trelm_dlist_compare compare) {
 Chain cut(Chain& chain, uint64_t length) {
     Chain run{chain.first, chain.first};
     while (--length && run.last->next) run.last = run.last->next;
-    chain.first = run.last->next;
+    chain.first = run.last->next;  // NOLINT(clang-analyzer-unix.Malloc): released nodes are in no chain
     run.last->next = nullptr;
     return run;
 }

@@ -24,7 +24,7 @@ constexpr Transport kLegacy = {
 };
 
 constexpr Transport kKron = {
-    .driver = &kron_driver,
+    .driver = &kKronDriver,
     .reports_mfw_version = true,
     .open_failed = "): native open failed.",
     .close_failed = "): native close failed.",
@@ -37,7 +37,7 @@ constexpr Transport kKron = {
 };
 
 constexpr Transport kPyx = {
-    .driver = &pyx_driver,
+    .driver = &kPyxDriver,
     .reports_mfw_version = false,
     .open_failed = "): native open failed.",
     .close_failed = "): native close failed.",

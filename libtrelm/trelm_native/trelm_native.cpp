@@ -280,8 +280,8 @@ trelm::detail::Outcome trelm::detail::native_request(const NativeDriver& driver,
     uint8_t* const body = request->body;
     memset(request.get(), 0, sizeof request->header + kRequests[operation].payload);
     if (operation == kTgtInfo) {
-        constexpr size_t at = offsetof(kronfc_tgt_info, scsi_tgt_num);
-        memcpy(body + at, static_cast<uint8_t*>(payload) + at, sizeof(kronfc_tgt_info::scsi_tgt_num));
+        constexpr size_t kAt = offsetof(kronfc_tgt_info, scsi_tgt_num);
+        memcpy(body + kAt, static_cast<uint8_t*>(payload) + kAt, sizeof(kronfc_tgt_info::scsi_tgt_num));
     }
     const Outcome outcome = send(driver, operation, pdb, &request->header);
     if (outcome.result == 0) memcpy(payload, body, wanted);

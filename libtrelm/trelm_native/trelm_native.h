@@ -80,7 +80,7 @@ inline uint32_t give(const Outcome& outcome, uint32_t* stat) {
     return outcome.result;
 }
 
-extern const NativeDriver kron_driver;
-extern const NativeDriver pyx_driver;
+extern const NativeDriver kKronDriver;
+extern const NativeDriver kPyxDriver;
 
 }  // namespace trelm::detail

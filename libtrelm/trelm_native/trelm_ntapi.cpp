@@ -28,7 +28,7 @@ vmk_MgmtApiSignature kron_fcapi_sig = {.version = 0x01000000,
 vmk_MgmtUserHandle kron_fcapi_handle = 0;
 
 using trelm::detail::give;
-using trelm::detail::kron_driver;
+using trelm::detail::kKronDriver;
 using trelm::detail::native_close_adapter;
 using trelm::detail::native_find_all_instances;
 using trelm::detail::native_open_adapter;
@@ -49,7 +49,7 @@ void fill_hardware(trelm_hw_info& hw, const trelm::detail::NativePortInfo& port,
 
 }  // namespace
 
-const trelm::detail::NativeDriver trelm::detail::kron_driver = {
+const trelm::detail::NativeDriver trelm::detail::kKronDriver = {
     .signature = &kron_fcapi_sig,
     .cookie = 501,
     .handle = &kron_fcapi_handle,
@@ -65,34 +65,34 @@ const trelm::detail::NativeDriver trelm::detail::kron_driver = {
 };
 
 uint32_t trelmnt_find_all_instances(const char*, uint32_t* start_inst) {
-    return native_find_all_instances(kron_driver, start_inst);
+    return native_find_all_instances(kKronDriver, start_inst);
 }
 
 uint32_t trelmnt_open_adapter(trelm_priv_db* pdb, uint32_t instance, uint32_t* papi_handle) {
-    return native_open_adapter(kron_driver, pdb, instance, papi_handle);
+    return native_open_adapter(kKronDriver, pdb, instance, papi_handle);
 }
 
-uint32_t trelmnt_close_adapter(trelm_priv_db* pdb) { return native_close_adapter(kron_driver, pdb); }
+uint32_t trelmnt_close_adapter(trelm_priv_db* pdb) { return native_close_adapter(kKronDriver, pdb); }
 
 uint32_t trelmnt_get_port_info(trelm_priv_db* pdb, kronfc_port_info* port_info, uint32_t* stat) {
-    return give(native_request(kron_driver, trelm::detail::kPortInfo, pdb, port_info, sizeof *port_info),
+    return give(native_request(kKronDriver, trelm::detail::kPortInfo, pdb, port_info, sizeof *port_info),
                 stat);
 }
 
 uint32_t trelmnt_get_port_stats(trelm_priv_db* pdb, kronfc_port_stats* pstats, uint32_t* stat) {
-    return give(native_request(kron_driver, trelm::detail::kPortStats, pdb, pstats, sizeof *pstats), stat);
+    return give(native_request(kKronDriver, trelm::detail::kPortStats, pdb, pstats, sizeof *pstats), stat);
 }
 
 uint32_t trelmnt_get_tgt_info(trelm_priv_db* pdb, kronfc_tgt_info* ptgt, uint32_t* stat) {
-    return give(native_request(kron_driver, trelm::detail::kTgtInfo, pdb, ptgt, sizeof *ptgt), stat);
+    return give(native_request(kKronDriver, trelm::detail::kTgtInfo, pdb, ptgt, sizeof *ptgt), stat);
 }
 
 uint32_t trelmnt_get_fcf_info(trelm_priv_db* pdb, kronfc_fcf_info* pfcf, uint32_t* stat) {
-    return give(native_request(kron_driver, trelm::detail::kFcfInfo, pdb, pfcf, sizeof *pfcf), stat);
+    return give(native_request(kKronDriver, trelm::detail::kFcfInfo, pdb, pfcf, sizeof *pfcf), stat);
 }
 
 uint32_t trelmnt_send_scsi_cmd(trelm_priv_db* pdb, kronfc_scsi_cmd* pcmd, uint32_t* stat) {
-    return give(native_send_scsi_cmd(kron_driver, pdb, pcmd), stat);
+    return give(native_send_scsi_cmd(kKronDriver, pdb, pcmd), stat);
 }
 
 trelm_hw_info* trelmnt_get_hw_info_inst(const kronfc_pci_info* pci_info) {

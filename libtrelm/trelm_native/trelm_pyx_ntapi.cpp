@@ -25,12 +25,12 @@ vmk_MgmtApiSignature cx_fcoe_sig = {.version = 0x01000000,
 vmk_MgmtUserHandle cx_fcoe_handle = 0;
 
 using trelm::detail::give;
+using trelm::detail::kPyxDriver;
 using trelm::detail::native_close_adapter;
 using trelm::detail::native_find_all_instances;
 using trelm::detail::native_open_adapter;
 using trelm::detail::native_request;
 using trelm::detail::native_send_scsi_cmd;
-using trelm::detail::pyx_driver;
 
 namespace {
 
@@ -44,7 +44,7 @@ void fill_hardware(trelm_hw_info& hw, const trelm::detail::NativePortInfo&, cons
 
 }  // namespace
 
-const trelm::detail::NativeDriver trelm::detail::pyx_driver = {
+const trelm::detail::NativeDriver trelm::detail::kPyxDriver = {
     .signature = &cx_fcoe_sig,
     .cookie = 601,
     .handle = &cx_fcoe_handle,
@@ -61,34 +61,34 @@ const trelm::detail::NativeDriver trelm::detail::pyx_driver = {
 };
 
 uint32_t trelm_pyxnt_find_all_instances(const char*, uint32_t* start_inst) {
-    return native_find_all_instances(pyx_driver, start_inst);
+    return native_find_all_instances(kPyxDriver, start_inst);
 }
 
 uint32_t trelm_pyxnt_open_adapter(trelm_priv_db* pdb, uint32_t instance, uint32_t* papi_handle) {
-    return native_open_adapter(pyx_driver, pdb, instance, papi_handle);
+    return native_open_adapter(kPyxDriver, pdb, instance, papi_handle);
 }
 
-uint32_t trelm_pyxnt_close_adapter(trelm_priv_db* pdb) { return native_close_adapter(pyx_driver, pdb); }
+uint32_t trelm_pyxnt_close_adapter(trelm_priv_db* pdb) { return native_close_adapter(kPyxDriver, pdb); }
 
 uint32_t trelm_pyxnt_get_port_info(trelm_priv_db* pdb, cx_fcoe_port_info* port_info, uint32_t* stat) {
-    return give(native_request(pyx_driver, trelm::detail::kPortInfo, pdb, port_info, sizeof *port_info),
+    return give(native_request(kPyxDriver, trelm::detail::kPortInfo, pdb, port_info, sizeof *port_info),
                 stat);
 }
 
 uint32_t trelm_pyxnt_get_port_stats(trelm_priv_db* pdb, cx_fcoe_port_stats* pstats, uint32_t* stat) {
-    return give(native_request(pyx_driver, trelm::detail::kPortStats, pdb, pstats, sizeof *pstats), stat);
+    return give(native_request(kPyxDriver, trelm::detail::kPortStats, pdb, pstats, sizeof *pstats), stat);
 }
 
 uint32_t trelm_pyxnt_get_tgt_info(trelm_priv_db* pdb, cx_fcoe_tgt_info* ptgt, uint32_t* stat) {
-    return give(native_request(pyx_driver, trelm::detail::kTgtInfo, pdb, ptgt, sizeof *ptgt), stat);
+    return give(native_request(kPyxDriver, trelm::detail::kTgtInfo, pdb, ptgt, sizeof *ptgt), stat);
 }
 
 uint32_t trelm_pyxnt_get_fcf_info(trelm_priv_db* pdb, cx_fcoe_fcf_info* pfcf, uint32_t* stat) {
-    return give(native_request(pyx_driver, trelm::detail::kFcfInfo, pdb, pfcf, sizeof *pfcf), stat);
+    return give(native_request(kPyxDriver, trelm::detail::kFcfInfo, pdb, pfcf, sizeof *pfcf), stat);
 }
 
 uint32_t trelm_pyxnt_send_scsi_cmd(trelm_priv_db* pdb, cx_fcoe_scsi_cmd* pcmd, uint32_t* stat) {
-    return give(native_send_scsi_cmd(pyx_driver, pdb, pcmd), stat);
+    return give(native_send_scsi_cmd(kPyxDriver, pdb, pcmd), stat);
 }
 
 trelm_hw_info* trelm_pyxnt_get_hw_info_inst(const cx_fcoe_pci_info* pci_info) {

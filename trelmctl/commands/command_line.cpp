@@ -271,11 +271,11 @@ void show_text(const char* key, const std::string& text, Output& output) {
 
 // `before` is what stands before the name in the usage line.
 std::string fitted_help(const CLI::App& app, const std::string& before = "") {
-    constexpr std::size_t column_of_descriptions = 30;
+    constexpr std::size_t kColumnOfDescriptions = 30;
     std::istringstream lines(app.help(before));
     std::string out;
     for (std::string line; std::getline(lines, line);) {
-        const std::size_t indent = line.starts_with("  ") ? column_of_descriptions : 2;
+        const std::size_t indent = line.starts_with("  ") ? kColumnOfDescriptions : 2;
         out += wrapped(line, Output::width(), indent) + "\n";
     }
     return out;
