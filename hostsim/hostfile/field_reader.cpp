@@ -38,7 +38,7 @@ bool in_range(const Field& field, const FieldValue& number) {
 }
 
 Reading read_number(const Field& field, const JsonValue& value) {
-    const Reading number = whole_number(value);
+    Reading number = whole_number(value);
     if (!number || !in_range(field, *number)) return std::nullopt;
     const auto is_it = [&](const Word& word) { return FieldValue(word.number) == *number; };
     const auto& words = field.allowed_words;
@@ -115,7 +115,7 @@ Reading read_error_number(const JsonValue& value) {
     if (value.kind == Kind::text) {
         if (const int error = errno_by_name(value.text)) return static_cast<uint64_t>(error);
     }
-    const Reading number = whole_number(value);
+    Reading number = whole_number(value);
     if (!number || std::get<uint64_t>(*number) < 1 || std::get<uint64_t>(*number) > kLargest)
         return std::nullopt;
     return number;
