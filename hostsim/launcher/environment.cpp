@@ -25,7 +25,7 @@ bool can_be_listed(const std::string& path) {
 
 // A path of the preload object that LD_PRELOAD can hold.
 std::string preload_object(const Root& root) {
-    const std::string object = preload_path();
+    std::string object = preload_path();
     if (object.empty())
         throw std::runtime_error("libtrelm-hostsim.so is not where it belongs beside " +
                                  own_object().string() +

@@ -171,12 +171,12 @@ class Documents : public View {
                          {"totals", totals},
                          {"rates_per_second", rates},
                          {"error", nullptr}});
-        output_.stream(std::move(document));
+        output_.stream(document);
     }
     void show(const Failure& failure) override {
         Json document = head();
         document["error"] = to_json(failure);
-        output_.stream(std::move(document));
+        output_.stream(document);
     }
 
   private:
