@@ -122,6 +122,13 @@ void add_capacity_options(CLI::App& command, Options& options) {
     add_flag(command, "--16", options.sixteen, "Use READ CAPACITY(16) in any case");
 }
 
+void add_seconds(CLI::App& command, const char* name, std::chrono::duration<double>& seconds,
+                 const char* help) {
+    add_value(command, name, "SECONDS", help, [name, &seconds](const std::string& given) {
+        seconds = std::chrono::duration<double>(seconds_value(name, given));
+    });
+}
+
 void add_metrics_options(CLI::App& command, Options& options) {
     metrics::Settings& settings = options.metrics;
     add_value(command, "--format", "FORMAT",
@@ -129,12 +136,19 @@ void add_metrics_options(CLI::App& command, Options& options) {
               [&](const std::string& given) { settings.format = metrics_format_value(given); });
     command.add_option("--output", settings.output, "Replace FILE, for a text-file collector")
         ->type_name("FILE");
-    add_flag(command, "--luns", settings.sampling.luns, "Ask every LUN, too; takes three commands each");
-    add_value(command, "--deadline", "SECONDS", "Go on without ports that do not answer in this time (5)",
-              [&](const std::string& given) {
-                  settings.sampling.deadline =
-                      std::chrono::duration<double>(seconds_value("--deadline", given));
-              });
+    add_flag(command, "--luns", settings.sampling.luns, "Ask every LUN, too; takes about five commands each");
+    add_seconds(command, "--deadline", settings.sampling.deadline,
+                "Go on without ports that do not answer in this time (5)");
+    command
+        .add_option("--listen", settings.listen,
+                    "Serve on ADDRESS:PORT, [IPV6]:PORT, :PORT (loopback) or unix:PATH until interrupted")
+        ->type_name("ADDRESS");
+    command
+        .add_option("--web-config", settings.web_config,
+                    "Users and TLS of --listen, in the format of Prometheus' exporter toolkit")
+        ->type_name("FILE");
+    add_seconds(command, "--reload", settings.sampling.reload,
+                "Look for new ports and FCFs after this time when serving (300)");
     add_flag(command, "--list", settings.describe, "List the metrics that there are, as a Markdown table");
 }
 
@@ -214,6 +228,13 @@ struct Parser {
     CLI::App app{"Shows and tries the FCoE ports of this host and the storage behind them."};
 };
 
+void check_metrics(const metrics::Settings& settings) {
+    if (settings.listen.empty() && !settings.web_config.empty())
+        wrong_usage("--web-config requires --listen");
+    if (!settings.listen.empty() && (settings.format || !settings.output.empty()))
+        wrong_usage("--listen goes without --format and --output: who asks names the format");
+}
+
 // What no single option can check.
 void check_together(const Options& options) {
     const bool reads = options.data_in > 0;
@@ -222,6 +243,7 @@ void check_together(const Options& options) {
     if (options.raw && !reads) wrong_usage("--raw requires --in");
     if (!options.out_file.empty() && !reads) wrong_usage("--out-file requires --in");
     if (options.json && options.raw) wrong_usage("--raw and --json exclude each other");
+    check_metrics(options.metrics);
     if (options.json && options.command->run == run_metrics)
         wrong_usage("metrics are no JSON: --format says in which of their formats they are written");
     if (options.command->run != run_scsi) return;

@@ -5,6 +5,7 @@
 #include <array>
 #include <nlohmann/json.hpp>
 
+#include "drawing.h"
 #include "text.h"
 #include "trelm_mgmt.hpp"
 
@@ -33,7 +34,10 @@ std::span<const Command> commands() {
     return table;
 }
 
-void run_metrics(const Options& options, Output& output) { metrics::run(options.metrics, output); }
+void run_metrics(const Options& options, Output& output) {
+    metrics::run(options.metrics, output,
+                 [](const Topology& topology) { return drawing_of(topology, DrawingFormat::svg); });
+}
 
 void run_version(const Options&, Output& output) {
     const uint32_t number = trelm::Library::version_number();

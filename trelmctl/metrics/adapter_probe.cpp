@@ -71,19 +71,12 @@ bool reports_no_luns(const trelm::Adapter& adapter, uint32_t npiv_index, uint32_
 
 std::vector<LunSample> sample_luns(const trelm::Adapter& adapter, uint32_t npiv_index,
                                    const TargetSample& target) {
-    Progress silent;
+    Progress silent(false);
     std::vector<LunSample> luns;
     for (ListedLun& listed :
-         list_luns(adapter, npiv_index, target.info.ScsiTgtNum, LunDetail::listed, silent)) {
-        LunSample& lun = luns.emplace_back();
-        lun.labels = Labels(target.labels).add("lun", lun_text(listed.lun)).text();
-        lun.answers = !listed.failure;
-        lun.capacity = listed.capacity;
-        if (!lun.answers) continue;
-        lun.type = type_text(listed);
-        lun.vendor = std::move(listed.vendor);
-        lun.product = std::move(listed.product);
-        lun.revision = std::move(listed.revision);
+         list_luns(adapter, npiv_index, target.info.ScsiTgtNum, LunDetail::named, silent)) {
+        std::string labels = Labels(target.labels).add("lun", lun_text(listed.lun)).text();
+        luns.push_back({std::move(labels), std::move(listed)});
     }
     return luns;
 }
@@ -98,6 +91,7 @@ PortName AdapterProbe::name(uint32_t npiv_index, bool is_virtual) const {
     port.label = fmt::to_string(instance_);
     if (is_virtual) port.label += fmt::format("/{}", npiv_index);
     port.labels = Labels().add("port", port.label).text();
+    port.npiv_index = npiv_index;
     port.is_virtual = is_virtual;
     if (info_) port.identity = fmt::format("{}/{}", address(info_->WWPN), npiv_index);
     return port;

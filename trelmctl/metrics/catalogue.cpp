@@ -187,12 +187,13 @@ void emit_target_info(const TargetSample& target, Exposition& out) {
 }
 
 void emit_lun_info(const LunSample& lun, Exposition& out) {
-    if (!lun.answers) return;
+    if (!lun.answers()) return;
     out.add_info(Labels(lun.labels)
-                     .add("type", lun.type)
-                     .add("vendor", lun.vendor)
-                     .add("product", lun.product)
-                     .add("revision", lun.revision));
+                     .add("name", lun.listed.name)
+                     .add("type", type_text(lun.listed))
+                     .add("vendor", lun.listed.vendor)
+                     .add("product", lun.listed.product)
+                     .add("revision", lun.listed.revision));
 }
 
 void emit_luns(const PortSample& port, Exposition& out) {
@@ -352,12 +353,14 @@ const auto& table() {
                 if (target.luns) out.add(target.labels, uint64_t{*target.luns});
             }),
 
-        row("trelm_lun", info, "", "port, target, lun, type, vendor, product, revision",
+        row("trelm_lun", info, "", "port, target, lun, name, type, vendor, product, revision",
             "What a LUN says it is. Only with --luns.", EmitFor<LunSample>(emit_lun_info)),
         row("trelm_lun_online", gauge, "", "port, target, lun", "Whether the LUN answers. Only with --luns.",
-            [](const LunSample& lun, Exposition& out) { out.add(lun.labels, lun.answers); }),
+            [](const LunSample& lun, Exposition& out) { out.add(lun.labels, lun.answers()); }),
         row("trelm_lun_capacity_bytes", gauge, "bytes", "port, target, lun", "Capacity. Only with --luns.",
-            [](const LunSample& lun, Exposition& out) { emit_nonzero(lun.labels, out, lun.capacity); }),
+            [](const LunSample& lun, Exposition& out) {
+                emit_nonzero(lun.labels, out, lun.listed.capacity);
+            }),
     };
     return rows;
 }

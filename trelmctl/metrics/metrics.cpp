@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "catalogue.h"
+#include "exporter.h"
 #include "failure.h"
 #include "output.h"
 #include "ports.h"
@@ -49,8 +50,9 @@ void sample_once(const Settings& settings, Output& output) {
 
 }  // namespace
 
-void run(const Settings& settings, Output& output) {
+void run(const Settings& settings, Output& output, Draw draw) {
     if (settings.describe) return output.print(describe());
+    if (!settings.listen.empty()) return serve(settings.sampling, settings.listen, settings.web_config, draw);
     sample_once(settings, output);
 }
 

@@ -65,7 +65,6 @@ Sampler::~Sampler() = default;
 
 bool Sampler::is_due_for_load() const {
     if (!load_) return true;
-    if (settings_.reload.count() <= 0) return false;
     const auto age = Clock::now() - loaded_at_;
     return age >= settings_.reload || (!last_complete_ && age >= kLeastLoadInterval);
 }
@@ -73,14 +72,15 @@ bool Sampler::is_due_for_load() const {
 // A load may hang in a driver like everything else, and a free waits for calls that have not come back.
 void Sampler::load(Clock::time_point deadline) {
     if (!pending_ && is_due_for_load() && (!load_ || load_->workers->wait_idle(Clock::now()))) {
-        pending_ = std::make_shared<Pending>();
+        // The job has the only reference to the old load: while it lives, the library stays as it is.
+        pending_ = std::make_shared<Pending>(Pending{std::move(load_)});
         loader_.run(
-            [old = std::move(load_), pending = pending_, luns = settings_.luns](std::size_t) mutable {
-                old.reset();
+            [pending = pending_, luns = settings_.luns](std::size_t) {
+                pending->load.reset();
                 try {
-                    pending->load = std::make_shared<Load>(luns);
+                    pending->load = std::make_unique<Load>(luns);
                 } catch (const std::exception&) {
-                    pending->load.reset();
+                    // The next sample tries again.
                 }
             },
             deadline);

@@ -16,7 +16,7 @@ namespace trelmctl::metrics {
 
 struct SamplerSettings {
     std::chrono::duration<double> deadline{5};  // for every port to answer
-    std::chrono::duration<double> reload{300};  // from one load of the library to the next; 0: load once
+    std::chrono::duration<double> reload{300};  // from one load of the library to the next
     bool luns = false;
 };
 
@@ -33,9 +33,9 @@ class Sampler {
 
   private:
     struct Load;
-    // A load under way.
+    // What the thread that loads works on: the old load, and then the new one.
     struct Pending {
-        std::shared_ptr<Load> load;
+        std::unique_ptr<Load> load;
     };
 
     bool is_due_for_load() const;
@@ -45,7 +45,7 @@ class Sampler {
     SamplerSettings settings_;
     Workers loader_{1};
     std::shared_ptr<Pending> pending_;
-    std::shared_ptr<Load> load_;
+    std::unique_ptr<Load> load_;
     Clock::time_point loaded_at_{};
     bool last_complete_ = true;
     uint64_t round_ = 0;

@@ -9,15 +9,16 @@
 #include <utility>
 #include <vector>
 
+#include "luns.h"
 #include "trelm_mgmt.hpp"
 
 namespace trelmctl::metrics {
 
 struct LunSample {
     std::string labels;
-    bool answers = false;   // to INQUIRY and READ CAPACITY
-    uint64_t capacity = 0;  // bytes; 0: not told
-    std::string type, vendor, product, revision;
+    ListedLun listed;
+
+    bool answers() const { return !listed.failure; }
 };
 
 struct TargetSample {
@@ -31,6 +32,7 @@ struct PortName {
     std::string label;  // instance number, of a virtual port with its NPIV index: "0", "0/1"
     std::string labels;
     std::string identity;  // stays the same when the library is loaded anew
+    uint32_t npiv_index = 0;
     bool is_virtual = false;
 };
 

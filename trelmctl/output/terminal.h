@@ -29,6 +29,7 @@ void tell(std::string_view text);
 class Progress {
   public:
     Progress();
+    explicit Progress(bool visible) : visible_(visible) {}
     ~Progress() { clear(); }
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;

@@ -1,0 +1,171 @@
+"""The exporter: what it serves, to whom, and that neither drivers that hang nor clients that do harm keep it from it."""
+
+from __future__ import annotations
+
+import base64
+import concurrent.futures
+import crypt
+import os
+import resource
+import socket
+import ssl
+import subprocess
+import tempfile
+import time
+import unittest
+from pathlib import Path
+from typing import Any
+
+from exporters import BUILD, PATIENCE, Exporter, small_host, wait_until
+
+# The driver of an instance waits while there is a file "hang-INSTANCE" in the directory of its exporter.
+SLOWLY = f'export LD_PRELOAD="{os.environ["SLOW_DRIVER_LIBRARY"]}:$LD_PRELOAD" SLOW_DRIVER="$PWD"; '
+REQUESTS = int(os.environ.get("REQUESTS", "1000"))  # of the test of the memory
+
+
+class ExporterTest(unittest.TestCase):
+    def start(self, *options: str, host: Any = None, **settings: str) -> Exporter:
+        exporter = Exporter(host or small_host(), *options, **settings)
+        self.addCleanup(exporter.end)
+        return exporter
+
+    def test_serves_metrics_health_and_a_page_and_ends_in_order(self) -> None:
+        for address in ("127.0.0.1:0", "[::1]:0", ":0", f"unix:{BUILD}/exporter-test.sock"):
+            with self.subTest(address):
+                exporter = self.start(address=address)
+                status, headers, text = exporter.get()
+                self.assertEqual((status, headers["Content-Type"]), (200, "text/plain; version=0.0.4; charset=utf-8"))
+                self.assertIn('# TYPE trelm_rx_bytes_total counter\ntrelm_rx_bytes_total{port="0"} ', text)
+                self.assertEqual(exporter.end(), 0)
+        exporter = self.start()
+        _, headers, text = exporter.get(Accept="application/openmetrics-text;version=1.0.0,*/*;q=0.1")
+        self.assertTrue(headers["Content-Type"].startswith("application/openmetrics-text; version=1.0.0"))
+        self.assertTrue(text.endswith("# EOF\n"))
+        self.assertEqual(exporter.get("/healthz")[::2], (200, "ok\n"))
+        self.assertRegex(exporter.get("/")[2], r"<tr><td>1</td><td>vmhba\d+</td><td>online</td>.*<td>Ulvard &lt;8042></td>")
+        self.assertIn("<svg ", exporter.get("/")[2])
+        self.assertEqual([exporter.get("/x")[0], exporter.get(method="POST")[0]], [404, 405])
+
+    def test_dates_counters_to_their_reset_and_finds_a_new_port(self) -> None:
+        exporter = self.start("--reload", "0.01")
+        before = exporter.metrics()
+        exporter.host["adapters"][0]["ports"][0]["counters"] = {"rx_fcoe_frames": 7}
+        exporter.host["adapters"][0]["ports"] += small_host(3)["adapters"][0]["ports"][2:]
+        sampled = time.time()
+        exporter.write_host()
+        after = wait_until(lambda: (found := exporter.metrics()).get("trelm_physical_ports") == 3 and found)
+        self.assertGreater(before['trelm_rx_frames_total{port="0"}'], 7)
+        self.assertEqual(after['trelm_rx_frames_total{port="0"}'], 7)
+        self.assertAlmostEqual(after['trelm_rx_frames_created{port="0"}'], sampled, delta=PATIENCE)
+        self.assertNotIn('trelm_rx_frames_created{port="1"}', after)
+
+    def test_goes_on_without_a_port_that_hangs(self) -> None:
+        exporter = self.start("--deadline", "0.5", before=SLOWLY)
+        hang = exporter.directory / "hang-0"
+        self.assertEqual(exporter.metrics()['trelm_scrape_success{port="0"}'], 1)
+        hang.touch()
+        for _ in range(2):
+            late = exporter.metrics()
+            self.assertEqual([late[f'trelm_scrape_late{{port="{port}"}}'] for port in range(2)], [1, 0])
+            self.assertEqual([late[f'trelm_scrape_success{{port="{port}"}}'] for port in range(2)], [0, 1])
+            self.assertNotIn('trelm_rx_frames_total{port="0"}', late)
+            self.assertIn('trelm_rx_frames_total{port="1"}', late)
+        self.assertIn("no answer in time", exporter.get("/")[2])
+        hang.unlink()
+        wait_until(lambda: exporter.metrics()['trelm_scrape_success{port="0"}'] == 1)
+        hang.touch()
+        exporter.metrics()
+        self.assertEqual(exporter.end(), 0)
+
+    def test_serves_before_the_drivers_list_their_ports(self) -> None:
+        exporter = self.start("--deadline", "0.2", before=SLOWLY + "touch hang-0; ")
+        self.assertEqual(exporter.metrics()["trelm_library_loaded"], 0)
+        self.assertEqual(exporter.get("/healthz")[0], 200)
+        (exporter.directory / "hang-0").unlink()
+        wait_until(lambda: exporter.metrics()["trelm_library_loaded"] == 1)
+
+    def test_requests_in_flight_share_one_sampling(self) -> None:
+        exporter = self.start("--deadline", "1", before=SLOWLY)
+        exporter.metrics()
+        (exporter.directory / "hang-0").touch()
+        with concurrent.futures.ThreadPoolExecutor(40) as clients:
+            texts = set(clients.map(lambda _: exporter.get()[2], range(40)))
+        self.assertLessEqual(len(texts), 2)  # the durations in them differ from one sampling to the next
+
+    def test_clients_that_do_harm_leave_it_serving(self) -> None:
+        _, most = resource.getrlimit(resource.RLIMIT_NOFILE)
+        resource.setrlimit(resource.RLIMIT_NOFILE, (min(most, 4096), most))
+        exporter = self.start()
+        idle = [exporter.connect() for _ in range(1000)]
+        for half, text in zip(idle, (b"GET /metrics HT", b"GET /metrics HTTP/1.1\r\nHost: x\r\nA", b"\0\xff" * 99, b"\r\n" * 99)):
+            half.sendall(text)
+        slow = exporter.connect()
+        slow.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1)
+        slow.sendall(b"GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n")
+        gone = exporter.connect()
+        gone.sendall(b"GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n")
+        gone.close()
+        self.assertEqual(exporter.get()[0], 200)
+        self.assertEqual(exporter.get(X_Long="x" * 100_000)[0], 431)
+        self.assertEqual(exporter.get("/" + "x" * 100_000)[0], 414)
+        self.assertEqual(exporter.get()[0], 200)
+        for connection in [*idle, slow]:
+            connection.close()
+
+    def test_memory_is_flat(self) -> None:
+        exporter = self.start("--luns", "--reload", "0.5")
+
+        def resident() -> int:
+            processes = subprocess.run(["ps", "-o", "rss=,comm=", "--ppid", str(exporter.process.pid)], stdout=subprocess.PIPE, check=True)
+            return max(int(line.split()[0]) for line in processes.stdout.decode().splitlines())
+
+        def scrape(count: int) -> int:
+            for _ in range(count):
+                self.assertEqual(exporter.get()[0], 200)
+            return resident()
+
+        first = scrape(REQUESTS // 4)
+        last = scrape(REQUESTS)
+        print(f"memory: {first} KiB after {REQUESTS // 4} scrapes, {last} KiB after {REQUESTS + REQUESTS // 4}")
+        self.assertLess(last - first, 1024)
+
+    def test_tls_and_users_of_a_web_configuration(self) -> None:
+        directory = Path(self.enterContext(tempfile.TemporaryDirectory(dir=BUILD)))
+        make = "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=localhost -addext subjectAltName=DNS:localhost"
+        subprocess.run([*make.split(), "-keyout", directory / "key", "-out", directory / "cert"], check=True, stderr=subprocess.DEVNULL)
+        hashed = crypt.crypt("open sesame", crypt.mksalt(crypt.METHOD_BLOWFISH, rounds=2**8))
+        config = directory / "web.yml"
+        config.write_text(
+            f"tls_server_config:\n  cert_file: cert\n  key_file: key\n  min_version: TLS13\n"
+            f"http_server_config:\n  headers:\n    X-Frame-Options: deny\nbasic_auth_users:\n  scraper: {hashed}\n"
+        )
+        exporter = self.start("--web-config", str(config))
+        tls = ssl.create_default_context(cafile=str(directory / "cert"))
+
+        def status(user: str, password: str) -> int:
+            credentials = base64.b64encode(f"{user}:{password}".encode()).decode()
+            return exporter.get(tls=tls, Authorization=f"Basic {credentials}")[0]
+
+        status_without, headers, _ = exporter.get(tls=tls)
+        self.assertEqual((status_without, headers["X-Frame-Options"]), (401, "deny"))
+        self.assertIn("Basic", headers["WWW-Authenticate"])
+        for user, password, expected in (("scraper", "wrong", 401), ("nobody", "open sesame", 401), ("scraper", "open sesame", 200)) * 2:
+            self.assertEqual(status(user, password), expected, (user, password))
+        with concurrent.futures.ThreadPoolExecutor(100) as clients:
+            guesses = list(clients.map(lambda n: status("scraper", f"guess {n}"), range(100)))
+        self.assertEqual(set(guesses), {401})
+        old = ssl.create_default_context(cafile=str(directory / "cert"))
+        old.maximum_version = ssl.TLSVersion.TLSv1_2
+        with self.assertRaises(ssl.SSLError):
+            exporter.get(tls=old)
+
+        for text in ("tls_server_config:\n  client_ca_file: cert\n", "basic_auth_users:\n  scraper: plain\n", "basic_auth_users: [\n"):
+            config.write_text(text)
+            refused = Exporter(small_host(), "--web-config", str(config))
+            self.addCleanup(refused.end)
+            self.assertEqual(refused.process.wait(PATIENCE), 1, text)
+            self.assertIn("web.yml", refused.errors())
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,144 @@
+"""Simulated hosts with an exporter each, and what is asked of them over HTTP.
+
+The environment names the build tree: TRELM_BUILD.
+"""
+
+from __future__ import annotations
+
+import http.client
+import json
+import os
+import shutil
+import signal
+import socket
+import ssl
+import subprocess
+import tempfile
+import time
+from pathlib import Path
+from typing import Any, Callable, Dict, List, Optional, Tuple, TypeVar
+
+BUILD = Path(os.environ["TRELM_BUILD"])
+PATIENCE = 120.0  # seconds, for a machine that does much else
+Found = TypeVar("Found")
+
+
+def wait_until(look: Callable[[], Found], patience: float = PATIENCE) -> Found:
+    """What `look` gives as soon as it gives something; fails with it after so long."""
+    end = time.monotonic() + patience
+    while not (found := look()):
+        if time.monotonic() > end:
+            raise TimeoutError("what was waited for did not come")
+        time.sleep(0.05)
+    return found
+
+
+class Exporter:
+    """A simulated host and the exporter on it, in a directory that goes with them."""
+
+    def __init__(self, host: Dict[str, Any], *options: str, address: str = "127.0.0.1:0", before: str = "") -> None:
+        self.directory = Path(tempfile.mkdtemp(dir=BUILD))
+        self.host = host
+        self.write_host()
+        command = f"{before}exec trelmctl metrics --listen {address} {' '.join(options)}"
+        with open(self.directory / "errors", "w", encoding="utf-8") as errors:
+            self.process = subprocess.Popen(
+                [BUILD / "bin/trelm-hostsim", "run", self.host_file, "--", "sh", "-c", command],
+                stderr=errors,
+                cwd=self.directory,
+                start_new_session=True,
+            )
+        self.address = ""
+
+    @property
+    def host_file(self) -> Path:
+        return self.directory / "host.json"
+
+    def write_host(self) -> None:
+        """Puts the host into its file, whole."""
+        new = self.directory / "new.json"
+        new.write_text(json.dumps(self.host), encoding="utf-8")
+        new.replace(self.host_file)
+
+    def errors(self) -> str:
+        return (self.directory / "errors").read_text(encoding="utf-8")
+
+    def wait_for_address(self) -> str:
+        def look() -> str:
+            if self.process.poll() is not None:
+                raise RuntimeError(f"the exporter ended: {self.errors()}")
+            _, found, address = self.errors().partition("serving metrics on ")
+            return address.strip() if found and address.endswith("\n") else ""
+
+        self.address = self.address or wait_until(look)
+        return self.address
+
+    def connect(self) -> socket.socket:
+        address = self.wait_for_address()
+        if address.startswith("unix:"):
+            connection = socket.socket(socket.AF_UNIX)
+            connection.connect(address[len("unix:") :])
+            return connection
+        host, _, port = address.rpartition(":")
+        return socket.create_connection((host.strip("[]"), int(port)), timeout=PATIENCE)
+
+    def get(
+        self, path: str = "/metrics", method: str = "GET", tls: Optional[ssl.SSLContext] = None, **headers: str
+    ) -> Tuple[int, Dict[str, str], str]:
+        """Status, headers and text. Headers have '_' where HTTP has '-'."""
+        connection = http.client.HTTPConnection("localhost", timeout=PATIENCE)
+        connection.sock = tls.wrap_socket(self.connect(), server_hostname="localhost") if tls else self.connect()
+        try:
+            connection.request(method, path, headers={name.replace("_", "-"): text for name, text in headers.items()})
+            response = connection.getresponse()
+            return response.status, dict(response.getheaders()), response.read().decode()
+        finally:
+            connection.close()
+
+    def metrics(self) -> Dict[str, float]:
+        """The value of every sample by its name with its labels."""
+        lines = self.get(Accept="application/openmetrics-text;version=1.0.0")[2].splitlines()
+        samples = [line.rpartition(" ") for line in lines if not line.startswith("#")]
+        return {name: float(value) for name, _, value in samples}
+
+    def kill(self) -> None:
+        """Ends the exporter and leaves no time to end in order."""
+        try:
+            os.killpg(self.process.pid, signal.SIGKILL)
+        except ProcessLookupError:
+            pass  # it has ended
+        self.process.wait()
+
+    def end(self) -> int:
+        """Ends the exporter in order and gives its status."""
+        if self.process.poll() is None:
+            self.process.terminate()
+        try:
+            return self.process.wait(PATIENCE)
+        finally:
+            self.kill()
+            shutil.rmtree(self.directory, ignore_errors=True)
+
+
+def small_host(ports: int = 2) -> Dict[str, Any]:
+    """Ports of one adapter that see the two targets of one array, with the same two LUNs behind either."""
+
+    def target(number: int) -> Dict[str, Any]:
+        luns: List[Dict[str, Any]] = [
+            {"number": lun, "capacity": "64 GiB", "naa": f"50:00:00:c0:5a:d1:00:{lun:02x}"} for lun in range(2)
+        ]
+        return {"index": number, "wwnn": "50:00:00:c0:5a:00:00:10", "wwpn": f"50:00:00:c0:5a:00:00:{number:02x}", "luns": luns}
+
+    def port(number: int) -> Dict[str, Any]:
+        fcf = {"switch_name": "20:64:00:c0:5a:00:00:01", "fabric_name": "10:00:00:c0:5a:00:00:01", "fcf_mac": "00:c0:5a:0f:00:01"}
+        return {
+            "name": f"port-{number}",
+            "function": number,
+            "vlan": 20,
+            "fcfs": [fcf],
+            "targets": [target(0), target(1)],
+            "counters": {"rx_fcoe_bytes": {"start": 1000, "rate": 125000}, "rx_fcoe_frames": {"start": 100, "rate": 100}},
+        }
+
+    pci = {"address": "0000:3b:00", "vendor_id": "0x1077", "device_id": "0x8080"}
+    return {"name": "small", "adapters": [{"driver": "kron", "model": "Ulvard <8042>", "pci": pci, "ports": [port(i) for i in range(ports)]}]}

@@ -1,0 +1,288 @@
+"""A fleet of simulated hosts with an exporter each, under a real Prometheus with the rules of contrib/prometheus.
+
+    fleet.py [HOSTS] [--speed FACTOR]
+
+Breaks links, targets, FCFs, drivers and an exporter by editing host files, mends them again, and prints when each alert fired and
+cleared. Ends with status 1 where one did not, or where a query of the dashboard finds nothing. The durations in the rules
+are divided by the factor. All listens on the loopback address.
+
+The environment names the trees: TRELM_SOURCE and TRELM_BUILD.
+"""
+
+from __future__ import annotations
+
+import argparse
+import json
+import os
+import re
+import shutil
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import urllib.parse
+import urllib.request
+from dataclasses import dataclass, field
+from pathlib import Path
+from typing import Any, Callable, Dict, Iterator, List, Optional
+
+from exporters import BUILD, PATIENCE, Exporter, small_host, wait_until
+
+SOURCE = Path(os.environ["TRELM_SOURCE"])
+CONTRIB = SOURCE / "contrib/prometheus"
+UNITS = {"s": 1, "m": 60, "h": 3600, "d": 86400}
+Host = Dict[str, Any]
+
+
+def faster(rules: str, factor: float) -> str:
+    """The rules with every duration divided by the factor."""
+
+    def shorter(match: "re.Match[str]") -> str:
+        return f"{match[1]}{max(1, round(int(match[2]) * UNITS[match[3]] * 1000 / factor))}ms"
+
+    return re.sub(r"(for: |\[)(\d+)([smhd])\b", shorter, rules)
+
+
+def port(host: Host, number: int = 0) -> Host:
+    return host["adapters"][0]["ports"][number]
+
+
+def set_counter(name: str, rate: float) -> Callable[[Host], None]:
+    def change(host: Host) -> None:
+        port(host)["counters"][name] = {"start": 1000, "rate": rate}
+
+    return change
+
+
+def set_targets_offline(ports: int, targets: int) -> Callable[[Host], None]:
+    def change(host: Host) -> None:
+        for each in host["adapters"][0]["ports"][:ports]:
+            for target in each["targets"][:targets]:
+                target["offline"] = True
+
+    return change
+
+
+def remove_fcf(host: Host) -> None:
+    port(host)["fcfs"] = []
+
+
+def remove_lun(host: Host) -> None:
+    del port(host)["targets"][0]["luns"][1]
+
+
+def fail_driver(host: Host) -> None:
+    host["faults"] = [{"operation": "port_stats", "port": "port-0", "status": 5, "count": "always"}]
+
+
+@dataclass
+class Damage:
+    """Something that breaks on one host, and the alert that must tell of it."""
+
+    what: str
+    alert: str
+    breaks: Optional[Callable[[Host], None]]  # none: the exporter is killed
+    flaps: bool = False  # breaks and is mended again and again
+    times: Dict[str, float] = field(default_factory=dict)
+
+
+def pull_link(host: Host) -> None:
+    port(host)["link"] = "link_down"
+
+
+def damages() -> List[Damage]:
+    return [
+        Damage("pull the link of a port", "TrelmLinkDown", pull_link),
+        Damage("pull it and plug it in, three times", "TrelmLinkFlapping", pull_link, flaps=True),
+        Damage("damage frames on their way", "TrelmCrcErrors", set_counter("fc_crc_err_frames", 20)),
+        Damage("lose frames", "TrelmMissingFrames", set_counter("missing_frames", 20)),
+        Damage("let sequences time out", "TrelmTimeouts", set_counter("seq_timeouts", 20)),
+        Damage("abort commands", "TrelmAborts", set_counter("abts_cnt", 20)),
+        Damage("take a target from one port", "TrelmTargetLost", set_targets_offline(ports=1, targets=1)),
+        Damage("take both targets from both ports", "TrelmAllPathsLost", set_targets_offline(ports=2, targets=2)),
+        Damage("take the FCF from a port", "TrelmFcfLost", remove_fcf),
+        Damage("unmap a LUN", "TrelmLunCountChanged", remove_lun),
+        Damage("let the driver refuse its statistics", "TrelmScrapeFailing", fail_driver),
+        Damage("kill the exporter", "TrelmExporterDown", None),
+    ]
+
+
+class Prometheus:
+    """Debian's server in a directory of its own."""
+
+    def __init__(self, directory: Path, targets: Dict[str, str], factor: float) -> None:
+        self.directory = directory
+        rules = directory / "trelm.rules.yml"
+        rules.write_text(faster((CONTRIB / rules.name).read_text(encoding="utf-8"), factor), encoding="utf-8")
+        static = [{"targets": [address], "labels": {"instance": name}} for name, address in targets.items()]
+        config = {
+            "global": {"scrape_interval": "1s", "scrape_timeout": "1s", "evaluation_interval": "1s"},
+            "rule_files": [str(rules)],
+            "scrape_configs": [{"job_name": "trelm", "static_configs": static}],
+        }
+        (directory / "prometheus.yml").write_text(json.dumps(config), encoding="utf-8")  # JSON is YAML
+        self.process, self.url = self.start()
+
+    def start(self) -> "tuple[subprocess.Popen[bytes], str]":
+        """The server takes no port of 0, so one that is free now is tried, and another when it is taken meanwhile."""
+        for _ in range(5):
+            with socket.socket() as probe:
+                probe.bind(("127.0.0.1", 0))
+                address = f"127.0.0.1:{probe.getsockname()[1]}"
+            options = [f"--config.file={self.directory}/prometheus.yml", f"--storage.tsdb.path={self.directory}/data"]
+            with open(self.directory / "prometheus.log", "w", encoding="utf-8") as log:
+                process = subprocess.Popen(["prometheus", *options, f"--web.listen-address={address}"], stderr=log)
+            url = f"http://{address}"
+            if wait_until(lambda: process.poll() is not None or is_ready(url)) is True and process.poll() is None:
+                return process, url
+        raise RuntimeError((self.directory / "prometheus.log").read_text(encoding="utf-8"))
+
+    def ask(self, path: str, **parameters: str) -> Any:
+        with urllib.request.urlopen(f"{self.url}/api/v1/{path}?{urllib.parse.urlencode(parameters)}", timeout=PATIENCE) as reply:
+            return json.load(reply)["data"]
+
+    def query(self, expression: str) -> List[Any]:
+        return list(self.ask("query", query=expression)["result"])
+
+    def firing(self, alert: str, instance: str) -> bool:
+        alerts = [each for each in self.ask("alerts")["alerts"] if each["state"] == "firing"]
+        return any(each["labels"]["alertname"] == alert and each["labels"]["instance"] == instance for each in alerts)
+
+    def end(self) -> None:
+        self.process.kill()
+        self.process.wait()
+
+
+def is_ready(url: str) -> bool:
+    try:
+        with urllib.request.urlopen(f"{url}/-/ready", timeout=5) as reply:
+            return bool(reply.status == 200)
+    except OSError:
+        return False
+
+
+class Fleet:
+    def __init__(self, size: int, factor: float) -> None:
+        self.directory = Path(tempfile.mkdtemp(dir=BUILD))
+        self.exporters: Dict[str, Exporter] = {}
+        self.prometheus: Optional[Prometheus] = None
+        self.size = size
+        self.factor = factor
+
+    def __enter__(self) -> "Fleet":
+        for number in range(1, self.size + 1):
+            self.exporters[f"esx-{number:02d}"] = self.start_exporter(small_host())
+        targets = {name: exporter.wait_for_address() for name, exporter in self.exporters.items()}
+        self.prometheus = Prometheus(self.directory, targets, self.factor)
+        return self
+
+    @staticmethod
+    def start_exporter(host: Host, address: str = "127.0.0.1:0") -> Exporter:
+        return Exporter(host, "--luns", "--reload", "2", "--deadline", "0.8", address=address)
+
+    def __exit__(self, *_: object) -> None:
+        for exporter in self.exporters.values():
+            exporter.end()
+        if self.prometheus:
+            self.prometheus.end()
+        shutil.rmtree(self.directory, ignore_errors=True)
+
+    def revive(self, name: str) -> None:
+        old = self.exporters[name]
+        self.exporters[name] = self.start_exporter(small_host(), old.address)
+        self.exporters[name].wait_for_address()
+        old.end()
+
+    def inflict(self, name: str, damage: Damage) -> None:
+        exporter = self.exporters[name]
+        if damage.breaks is None:
+            exporter.kill()
+            return
+        for again in range(3 if damage.flaps else 1):
+            if again:
+                self.mend(name, damage)
+                time.sleep(2.5)
+            damage.breaks(exporter.host)
+            exporter.write_host()
+            if damage.flaps:
+                time.sleep(2.5)  # more than two scrapes
+
+    def mend(self, name: str, damage: Damage) -> None:
+        if damage.breaks is None:
+            self.revive(name)
+        self.exporters[name].host = small_host()
+        self.exporters[name].write_host()
+
+
+def watch(prometheus: Prometheus, cases: Dict[str, Damage], firing: bool, begun: float) -> None:
+    """Waits until the alert of every damage is as it should be, and keeps the times."""
+    what = "fired" if firing else "cleared"
+
+    def look() -> bool:
+        for name, damage in cases.items():
+            if what not in damage.times and prometheus.firing(damage.alert, name) == firing:
+                damage.times[what] = time.monotonic() - begun
+        return all(what in damage.times for damage in cases.values())
+
+    try:
+        wait_until(look, patience=2 * PATIENCE)
+    except TimeoutError:
+        pass  # the table shows what did not come
+
+
+def dashboard_queries() -> Iterator[str]:
+    board = (CONTRIB / "trelm.dashboard.json").read_text(encoding="utf-8")
+    for panel in json.loads(board)["panels"]:
+        for target in panel["targets"]:
+            yield target["expr"].replace("$instance", ".*").replace("$port", ".*").replace("$__rate_interval", "10s")
+
+
+def empty_queries(prometheus: Prometheus) -> List[str]:
+    """Queries of the dashboard that find nothing, though there are hosts of every kind."""
+    queries = list(dashboard_queries())
+    found = [query for query in queries if prometheus.query(query)]
+    print(f"dashboard: {len(found)} of {len(queries)} queries find something")
+    return [query for query in queries if query not in found]
+
+
+def table(cases: Dict[str, Damage]) -> Iterator[str]:
+    yield f"{'HOST':8}{'DAMAGE':40}{'ALERT':24}{'FIRED':>8}{'CLEARED':>9}"
+    for name, damage in cases.items():
+        times = [f"{damage.times[what]:.1f} s" if what in damage.times else "never" for what in ("fired", "cleared")]
+        yield f"{name:8}{damage.what:40}{damage.alert:24}{times[0]:>8}{times[1]:>9}"
+
+
+def run(size: int, factor: float) -> bool:
+    with Fleet(size, factor) as fleet:
+        prometheus = fleet.prometheus
+        assert prometheus is not None
+        wait_until(lambda: len(prometheus.query('up{job="trelm"} == 1')) == size)
+        print(f"{size} hosts are up under {prometheus.url}; rules run {factor:g} times as fast")
+        time.sleep(10)  # some history for the rules to look back on
+        cases = dict(zip(fleet.exporters, damages()))
+        begun = time.monotonic()
+        for name, damage in cases.items():
+            fleet.inflict(name, damage)
+        watch(prometheus, cases, True, begun)
+        empty = empty_queries(prometheus)
+        begun = time.monotonic()
+        for name, damage in cases.items():
+            fleet.mend(name, damage)
+        watch(prometheus, cases, False, begun)
+    print("\n".join(table(cases)))
+    for query in empty:
+        print(f"finds nothing: {query}")
+    return not empty and all(len(damage.times) == 2 for damage in cases.values())
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(description="A fleet of simulated hosts under a real Prometheus.")
+    parser.add_argument("hosts", nargs="?", type=int, default=20, help="how many (default 20); each damage needs one of its own")
+    parser.add_argument("--speed", type=float, default=30, help="divide the durations of the rules by this (default 30)")
+    arguments = parser.parse_args()
+    return 0 if run(arguments.hosts, arguments.speed) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,48 @@
+// http_server.h - answers /metrics, /healthz and / from one thread that never waits: a request that needs a
+// sampling or the check of a password is set aside until another thread has it.
+#pragma once
+
+#include <microhttpd.h>
+
+#include <chrono>
+#include <memory>
+#include <string_view>
+
+#include "connection_clock.h"
+#include "listen_socket.h"
+#include "shared_sampling.h"
+#include "users.h"
+#include "web_config.h"
+
+namespace trelmctl::metrics {
+
+class HttpServer {
+  public:
+    // Serves until it is destroyed. Throws CommandFailed.
+    HttpServer(const ListenSocket& socket, const WebConfig& config, SharedSampling& sampling,
+               std::chrono::duration<double> deadline);
+    // Answers the requests that are under way, and stops the sampling.
+    ~HttpServer();
+    HttpServer(const HttpServer&) = delete;
+    HttpServer& operator=(const HttpServer&) = delete;
+
+  private:
+    struct Request;
+    struct Reply;
+    struct Callbacks;
+
+    MHD_Result handle(MHD_Connection* connection, std::string_view url, std::string_view method,
+                      Request& request);
+    // True when the request may go on; else `result` is what became of it.
+    bool admit(MHD_Connection* connection, Request& request, MHD_Result& result);
+    MHD_Result serve_sample(MHD_Connection* connection, Form form, Request& request);
+    MHD_Result send(MHD_Connection* connection, const Reply& reply) const;
+
+    const WebConfig config_;
+    SharedSampling& sampling_;
+    Users users_;
+    ConnectionClock clock_;
+    MHD_Daemon* daemon_ = nullptr;
+};
+
+}  // namespace trelmctl::metrics
