@@ -3,8 +3,7 @@
 // alone (DRIVER_trace.txt) or error lines alone (DRIVER_error.txt). Numbers are large enough to show the base in which they are
 // written.
 //
-// After a change that is meant, run with TRELM_REFRESH_GOLDEN set to write the files anew; read the difference before it
-// is committed.
+// After a change that is meant, `./dev golden` writes the files anew; read the difference before it is committed.
 #include <fcntl.h>
 
 #include <fstream>
