@@ -76,7 +76,8 @@ void TopModel::sample_adapter(const LoadedHost& host, uint32_t instance) {
     for (uint32_t i = 0; i < ports.size(); ++i) {
         const std::string label = i == 0 ? port_label(instance) : port_label(instance, ports[i].npiv_index);
         PortTraffic& traffic = ports_[{instance, i}];
-        if (traffic.label != label) traffic = PortTraffic{.label = label};
+        if (traffic.label != label) traffic = PortTraffic();
+        traffic.label = label;
         sample_port(adapter, ports[i], traffic);
     }
     std::erase_if(ports_, [&](const auto& entry) {
