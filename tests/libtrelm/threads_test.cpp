@@ -222,11 +222,12 @@ using Guests = Programs;
 
 TEST_F(Guests, CallFromSixteenThreadsWhileTheHostFileIsEdited) {
     const std::string online = text_of(source_dir() + "/hostsim/hosts/lab.json");
-    const std::string down = std::regex_replace(online, std::regex("\"link\": \"online\""), "\"link\": \"link_down\"");
+    const std::string down =
+        std::regex_replace(online, std::regex("\"link\": \"online\""), "\"link\": \"link_down\"");
     ASSERT_NE(online, down);
     write("host.json", online);
-    const pid_t guest = start({kLauncher, "run", at("host.json"), "--", binary_dir() + "/bin/trelm-threads", "--guest",
-                               "--threads", "16", "--seconds", "3"});
+    const pid_t guest = start({kLauncher, "run", at("host.json"), "--", binary_dir() + "/bin/trelm-threads",
+                               "--guest", "--threads", "16", "--seconds", "3"});
     for (int edit = 0; waitpid(guest, nullptr, WNOHANG | WNOWAIT) == 0; ++edit) {
         write("new.json", edit % 2 ? online : down);
         std::filesystem::rename(at("new.json"), at("host.json"));

@@ -97,7 +97,8 @@ STANDS_BEFORE(int, vmk_MgmtUserCallbackInvokeInt,
         }
         default:
             NEXT_OF(vmk_MgmtUserCallbackInvokeInt)(handle, instance, callback, count, payload);
-            if (!is_guest && callback == NATIVE_CB_PORT_INFO) answer_port(*static_cast<dorfc_port_info*>(record));
+            if (!is_guest && callback == NATIVE_CB_PORT_INFO)
+                answer_port(*static_cast<dorfc_port_info*>(record));
     }
     --requests_under_way;
     return 0;
@@ -105,7 +106,8 @@ STANDS_BEFORE(int, vmk_MgmtUserCallbackInvokeInt,
 
 STANDS_BEFORE(int, ioctl, (int fd, unsigned long number, void* argument)) {
     const auto request = static_cast<uint32_t>(number & 0xFF);
-    if (is_guest || !CALLED_BY_LIBRARY() || number != dorfc_request(request)) return NEXT_OF(ioctl)(fd, number, argument);
+    if (is_guest || !CALLED_BY_LIBRARY() || number != dorfc_request(request))
+        return NEXT_OF(ioctl)(fd, number, argument);
     demand(++node_users[fd] > 0, "a request went to descriptor {}, which is not the node's", fd);
     ++requests_under_way;
     auto* const block = static_cast<dorfc_ioctl*>(argument);
@@ -434,7 +436,8 @@ void work_as_guest(uint32_t port, unsigned long long& link_changes) {
 
 int run_as_guest(unsigned thread_count, unsigned seconds) {
     uint32_t count = 0;
-    demand(TRELM_LoadLibrary() == TRELM_STATUS_OK && TRELM_GetPortCount(&count) == TRELM_STATUS_OK, "no ports");
+    demand(TRELM_LoadLibrary() == TRELM_STATUS_OK && TRELM_GetPortCount(&count) == TRELM_STATUS_OK,
+           "no ports");
     if (count == 0) return 1;
     std::atomic<uint64_t> link_changes = 0;
     std::vector<std::thread> threads;
@@ -448,8 +451,8 @@ int run_as_guest(unsigned thread_count, unsigned seconds) {
     }
     for (std::thread& thread : threads) thread.join();
     demand(TRELM_FreeLibrary() == TRELM_STATUS_OK, "the library was not freed");
-    fmt::print("threads: {} calls of {} threads, {} changes of links, {} failures\n", calls.load(), thread_count,
-               link_changes.load(), failures.load());
+    fmt::print("threads: {} calls of {} threads, {} changes of links, {} failures\n", calls.load(),
+               thread_count, link_changes.load(), failures.load());
     return failures == 0 ? 0 : 1;
 }
 
