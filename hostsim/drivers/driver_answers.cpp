@@ -1,5 +1,5 @@
-// driver_answers.cpp - the answers of the three drivers. Their records share all fields but a few, so one function
-// fills each record and only the port information and the SCSI command are written for two layouts.
+// driver_answers.cpp - the records of the three drivers are alike but for a few fields. One function fills
+// each; those for port information and SCSI commands are templates of two layouts.
 #include "driver_answers.h"
 
 #include <fmt/format.h>
@@ -27,7 +27,7 @@ void put_text(char (&field)[Width], std::string_view text) {
 
 // The payload as the record that it is; requests come with a payload of the operation's size.
 template <typename Record>
-Record& record(const DeviceRequest& request) {
+Record& record(const PortRequest& request) {
     return *reinterpret_cast<Record*>(request.payload.data());
 }
 
@@ -40,7 +40,8 @@ uint32_t online_targets(const Port& port) {
     return static_cast<uint32_t>(std::count_if(port.targets.begin(), port.targets.end(), online));
 }
 
-// A port without a MAC address has one made from its name; a virtual port, one that its fabric assigned.
+// A port without a MAC address gets one made from its WWPN; a virtual port, from FC-MAP and port id as
+// fabrics assign them.
 MacAddress mac_of(const PortRef& ref) {
     if (ref.port->mac != MacAddress{}) return ref.port->mac;
     const uint64_t low =
@@ -56,9 +57,63 @@ const Target* find_target(const Port& port, uint32_t index) {
     return found == port.targets.end() || found->offline ? nullptr : &*found;
 }
 
+// ---- Counters
+
+struct CounterField {
+    std::string_view name;
+    size_t offset;
+};
+#define COUNTER(name) \
+    CounterField { #name, offsetof(dorfc_port_stats, name) }
+constexpr std::array kCounterFields{
+    COUNTER(rx_fcoe_frames),
+    COUNTER(rx_fcoe_bytes),
+    COUNTER(rx_fcp_frames),
+    COUNTER(tx_fcoe_frames),
+    COUNTER(tx_fcoe_bytes),
+    COUNTER(tx_fcp_frames),
+    COUNTER(fcoe_dropped_frames),
+    COUNTER(seq_dropped),
+    COUNTER(fc_crc_err_frames),
+    COUNTER(wrong_fcoe_ver_frames),
+    COUNTER(eofa_frames),
+    COUNTER(missing_frames),
+    COUNTER(seq_timeouts),
+    COUNTER(read_req),
+    COUNTER(write_req),
+    COUNTER(ctrl_req),
+    COUNTER(read_megabytes),
+    COUNTER(write_megabytes),
+    COUNTER(fip_vlan_negotiations),
+    COUNTER(fip_fabric_discoveries),
+    COUNTER(flogi_cnt),
+    COUNTER(fdisc_cnt),
+    COUNTER(ulp_tov_expirations),
+    COUNTER(rec_expirations),
+    COUNTER(abts_cnt),
+    COUNTER(srr_cnt),
+    COUNTER(reset_lun_cnt),
+    COUNTER(reset_tgt_cnt),
+    COUNTER(sess_level_recovery_cnt),
+    COUNTER(link_failures),
+};
+#undef COUNTER
+
+constexpr bool has_the_models_order() {
+    if (kCounterFields.size() != kCounters) return false;
+    for (size_t i = 0; i < kCounters; ++i) {
+        if (kCounterFields[i].name != kCounterNames[i]) return false;
+    }
+    return true;
+}
+static_assert(has_the_models_order());
+
+// The largest double that fits a counter.
+constexpr double kLargestGrowth = 18446744073709549568.0;
+
 // ---- LUNs
 
-// A LUN without an NAA id has one made from its target's WWPN, which tells it from every other of the host.
+// A LUN without an NAA id gets one made from its target's WWPN and its number, unique on the host.
 uint64_t naa_of(const Lun& lun, uint32_t number, const PortRef& port, const Target& target) {
     if (lun.naa) return lun.naa;
     const uint64_t owner = target.wwpn ? target.wwpn : port.wwpn << 8 | target.index;
@@ -82,14 +137,11 @@ DiskConfig disk_config(const Lun& lun, uint64_t naa) {
 
 std::string attention_counter(uint64_t naa) { return fmt::format("unit-attention:{:016x}", naa); }
 
-// Commands that do not report a unit attention and leave it standing.
-bool leaves_attention(uint8_t opcode) {
-    constexpr uint8_t kInquiry = 0x12;
-    constexpr uint8_t kReportLuns = 0xA0;
-    return opcode == kInquiry || opcode == kReportLuns;
-}
+constexpr uint8_t kInquiry = 0x12;
+constexpr uint8_t kReportLuns = 0xA0;
 
-constexpr uint8_t kReportLunsOpcode = 0xA0;
+// Commands that neither report a unit attention nor clear it.
+bool leaves_attention(uint8_t opcode) { return opcode == kInquiry || opcode == kReportLuns; }
 
 LunAddressing addressing_of(const Lun& lun, uint32_t number) {
     const bool flat = lun.addressing == Lun::Addressing::flat ||
@@ -97,8 +149,8 @@ LunAddressing addressing_of(const Lun& lun, uint32_t number) {
     return flat ? LunAddressing::flat : LunAddressing::peripheral;
 }
 
-// The logical units that a command concerns: all of them where it lists them, else the one that it addresses,
-// so that a command to a target with thousands does not make them all.
+// The logical units that a command concerns: all for REPORT LUNS, otherwise the addressed one. A target may
+// have thousands, and each is built for each command.
 template <typename Make>
 std::vector<ScsiLun> concerned_luns(const Target& target, bool all, std::optional<uint16_t> addressed,
                                     const Make& make) {
@@ -127,7 +179,7 @@ std::shared_ptr<BlockStore> LunStores::make(const Lun& lun, const std::string& i
     return directory_store(parent + "/" + id, lun.block_size);
 }
 
-uint32_t Device::run(const DeviceRequest& request) {
+uint32_t DriverAnswers::run(const PortRequest& request) {
     switch (request.operation) {
         case Operation::hba_count:
             return hba_count(request);
@@ -153,19 +205,19 @@ uint32_t Device::run(const DeviceRequest& request) {
     return kStatusInvalidRequest;
 }
 
-uint32_t Device::hba_count(const DeviceRequest& request) {
+uint32_t DriverAnswers::hba_count(const PortRequest& request) {
     const auto reported = model_.driver(request.driver).reported_port_count;
     record<uint32_t>(request) =
         reported ? *reported : static_cast<uint32_t>(driver_ports(model_, request.driver).size());
     return kStatusGood;
 }
 
-uint32_t Device::hostno(const DeviceRequest& request) {
+uint32_t DriverAnswers::hostno(const PortRequest& request) {
     record<uint32_t>(request) = request.port->host_no;
     return kStatusGood;
 }
 
-uint32_t Device::pci_info(const DeviceRequest& request) {
+uint32_t DriverAnswers::pci_info(const PortRequest& request) {
     const Adapter& adapter = *request.port->adapter;
     const PhysicalPort& physical = *request.port->physical;
     const auto position = static_cast<uint16_t>(request.port->port_index + 1);
@@ -189,7 +241,7 @@ uint32_t Device::pci_info(const DeviceRequest& request) {
 }
 
 template <typename Record>
-void Device::fill_port_info(const PortRef& ref, Record& info) const {
+void DriverAnswers::fill_port_info(const PortRef& ref, Record& info) const {
     const Adapter& adapter = *ref.adapter;
     const Port& port = *ref.port;
     const Driver& driver = model_.driver(adapter.driver);
@@ -223,7 +275,7 @@ void Device::fill_port_info(const PortRef& ref, Record& info) const {
     put_text(info.hba_name, port.hba_name.empty() ? fmt::format("vmhba{}", ref.host_no) : port.hba_name);
 }
 
-uint32_t Device::port_info(const DeviceRequest& request) {
+uint32_t DriverAnswers::port_info(const PortRequest& request) {
     if (request.driver != DriverKind::kron) {
         fill_port_info(*request.port, record<dorfc_port_info>(request));
         return kStatusGood;
@@ -233,20 +285,20 @@ uint32_t Device::port_info(const DeviceRequest& request) {
     return kStatusGood;
 }
 
-uint32_t Device::port_stats(const DeviceRequest& request) {
+uint32_t DriverAnswers::port_stats(const PortRequest& request) {
     auto& stats = record<dorfc_port_stats>(request);
     stats = dorfc_port_stats{};
     const double seconds = std::chrono::duration<double>(state_.age()).count();
-    std::array<uint64_t, kCounters> values{};
     for (size_t i = 0; i < kCounters; ++i) {
         const Counter& counter = request.port->port->counters[i];
-        values[i] = counter.start + static_cast<uint64_t>(counter.rate * seconds);
+        const double growth = std::min(counter.rate * seconds, kLargestGrowth);
+        const uint64_t value = counter.start + static_cast<uint64_t>(growth);
+        std::memcpy(reinterpret_cast<uint8_t*>(&stats) + kCounterFields[i].offset, &value, sizeof value);
     }
-    std::memcpy(&stats, values.data(), sizeof values);
     return kStatusGood;
 }
 
-uint32_t Device::tgt_info(const DeviceRequest& request) {
+uint32_t DriverAnswers::tgt_info(const PortRequest& request) {
     auto& info = record<dorfc_tgt_info>(request);
     const Target* const target = find_target(*request.port->port, info.scsi_tgt_num);
     if (!target) return kStatusDeviceOffline;
@@ -262,9 +314,8 @@ uint32_t Device::tgt_info(const DeviceRequest& request) {
     return kStatusGood;
 }
 
-// A port that knows several FCFs answers with the one that it asks for by number, and for number 0, which is
-// what a zeroed request holds, with the one that it selected.
-uint32_t Device::fcf_info(const DeviceRequest& request) {
+// A request names an FCF by number. Number 0, which a zeroed request has, means the selected one.
+uint32_t DriverAnswers::fcf_info(const PortRequest& request) {
     auto& info = record<dorfc_fcf_info>(request);
     const auto& fcfs = request.port->port->fcfs;
     const auto selected = std::find_if(fcfs.begin(), fcfs.end(), [](const Fcf& fcf) { return fcf.selected; });
@@ -288,13 +339,13 @@ uint32_t Device::fcf_info(const DeviceRequest& request) {
     return kStatusGood;
 }
 
-uint32_t Device::scsi(const DeviceRequest& request) {
+uint32_t DriverAnswers::scsi(const PortRequest& request) {
     if (request.driver == DriverKind::legacy) return run_scsi(*request.port, record<dorfc_scsi_cmd>(request));
     return run_scsi(*request.port, record<kronfc_scsi_cmd>(request));
 }
 
 template <typename Record>
-uint32_t Device::run_scsi(const PortRef& port, Record& command) {
+uint32_t DriverAnswers::run_scsi(const PortRef& port, Record& command) {
     const Target* const target = find_target(*port.port, command.tgt);
     if (!target) return kStatusDeviceOffline;
     const uint8_t opcode = command.cdb[0];
@@ -314,9 +365,9 @@ uint32_t Device::run_scsi(const PortRef& port, Record& command) {
                        Disk(std::move(config), stores_.open(lun, naa))};
     };
     const ScsiTarget units(
-        concerned_luns(*target, opcode == kReportLunsOpcode, lun_number(command.lun, command.lun_ext), make));
+        concerned_luns(*target, opcode == kReportLuns, lun_number(command.lun, command.lun_ext), make));
     const uint32_t status = exchange_scsi(units, command);
-    if (reported && status == kScsiExchangeGood) reported->store(1);
+    if (reported && status == kStatusGood) reported->store(1);
     return status;
 }
 

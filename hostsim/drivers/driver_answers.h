@@ -1,5 +1,5 @@
-// driver_answers.h - what the drivers of a host know and do, independent of how they are asked: the answer to each
-// operation, made from the model at the moment of the request.
+// driver_answers.h - the answer of a host's drivers to each operation, made from the model at the moment of
+// the request. It does not depend on the kernel interface that the request came through.
 #pragma once
 
 #include <cstdint>
@@ -12,18 +12,13 @@
 #include <vector>
 
 #include "block_store.h"
+#include "driver_status.h"
 #include "model.h"
 #include "scsi_target.h"
 
 namespace hostsim {
 
 class State;
-
-// Statuses of the drivers' own.
-inline constexpr uint32_t kStatusGood = 0;
-inline constexpr uint32_t kStatusInvalidRequest = 4;
-inline constexpr uint32_t kStatusNoSuchPort = 7;
-inline constexpr uint32_t kStatusDeviceOffline = 13;
 
 // The contents of the host's LUNs, kept for as long as the host runs. A disk that several paths reach is one
 // store.
@@ -43,32 +38,32 @@ class LunStores {
     std::map<std::string, std::shared_ptr<BlockStore>> stores_;
 };
 
-// One request to a driver. `payload` is the record of the operation, in and out; the data of a SCSI command
-// lies in the record or where the record says.
-struct DeviceRequest {
+// A request to a driver whose port has been found. `payload` is the operation's record, in and out. The data
+// of a SCSI command is in the record or at the address that the record holds.
+struct PortRequest {
     DriverKind driver;
     Operation operation;
     const PortRef* port;  // null for the number of ports
     std::span<uint8_t> payload;
 };
 
-class Device {
+class DriverAnswers {
   public:
-    Device(const Model& model, State& state, LunStores& stores)
+    DriverAnswers(const Model& model, State& state, LunStores& stores)
         : model_(model), state_(state), stores_(stores) {}
 
     // Carries out a request and returns the driver's status.
-    uint32_t run(const DeviceRequest& request);
+    uint32_t run(const PortRequest& request);
 
   private:
-    uint32_t hba_count(const DeviceRequest& request);
-    uint32_t hostno(const DeviceRequest& request);
-    uint32_t pci_info(const DeviceRequest& request);
-    uint32_t port_info(const DeviceRequest& request);
-    uint32_t port_stats(const DeviceRequest& request);
-    uint32_t tgt_info(const DeviceRequest& request);
-    uint32_t fcf_info(const DeviceRequest& request);
-    uint32_t scsi(const DeviceRequest& request);
+    uint32_t hba_count(const PortRequest& request);
+    uint32_t hostno(const PortRequest& request);
+    uint32_t pci_info(const PortRequest& request);
+    uint32_t port_info(const PortRequest& request);
+    uint32_t port_stats(const PortRequest& request);
+    uint32_t tgt_info(const PortRequest& request);
+    uint32_t fcf_info(const PortRequest& request);
+    uint32_t scsi(const PortRequest& request);
 
     template <typename Record>
     uint32_t run_scsi(const PortRef& port, Record& command);

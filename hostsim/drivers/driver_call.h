@@ -1,4 +1,4 @@
-// driver_call.h - what tests see of a request to a driver: the call as it came, and the answer before the
+// driver_call.h - a request to a driver as tests see it: the call as it came, and the answer before the
 // caller gets it.
 #pragma once
 
@@ -22,9 +22,9 @@ struct Call {
         payload;  // the first 1024 bytes of the payload (native: of the record with its header)
 };
 
-// What a driver is about to answer, before the caller sees it; a test may change all of it. `payload` is the
-// record alone (host number and count: their 4 bytes), the same for all drivers, `data` the data phase of a
-// SCSI command.
+// What a driver is about to answer. A test may change all of it before the caller sees it. `payload` is the
+// record without header, alike for all drivers (host number and count: 4 bytes); `data` is the data phase of
+// a SCSI command.
 struct Answer {
     const Call& call;
     std::span<uint8_t> payload;

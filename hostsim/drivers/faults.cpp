@@ -22,8 +22,8 @@ bool is_due(const Fault& fault, uint64_t occurrence) {
     return fault.count == Fault::kAlways || occurrence - fault.occurrence < fault.count;
 }
 
-// The counter goes with what the fault says and not with its place in the list: an edit that adds a fault
-// before it does not start its count again.
+// The key of the fault's counter. It does not depend on the fault's place in the list, so that an edit that
+// adds a fault before it does not reset the count.
 std::string describe(const Fault& fault) {
     return fmt::format("fault:{}:{}:{}:{}:{}:{}:{}:{}:{}", static_cast<int>(fault.operation),
                        fault.driver ? static_cast<int>(*fault.driver) : -1, fault.port,

@@ -11,27 +11,27 @@
 namespace hostsim {
 namespace {
 
-struct Request {
+struct Ioctl {
     uint32_t number;
     Operation operation;
     size_t size;  // of its payload record
 };
 
-constexpr std::array kRequests{
-    Request{DORFC_GET_HBA_COUNT, Operation::hba_count, sizeof(dorfc_hba_cnt)},
-    Request{DORFC_GET_HOSTNO, Operation::hostno, sizeof(dorfc_hostno)},
-    Request{DORFC_GET_PCI_INFO, Operation::pci_info, sizeof(dorfc_pci_info)},
-    Request{DORFC_GET_PORT_INFO, Operation::port_info, sizeof(dorfc_port_info)},
-    Request{DORFC_GET_PORT_STATS, Operation::port_stats, sizeof(dorfc_port_stats)},
-    Request{DORFC_GET_TGT_INFO, Operation::tgt_info, sizeof(dorfc_tgt_info)},
-    Request{DORFC_GET_FCF_INFO, Operation::fcf_info, sizeof(dorfc_fcf_info)},
-    Request{DORFC_SEND_SCSI_CMD, Operation::scsi, sizeof(dorfc_scsi_cmd)},
+constexpr std::array kIoctls{
+    Ioctl{DORFC_GET_HBA_COUNT, Operation::hba_count, sizeof(dorfc_hba_cnt)},
+    Ioctl{DORFC_GET_HOSTNO, Operation::hostno, sizeof(dorfc_hostno)},
+    Ioctl{DORFC_GET_PCI_INFO, Operation::pci_info, sizeof(dorfc_pci_info)},
+    Ioctl{DORFC_GET_PORT_INFO, Operation::port_info, sizeof(dorfc_port_info)},
+    Ioctl{DORFC_GET_PORT_STATS, Operation::port_stats, sizeof(dorfc_port_stats)},
+    Ioctl{DORFC_GET_TGT_INFO, Operation::tgt_info, sizeof(dorfc_tgt_info)},
+    Ioctl{DORFC_GET_FCF_INFO, Operation::fcf_info, sizeof(dorfc_fcf_info)},
+    Ioctl{DORFC_SEND_SCSI_CMD, Operation::scsi, sizeof(dorfc_scsi_cmd)},
 };
 constexpr size_t kLargestPayload = 512;
 
-const Request* find_request(unsigned long number) {
-    for (const Request& request : kRequests) {
-        if (request.number == number) return &request;
+const Ioctl* find_ioctl(unsigned long number) {
+    for (const Ioctl& ioctl : kIoctls) {
+        if (ioctl.number == number) return &ioctl;
     }
     return nullptr;
 }
@@ -51,8 +51,8 @@ void* at_address(uint64_t address) { return reinterpret_cast<void*>(static_cast<
 
 // The data phase of a SCSI command, which lies in the caller's memory. False when the command has one and it
 // is nowhere.
-bool find_data(const Request& request, const uint8_t* payload, std::span<uint8_t>& data) {
-    if (request.operation != Operation::scsi) return true;
+bool find_data(const Ioctl& ioctl, const uint8_t* payload, std::span<uint8_t>& data) {
+    if (ioctl.operation != Operation::scsi) return true;
     const auto& command = *reinterpret_cast<const dorfc_scsi_cmd*>(payload);
     if (command.direction != SCSI_DIRECTION_IN && command.direction != SCSI_DIRECTION_OUT) return true;
     if (command.data_addr == 0) return command.data_len == 0;
@@ -62,9 +62,9 @@ bool find_data(const Request& request, const uint8_t* payload, std::span<uint8_t
 
 }  // namespace
 
-int legacy_ioctl(Drivers& drivers, unsigned long number, void* argument) {
-    const Request* const request = find_request(number);
-    if (!request) return fail(ENOTTY);
+int legacy_ioctl(RequestPipeline& pipeline, unsigned long number, void* argument) {
+    const Ioctl* const ioctl = find_ioctl(number);
+    if (!ioctl) return fail(ENOTTY);
     if (!argument) return fail(EFAULT);
     dorfc_ioctl block;
     std::memcpy(&block, argument, sizeof block);
@@ -73,25 +73,25 @@ int legacy_ioctl(Drivers& drivers, unsigned long number, void* argument) {
     alignas(uint64_t) std::array<uint8_t, kLargestPayload> payload{};
     std::span<uint8_t> data;
     if (!caller) return fail(EFAULT);
-    std::memcpy(payload.data(), caller, request->size);
-    if (!find_data(*request, payload.data(), data)) return fail(EFAULT);
+    std::memcpy(payload.data(), caller, ioctl->size);
+    if (!find_data(*ioctl, payload.data(), data)) return fail(EFAULT);
 
-    const DriverAnswer answer = drivers.serve({
+    const Completion completion = pipeline.serve({
         .driver = DriverKind::legacy,
-        .operation = request->operation,
+        .operation = ioctl->operation,
         .number = number,
         .port = block.hbaselect,
         .port_is_index = true,
         .block = {reinterpret_cast<const uint8_t*>(&block), sizeof block},
-        .record = {payload.data(), request->size},
-        .payload = std::span(payload).first(payload_size(DriverKind::legacy, request->operation)),
+        .record = {payload.data(), ioctl->size},
+        .payload = std::span(payload).first(payload_size(DriverKind::legacy, ioctl->operation)),
         .data = data,
     });
-    block.status = answer.status;
-    if (answer.result == 0) std::memcpy(caller, payload.data(), request->size);
-    if (answer.result == 0 || answer.status != 0) std::memcpy(argument, &block, sizeof block);
-    if (answer.result != 0) errno = answer.error;
-    return answer.result;
+    block.status = completion.status;
+    if (completion.result == 0) std::memcpy(caller, payload.data(), ioctl->size);
+    if (completion.result == 0 || completion.status != 0) std::memcpy(argument, &block, sizeof block);
+    if (completion.result != 0) errno = completion.error;
+    return completion.result;
 }
 
 }  // namespace hostsim

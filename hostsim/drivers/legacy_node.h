@@ -7,6 +7,6 @@
 namespace hostsim {
 
 // As ioctl on the node: 0, or -1 and errno.
-int legacy_ioctl(Drivers& drivers, unsigned long number, void* block);
+int legacy_ioctl(RequestPipeline& pipeline, unsigned long number, void* block);
 
 }  // namespace hostsim

@@ -1,7 +1,6 @@
-// link_state_files.cpp - one file a physical port, named by its host number as SCSI drivers do, with a
-// section for the port and one for each of its virtual ports. A reader that looks for a port's WWPN and then
-// for the word for 'ready' runs on into the sections that follow: ports that are ready come first, so that it
-// finds no other's word for one that is not.
+// link_state_files.cpp - sections of ports that are ready come first. A reader that looks for a port's WWPN
+// and then for the word 'ready' reads on into the sections that follow, where it must not find another
+// port's.
 #include "link_state_files.h"
 
 #include <fmt/format.h>

@@ -1,5 +1,6 @@
 // link_state_files.h - the text files in which the legacy driver shows its ports under /proc/scsi/dorfc/: one
-// file an adapter, named by the host number of its first port, with a section for each port.
+// file for each physical port, named by its host number, with a section for it and for each of its virtual
+// ports.
 #pragma once
 
 #include <string>
@@ -16,7 +17,7 @@ struct LinkStateFile {
     bool operator==(const LinkStateFile&) const = default;
 };
 
-// The files of the moment; none where the legacy driver is not there.
+// The files as they are now; none where the legacy driver is not there.
 std::vector<LinkStateFile> link_state_files(const Model& model);
 
 }  // namespace hostsim

@@ -1,6 +1,6 @@
 // management_api.cpp - connections and callbacks. A signature must agree with the driver's own in every
-// field, as a kernel would have it: a size that is wrong there is a buffer that is overrun here. The driver
-// works on a copy of the payload.
+// field, as a kernel requires it: a wrong size in it would overrun a buffer. The driver works on a copy of
+// the payload.
 #include "management_api.h"
 
 #include <algorithm>
@@ -19,7 +19,7 @@ namespace {
 struct Callback {
     uint64_t id;
     uint64_t size;        // of its one parameter
-    Operation operation;  // none for those that no tool may invoke
+    Operation operation;  // of no meaning where it is not invocable
     bool invocable;
 };
 
@@ -127,8 +127,7 @@ Layout layout_of(DriverKind driver, Operation operation) {
             .payload_size = size};
 }
 
-// The handles that this host has given out; they begin far from 0, so that a counter taken for one is
-// noticed.
+// The first handle. Far from 0, so that a program that passes an index instead of a handle fails.
 constexpr vmk_MgmtUserHandle kFirstHandle = 0x43100001;
 
 }  // namespace
@@ -136,11 +135,11 @@ constexpr vmk_MgmtUserHandle kFirstHandle = 0x43100001;
 int ManagementApi::init(const vmk_MgmtApiSignature* signature, uint64_t cookie, vmk_MgmtUserHandle* handle) {
     if (!signature || !handle) return refuse(EFAULT);
     const Api* const api = find_api(signature->name);
-    if (!api || !is_present(drivers_.model, api->driver)) return refuse(ENOENT);
+    if (!api || !is_present(pipeline_.model, api->driver)) return refuse(ENOENT);
     if (cookie != api->cookie || !agrees(*signature, *api)) return refuse(EINVAL);
-    const DriverAnswer answer = drivers_.pass(api->driver, Operation::init, cookie);
-    if (answer.result) return fail(answer.error);
-    if (answer.status) return static_cast<int>(answer.status);
+    const Completion completion = pipeline_.pass(api->driver, Operation::init, cookie);
+    if (completion.result) return fail(completion.error);
+    if (completion.status) return static_cast<int>(completion.status);
     *handle = kFirstHandle + connections_.size();
     connections_.emplace(*handle, api->driver);
     return 0;
@@ -150,7 +149,7 @@ int ManagementApi::invoke(vmk_MgmtUserHandle handle, uint64_t instance, uint64_t
                           uint32_t parameter_count, void* const* parameters) {
     const auto connection = connections_.find(handle);
     if (connection == connections_.end()) return fail(EBADF);
-    if (!is_present(drivers_.model, connection->second)) return fail(ENODEV);
+    if (!is_present(pipeline_.model, connection->second)) return fail(ENODEV);
     const Callback* const known = find_callback(connection->second, callback);
     if (!known || instance != 0 || parameter_count != 1) return fail(EINVAL);
     if (!known->invocable) return fail(EOPNOTSUPP);
@@ -167,7 +166,7 @@ int ManagementApi::run(DriverKind driver, uint64_t id, void* parameter) {
     std::memcpy(&port, record.data() + layout.port, layout.port_width);
     const bool is_scsi = callback.operation == Operation::scsi;
     const std::span<uint8_t> payload = std::span(record).subspan(layout.payload, layout.payload_size);
-    const DriverAnswer answer = drivers_.serve({
+    const Completion completion = pipeline_.serve({
         .driver = driver,
         .operation = callback.operation,
         .number = id,
@@ -177,10 +176,11 @@ int ManagementApi::run(DriverKind driver, uint64_t id, void* parameter) {
         .payload = payload,
         .data = is_scsi ? payload.subspan(offsetof(kronfc_scsi_cmd, data_buffer)) : std::span<uint8_t>{},
     });
-    std::memcpy(record.data() + layout.status, &answer.status, sizeof answer.status);
-    if (answer.result == 0 || answer.status != 0) std::memcpy(parameter, record.data(), record.size());
-    if (answer.result != 0) errno = answer.error;
-    return answer.result;
+    std::memcpy(record.data() + layout.status, &completion.status, sizeof completion.status);
+    if (completion.result == 0 || completion.status != 0)
+        std::memcpy(parameter, record.data(), record.size());
+    if (completion.result != 0) errno = completion.error;
+    return completion.result;
 }
 
 }  // namespace hostsim

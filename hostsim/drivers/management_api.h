@@ -12,7 +12,7 @@ namespace hostsim {
 
 class ManagementApi {
   public:
-    explicit ManagementApi(Drivers& drivers) : drivers_(drivers) {}
+    explicit ManagementApi(RequestPipeline& pipeline) : pipeline_(pipeline) {}
 
     // As vmk_MgmtUserInit: 0 and a handle, or an error number, which errno has too.
     int init(const vmk_MgmtApiSignature* signature, uint64_t cookie, vmk_MgmtUserHandle* handle);
@@ -24,7 +24,7 @@ class ManagementApi {
   private:
     int run(DriverKind driver, uint64_t callback, void* parameter);
 
-    Drivers& drivers_;
+    RequestPipeline& pipeline_;
     std::map<vmk_MgmtUserHandle, DriverKind> connections_;
 };
 

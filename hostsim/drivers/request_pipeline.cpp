@@ -1,4 +1,4 @@
-// request_pipeline.cpp - the way of a request through the drivers.
+// request_pipeline.cpp - the steps of a request, in their order.
 #include "request_pipeline.h"
 
 #include <algorithm>
@@ -48,45 +48,45 @@ FaultSite site_of(const DriverRequest& request, const PortRef* port) {
     return site;
 }
 
-DriverAnswer failing(const FaultEffect& effect) {
+Completion failing(const FaultEffect& effect) {
     return {.status = effect.status, .result = effect.error ? -1 : 0, .error = effect.error};
 }
 
 }  // namespace
 
-Drivers::Drivers(Model described, State& state, LunStores stores, bool recording)
+RequestPipeline::RequestPipeline(Model described, State& state, LunStores stores, bool recording)
     : model(std::move(described)), state_(state), stores_(std::move(stores)), recording_(recording) {}
 
-DriverAnswer Drivers::serve(const DriverRequest& request) {
+Completion RequestPipeline::serve(const DriverRequest& request) {
     const Call& call = remember(request);
-    const DriverAnswer answer = carry_out(request);
-    if (!tamper || !*tamper) return answer;
+    const Completion completion = carry_out(request);
+    if (!tamper || !*tamper) return completion;
     Answer open{.call = call,
                 .payload = request.payload,
                 .data = request.data,
-                .status = answer.status,
-                .result = answer.result,
-                .error = answer.error};
+                .status = completion.status,
+                .result = completion.result,
+                .error = completion.error};
     (*tamper)(open);
     return {.status = open.status, .result = open.result, .error = open.error};
 }
 
-DriverAnswer Drivers::carry_out(const DriverRequest& request) {
+Completion RequestPipeline::carry_out(const DriverRequest& request) {
     const std::optional<PortRef> port = find_port(model, request);
     const PortRef* const ref = port ? &*port : nullptr;
     if (const auto effect = take_fault(model, state_, site_of(request, ref))) return failing(*effect);
     if (!ref && !is_portless(request.operation)) return {.status = kStatusNoSuchPort};
-    Device device(model, state_, stores_);
-    return {.status = device.run({request.driver, request.operation, ref, request.payload})};
+    DriverAnswers answers(model, state_, stores_);
+    return {.status = answers.run({request.driver, request.operation, ref, request.payload})};
 }
 
-DriverAnswer Drivers::pass(DriverKind driver, Operation operation, uint64_t number) {
+Completion RequestPipeline::pass(DriverKind driver, Operation operation, uint64_t number) {
     remember({.driver = driver, .operation = operation, .number = number});
     const auto effect = take_fault(model, state_, {.operation = operation, .driver = driver});
-    return effect ? failing(*effect) : DriverAnswer{};
+    return effect ? failing(*effect) : Completion{};
 }
 
-const Call& Drivers::remember(const DriverRequest& request) {
+const Call& RequestPipeline::remember(const DriverRequest& request) {
     last_ = Call{.driver = request.driver,
                  .operation = request.operation,
                  .number = request.number,

@@ -1,6 +1,5 @@
-// request_pipeline.h - the drivers of a host behind both kernel interfaces: a request is recorded, runs into the
-// faults of the model or is carried out by the device, and its answer passes a test's hands before the
-// interface gives it to the caller.
+// request_pipeline.h - the way of a request from a kernel interface to a driver and back: it is recorded,
+// fails by a fault of the model or is answered, and a test may change the answer before the caller gets it.
 #pragma once
 
 #include <functional>
@@ -30,27 +29,28 @@ struct DriverRequest {
     std::span<uint8_t> data{};          // the data phase of a SCSI command
 };
 
-struct DriverAnswer {
+// How a request ended.
+struct Completion {
     uint32_t status = 0;
     int result = 0;
     int error = 0;
 };
 
-class Drivers {
+class RequestPipeline {
   public:
-    Drivers(Model model, State& state, LunStores stores, bool recording);
+    RequestPipeline(Model model, State& state, LunStores stores, bool recording);
 
-    DriverAnswer serve(const DriverRequest& request);
+    Completion serve(const DriverRequest& request);
 
-    // Requests that are no driver's work but may be recorded and fail: init, open, close.
-    DriverAnswer pass(DriverKind driver, Operation operation, uint64_t number);
+    // Requests without a record: init, open, close. They are recorded and may fail.
+    Completion pass(DriverKind driver, Operation operation, uint64_t number);
 
     Model model;
     std::vector<Call> calls;
     std::function<void(Answer&)>* tamper = nullptr;
 
   private:
-    DriverAnswer carry_out(const DriverRequest& request);
+    Completion carry_out(const DriverRequest& request);
     const Call& remember(const DriverRequest& request);
 
     State& state_;

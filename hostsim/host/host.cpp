@@ -32,13 +32,13 @@ class Host::Core {
     Core(Model model, std::unique_ptr<State> own)
         : owned(std::move(own)),
           state(*owned),
-          drivers(std::move(model), state, LunStores(state.root() + layout::kLuns, ""), true) {}
+          pipeline(std::move(model), state, LunStores(state.root() + layout::kLuns, ""), true) {}
 
     // The launcher's host.
     Core(State& launched, HostFileWatch file)
         : state(launched),
           watch(std::move(file)),
-          drivers(watch->read(), state, launched_stores(state), false) {}
+          pipeline(watch->read(), state, launched_stores(state), false) {}
 
     // All contents lie in files, whatever the host file says of `backing`: the processes of the host share
     // them, and a kept root preserves them.
@@ -49,17 +49,17 @@ class Host::Core {
 
     void follow_file() {
         if (!watch) return;
-        if (auto changed = watch->poll()) drivers.model = std::move(*changed);
+        if (auto changed = watch->poll()) pipeline.model = std::move(*changed);
     }
 
     std::recursive_mutex mutex;
     std::unique_ptr<State> owned;
     State& state;
     std::optional<HostFileWatch> watch;
-    Drivers drivers;
-    ManagementApi api{drivers};
+    RequestPipeline pipeline;
+    ManagementApi api{pipeline};
     // The model's effective user as of the last call that held the lock.
-    std::atomic<uint32_t> user{drivers.model.effective_user};
+    std::atomic<uint32_t> user{pipeline.model.effective_user};
 };
 
 namespace {
@@ -77,7 +77,7 @@ auto as_host(Core& core, const Work& work) {
     {
         const KeepErrno keep;
         core.follow_file();
-        core.user = core.drivers.model.effective_user;
+        core.user = core.pipeline.model.effective_user;
     }
     return work();
 }
@@ -112,7 +112,7 @@ Model checked(Model model) {
 }  // namespace
 
 Host::Host(std::unique_ptr<Core> core) : core_(std::move(core)) {
-    core_->drivers.tamper = &tamper;
+    core_->pipeline.tamper = &tamper;
     static const int handlers = pthread_atfork(
         [] {
             Host* const host = active_host;
@@ -176,17 +176,17 @@ Host* Host::current() noexcept {
 
 // ---- For tests
 
-Model& Host::model() { return core_->drivers.model; }
+Model& Host::model() { return core_->pipeline.model; }
 
 void Host::edit(const std::function<void(Model&)>& change) {
     const std::lock_guard lock(core_->mutex);
-    change(core_->drivers.model);
-    core_->user = core_->drivers.model.effective_user;
+    change(core_->pipeline.model);
+    core_->user = core_->pipeline.model.effective_user;
 }
 
 std::vector<Call> Host::calls() const {
     const std::lock_guard lock(core_->mutex);
-    return core_->drivers.calls;
+    return core_->pipeline.calls;
 }
 
 size_t Host::count_calls(Operation operation) const {
@@ -197,7 +197,7 @@ size_t Host::count_calls(Operation operation) const {
 
 void Host::clear_calls() {
     const std::lock_guard lock(core_->mutex);
-    core_->drivers.calls.clear();
+    core_->pipeline.calls.clear();
 }
 
 void Host::inject(Fault fault) {
@@ -212,7 +212,7 @@ State& Host::state() noexcept { return core_->state; }
 
 void Host::fill_utsname(utsname* name) const noexcept {
     as_host(*core_, [&] {
-        const Model& model = core_->drivers.model;
+        const Model& model = core_->pipeline.model;
         *name = utsname{};
         copy_name(name->sysname, model.system_name);
         copy_name(name->nodename, model.name);
@@ -223,14 +223,14 @@ void Host::fill_utsname(utsname* name) const noexcept {
 }
 
 uint32_t Host::effective_user() const noexcept {
-    return as_host(*core_, [&] { return core_->drivers.model.effective_user; });
+    return as_host(*core_, [&] { return core_->pipeline.model.effective_user; });
 }
 
 uint32_t Host::shown_owner() const noexcept { return core_->user; }
 
 NodeKind Host::legacy_node() const noexcept {
     return as_host(*core_, [&] {
-        const Model& model = core_->drivers.model;
+        const Model& model = core_->pipeline.model;
         if (is_present(model, DriverKind::legacy)) return NodeKind::device;
         const bool file = model.driver(DriverKind::legacy).presence == Driver::Presence::no_device;
         return file ? NodeKind::regular_file : NodeKind::missing;
@@ -238,15 +238,15 @@ NodeKind Host::legacy_node() const noexcept {
 }
 
 int Host::node_fault(Operation open_or_close) noexcept {
-    return as_host(*core_, [&] { return core_->drivers.pass(DriverKind::legacy, open_or_close, 0).error; });
+    return as_host(*core_, [&] { return core_->pipeline.pass(DriverKind::legacy, open_or_close, 0).error; });
 }
 
 int Host::legacy_request(unsigned long number, void* block) noexcept {
-    return answer(*core_, [&] { return legacy_ioctl(core_->drivers, number, block); });
+    return answer(*core_, [&] { return legacy_ioctl(core_->pipeline, number, block); });
 }
 
 std::vector<LinkStateFile> Host::link_state_files() const {
-    return as_host(*core_, [&] { return hostsim::link_state_files(core_->drivers.model); });
+    return as_host(*core_, [&] { return hostsim::link_state_files(core_->pipeline.model); });
 }
 
 int Host::management_init(const vmk_MgmtApiSignature* signature, uint64_t cookie,

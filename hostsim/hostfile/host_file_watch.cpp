@@ -1,4 +1,4 @@
-// host_file_watch.cpp - looks at the file's status before each driver call and reads it only when that has
+// host_file_watch.cpp - checks the file's status before each driver call and reads the file only if it has
 // changed.
 #include "host_file_watch.h"
 

@@ -50,7 +50,7 @@ std::string preload_list(const Root& root) {
 
 // The directory of the launcher, where trelmctl lies: its programs are found by name.
 std::string programs_directory(const Root& root) {
-    const std::string directory = launcher_path().parent_path();
+    std::string directory = launcher_path().parent_path();
     if (directory.find(':') == std::string::npos) return directory;
     root.files().replace_link(layout::kPrograms, layout::kDraft, directory);
     return root.path().string() + layout::kPrograms;

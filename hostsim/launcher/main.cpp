@@ -33,7 +33,8 @@ using hostsim::complain;
 constexpr char kRunFooter[] =
     R"(The command and all its children see the host's drivers, name, user, process listing and semaphores, and
 the host's own /tmp and /var/tmp. These directories of the machine stay visible even below /tmp and /var/tmp:
-the working directory, those of the host file and of paths on the command line, and those in PATH.
+the working directory, those of the host file and of paths on the command line, and those in PATH,
+LD_LIBRARY_PATH and PYTHONPATH.
 
 Several commands may run on one --root at the same time. A command that is statically linked or set-user-ID
 would run on the machine itself and is refused. A mistake that an edit puts into HOST.json is reported once; the

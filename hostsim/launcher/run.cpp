@@ -34,6 +34,9 @@ PassedDirectories passed_directories(const RunOptions& options) {
     for (const std::string& argument : options.command)
         if (argument.starts_with('/')) passed.add(fs::path(argument).parent_path());
     for (const std::string& directory : machines_search_path()) passed.add(directory);
+    // Where the command's libraries and modules are looked for.
+    for (const char* list : {"LD_LIBRARY_PATH", "PYTHONPATH"})
+        for (const std::string& directory : split(variable(list), ":")) passed.add(directory);
     return passed;
 }
 

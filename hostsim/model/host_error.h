@@ -1,4 +1,4 @@
-// host_error.h - the one error of models and host files.
+// host_error.h - the exception for models and host files that cannot be used.
 #pragma once
 
 #include <stdexcept>
@@ -7,7 +7,7 @@
 
 namespace hostsim {
 
-// A model or host file that cannot be used; what() is the whole message.
+// what() is the whole message; it may have several lines.
 class HOSTSIM_API HostError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;

@@ -1,5 +1,5 @@
-// hostsim_api.h - what the simulated host's shared library lets out: everything is hidden but what carries
-// this mark, so that a preloaded simulator never lends its own symbols to the program it serves.
+// hostsim_api.h - marks what the simulated host's shared library exports. Everything else is hidden, so that
+// the symbols of a preloaded simulator never replace those of the program.
 #pragma once
 
 #define HOSTSIM_API __attribute__((visibility("default")))

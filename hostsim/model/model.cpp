@@ -1,5 +1,5 @@
-// model.cpp - the ports of a model as drivers enumerate them, with everything made up that the model leaves
-// open. Made up names depend on a port's place alone, so that a host looks the same in each of its processes.
+// model.cpp - the ports of a model as drivers enumerate them, with WWNs and host numbers for those that have
+// none. These depend only on a port's place, so that a host is the same in each of its processes.
 #include "model.h"
 
 #include <algorithm>
@@ -10,7 +10,7 @@
 namespace hostsim {
 namespace {
 
-// WWNs of ports that were given none: a locally administered address with the port's place in its low bytes.
+// WWNs of ports that have none: a locally administered address with the port's place in its low bytes.
 constexpr uint64_t kNodeName = 0x1000'02CA'1E00'0000;
 constexpr uint64_t kPortName = 0x2000'02CA'1E00'0000;
 
@@ -49,7 +49,7 @@ void assign_host_numbers(std::vector<PortRef>& ports) {
     }
 }
 
-// Where `ref` stands in an explicit order; past its end for a port that it does not name.
+// The position of `ref` in an explicit order, or the order's size if it is not in it.
 size_t rank(const std::vector<std::string>& order, const PortRef& ref) {
     const auto named = [&](const std::string& name) { return is_named(ref, name); };
     return static_cast<size_t>(std::find_if(order.begin(), order.end(), named) - order.begin());

@@ -1,6 +1,5 @@
-// model.h - a simulated host as plain data: what a host file describes and what a test edits. Nothing here
-// acts; the device answers from it at the moment of each driver call, so that every edit shows with the next
-// call.
+// model.h - a simulated host as plain data: what a host file describes and what a test edits. The drivers
+// answer each request from it, so that an edit shows with the next request.
 #pragma once
 
 #include <array>
@@ -20,7 +19,7 @@ enum class DriverKind : uint8_t { kron, pyx, legacy };
 inline constexpr size_t kDriverKinds = 3;
 inline constexpr std::array<std::string_view, kDriverKinds> kDriverKindNames{"kron", "pyx", "legacy"};
 
-// A driver of the host. `automatic` is present exactly where an adapter of its kind exists.
+// A driver of the host. `automatic`: present if an adapter of its kind exists.
 struct Driver {
     enum class Presence : uint8_t { automatic, present, absent, no_device };
 
@@ -122,8 +121,8 @@ struct Target {
     std::vector<Lun> luns;
 };
 
-// What physical and virtual ports have in common. A WWN of 0 is one not given and is made up when the model
-// is completed.
+// What physical and virtual ports have in common. A WWN of 0 is not given; PortRef has one made from the
+// port's place.
 struct Port {
     std::string name;  // by which faults and the order of ports name it
     uint64_t wwnn = 0;
@@ -195,8 +194,7 @@ inline constexpr std::array<std::string_view, 11> kOperationNames{
     "port_info", "port_stats", "tgt_info", "fcf_info",  "scsi",
 };
 
-// A request that goes wrong: the one that matches what is given here, from its `occurrence`-th time on,
-// `count` times.
+// Makes requests fail: of those that match what is given here, `count` of them from the `occurrence`-th on.
 struct Fault {
     static constexpr uint64_t kAlways = UINT64_MAX;
 

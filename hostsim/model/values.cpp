@@ -1,4 +1,4 @@
-// values.cpp - addresses and sizes as host files write them.
+// values.cpp - reads and writes the text forms of host files.
 #include "values.h"
 
 #include <fmt/format.h>

@@ -1,5 +1,5 @@
-// values.h - how host files write addresses and sizes, and back: WWNs and MAC addresses as colon-separated
-// hexadecimal, sizes as a number with a unit.
+// values.h - addresses and sizes as text: WWNs and MAC addresses as hexadecimal bytes with colons, sizes as a
+// number with a unit.
 #pragma once
 
 #include <array>

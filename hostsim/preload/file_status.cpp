@@ -25,7 +25,7 @@ static int owned(int result, Status* status) noexcept {
 }
 
 // `arguments` are in parentheses of their own.
-#define INTERPOSE_STATUS(name, parameters, arguments) \
+#define INTERPOSE_STATUS(name, parameters, arguments) /* NOLINTNEXTLINE(bugprone-macro-parentheses) */ \
     INTERPOSED(int, name, parameters) { return owned(NEXT(name) arguments, status); }
 
 INTERPOSE_STATUS(stat, (const char* path, Stat* status), (Look(path), status))

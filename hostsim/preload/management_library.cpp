@@ -23,8 +23,8 @@ HOSTSIM_API int vmk_MgmtUserInit(vmk_MgmtApiSignature* signature, uint64_t cooki
     return host ? host->management_init(signature, cookie, handle) : refuse(ENOENT);
 }
 
-HOSTSIM_API int vmk_MgmtUserCallbackInvokeInt(vmk_MgmtUserHandle handle, uint64_t instanceId,
-                                              uint64_t callbackId, uint32_t parmCount, ...) {
+HOSTSIM_API int vmk_MgmtUserCallbackInvokeInt(vmk_MgmtUserHandle handle, uint64_t instance_id,
+                                              uint64_t callback_id, uint32_t parm_count, ...) {
     hostsim::Host* const host = hostsim::Host::current();
     if (!host) {
         errno = ENOENT;
@@ -32,9 +32,9 @@ HOSTSIM_API int vmk_MgmtUserCallbackInvokeInt(vmk_MgmtUserHandle handle, uint64_
     }
     // No driver has a callback with more than one parameter. With a larger count only the first is looked at.
     va_list arguments;
-    va_start(arguments, parmCount);
-    void* const first = parmCount > 0 ? va_arg(arguments, void*) : nullptr;
+    va_start(arguments, parm_count);
+    void* const first = parm_count > 0 ? va_arg(arguments, void*) : nullptr;
     va_end(arguments);
-    return host->management_invoke(handle, instanceId, callbackId, parmCount, &first);
+    return host->management_invoke(handle, instance_id, callback_id, parm_count, &first);
 }
 }

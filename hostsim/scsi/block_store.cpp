@@ -1,5 +1,5 @@
-// block_store.cpp - both kinds of contents: pieces of a fixed size, files of at most 1 TiB or pages of
-// memory, that come into being when something is written into them.
+// block_store.cpp - contents are split into pieces of a fixed size: files of at most 1 TiB, or pages of
+// memory. A piece is created by the first write into it.
 #include "block_store.h"
 
 #include <algorithm>
@@ -114,7 +114,7 @@ class MemoryStore final : public BlockStore {
 
 }  // namespace
 
-// Memory that has run out is a medium that failed: nothing of the request counts as moved.
+// A failed allocation counts as a medium error before the first byte.
 size_t BlockStore::read(uint64_t first, std::span<uint8_t> data) const noexcept try {
     return do_read(first, data);
 } catch (const std::exception&) {

@@ -1,6 +1,6 @@
-// block_store.h - the contents of a simulated LUN, of any size. Only what was written takes room; blocks that
-// never were read as zeros. Blocks are addressed by number, because byte offsets of the largest devices pass
-// 64 bits.
+// block_store.h - the contents of a simulated LUN, of any size. Only what was written takes memory or disk
+// space; other blocks read as zeros. Blocks are addressed by number, because byte offsets of the largest
+// devices need more than 64 bits.
 #pragma once
 
 #include <cstddef>
@@ -34,8 +34,8 @@ class HOSTSIM_API BlockStore {
     uint32_t block_size_;
 };
 
-// Contents in sparse files below `directory`, which the first write creates. Every store on one directory, in
-// whatever process, sees what the others wrote: nothing is kept in between, no descriptor stays open.
+// Contents in sparse files below `directory`, which the first write creates. Nothing is cached and no
+// descriptor stays open: every store on one directory, in any process, sees what the others wrote.
 HOSTSIM_API std::shared_ptr<BlockStore> directory_store(std::string directory, uint32_t block_size);
 
 // Contents in the memory of this process alone.

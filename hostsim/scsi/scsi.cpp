@@ -1,5 +1,4 @@
-// scsi.cpp - builds sense data and replies; every command of every device answers through these few
-// functions.
+// scsi.cpp - builds sense data and replies for all commands.
 #include "scsi.h"
 
 #include <algorithm>

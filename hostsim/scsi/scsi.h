@@ -42,8 +42,8 @@ inline constexpr uint8_t kUnitAttention = 0x06;  // the sense key
 
 using SenseData = std::array<uint8_t, 18>;
 
-// A request carries data one way at most. An empty span on the way that a command needs is a missing data
-// phase.
+// A request has data in one direction at most. An empty span in the direction that a command needs means that
+// the data phase is missing.
 struct ScsiRequest {
     std::array<uint8_t, 16> cdb{};        // zeros follow the bytes that the host sent
     std::span<uint8_t> data_in{};         // room for what the device sends
@@ -60,13 +60,11 @@ HOSTSIM_API SenseData fixed_sense(SenseCode code);
 
 HOSTSIM_API ScsiReply check_condition(SenseCode code);
 
-// A field of the CDB that is wrong: the sense data points at its first byte and, where given, its highest
-// bit.
+// An invalid field of the CDB. The sense data points at its first byte and, where given, its highest bit.
 ScsiReply invalid_field(uint8_t byte);
 ScsiReply invalid_field(uint8_t byte, uint8_t bit);
 
-// A failure of the medium at a block, which the sense data names when its 32-bit information field can hold
-// it.
+// A medium error at a block. The sense data names the block if its 32-bit information field can hold it.
 ScsiReply medium_error(SenseCode code, uint64_t lba);
 
 // Sends `data` to the host, cut to the command's allocation length and to the host's buffer.

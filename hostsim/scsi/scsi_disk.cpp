@@ -1,5 +1,5 @@
-// scsi_disk.cpp - the commands of a disk: one table says what each needs, and whatever stands in its way is
-// judged in one place before it runs.
+// scsi_disk.cpp - the commands of a disk. One table says in which conditions each runs, and one function
+// checks them.
 #include "scsi_disk.h"
 
 #include <algorithm>
@@ -11,7 +11,7 @@
 namespace hostsim {
 
 struct Disk::Command {
-    // What a command is carried out in spite of.
+    // Conditions in which a command runs all the same.
     enum Despite : uint8_t { nothing = 0, not_ready = 1, reservation = 2, anything = 7 };
 
     uint8_t opcode;
@@ -46,10 +46,9 @@ const Disk::Command* Disk::find_command(uint8_t opcode) {
 
 namespace {
 
-constexpr uint8_t kNaca = 0x04;  // in the control byte: a way of handling errors that these disks do not know
+constexpr uint8_t kNaca = 0x04;  // normal auto contingent allegiance, which these disks do not support
 
-// The blocks that a command is about. Where they stand in a CDB follows from the group that its opcode
-// belongs to.
+// The blocks that a command addresses. The group of its opcode determines where the CDB holds them.
 struct Extent {
     uint64_t lba;
     uint64_t blocks;
@@ -72,7 +71,7 @@ bool is_within(const Extent& extent, const DiskConfig& disk) {
     return extent.lba < disk.block_count && extent.blocks <= disk.block_count - extent.lba;
 }
 
-// What a read or a write must be before a byte moves. The six-byte commands have no field for protection.
+// Why a read or write is refused before a byte moves. Six-byte commands have no protection field.
 std::optional<ScsiReply> objection(const ScsiRequest& request, const Extent& extent, const DiskConfig& disk) {
     const bool wants_protection = request.cdb[0] >> 5 != 0 && (request.cdb[1] & 0xE0) != 0;
     if (wants_protection) return invalid_field(1, 7);
@@ -104,8 +103,7 @@ std::optional<SenseCode> Disk::condition() const {
 
 ScsiReply Disk::test_unit_ready(const ScsiRequest&) const { return {}; }
 
-// Sense data travels with the reply that it belongs to, so there is none waiting: what is reported is how
-// things stand.
+// Sense data goes with each reply, so none is pending. The current condition is reported.
 ScsiReply Disk::request_sense(const ScsiRequest& request) const {
     if ((request.cdb[1] & 0x01) != 0) return invalid_field(1, 0);
     return deliver(request, fixed_sense(condition().value_or(sense::kNone)), request.cdb[4]);
@@ -121,7 +119,7 @@ ScsiReply Disk::inquiry(const ScsiRequest& request) const {
     return page ? deliver(request, *page, allocation) : invalid_field(2);
 }
 
-// A last block that 32 bits cannot hold sends the host to READ CAPACITY (16).
+// All ones, for a last block that 32 bits cannot hold, send the host to READ CAPACITY (16).
 ScsiReply Disk::read_capacity_10(const ScsiRequest& request) const {
     const bool asks_at_address = (request.cdb[8] & 0x01) != 0;
     if (!asks_at_address && get_be(request.cdb, 2, 4) != 0) return invalid_field(2);
@@ -142,7 +140,7 @@ ScsiReply Disk::service_action_in(const ScsiRequest& request) const {
 
 ScsiReply Disk::mode_sense(const ScsiRequest& request) const { return mode_sense_reply(config_, request); }
 
-// A host that has room for less than it asks for gets as much as it has room for.
+// A host whose buffer is smaller than it asks for gets as much as fits.
 ScsiReply Disk::read(const ScsiRequest& request) const {
     const Extent extent = extent_of(request.cdb);
     if (auto reply = objection(request, extent, config_)) return *reply;
@@ -155,7 +153,7 @@ ScsiReply Disk::read(const ScsiRequest& request) const {
     return reply;
 }
 
-// A host that sends less than it announces has nothing of it written.
+// If the host sends less than it announced, nothing is written.
 ScsiReply Disk::write(const ScsiRequest& request) const {
     const Extent extent = extent_of(request.cdb);
     if (auto reply = objection(request, extent, config_)) return *reply;
@@ -168,7 +166,7 @@ ScsiReply Disk::write(const ScsiRequest& request) const {
     return reply;
 }
 
-// Written data is where it belongs already; 0 blocks stand for all up to the last one.
+// There is no write cache. 0 blocks mean all up to the last one.
 ScsiReply Disk::synchronize_cache(const ScsiRequest& request) const {
     return is_within(extent_of(request.cdb), config_) ? ScsiReply{} : check_condition(sense::kLbaOutOfRange);
 }

@@ -1,6 +1,5 @@
-// scsi_disk.h - one logical unit that answers SCSI commands as a disk does. Targets, which hold several of
-// them and know LUN addresses, are in scsi_target.h; driver records are turned into requests by
-// scsi_exchange.h.
+// scsi_disk.h - a logical unit that answers SCSI commands as a disk. scsi_target.h holds several of them
+// under LUN addresses; scsi_exchange.h makes requests from driver records.
 #pragma once
 
 #include <cstdint>

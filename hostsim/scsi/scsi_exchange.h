@@ -1,6 +1,5 @@
-// scsi_exchange.h - carries the SCSI command of a driver record to a target and the answer back into the
-// record, the same way for the drivers whose records hold the data and for the one whose record only holds
-// its address.
+// scsi_exchange.h - carries the SCSI command of a driver record to a target and the reply back into the
+// record. The native records hold the data, the legacy record its address.
 #pragma once
 
 #include <algorithm>
@@ -8,23 +7,18 @@
 #include <cstring>
 #include <span>
 
+#include "driver_status.h"
 #include "scsi_target.h"
 #include "trelm_driver_records.h"
 
 namespace hostsim {
-
-// Driver statuses of a SCSI command. A reservation conflict has no sense data that could tell of it, and the
-// records have no field for the SCSI status: the driver reports it as its own.
-inline constexpr uint32_t kScsiExchangeGood = 0;
-inline constexpr uint32_t kScsiExchangeInvalid = 4;
-inline constexpr uint32_t kScsiExchangeReserved = static_cast<uint32_t>(ScsiStatus::reservation_conflict);
 
 inline uint8_t* scsi_data(kronfc_scsi_cmd& command) { return command.data_buffer; }
 inline uint8_t* scsi_data(dorfc_scsi_cmd& command) {
     return reinterpret_cast<uint8_t*>(static_cast<uintptr_t>(command.data_addr));
 }
 
-// Whether the record can be carried out at all: its data fits the record, or lies somewhere.
+// Whether the data fits the record, or has an address.
 inline bool scsi_data_sound(const kronfc_scsi_cmd& command) { return command.data_len <= kScsiMaxData; }
 inline bool scsi_data_sound(const dorfc_scsi_cmd& command) {
     return command.data_addr != 0 || command.data_len == 0;
@@ -54,10 +48,11 @@ void store_scsi_reply(Record& command, const ScsiReply& reply) {
 template <typename Record>
 uint32_t exchange_scsi(const ScsiTarget& target, Record& command) {
     const bool has_data = command.direction == SCSI_DIRECTION_IN || command.direction == SCSI_DIRECTION_OUT;
-    if (command.cdb_len > kScsiMaxCdb || (has_data && !scsi_data_sound(command))) return kScsiExchangeInvalid;
+    if (command.cdb_len > kScsiMaxCdb || (has_data && !scsi_data_sound(command)))
+        return kStatusInvalidRequest;
     const ScsiReply reply = target.run(command.lun, command.lun_ext, scsi_request(command));
     store_scsi_reply(command, reply);
-    return reply.status == ScsiStatus::reservation_conflict ? kScsiExchangeReserved : kScsiExchangeGood;
+    return reply.status == ScsiStatus::reservation_conflict ? kStatusReserved : kStatusGood;
 }
 
 }  // namespace hostsim

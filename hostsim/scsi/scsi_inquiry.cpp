@@ -66,8 +66,7 @@ Bytes device_identification(const DiskConfig& disk) {
     return page;
 }
 
-// Transfers of any length are taken, so no maximum is stated; the optimal one is what a driver's record
-// holds.
+// There is no maximum transfer length. The optimal one is what a driver's record holds.
 Bytes block_limits(const DiskConfig& disk) {
     constexpr uint32_t kOptimalGranularity = 4096;
     constexpr uint32_t kOptimalTransfer = 262144;

@@ -1,4 +1,4 @@
-// scsi_inquiry.h - how a device describes itself: standard INQUIRY data and the vital product data pages.
+// scsi_inquiry.h - standard INQUIRY data and vital product data pages.
 #pragma once
 
 #include <array>
@@ -10,7 +10,7 @@
 
 namespace hostsim {
 
-// Peripheral qualifier and device type of an address where there is no logical unit and can be none.
+// Peripheral qualifier and device type of an address that has no logical unit.
 inline constexpr uint8_t kNoDevice = 0x7F;
 
 using InquiryData = std::array<uint8_t, 96>;

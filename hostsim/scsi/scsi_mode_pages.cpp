@@ -1,5 +1,5 @@
-// scsi_mode_pages.cpp - the mode pages of a disk and the two layouts in which MODE SENSE sends them. There is
-// no MODE SELECT: nothing is changeable, and default values are the current ones.
+// scsi_mode_pages.cpp - the mode pages of a disk and the two layouts of MODE SENSE data. There is no MODE
+// SELECT: nothing is changeable, and defaults are the current values.
 #include "scsi_mode_pages.h"
 
 #include <algorithm>
@@ -24,7 +24,7 @@ struct ModePage {
     uint8_t bytes[20];
 };
 constexpr ModePage kModePages[] = {
-    {0x08, 20, {0x08, 18}},  // caching: no write cache, for written data is kept where every process sees it
+    {0x08, 20, {0x08, 18}},  // caching: no write cache
     {0x0A,
      12,
      {0x0A, 10, 0, 0x10, 0, 0, 0, 0, 0xFF, 0xFF}},  // control: any order, fixed-format sense, no time-out
@@ -40,8 +40,8 @@ struct Layout {
 constexpr Layout kModeSense6{4, 1, 4};
 constexpr Layout kModeSense10{8, 2, 7};
 
-// The long descriptor belongs to MODE SENSE (10) and has room for every size; the short one says 'more' with
-// all ones.
+// MODE SENSE (10) may ask for the long descriptor, which holds every size. The short one has all ones for a
+// size that it cannot hold.
 Bytes block_descriptor(const DiskConfig& disk, bool is_long) {
     Bytes descriptor(is_long ? 16 : 8);
     if (is_long) {

@@ -1,5 +1,4 @@
-// scsi_target.cpp - finds the logical unit that a command is for and answers in place of those that are not
-// there.
+// scsi_target.cpp - finds the logical unit of a command, and answers where there is none.
 #include "scsi_target.h"
 
 #include <algorithm>
@@ -15,15 +14,15 @@ constexpr uint8_t kInquiry = 0x12;
 constexpr uint8_t kReportLuns = 0xA0;
 constexpr uint16_t kFlat = 0x4000;
 
-// What a target says of an address where it has no logical unit.
-ScsiReply answer_for_nobody(const ScsiRequest& request) {
+// The reply for an address that has no logical unit.
+ScsiReply reply_without_unit(const ScsiRequest& request) {
     const auto& cdb = request.cdb;
     if (cdb[0] == kRequestSense) return deliver(request, fixed_sense(sense::kLunNotSupported), cdb[4]);
     const bool wants_standard_data = cdb[0] == kInquiry && (cdb[1] & 0x03) == 0 && cdb[2] == 0;
     if (!wants_standard_data) return check_condition(sense::kLunNotSupported);
-    DiskConfig nobody;
-    nobody.device_type = kNoDevice;
-    return deliver(request, standard_inquiry(nobody), get_be(cdb, 3, 2));
+    DiskConfig none;
+    none.device_type = kNoDevice;
+    return deliver(request, standard_inquiry(none), get_be(cdb, 3, 2));
 }
 
 }  // namespace
@@ -60,10 +59,10 @@ ScsiReply ScsiTarget::run(uint32_t lun, uint32_t lun_ext, const ScsiRequest& req
     const ScsiLun* const unit = number ? find(*number) : nullptr;
     const bool answers_for_target = unit != nullptr || number == 0;
     if (request.cdb[0] == kReportLuns && answers_for_target) return report_luns(request);
-    return unit != nullptr ? unit->disk.run(request) : answer_for_nobody(request);
+    return unit != nullptr ? unit->disk.run(request) : reply_without_unit(request);
 }
 
-// The header counts every logical unit, also those that the host has no room for.
+// The header counts all logical units, even if the list does not fit the host's buffer.
 ScsiReply ScsiTarget::report_luns(const ScsiRequest& request) const {
     enum Select : uint8_t { addressed = 0, well_known = 1, all = 2 };
     const uint8_t select = request.cdb[2];

@@ -1,5 +1,5 @@
-// scsi_target.h - a SCSI target: its logical units, the addresses under which a host reaches them, and what
-// it answers for addresses where there is none.
+// scsi_target.h - a SCSI target: its logical units, their addresses, and the replies for addresses that have
+// no logical unit.
 #pragma once
 
 #include <array>
@@ -13,18 +13,18 @@
 
 namespace hostsim {
 
-// How REPORT LUNS writes the address of a logical unit. Numbers above 255 need flat addressing and get it
-// anyway.
+// How REPORT LUNS writes the address of a logical unit. Numbers above 255 always get flat addressing.
 enum class LunAddressing : uint8_t { peripheral, flat };
 
 inline constexpr uint16_t kMaxLunNumber = 0x3FFF;
 
-// A host names a logical unit by two 32-bit numbers: each 16-bit level of the eight-byte address, first level
-// lowest. The number of the logical unit, or nothing where no address of this kind of target can lead.
+// A host addresses a logical unit by two 32-bit numbers, which hold the 16-bit levels of the eight-byte
+// address, first level lowest. Returns the number of the logical unit; none for an address that no such
+// target has.
 HOSTSIM_API std::optional<uint16_t> lun_number(uint32_t lun, uint32_t lun_ext);
 
-// The address of a logical unit: the low one of the two numbers (the high one is 0), and the eight bytes of
-// the wire.
+// The address of a logical unit: the low one of the two numbers (the high one is 0), and its eight bytes in
+// REPORT LUNS data.
 HOSTSIM_API uint32_t lun_address(uint16_t number, LunAddressing addressing);
 HOSTSIM_API std::array<uint8_t, 8> lun_entry(uint16_t number, LunAddressing addressing);
 
@@ -36,10 +36,10 @@ struct ScsiLun {
 
 class HOSTSIM_API ScsiTarget {
   public:
-    // In any order; of several with one number the first counts.
+    // In any order. Of several with one number the first is used.
     explicit ScsiTarget(std::vector<ScsiLun> luns);
 
-    // Runs a command on the logical unit that the two numbers address. Either way of addressing reaches it.
+    // Runs a command on the logical unit that the two numbers address, peripheral or flat.
     ScsiReply run(uint32_t lun, uint32_t lun_ext, const ScsiRequest& request) const;
 
   private:

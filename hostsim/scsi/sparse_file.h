@@ -1,6 +1,6 @@
-// sparse_file.h - reads and writes ranges of files that need not exist: what lies outside a file reads as
-// zeros. Each call opens the file and closes it again. The calls run inside programs that close descriptors
-// they do not know, and a descriptor kept in between might have become one of theirs.
+// sparse_file.h - reads and writes ranges of files that need not exist: what is not in a file reads as zeros.
+// Each call opens and closes the file. The calls run inside programs that may close any descriptor, so that a
+// kept one could become the program's own.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,4 @@
-// host_builders.cpp - hosts for tests.
+// host_builders.cpp - the values of hosts for tests.
 #include "host_builders.h"
 
 #include <fmt/format.h>
@@ -24,7 +24,7 @@ const Family& family(DriverKind kind) {
     return kFamilies[static_cast<size_t>(kind)];
 }
 
-// Names of the fabric and of the storage begin alike on all ports and end in what tells them apart.
+// The first names of fabrics and storage; ports and indexes are added to them.
 constexpr uint64_t kSwitch = 0x2000'02CA'5717'0001;
 constexpr uint64_t kFabric = 0x1000'02CA'5717'0001;
 constexpr uint64_t kStorageNode = 0x5000'02CA'5D00'0000;

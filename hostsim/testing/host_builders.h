@@ -1,5 +1,5 @@
-// host_builders.h - hosts for tests in a few words: adapters of one kind with ports that are told apart, to which a
-// test adds what it is about. Everything that is not said has a value that such a host could have.
+// host_builders.h - builds hosts for tests: adapters of one kind with distinct ports, to which a test adds
+// what it is about. All other fields have values that a real host could have.
 #pragma once
 
 #include <cstddef>
@@ -16,11 +16,11 @@ inline constexpr uint16_t kKronDeviceId = 0x8080;
 inline constexpr uint16_t kPyxDeviceId = 0x16A1;
 inline constexpr uint16_t kLegacyDeviceId = 0x168E;
 
-// All three drivers are there (the legacy one too where asked) and serve no port.
+// The native drivers are present, the legacy one if asked for, and have no ports.
 HOSTSIM_API Model empty(bool legacy = false);
 
-// Dual-port adapters with so many ports in all, each with as many virtual ports; drivers of other kinds are
-// absent.
+// Dual-port adapters with `count` ports in all, each with `virtual_ports` virtual ports. Drivers of other
+// kinds are absent.
 HOSTSIM_API Model ports(DriverKind kind, size_t count, size_t virtual_ports = 0);
 inline Model kron_ports(size_t count, size_t virtual_ports = 0) {
     return ports(DriverKind::kron, count, virtual_ports);
@@ -35,7 +35,7 @@ inline Model legacy_ports(size_t count, size_t virtual_ports = 0) {
 // Adds an adapter of one kind at the next PCI location and its ports to a host.
 HOSTSIM_API Adapter& add_adapter(Model& model, DriverKind kind, size_t count, size_t virtual_ports = 0);
 
-// The parts that a port may have. The references are good until the next addition to the same list.
+// Adds what a port may have. A reference is valid until the next addition to the same list.
 HOSTSIM_API Port& add_virtual_port(PhysicalPort& port);
 HOSTSIM_API Fcf& add_fcf(Port& port);
 HOSTSIM_API Target& add_target(Port& port, uint32_t index, size_t luns = 0);

@@ -101,6 +101,10 @@ class PagesTest(unittest.TestCase):
             described = re.findall(r"^(\*-.*)$", section(page, "OPTIONS"), re.MULTILINE)
             self.assertEqual(set(re.findall(r"\*(--?[\w-]+)\*", " ".join(described))), options, tool)
 
+    def test_every_command_of_the_tool_has_an_example(self) -> None:
+        commands, _ = self.offered("trelmctl")
+        self.assertLessEqual(commands, set(re.findall(r"^# trelmctl (?:--\w+ )?(\w+)", section("trelmctl.8", "EXAMPLES"), re.M)))
+
     @staticmethod
     def offered(tool: str) -> Tuple[Set[str], Set[str]]:
         help_text = run(tool, "--help").stdout

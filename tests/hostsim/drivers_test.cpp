@@ -1,5 +1,6 @@
 // drivers_test.cpp - what the drivers of a simulated host do alike, and what its management interface refuses
 // of those who ask it wrongly.
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include "support/loaded_host.h"
@@ -117,6 +118,93 @@ TEST(ManagementApi, RefusesInvocationsThatNoDriverWouldGet) {
     EXPECT_THAT(record, testing::Each(0xEE));
     EXPECT_EQ(vmk_MgmtUserCallbackInvokeInt(kron, 0, 19, 1, at), 0);
     EXPECT_NE(+reinterpret_cast<native_cb_header*>(at)->status, 0u) << "there is no such host number";
+}
+
+// ---- The legacy driver
+
+TEST(LegacyNode, RefusesRequestsThatNoDriverWouldTakeAndLeavesTheCallersMemoryAlone) {
+    Host host(hosts::legacy_ports(1));
+    host.inject({.operation = Operation::hostno, .occurrence = 2, .error = EIO});
+    host.inject({.operation = Operation::hostno, .occurrence = 3, .status = 9, .error = EBUSY});
+    struct {
+        dorfc_hostno record{0xEEEEEEEE, 0xEEEEEEEE};
+        dorfc_scsi_cmd command{};
+        dorfc_ioctl block{"DORFC", 2, 1, 0, 77, 0, 0, {}};
+    } given;
+    given.block.ioctlstructaddr = reinterpret_cast<uintptr_t>(&given.record);
+    using Given = decltype(given);
+    const struct {
+        const char* what;
+        uint32_t number;
+        std::function<void(Given&)> spoil;
+        int error;
+        uint32_t status = 77;
+    } rows[]{
+        {"number", DORFC_GET_HOSTNO + 7, [](Given&) {}, ENOTTY},
+        {"signature", DORFC_GET_HOSTNO, [](Given& g) { g.block.signature[7] = 1; }, EINVAL},
+        {"address mode", DORFC_GET_HOSTNO, [](Given& g) { g.block.addrmode = 1; }, EINVAL},
+        {"version", DORFC_GET_HOSTNO, [](Given& g) { g.block.version = 2; }, EINVAL},
+        {"subcode", DORFC_GET_HOSTNO, [](Given& g) { g.block.subcode = 1; }, EINVAL},
+        {"no record", DORFC_GET_HOSTNO, [](Given& g) { g.block.ioctlstructaddr = 0; }, EFAULT},
+        {"no data", DORFC_SEND_SCSI_CMD,
+         [](Given& g) {
+             g.command.direction = SCSI_DIRECTION_IN, g.command.data_len = 1;
+             g.block.ioctlstructaddr = reinterpret_cast<uintptr_t>(&g.command);
+         },
+         EFAULT},
+        {"no such port", DORFC_GET_HOSTNO, [](Given& g) { g.block.hbaselect = 1; }, 0, 7},
+        {"failing call", DORFC_GET_HOSTNO, [](Given&) {}, EIO},
+        {"failing call with status", DORFC_GET_HOSTNO, [](Given&) {}, EBUSY, 9},
+    };
+    for (const auto& [what, number, spoil, error, status] : rows) {
+        SCOPED_TRACE(what);
+        Given spoiled = given;
+        if (spoiled.block.ioctlstructaddr != 0)
+            spoiled.block.ioctlstructaddr = reinterpret_cast<uintptr_t>(&spoiled.record);
+        spoil(spoiled);
+        errno = 0;
+        EXPECT_EQ(host.legacy_request(number, &spoiled.block), error ? -1 : 0);
+        EXPECT_EQ(errno, error);
+        EXPECT_EQ(+spoiled.block.status, status);
+        EXPECT_EQ(+spoiled.record.host_no, 0xEEEEEEEEu);
+    }
+    EXPECT_EQ(host.legacy_request(DORFC_GET_HOSTNO, nullptr), -1);
+    EXPECT_EQ(errno, EFAULT);
+    EXPECT_EQ(host.legacy_request(DORFC_GET_HOSTNO, &given.block), 0);
+    EXPECT_EQ(std::tuple(+given.block.status, +given.record.host_no, +given.record.reserved),
+              std::tuple(0u, 2u, 0xEEEEEEEEu));
+}
+
+TEST(LinkStateFiles, ShowReadyPortsFirstAndAFileForEachPhysicalPort) {
+    Model model = hosts::legacy_ports(2, 1);
+    hosts::add_adapter(model, DriverKind::kron, 1);
+    hostsim::PhysicalPort& port = model.port(0, 0);
+    port.link_state = FC_PORTSTATE_LINKDOWN;
+    hosts::add_target(port, 3).offline = true;
+    hosts::add_target(port.virtual_ports[0], 12);
+    model.port(0, 1).link_state = FC_PORTSTATE_OFFLINE;
+    Host host(model);
+    const std::string header =
+        "Calvexa FCoE driver 1.1.32.0\nUlvard 2010 serial CVX0001000, firmware 8.37.30.0\nPCI 0000:05:00.";
+    const auto section = [](int host_no, const char* type, const char* wwn, const char* port_id,
+                            const char* state, const char* target) {
+        return fmt::format(
+            "\nSCSI Device Information: host{}\n  Port type         : {}\n  WWNN              : 1{}\n"
+            "  WWPN              : 2{}\n  Port ID           : {}\n  VLAN              : 1002\n"
+            "  Lport state       : LPORT_ST_{}\n{}",
+            host_no, type, wwn, wwn, port_id, state, target);
+    };
+    const std::string first = section(3, "NPIV", "00002ca1e000001", "010001", "READY",
+                                      "  Target  12        : port ID 02000c, logged in\n") +
+                              section(2, "physical", "00002ca1e000000", "010000", "LINK_DOWN",
+                                      "  Target   3        : port ID 020003, offline\n");
+    const std::string second = section(5, "NPIV", "00002ca1e000101", "010101", "READY", "") +
+                               section(4, "physical", "00002ca1e000100", "010100", "DISABLED", "");
+    EXPECT_THAT(host.link_state_files(),
+                testing::ElementsAre(hostsim::LinkStateFile{"2", header + "0\n" + first},
+                                     hostsim::LinkStateFile{"4", header + "1\n" + second}));
+    host.model().driver(DriverKind::legacy).presence = hostsim::Driver::Presence::no_device;
+    EXPECT_THAT(host.link_state_files(), testing::IsEmpty());
 }
 
 }  // namespace

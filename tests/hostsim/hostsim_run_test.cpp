@@ -157,6 +157,19 @@ TEST_F(HostsimRun, ShowsTheHostToEveryProgramAndChildAndFollowsEdits) {
         "esx-run\nesx-next\nesx-next\n");
 }
 
+TEST_F(HostsimRun, LetsLibrariesAndModulesBeFoundBelowTheMachinesTmp) {
+    const fs::path modules = fs::path(at("x")).parent_path().string() + "-modules";
+    fs::create_directory(modules);
+    std::ofstream(modules / "module.py") << "";
+    for (const char* list : {"LD_LIBRARY_PATH", "PYTHONPATH"}) {
+        EXPECT_NE(run("test -e " + modules.string() + "/module.py").status, 0) << "before " << list;
+        ::setenv(list, ("/nowhere:" + modules.string()).c_str(), 1);
+        EXPECT_EQ(run("test -e " + modules.string() + "/module.py").status, 0) << list;
+        ::unsetenv(list);
+    }
+    fs::remove_all(modules);
+}
+
 TEST_F(HostsimRun, KeepsARootThatWasGivenAndSharesItAmongCommandsOfOneHostOnly) {
     const pid_t first =
         start(script(": > /tmp/ready; read line < $D/gate; cat /tmp/second", root_option), at("first"));

@@ -47,11 +47,11 @@ class Log : public ::testing::Test {
 };
 
 TEST_F(Log, TakesItsFlagsFromTheEnvironmentAndMakesASemaphoreWhenFirstOn) {
-    constexpr std::tuple<const char*, uint32_t, bool> cases[] = {
+    constexpr std::tuple<const char*, uint32_t, bool> kCases[] = {
         // value or null, flags, semaphore
         {nullptr, 0, false}, {"junk", 0, false}, {"100000000", 0, false}, {"0x4", 4, true},
         {nullptr, 4, true},  {"1F", 0x1F, true}, {"100000007", 7, true},  {"0", 0, true}};
-    for (const auto& [value, flags, has_semaphore] : cases) {
+    for (const auto& [value, flags, has_semaphore] : kCases) {
         SCOPED_TRACE(value ? value : "not set");
         value ? setenv("TRELM_API_DEBUG", value, 1) : unsetenv("TRELM_API_DEBUG");
         trelm_set_debug_level();

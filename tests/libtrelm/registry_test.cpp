@@ -92,13 +92,13 @@ TEST_F(Registry, KeepsAddressesAsNumbers) {
 }
 
 TEST_F(Registry, KnowsQuadPortAdaptersByAllFourIds) {
-    constexpr std::tuple<int, int, int> ids[] = {{0x1077, 0x8080, 0x1077}, {0x1077, 0x8080, 0x193D},
-                                                 {0x1078, 0x8080, 0x1077}, {0x1077, 0x8081, 0x1077},
-                                                 {0x1077, 0x8080, 0x1078}, {0xFFFF, 0xFFFF, 0xFFFF}};
+    constexpr std::tuple<int, int, int> kIds[] = {{0x1077, 0x8080, 0x1077}, {0x1077, 0x8080, 0x193D},
+                                                  {0x1078, 0x8080, 0x1077}, {0x1077, 0x8081, 0x1077},
+                                                  {0x1077, 0x8080, 0x1078}, {0xFFFF, 0xFFFF, 0xFFFF}};
     std::vector<uint32_t> quad;
-    for (uint32_t i = 0; i < std::size(ids) << 16; ++i) {
+    for (uint32_t i = 0; i < std::size(kIds) << 16; ++i) {
         trelm_hw_info hw{};
-        std::tie(hw.vendor_id, hw.device_id, hw.ssvendor_id) = ids[i >> 16];
+        std::tie(hw.vendor_id, hw.device_id, hw.ssvendor_id) = kIds[i >> 16];
         hw.ssdevice_id = static_cast<uint16_t>(i);
         if (trelm_is_quad_port_zr(&hw) == 0) quad.push_back(i);
     }

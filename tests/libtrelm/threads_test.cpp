@@ -5,6 +5,7 @@
 #include <atomic>
 #include <csignal>
 #include <future>
+#include <regex>
 #include <thread>
 
 #include "support/child.h"
@@ -215,6 +216,26 @@ TEST_P(Threads, AreGoneInAForkedChild) {
     driver.end();
     EXPECT_EQ(sent.get() + freed.get(), TRELM_STATUS_OK);
     EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
+}
+
+using Guests = Programs;
+
+TEST_F(Guests, CallFromSixteenThreadsWhileTheHostFileIsEdited) {
+    const std::string online = text_of(source_dir() + "/hostsim/hosts/lab.json");
+    const std::string down =
+        std::regex_replace(online, std::regex("\"link\": \"online\""), "\"link\": \"link_down\"");
+    ASSERT_NE(online, down);
+    write("host.json", online);
+    const pid_t guest = start({kLauncher, "run", at("host.json"), "--", binary_dir() + "/bin/trelm-threads",
+                               "--guest", "--threads", "16", "--seconds", "3"});
+    for (int edit = 0; waitpid(guest, nullptr, WNOHANG | WNOWAIT) == 0; ++edit) {
+        write("new.json", edit % 2 ? online : down);
+        std::filesystem::rename(at("new.json"), at("host.json"));
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    const Outcome outcome = finish(guest);
+    EXPECT_EQ(outcome.status, 0) << outcome.errors;
+    EXPECT_THAT(outcome.out, testing::ContainsRegex("16 threads, [1-9][0-9]* changes of links, 0 failures"));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@ import errno
 import os
 import pickle
 import unittest
+from concurrent.futures import ThreadPoolExecutor
 
 import trelm
 from trelm import _c
@@ -105,6 +106,23 @@ class HostTest(unittest.TestCase):
         self.host.close()
         self.host.close()
         self.assertRaises(ValueError, self.port.adapter)
+
+    def test_threads_share_hosts_and_load_their_own(self) -> None:
+        shared = self.port
+
+        def work(_: int) -> bool:
+            with trelm.load() as own:
+                port, (virtual,) = own.ports[0], shared.virtual_ports()
+                return (
+                    (shared.targets(), port.luns(5)) == expected
+                    and virtual.info().is_virtual
+                    and shared.command(5, 0, INQUIRY, data_in=36).data == inquiry
+                    and port.statistics().rx_fcoe_frames == 5
+                )
+
+        expected, inquiry = (shared.targets(), shared.luns(5)), shared.command(5, 0, INQUIRY, data_in=36).data
+        with ThreadPoolExecutor(8) as pool:
+            self.assertEqual(list(pool.map(work, range(64))), [True] * 64)
 
 
 class SenseTest(unittest.TestCase):

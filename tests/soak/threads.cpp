@@ -2,6 +2,8 @@
 // that knows what each call may answer. Drivers of this program's own answer without a lock, so that nothing but the
 // library keeps the threads apart.
 //
+// As a guest (--guest) of the host that trelm-hostsim runs it on, it calls what that host's own drivers answer.
+//
 // While no load or free is under way every answer is known: a port that a thread has open must answer, and
 // the library counts exactly the opens that the threads have made. While one is, a call may come before or after it.
 #include <fmt/format.h>
@@ -42,6 +44,7 @@ void demand(bool fulfilled, fmt::format_string<Values...> complaint, Values&&...
 
 // ---- The drivers
 
+bool is_guest = false;
 std::atomic<int> requests_under_way = 0;
 std::array<std::atomic<int>, 4096> node_users;  // of a descriptor of the legacy node; kNoNode: it is none
 constexpr int kNoNode = -1'000'000;
@@ -78,7 +81,7 @@ STANDS_BEFORE(int, vmk_MgmtUserCallbackInvokeInt,
     auto* const header = static_cast<native_cb_header*>(payload);
     void* const record = header + 1;
     ++requests_under_way;
-    switch (callback) {
+    switch (is_guest ? 0 : callback) {
         case NATIVE_CB_PORT_STATS:
             answer_stats(static_cast<uint64_t*>(record), header->host_no);
             break;
@@ -94,7 +97,8 @@ STANDS_BEFORE(int, vmk_MgmtUserCallbackInvokeInt,
         }
         default:
             NEXT_OF(vmk_MgmtUserCallbackInvokeInt)(handle, instance, callback, count, payload);
-            if (callback == NATIVE_CB_PORT_INFO) answer_port(*static_cast<dorfc_port_info*>(record));
+            if (!is_guest && callback == NATIVE_CB_PORT_INFO)
+                answer_port(*static_cast<dorfc_port_info*>(record));
     }
     --requests_under_way;
     return 0;
@@ -102,7 +106,8 @@ STANDS_BEFORE(int, vmk_MgmtUserCallbackInvokeInt,
 
 STANDS_BEFORE(int, ioctl, (int fd, unsigned long number, void* argument)) {
     const auto request = static_cast<uint32_t>(number & 0xFF);
-    if (!CALLED_BY_LIBRARY() || number != dorfc_request(request)) return NEXT_OF(ioctl)(fd, number, argument);
+    if (is_guest || !CALLED_BY_LIBRARY() || number != dorfc_request(request))
+        return NEXT_OF(ioctl)(fd, number, argument);
     demand(++node_users[fd] > 0, "a request went to descriptor {}, which is not the node's", fd);
     ++requests_under_way;
     auto* const block = static_cast<dorfc_ioctl*>(argument);
@@ -147,12 +152,12 @@ STANDS_BEFORE(int, close, (int fd)) {
 
 // Who has the library alone asks for the processes that have it loaded.
 STANDS_BEFORE(FILE*, popen, (const char* command, const char* mode)) {
-    if (!CALLED_BY_LIBRARY()) return NEXT_OF(popen)(command, mode);
+    if (is_guest || !CALLED_BY_LIBRARY()) return NEXT_OF(popen)(command, mode);
     demand(requests_under_way == 0, "the library was freed under {} requests", requests_under_way.load());
     return fmemopen(const_cast<char*>("2\n"), 2, "r");
 }
 STANDS_BEFORE(int, pclose, (FILE * file)) {
-    return CALLED_BY_LIBRARY() ? fclose(file) : NEXT_OF(pclose)(file);
+    return !is_guest && CALLED_BY_LIBRARY() ? fclose(file) : NEXT_OF(pclose)(file);
 }
 
 // ---- The model
@@ -415,6 +420,42 @@ void check_end() {
     demand(requests_under_way == 0, "requests were under way at the end");
 }
 
+// One round of a guest's thread: all of it works, whatever the host's file says meanwhile.
+void work_as_guest(uint32_t port, unsigned long long& link_changes) {
+    uint32_t handle = 0;
+    TRELM_VNPORT_INFO info{};
+    TRELM_PORT_STATS stats;
+    demand(TRELM_OpenAdapter(port, &handle) == TRELM_STATUS_OK, "port {} did not open", port);
+    demand(TRELM_GetVNPortInfo(handle, 0, &info) == TRELM_STATUS_OK, "port {} tells nothing", port);
+    demand(TRELM_GetPortStats(handle, 0, &stats) == TRELM_STATUS_OK, "port {} counts nothing", port);
+    demand(TRELM_CloseAdapter(handle) == TRELM_STATUS_OK, "port {} did not close", port);
+    static std::array<std::atomic<uint32_t>, 64> states;
+    if (states.at(port).exchange(info.PortState) != info.PortState) ++link_changes;
+    calls += 4;
+}
+
+int run_as_guest(unsigned thread_count, unsigned seconds) {
+    uint32_t count = 0;
+    demand(TRELM_LoadLibrary() == TRELM_STATUS_OK && TRELM_GetPortCount(&count) == TRELM_STATUS_OK,
+           "no ports");
+    if (count == 0) return 1;
+    std::atomic<uint64_t> link_changes = 0;
+    std::vector<std::thread> threads;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    for (unsigned i = 0; i < thread_count; ++i) {
+        threads.emplace_back([&, i] {
+            unsigned long long changes = 0;
+            while (std::chrono::steady_clock::now() < end) work_as_guest(i % count, changes);
+            link_changes += changes;
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    demand(TRELM_FreeLibrary() == TRELM_STATUS_OK, "the library was not freed");
+    fmt::print("threads: {} calls of {} threads, {} changes of links, {} failures\n", calls.load(),
+               thread_count, link_changes.load(), failures.load());
+    return failures == 0 ? 0 : 1;
+}
+
 int run(unsigned thread_count, unsigned seconds, unsigned seed) {
     fmt::print("threads: seed {}\n", seed);
     hostsim::Model model = hostsim::hosts::legacy_ports(2);
@@ -466,6 +507,7 @@ int main(int argc, char** argv) {
     app.add_option("--threads", threads, "How many");
     app.add_option("--seconds", seconds, "For how long");
     app.add_option("--seed", seed, "What chance starts from");
+    app.add_flag("--guest", is_guest, "On the simulated host that this program was started on");
     CLI11_PARSE(app, argc, argv);
-    return run(threads, seconds, seed);
+    return is_guest ? run_as_guest(threads, seconds) : run(threads, seconds, seed);
 }

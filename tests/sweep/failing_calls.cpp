@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 
 #include "../support/stand_before.h"
 #include "sweep.h"
@@ -17,7 +18,7 @@ namespace {
 
 constinit Failing failing_calls = Failing::none;
 constinit uint64_t failing_from = 0;
-constinit Trail* run = nullptr;  // null: nothing is counted
+constinit thread_local Trail* run = nullptr;  // null: nothing of this thread is counted
 
 bool fails(const char* name, int error) {
     if (run == nullptr) return false;
@@ -56,10 +57,21 @@ void __libc_free(void* block);
 // The library's live blocks. There are never many.
 static constinit size_t block_count = 0;
 static constinit void* blocks[4096] = {};
+static constinit std::atomic_flag blocks_are_taken{};
+
+class BlocksLock {
+  public:
+    BlocksLock() {
+        while (blocks_are_taken.test_and_set()) {
+        }
+    }
+    ~BlocksLock() { blocks_are_taken.clear(); }
+};
 
 size_t live_blocks() { return block_count; }
 
 static void* remember(void* block) {
+    const BlocksLock lock;
     if (block_count == std::size(blocks)) abort();
     return blocks[block_count++] = block;
 }
@@ -76,9 +88,12 @@ void* before_calloc(size_t count, size_t size) {
 
 // Whoever frees: a list of the library's is emptied through a pointer to this function.
 void before_free(void* block) {
-    void** const end = blocks + block_count;
-    void** const found = block == nullptr ? end : std::find(blocks, end, block);
-    if (found != end) *found = blocks[--block_count];
+    if (block != nullptr) {
+        const BlocksLock lock;
+        void** const end = blocks + block_count;
+        void** const found = std::find(blocks, end, block);
+        if (found != end) *found = blocks[--block_count];
+    }
     __libc_free(block);
 }
 #endif

@@ -2,6 +2,9 @@
 // records and arrays of a caller between guard bytes. What no failure may bring about is a complaint.
 #include <fmt/format.h>
 
+#include <atomic>
+#include <thread>
+
 #include "../support/guarded.h"
 #include "host_builders.h"
 #include "sweep.h"
@@ -167,6 +170,33 @@ struct Run {
     }
 };
 
+// A thread that calls all the while, whatever fails for the other.
+class Bystander {
+  public:
+    ~Bystander() {
+        leaves_ = true;
+        thread_.join();
+    }
+
+  private:
+    void call() {
+        while (!leaves_) {
+            uint32_t count = 0;
+            TRELM_FCOE_INFO fcoe;
+            TRELM_VNPORT_INFO port{};
+            TRELM_PORT_STATS stats;
+            TRELM_GetPortCount(&count);
+            TRELM_GetFcoeInfo(1, &fcoe);
+            TRELM_GetVNPortInfo(1, 0, &port);
+            TRELM_GetPortStats(1, 1, &stats);
+            std::this_thread::yield();
+        }
+    }
+
+    std::atomic<bool> leaves_ = false;
+    std::thread thread_{[this] { call(); }};
+};
+
 }  // namespace
 
 const SweptHost kHosts[kSweptHosts] = {
@@ -184,6 +214,7 @@ void complain(Trail& trail, const std::string& what) {
 
 void use_library(const SweptHost& host, Trail& trail) {
     setenv("TRELM_API_DEBUG", "0", 1);
+    const Bystander bystander;
     Run run{host, trail};
     run.load();
     for (uint32_t instance = 0; instance <= host.ports; ++instance) run.work(instance);

@@ -32,7 +32,7 @@ struct SweptHost {
 inline constexpr size_t kSweptHosts = 2;
 extern const SweptHost kHosts[kSweptHosts];
 
-// From here on the n-th call fails, counted from here.
+// From here on the n-th call of this thread fails, counted from here.
 void arm(Failing failing, uint64_t n, Trail& trail);
 // From here on nothing fails and nothing is counted.
 void disarm();

@@ -2,7 +2,8 @@
 // they print:
 //
 //     $ lab.json: trelmctl list          the host, from hosts/ or from the simulated host's samples, or '-' for
-//                                        the machine itself; and a shell command
+//                                        the machine itself; and a shell command, which finds the host's
+//                                        file as host.json and may edit it
 //     (standard output)
 //     ! (a line of standard error)
 //     => 0                               the exit status
@@ -24,14 +25,15 @@ class Golden : public Programs, public testing::WithParamInterface<std::string> 
     std::string run(const std::string& line) const {
         const std::size_t colon = line.find(": ");
         const std::string host = line.substr(2, colon - 2);
-        const std::string command =
-            "cd " + (host == "-" ? at("") : "/tmp") + "; export LC_ALL=C.UTF-8; " + line.substr(colon + 2);
-        const fs::path own = kHere / "hosts" / host;
-        const fs::path sample = fs::path(source_dir() + "/hostsim/hosts") / host;
-        const std::string path = "PATH=" + binary_dir() + "/bin:/usr/bin:/bin";
-        Words words{"/usr/bin/env", path};
-        if (host != "-") words = words + Words{kLauncher, "run", fs::exists(own) ? own : sample, "--"};
-        const Outcome outcome = execute(words + Words{"/bin/sh", "-c", command});
+        Words words{"/usr/bin/env", "LC_ALL=C.UTF-8", "PATH=" + binary_dir() + "/bin:/usr/bin:/bin"};
+        if (host != "-") {
+            const fs::path own = kHere / "hosts" / host;
+            write("host.json",
+                  text_of(fs::exists(own) ? own : fs::path(source_dir()) / "hostsim/hosts" / host));
+            words = words + Words{kLauncher, "run", at("host.json"), "--"};
+        }
+        const Outcome outcome =
+            execute(words + Words{"/bin/sh", "-c", "cd " + at("") + "; " + line.substr(colon + 2)});
 
         std::string lines = line + "\n" + outcome.out;
         std::istringstream errors(outcome.errors);

@@ -77,9 +77,19 @@ class Terminal {
             if (!read_more()) return {};
         }
     }
-    // The exit status after an interrupt from the keyboard.
-    int interrupt() {
-        EXPECT_EQ(write(fd_, "\003", 1), 1);
+    void type(const std::string& keys) const {
+        EXPECT_EQ(write(fd_, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+    }
+    // Whether the text appears on the terminal; what came before it is done with.
+    bool shows(const std::string& text) {
+        while (seen_.find(text) == std::string::npos) {
+            if (!read_more()) return false;
+        }
+        seen_.erase(0, seen_.find(text) + text.size());
+        return true;
+    }
+    // The exit status, once the program ends by itself.
+    int finish() {
         while (read_more()) {
         }
         int status = 0;
@@ -127,7 +137,35 @@ TEST_F(Trelmctl, WatchFillsATerminalFollowsItsSizeAndEndsOnAnInterrupt) {
     screen = terminal.screen();
     EXPECT_EQ(screen.size(), 10u);
     EXPECT_EQ(width_of(screen), 40u);
-    EXPECT_EQ(terminal.interrupt(), 0);
+    terminal.type("\003");
+    EXPECT_EQ(terminal.finish(), 0);
+}
+
+TEST_F(Trelmctl, TopShowsPortsTakesKeysAndLeavesTheTerminalAsItWas) {
+    const Words top{"/usr/bin/env", "TERM=xterm", kLauncher, "run",     kLab,
+                    "--",           kTool,        "top",     "--every", "0.1"};
+    const std::string leaves_the_screen = "\033[?1049l";
+    {
+        Terminal terminal(top, 80, 24);
+        EXPECT_TRUE(terminal.shows("vmhba32   online"));
+        terminal.type("s");
+        EXPECT_TRUE(terminal.shows("traffic"));
+        terminal.type("\n");
+        EXPECT_TRUE(terminal.shows("target")) << "the page of a port";
+        EXPECT_TRUE(terminal.shows("FCoE frames received"));
+        terminal.type("\033");
+        EXPECT_TRUE(terminal.shows("sort by: traffic"));
+        terminal.resize(60, 12);
+        EXPECT_TRUE(terminal.shows("PORT"));
+        terminal.type("q");
+        EXPECT_TRUE(terminal.shows(leaves_the_screen));
+        EXPECT_EQ(terminal.finish(), 0);
+    }
+    Terminal interrupted(top, 80, 24);
+    EXPECT_TRUE(interrupted.shows("vmhba32"));
+    interrupted.type("\003");
+    EXPECT_TRUE(interrupted.shows(leaves_the_screen));
+    EXPECT_EQ(interrupted.finish(), 0);
 }
 
 }  // namespace

@@ -91,6 +91,21 @@ void add_stats_options(CLI::App& command, Options& options) {
     });
 }
 
+void add_top_options(CLI::App& command, Options& options) {
+    add_filter(command, options);
+    add_value(command, "--every", "SECONDS", "Look every SECONDS (1)",
+              [&](const std::string& given) { options.every = seconds_value("--every", given); });
+    add_value(command, "--rescan", "SECONDS", "Look for new ports and FCFs every SECONDS (60)",
+              [&](const std::string& given) { options.rescan = seconds_value("--rescan", given); });
+}
+
+void add_monitor_options(CLI::App& command, Options& options) {
+    add_top_options(command, options);
+    add_value(command, "--count", "N", "End after N looks", [&](const std::string& given) {
+        options.samples = number_value("--count", given, 1, UINT32_MAX);
+    });
+}
+
 void add_scsi_options(CLI::App& command, Options& options) {
     command
         .add_option_function<std::vector<std::string>>(
@@ -177,6 +192,8 @@ constexpr std::array kOwnOptions{
     OwnOptions{"inquiry", add_inquiry_options},
     OwnOptions{"capacity", add_capacity_options},
     OwnOptions{"metrics", add_metrics_options},
+    OwnOptions{"top", add_top_options},
+    OwnOptions{"monitor", add_monitor_options},
     OwnOptions{"help", add_help_options},
     OwnOptions{"completion", add_completion_options},
 };
@@ -238,7 +255,8 @@ void check_metrics(const metrics::Settings& settings) {
 // What no single option can check.
 void check_together(const Options& options) {
     const bool reads = options.data_in > 0;
-    if (options.samples && !options.watch) wrong_usage("--count requires --watch");
+    if (options.samples && !options.watch && options.command->run == run_stats)
+        wrong_usage("--count requires --watch");
     if (reads && !options.data_out.empty()) wrong_usage("--in and --out exclude each other");
     if (options.raw && !reads) wrong_usage("--raw requires --in");
     if (!options.out_file.empty() && !reads) wrong_usage("--out-file requires --in");

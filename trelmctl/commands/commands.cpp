@@ -17,6 +17,8 @@ std::span<const Command> commands() {
         Command{"list", "List the FCoE ports of this host with their present state", none, run_list},
         Command{"show", "Show all that is known of a port and its adapter", port, run_show},
         Command{"stats", "Show the counters of a port, or watch their rates", port, run_stats},
+        Command{"top", "Watch all ports on the whole terminal, with rates and graphs", none, run_top},
+        Command{"monitor", "Print a line for each change of a state, until interrupted", none, run_monitor},
         Command{"metrics", "Write counters and states as metrics for Prometheus", none, run_metrics},
         Command{"targets", "List the SCSI targets that a port sees", port, run_targets},
         Command{"luns", "List the LUNs of a target", target, run_luns},

@@ -24,6 +24,8 @@ std::span<const Command> commands();
 void run_list(const Options& options, Output& output);
 void run_show(const Options& options, Output& output);
 void run_stats(const Options& options, Output& output);
+void run_top(const Options& options, Output& output);
+void run_monitor(const Options& options, Output& output);
 void run_metrics(const Options& options, Output& output);
 void run_targets(const Options& options, Output& output);
 void run_luns(const Options& options, Output& output);

@@ -113,9 +113,10 @@ Words command_names() {
     return names;
 }
 
-Words values_of(const std::string& option) {
+Words values_of(const Command& command, const std::string& option) {
     if (option == "--port") return port_names(false);
     if (option == "--state") return {"online", "link-down", "other", "failed"};
+    if (option == "--format" && command.run == run_metrics) return {"openmetrics", "prometheus"};
     if (option == "--format") return {"dot", "svg", "mermaid"};
     return {};
 }
@@ -133,7 +134,7 @@ Words arguments_of(const Line& line) {
 Words candidates(const Words& words) {
     const Line line = line_of(words);
     if (line.command == nullptr) return command_names();
-    if (!line.awaits.empty()) return values_of(line.awaits);
+    if (!line.awaits.empty()) return values_of(*line.command, line.awaits);
     if (words.empty() || !words.back().starts_with("-")) return arguments_of(line);
     Words names;
     for (const OptionName& option : line.options) names.push_back(option.name);

@@ -19,6 +19,10 @@ void catch_interrupts() {
     struct sigaction action {};
     action.sa_handler = end;
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
+}
+
+void wake_on_resize() {
+    struct sigaction action {};
     action.sa_handler = wake;
     sigaction(SIGWINCH, &action, nullptr);
 }

@@ -34,6 +34,8 @@ struct Options {
     std::optional<uint8_t> page;      // vital product data page
     std::optional<double> watch;      // seconds
     std::optional<uint64_t> samples;  // of a watch
+    double every = 1;                 // seconds between two looks of a monitor or of top
+    double rescan = 60;               // and between two loads of the library
     bool sixteen = false;             // READ CAPACITY(16) in any case
     DrawingFormat drawing = DrawingFormat::dot;
     metrics::Settings metrics;

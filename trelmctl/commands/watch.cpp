@@ -8,13 +8,11 @@
 #include <unistd.h>
 
 #include <array>
-#include <chrono>
 #include <ctime>
 #include <nlohmann/json.hpp>
 
-#include "counters.h"
+#include "counter_rates.h"
 #include "interrupts.h"
-#include "requests.h"
 #include "table.h"
 #include "terminal.h"
 #include "text.h"
@@ -22,38 +20,7 @@
 namespace trelmctl {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-struct Sample {
-    Clock::time_point when;
-    TRELM_PORT_STATS stats;
-};
-
-// Two samples in a row. A counter that went back was reset in between and has no rate.
-struct Interval {
-    const Sample& before;
-    const Sample& after;
-
-    double seconds() const { return std::chrono::duration<double>(after.when - before.when).count(); }
-    std::optional<double> rate(const Counter& counter) const {
-        const uint64_t from = counter.of(before.stats);
-        const uint64_t to = counter.of(after.stats);
-        if (to < from || seconds() <= 0) return std::nullopt;
-        return static_cast<double>(to - from) / seconds();
-    }
-};
-
 std::string time_of_day() { return fmt::format("{:%H:%M:%S}", fmt::localtime(std::time(nullptr))); }
-
-// At most seven characters.
-std::string short_rate(std::optional<double> rate) {
-    if (!rate) return "reset";
-    static constexpr std::string_view units = " kMGTPE";
-    double value = *rate;
-    std::size_t unit = 0;
-    for (; value >= (unit == 0 ? 9999.95 : 999.95) && unit + 1 < units.size(); ++unit) value /= 1000;
-    return unit == 0 ? fmt::format("{:.1f}", value) : fmt::format("{:.1f}{}", value, units[unit]);
-}
 
 // How the samples are shown.
 class View {
@@ -62,7 +29,7 @@ class View {
     virtual ~View() = default;
     View(const View&) = delete;
     View& operator=(const View&) = delete;
-    virtual void show(const Interval& interval) = 0;
+    virtual void show(const CounterInterval& interval) = 0;
     virtual void show(const Failure& failure) = 0;
 };
 
@@ -71,7 +38,7 @@ class Screen : public View {
   public:
     Screen(std::string heading, Output& output) : heading_(std::move(heading)), output_(output) {}
 
-    void show(const Interval& interval) override {
+    void show(const CounterInterval& interval) override {
         const Column::Align right = Column::Align::right;
         Table table({{"COUNTER"}, {"TOTAL", right}, {"PER SECOND", right}});
         for (const Counter& counter : kCounters) {
@@ -112,13 +79,13 @@ class Lines : public View {
   public:
     Lines(std::string heading, Output& output) : heading_(std::move(heading)), output_(output) {}
 
-    void show(const Interval& interval) override {
+    void show(const CounterInterval& interval) override {
         if (shown_++ % 20 == 0) {
             output_.print(heading_ + "\n");
             print_line("TIME", [](const Shown& shown) { return std::string(shown.title); });
         }
         print_line(time_of_day(),
-                   [&](const Shown& shown) { return short_rate(interval.rate(shown.counter())); });
+                   [&](const Shown& shown) { return short_rate(interval.rate(counter_named(shown.key))); });
         output_.flush();
     }
     void show(const Failure& failure) override { tell(sentence(failure) + "\n"); }
@@ -127,12 +94,6 @@ class Lines : public View {
     struct Shown {
         const char* title;
         std::string_view key;
-
-        const Counter& counter() const {
-            std::size_t i = 0;
-            while (kCounters[i].key != key) ++i;
-            return kCounters[i];
-        }
     };
     static constexpr std::array kShown{
         Shown{"RXFRM/S", "rx_fcoe_frames"},      Shown{"TXFRM/S", "tx_fcoe_frames"},
@@ -158,7 +119,7 @@ class Documents : public View {
   public:
     Documents(const SelectedPort& port, Output& output) : port_(port), output_(output) {}
 
-    void show(const Interval& interval) override {
+    void show(const CounterInterval& interval) override {
         Json totals;
         Json rates;
         for (const Counter& counter : kCounters) {
@@ -199,11 +160,9 @@ std::unique_ptr<View> view_for(const Options& options, const SelectedPort& port,
     return std::make_unique<Lines>(heading, output);
 }
 
-std::optional<Sample> take(const SelectedPort& port, View& view, bool& failed) {
+std::optional<CounterSample> take(const SelectedPort& port, View& view, bool& failed) {
     try {
-        note_request("TRELM_GetPortStats", port.adapter.instance(), port.npiv_index);
-        const TRELM_PORT_STATS stats = port.adapter.stats(port.npiv_index);
-        return Sample{Clock::now(), stats};
+        return sample_counters(port.adapter, port.npiv_index);
     } catch (const trelm::Error& error) {
         view.show(explain(error));
         failed = true;
@@ -215,14 +174,16 @@ std::optional<Sample> take(const SelectedPort& port, View& view, bool& failed) {
 
 void watch_stats(const Options& options, const SelectedPort& port, Output& output) {
     catch_interrupts();
+    wake_on_resize();
+    output.begin_stream();
     const std::unique_ptr<View> view = view_for(options, port, output);
     bool failed = false;
-    std::optional<Sample> before = take(port, *view, failed);
+    std::optional<CounterSample> before = take(port, *view, failed);
     for (uint64_t taken = 0; !options.samples || taken < *options.samples; ++taken) {
         wait_for(*options.watch);
         if (interrupted()) break;
-        const std::optional<Sample> after = take(port, *view, failed);
-        if (before && after) view->show(Interval{*before, *after});
+        const std::optional<CounterSample> after = take(port, *view, failed);
+        if (before && after) view->show(CounterInterval{*before, *after});
         if (after) before = after;
     }
     if (failed) output.end_failed();

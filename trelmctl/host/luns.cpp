@@ -78,16 +78,6 @@ ListedLun ask_lun(const LunAddress& address) {
     return listed;
 }
 
-std::vector<uint64_t> report_luns(const LunAddress& any) {
-    const std::array<uint8_t, 12> cdb{0xA0, 0, 0, 0, 0, 0, 0, 0, kReportRoom >> 8, kReportRoom & 0xFF};
-    const std::vector<uint8_t> report = read_or_throw(any, cdb, kReportRoom);
-    const std::size_t count = std::min<std::size_t>(big_endian(report, 0, 4), kReportRoom - 8) / 8;
-    std::vector<uint64_t> luns;
-    for (std::size_t i = 0; i < count; ++i)
-        luns.push_back(lun_of_entry(std::span(report).subspan(8 + 8 * i, 8)));
-    return luns;
-}
-
 // What the library lists, or where that fails each LUN asked by itself.
 std::vector<ListedLun> list(const LunAddress& any, Progress& progress) {
     std::vector<ListedLun> listed;
@@ -97,7 +87,7 @@ std::vector<ListedLun> list(const LunAddress& any, Progress& progress) {
         for (const TRELM_LUN_INFO& record : any.adapter.luns(any.npiv_index, any.target))
             listed.push_back(from_record(record));
     } catch (const trelm::Error&) {
-        for (const uint64_t lun : report_luns(any)) {
+        for (const uint64_t lun : report_luns(any.adapter, any.npiv_index, any.target)) {
             progress.say(fmt::format("port {}, target {}: LUN {}",
                                      port_label(any.adapter.instance(), any.npiv_index), any.target,
                                      lun_text(lun)));
@@ -120,6 +110,16 @@ std::vector<ListedLun> list_luns(const trelm::Adapter& adapter, uint32_t npiv_in
         ask_more({adapter, npiv_index, target, listed[i].lun}, detail, listed[i]);
     }
     return listed;
+}
+
+std::vector<uint64_t> report_luns(const trelm::Adapter& adapter, uint32_t npiv_index, uint32_t target) {
+    const std::array<uint8_t, 12> cdb{0xA0, 0, 0, 0, 0, 0, 0, 0, kReportRoom >> 8, kReportRoom & 0xFF};
+    const std::vector<uint8_t> report = read_or_throw({adapter, npiv_index, target, 0}, cdb, kReportRoom);
+    const std::size_t count = std::min<std::size_t>(big_endian(report, 0, 4), kReportRoom - 8) / 8;
+    std::vector<uint64_t> luns;
+    for (std::size_t i = 0; i < count; ++i)
+        luns.push_back(lun_of_entry(std::span(report).subspan(8 + 8 * i, 8)));
+    return luns;
 }
 
 std::string type_text(const ListedLun& lun) {

@@ -33,6 +33,9 @@ enum class LunDetail { listed, named };
 std::vector<ListedLun> list_luns(const trelm::Adapter& adapter, uint32_t npiv_index, uint32_t target,
                                  LunDetail detail, Progress& progress);
 
+// The LUNs that a target lists, without a further question to them. Throws CommandFailed.
+std::vector<uint64_t> report_luns(const trelm::Adapter& adapter, uint32_t npiv_index, uint32_t target);
+
 std::string type_text(const ListedLun& lun);
 std::string capacity_text(const ListedLun& lun);
 std::string block_size_text(const ListedLun& lun);

@@ -41,7 +41,6 @@ void Output::flush() {
 std::size_t Output::width() { return terminal_size(STDOUT_FILENO).columns; }
 
 void Output::stream(const Json& document) {
-    streams_ = true;
     print(dumped(document, -1));
     flush();
 }

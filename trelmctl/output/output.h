@@ -36,7 +36,8 @@ class Output {
     // Columns that a line of text may have.
     static std::size_t width();
 
-    // A document of a stream, on a line of its own. The stream takes the place of the document at the end.
+    // From here on documents come as a stream, each on a line of its own, and none at the end.
+    void begin_stream() { streams_ = true; }
     void stream(const Json& document);
 
     void fail(Failure failure);

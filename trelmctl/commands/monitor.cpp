@@ -1,0 +1,82 @@
+// monitor.cpp - `trelmctl monitor`: a line for each change of a state. The library tells of no events, so the host
+// is asked again and again. What the library finds only at load, such as ports and FCFs that appear, is found by
+// loading it anew from time to time.
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include <ctime>
+#include <nlohmann/json.hpp>
+
+#include "commands.h"
+#include "fresh_host.h"
+#include "interrupts.h"
+#include "snapshot.h"
+
+namespace trelmctl {
+namespace {
+
+std::string time_text() { return fmt::format("{:%Y-%m-%dT%H:%M:%S%z}", fmt::localtime(std::time(nullptr))); }
+
+std::string to_text(const StateChange& change) {
+    const StateName& name = change.name;
+    const bool is_port = name.scope == name.name;
+    const std::string what =
+        fmt::format("{} {}{}", name.kind, name.name, is_port ? "" : " at port " + name.scope);
+    if (!change.before) return fmt::format("{}: appeared ({} {})", what, name.attribute, *change.after);
+    if (!change.after) return fmt::format("{}: gone ({} was {})", what, name.attribute, *change.before);
+    return fmt::format("{}: {} {} -> {}", what, name.attribute, *change.before, *change.after);
+}
+
+Json to_json(const StateChange& change) {
+    const auto or_null = [](const std::optional<std::string>& value) {
+        return value ? Json(*value) : Json();
+    };
+    return {{"format_version", 1},
+            {"time", std::time(nullptr)},
+            {"port", change.name.scope},
+            {"kind", change.name.kind},
+            {"name", change.name.name},
+            {"attribute", change.name.attribute},
+            {"before", or_null(change.before)},
+            {"after", or_null(change.after)}};
+}
+
+void tell_changes(const Snapshot& before, const Snapshot& after, Output& output) {
+    for (const StateChange& change : changes_between(before, after)) {
+        if (output.json()) {
+            output.stream(to_json(change));
+        } else {
+            output.print(fmt::format("{}  {}\n", time_text(), to_text(change)));
+        }
+    }
+    output.flush();
+}
+
+// Nothing is there while the library cannot be loaded.
+Snapshot look(FreshHost& fresh, const PortFilter& filter, const Snapshot& before) {
+    const LoadedHost* host = fresh.get();
+    return host != nullptr ? take_snapshot(*host, filter, before) : Snapshot();
+}
+
+}  // namespace
+
+void run_monitor(const Options& options, Output& output) {
+    catch_interrupts();
+    FreshHost host(options.rescan);
+    Snapshot before = look(host, options.filter, {});
+    output.begin_stream();
+    if (!output.json()) {
+        output.print(fmt::format("{}  watching {} states, every {} s, for new ports every {} s\n",
+                                 time_text(), before.size(), options.every, options.rescan));
+        output.flush();
+    }
+    for (uint64_t taken = 0; !options.samples || taken < *options.samples; ++taken) {
+        wait_for(options.every);
+        if (interrupted()) return;
+        Snapshot after = look(host, options.filter, before);
+        tell_changes(before, after, output);
+        before = std::move(after);
+    }
+}
+
+}  // namespace trelmctl
