@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import base64
 import concurrent.futures
-import crypt
 import os
 import resource
 import socket
@@ -18,7 +17,7 @@ from typing import Any
 
 from exporters import BUILD, PATIENCE, Exporter, small_host, wait_until
 
-# The driver of an instance waits while there is a file "hang-INSTANCE" in the directory of its exporter.
+# A port does not answer while there is a file "hang-NUMBER", with its host number, in the directory of its exporter.
 SLOWLY = f'export LD_PRELOAD="{os.environ["SLOW_DRIVER_LIBRARY"]}:$LD_PRELOAD" SLOW_DRIVER="$PWD"; '
 REQUESTS = int(os.environ.get("REQUESTS", "1000"))  # of the test of the memory
 
@@ -116,8 +115,9 @@ class ExporterTest(unittest.TestCase):
         exporter = self.start("--luns", "--reload", "0.5")
 
         def resident() -> int:
-            processes = subprocess.run(["ps", "-o", "rss=,comm=", "--ppid", str(exporter.process.pid)], stdout=subprocess.PIPE, check=True)
-            return max(int(line.split()[0]) for line in processes.stdout.decode().splitlines())
+            processes = subprocess.run(["ps", "-o", "rss=,comm=", "-s", str(exporter.process.pid)], stdout=subprocess.PIPE, check=True)
+            lines = [line.split() for line in processes.stdout.decode().splitlines()]
+            return next(int(size) for size, name in lines if name == "trelmctl")
 
         def scrape(count: int) -> int:
             for _ in range(count):
@@ -133,7 +133,7 @@ class ExporterTest(unittest.TestCase):
         directory = Path(self.enterContext(tempfile.TemporaryDirectory(dir=BUILD)))
         make = "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=localhost -addext subjectAltName=DNS:localhost"
         subprocess.run([*make.split(), "-keyout", directory / "key", "-out", directory / "cert"], check=True, stderr=subprocess.DEVNULL)
-        hashed = crypt.crypt("open sesame", crypt.mksalt(crypt.METHOD_BLOWFISH, rounds=2**8))
+        hashed = "$2y$08$fleetofsimulatedhosts.tznekgrdOc58WfDqboajBt6rbBU8C1u"  # of "open sesame"
         config = directory / "web.yml"
         config.write_text(
             f"tls_server_config:\n  cert_file: cert\n  key_file: key\n  min_version: TLS13\n"

@@ -134,6 +134,9 @@ def small_host(ports: int = 2) -> Dict[str, Any]:
         return {
             "name": f"port-{number}",
             "function": number,
+            "host_no": number,
+            "wwnn": f"20:00:00:c0:5a:01:00:{number:02x}",
+            "wwpn": f"20:01:00:c0:5a:01:00:{number:02x}",
             "vlan": 20,
             "fcfs": [fcf],
             "targets": [target(0), target(1)],

@@ -15,11 +15,13 @@ from exporters import BUILD, Exporter
 
 def large_host(ports: int, targets: int) -> Dict[str, Any]:
     def target(number: int) -> Dict[str, Any]:
-        return {"index": number, "wwpn": f"50:00:00:c0:5a:00:00:{number:02x}", "luns": [{"number": 0, "capacity": "1 GiB"}]}
+        wwn = f"00:00:c0:5a:00:00:{number:02x}"
+        return {"index": number, "wwnn": f"50:{wwn}", "wwpn": f"51:{wwn}", "luns": [{"number": 0, "capacity": "1 GiB"}]}
 
     def adapter(number: int) -> Dict[str, Any]:
         pci = {"address": f"0000:{number + 1:02x}:00", "vendor_id": "0x1077", "device_id": "0x8080"}
-        port = {"name": f"port-{number}", "targets": [target(each) for each in range(targets)]}
+        wwn = f"00:00:c0:5a:01:00:{number:02x}"
+        port = {"name": f"port-{number}", "wwnn": f"20:{wwn}", "wwpn": f"21:{wwn}", "targets": [target(each) for each in range(targets)]}
         return {"driver": "kron", "model": "Ulvard 8042", "pci": pci, "ports": [port]}
 
     return {"name": "large", "adapters": [adapter(number) for number in range(ports)]}

@@ -1,11 +1,12 @@
 /*
- * slow_driver.c - stands before the management interface of a simulated host: a call for a driver instance waits
- * as long as the file "hang-INSTANCE" is in the directory that SLOW_DRIVER names.
+ * slow_driver.c - stands before the management interface of a simulated host: a request to the port with SCSI host
+ * number N waits as long as the file "hang-N" is in the directory that SLOW_DRIVER names. Requests that go to no
+ * port, such as for the number of ports, wait for "hang-0".
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
+#include <inttypes.h>
 #include <stdarg.h>
-#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -17,14 +18,14 @@ __attribute__((visibility("default"))) int vmk_MgmtUserCallbackInvokeInt(uint64_
                                                                          ...) {
     va_list arguments;
     char path[4096];
-    void* parameter;
+    void* request; /* begins with the host number */
     Invoke* next;
 
     va_start(arguments, count);
-    parameter = va_arg(arguments, void*); /* no callback takes more than one */
+    request = va_arg(arguments, void*); /* no callback takes more than one */
     va_end(arguments);
-    snprintf(path, sizeof path, "%s/hang-%u", getenv("SLOW_DRIVER"), (unsigned)instance);
+    snprintf(path, sizeof path, "%s/hang-%" PRIu32, getenv("SLOW_DRIVER"), *(const uint32_t*)request);
     while (access(path, F_OK) == 0) usleep(10000);
     *(void**)&next = dlsym(RTLD_NEXT, "vmk_MgmtUserCallbackInvokeInt");
-    return next(handle, instance, callback, count, parameter);
+    return next(handle, instance, callback, count, request);
 }

@@ -41,6 +41,20 @@ Json to_json(const StateChange& change) {
             {"after", or_null(change.after)}};
 }
 
+void tell_begin(const Options& options, std::size_t states, Output& output) {
+    if (output.json()) {
+        output.stream({{"format_version", 1},
+                       {"time", std::time(nullptr)},
+                       {"watched_states", states},
+                       {"every_seconds", options.every},
+                       {"rescan_seconds", options.rescan}});
+    } else {
+        output.print(fmt::format("{}  watching {} states, every {} s, for new ports every {} s\n",
+                                 time_text(), states, options.every, options.rescan));
+    }
+    output.flush();
+}
+
 void tell_changes(const Snapshot& before, const Snapshot& after, Output& output) {
     for (const StateChange& change : changes_between(before, after)) {
         if (output.json()) {
@@ -65,11 +79,7 @@ void run_monitor(const Options& options, Output& output) {
     FreshHost host(options.rescan);
     Snapshot before = look(host, options.filter, {});
     output.begin_stream();
-    if (!output.json()) {
-        output.print(fmt::format("{}  watching {} states, every {} s, for new ports every {} s\n",
-                                 time_text(), before.size(), options.every, options.rescan));
-        output.flush();
-    }
+    tell_begin(options, before.size(), output);
     for (uint64_t taken = 0; !options.samples || taken < *options.samples; ++taken) {
         wait_for(options.every);
         if (interrupted()) return;

@@ -151,9 +151,8 @@ void AdapterProbe::ask_port(uint32_t npiv_index, PortSample& port) const {
         TargetSample& target = port.targets->emplace_back();
         target.labels = Labels(port.labels).add("target", fmt::to_string(number(info.ScsiTgtNum))).text();
         target.info = info;
-        // std::optional would bind a reference to the field, which is not aligned in the packed record.
-        const uint32_t count = info.LunCount;
-        if (count != 0 || reports_no_luns(*adapter_, npiv_index, info.ScsiTgtNum)) target.luns = count;
+        if (info.LunCount != 0 || reports_no_luns(*adapter_, npiv_index, info.ScsiTgtNum))
+            target.luns = number(info.LunCount);
         if (!luns_) continue;
         if (auto luns = attempt([&] { return sample_luns(*adapter_, npiv_index, target); }))
             target.lun_list = std::move(*luns);
