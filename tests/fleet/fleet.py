@@ -4,7 +4,7 @@
 
 Breaks links, targets, FCFs, drivers and an exporter by editing host files, mends them again, and prints when each alert fired and
 cleared. Ends with status 1 where one did not, or where a query of the dashboard finds nothing. The durations in the rules
-are divided by the factor. All listens on the loopback address.
+are divided by the factor, and so is the interval between scrapes. All listens on the loopback address.
 
 The environment names the trees: TRELM_SOURCE and TRELM_BUILD.
 """
@@ -12,10 +12,12 @@ The environment names the trees: TRELM_SOURCE and TRELM_BUILD.
 from __future__ import annotations
 
 import argparse
+import concurrent.futures
 import json
 import os
 import re
 import shutil
+import signal
 import socket
 import subprocess
 import sys
@@ -83,7 +85,7 @@ class Damage:
     what: str
     alert: str
     breaks: Optional[Callable[[Host], None]]  # none: the exporter is killed
-    flaps: bool = False  # breaks and is mended again and again
+    flaps: bool = False  # breaks and is mended again and again until the alert fires
     times: Dict[str, float] = field(default_factory=dict)
 
 
@@ -94,7 +96,7 @@ def pull_link(host: Host) -> None:
 def damages() -> List[Damage]:
     return [
         Damage("pull the link of a port", "TrelmLinkDown", pull_link),
-        Damage("pull it and plug it in, three times", "TrelmLinkFlapping", pull_link, flaps=True),
+        Damage("pull it and plug it in, again and again", "TrelmLinkFlapping", pull_link, flaps=True),
         Damage("damage frames on their way", "TrelmCrcErrors", set_counter("fc_crc_err_frames", 20)),
         Damage("lose frames", "TrelmMissingFrames", set_counter("missing_frames", 20)),
         Damage("let sequences time out", "TrelmTimeouts", set_counter("seq_timeouts", 20)),
@@ -116,8 +118,9 @@ class Prometheus:
         rules = directory / "trelm.rules.yml"
         rules.write_text(faster((CONTRIB / rules.name).read_text(encoding="utf-8"), factor), encoding="utf-8")
         static = [{"targets": [address], "labels": {"instance": name}} for name, address in targets.items()]
+        interval = f"{round(30_000 / factor)}ms"
         config = {
-            "global": {"scrape_interval": "1s", "scrape_timeout": "1s", "evaluation_interval": "1s"},
+            "global": {"scrape_interval": interval, "scrape_timeout": interval, "evaluation_interval": interval},
             "rule_files": [str(rules)],
             "scrape_configs": [{"job_name": "trelm", "static_configs": static}],
         }
@@ -145,6 +148,9 @@ class Prometheus:
     def query(self, expression: str) -> List[Any]:
         return list(self.ask("query", query=expression)["result"])
 
+    def wait_for(self, expression: str) -> None:
+        wait_until(lambda: self.query(expression))
+
     def firing(self, alert: str, instance: str) -> bool:
         alerts = [each for each in self.ask("alerts")["alerts"] if each["state"] == "firing"]
         return any(each["labels"]["alertname"] == alert and each["labels"]["instance"] == instance for each in alerts)
@@ -171,10 +177,14 @@ class Fleet:
         self.factor = factor
 
     def __enter__(self) -> "Fleet":
-        for number in range(1, self.size + 1):
-            self.exporters[f"esx-{number:02d}"] = self.start_exporter(small_host())
-        targets = {name: exporter.wait_for_address() for name, exporter in self.exporters.items()}
-        self.prometheus = Prometheus(self.directory, targets, self.factor)
+        try:
+            for number in range(1, self.size + 1):
+                self.exporters[f"esx-{number:02d}"] = self.start_exporter(small_host())
+            targets = {name: exporter.wait_for_address() for name, exporter in self.exporters.items()}
+            self.prometheus = Prometheus(self.directory, targets, self.factor)
+        except BaseException:
+            self.__exit__()
+            raise
         return self
 
     @staticmethod
@@ -189,24 +199,28 @@ class Fleet:
         shutil.rmtree(self.directory, ignore_errors=True)
 
     def revive(self, name: str) -> None:
-        old = self.exporters[name]
-        self.exporters[name] = self.start_exporter(small_host(), old.address)
+        address = self.exporters[name].address
+        self.exporters[name].end()
+        self.exporters[name] = self.start_exporter(small_host(), address)
         self.exporters[name].wait_for_address()
-        old.end()
 
     def inflict(self, name: str, damage: Damage) -> None:
         exporter = self.exporters[name]
         if damage.breaks is None:
             exporter.kill()
             return
-        for again in range(3 if damage.flaps else 1):
-            if again:
-                self.mend(name, damage)
-                time.sleep(2.5)
-            damage.breaks(exporter.host)
-            exporter.write_host()
-            if damage.flaps:
-                time.sleep(2.5)  # more than two scrapes
+        damage.breaks(exporter.host)
+        exporter.write_host()
+
+    def flap(self, name: str, damage: Damage) -> None:
+        assert self.prometheus is not None
+        online = f'trelm_port_state{{instance="{name}", port="0", trelm_port_state="online"}}'
+        end = time.monotonic() + PATIENCE
+        while not self.prometheus.firing(damage.alert, name) and time.monotonic() < end:
+            self.inflict(name, damage)
+            self.prometheus.wait_for(f"{online} == 0")
+            self.mend(name, damage)
+            self.prometheus.wait_for(f"{online} == 1")
 
     def mend(self, name: str, damage: Damage) -> None:
         if damage.breaks is None:
@@ -254,16 +268,19 @@ def table(cases: Dict[str, Damage]) -> Iterator[str]:
 
 
 def run(size: int, factor: float) -> bool:
-    with Fleet(size, factor) as fleet:
+    with Fleet(size, factor) as fleet, concurrent.futures.ThreadPoolExecutor() as flapping:
         prometheus = fleet.prometheus
         assert prometheus is not None
-        wait_until(lambda: len(prometheus.query('up{job="trelm"} == 1')) == size)
+        prometheus.wait_for(f'count(up{{job="trelm"}} == 1) == {size}')
         print(f"{size} hosts are up under {prometheus.url}; rules run {factor:g} times as fast")
-        time.sleep(10)  # some history for the rules to look back on
+        prometheus.wait_for("min(count_over_time(trelm_library_loaded[1m])) > 5")  # rules look back
         cases = dict(zip(fleet.exporters, damages()))
         begun = time.monotonic()
         for name, damage in cases.items():
-            fleet.inflict(name, damage)
+            if damage.flaps:
+                flapping.submit(fleet.flap, name, damage)
+            else:
+                fleet.inflict(name, damage)
         watch(prometheus, cases, True, begun)
         empty = empty_queries(prometheus)
         begun = time.monotonic()
@@ -281,6 +298,7 @@ def main() -> int:
     parser.add_argument("hosts", nargs="?", type=int, default=20, help="how many (default 20); each damage needs one of its own")
     parser.add_argument("--speed", type=float, default=30, help="divide the durations of the rules by this (default 30)")
     arguments = parser.parse_args()
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # ends what was started
     return 0 if run(arguments.hosts, arguments.speed) else 1
 
 
