@@ -153,6 +153,8 @@ TEST_F(Trelmctl, TopShowsPortsTakesKeysAndLeavesTheTerminalAsItWas) {
         terminal.type("\n");
         EXPECT_TRUE(terminal.shows("target")) << "the page of a port";
         EXPECT_TRUE(terminal.shows("FCoE frames received"));
+        terminal.type("\033[6~\033[6~");
+        EXPECT_TRUE(terminal.shows("recoveries")) << "the last counter, below";
         terminal.type("\033");
         EXPECT_TRUE(terminal.shows("sort by: traffic"));
         terminal.resize(60, 12);
@@ -161,11 +163,13 @@ TEST_F(Trelmctl, TopShowsPortsTakesKeysAndLeavesTheTerminalAsItWas) {
         EXPECT_TRUE(terminal.shows(leaves_the_screen));
         EXPECT_EQ(terminal.finish(), 0);
     }
-    Terminal interrupted(top, 80, 24);
-    EXPECT_TRUE(interrupted.shows("vmhba32"));
-    interrupted.type("\003");
-    EXPECT_TRUE(interrupted.shows(leaves_the_screen));
-    EXPECT_EQ(interrupted.finish(), 0);
+    for (const char* key : {"\003", "\034"}) {  // interrupt, quit
+        Terminal interrupted(top, 80, 24);
+        EXPECT_TRUE(interrupted.shows("vmhba32"));
+        interrupted.type(key);
+        EXPECT_TRUE(interrupted.shows(leaves_the_screen));
+        EXPECT_EQ(interrupted.finish(), 0);
+    }
 }
 
 }  // namespace

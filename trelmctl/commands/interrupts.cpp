@@ -18,7 +18,7 @@ void wake(int) {}
 void catch_interrupts() {
     struct sigaction action {};
     action.sa_handler = end;
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaction(signal, &action, nullptr);
 }
 
 void wake_on_resize() {

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <memory>
@@ -26,6 +27,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr short kTroubleColour = 1;
 constexpr int kEscape = 27;
+constexpr double kGraphSeconds = 300;
 
 // The terminal in the state that drawing needs, and as it was at the end of the scope.
 class CursesTerminal {
@@ -55,7 +57,9 @@ class CursesTerminal {
     static void put(int line, const std::string& text, attr_t look = A_NORMAL) {
         if (line < 0 || line >= LINES) return;
         attron(look);
-        mvaddstr(line, 0, fitted(text, static_cast<std::size_t>(COLS)).c_str());
+        move(line, 0);
+        clrtoeol();
+        addstr(fitted(text, static_cast<std::size_t>(COLS)).c_str());
         attroff(look);
     }
 
@@ -96,18 +100,21 @@ class Top {
   private:
     // ---- Drawing ----
 
+    // The samples that a graph shows.
+    std::size_t span() const { return static_cast<std::size_t>(std::ceil(kGraphSeconds / options_.every)); }
+
     void draw() {
         ports_ = model_.ports(order_);
         selected_ = std::min(selected_, ports_.empty() ? 0 : ports_.size() - 1);
         erase();
         const std::string time = fmt::format("{:%H:%M:%S}", fmt::localtime(std::time(nullptr)));
+        detail_ && !ports_.empty() ? draw_port(*ports_[selected_]) : draw_list();
         CursesTerminal::put(
             0, fmt::format("trelmctl top  {}  every {} s  {} ports", time, options_.every, ports_.size()),
             A_BOLD);
-        detail_ && !ports_.empty() ? draw_port(*ports_[selected_]) : draw_list();
         static constexpr std::array kOrders{"port", "traffic", "errors"};
         CursesTerminal::put(LINES - 1,
-                            detail_ ? std::string("q quit  Esc back  Up/Down other port")
+                            detail_ ? std::string("q quit  Esc back  Up/Down other port  PgUp/PgDn scroll")
                                     : fmt::format("q quit  s sort by: {}  Up/Down select  Enter port",
                                                   kOrders[static_cast<std::size_t>(order_)]),
                             A_REVERSE);
@@ -134,23 +141,22 @@ class Top {
             const PortTraffic& port = *ports_[index];
             std::string text = row(port);
             const auto columns = static_cast<std::size_t>(COLS);
-            if (columns > text.size()) text += graph(port.history, columns - text.size());
+            if (columns > text.size()) text += graph(port.history, span(), columns - text.size());
             const attr_t look = port.in_trouble() ? trouble_look() : static_cast<attr_t>(A_NORMAL);
             CursesTerminal::put(line + 2, text, look | (index == selected_ ? A_REVERSE : A_NORMAL));
         }
     }
 
-    void draw_port(const PortTraffic& port) const {
-        int line = 1;
+    void draw_port(const PortTraffic& port) {
+        int line = 1 - scrolled_;
         CursesTerminal::put(line++, fmt::format("Port {}  {}  {}", port.label, port.hba_name, port.state),
                             port.in_trouble() ? trouble_look() : static_cast<attr_t>(A_BOLD));
         if (!port.trouble.empty()) CursesTerminal::put(line++, port.trouble, trouble_look());
-        CursesTerminal::put(line++,
-                            "Traffic  " + short_rate(port.bytes()) + "B/s  " +
-                                graph(port.history, static_cast<std::size_t>(std::max(COLS - 30, 1))));
+        CursesTerminal::put(
+            line++, "Traffic  " + short_rate(port.bytes()) + "B/s  " +
+                        graph(port.history, span(), static_cast<std::size_t>(std::max(COLS - 30, 1))));
         line = draw_targets(port, line);
         for (const Counter& counter : kCounters) {
-            if (line >= LINES - 1) return;
             const bool is_error = std::string_view(counter.group) == "errors";
             const auto rate = port.rates.find(counter.key);
             const bool rises = is_error && rate != port.rates.end() && rate->second > 0;
@@ -160,6 +166,7 @@ class Top {
                                             rate_of(port, counter.key)),
                                 rises ? trouble_look() : static_cast<attr_t>(A_NORMAL));
         }
+        is_cut_ = line > LINES - 1;
     }
 
     int draw_targets(const PortTraffic& port, int line) const {
@@ -198,9 +205,16 @@ class Top {
             case 'k':
                 selected_ -= selected_ > 0 ? 1 : 0;
                 break;
+            case KEY_NPAGE:
+                scrolled_ += detail_ && is_cut_ ? std::max(LINES - 3, 1) : 0;
+                break;
+            case KEY_PPAGE:
+                scrolled_ = std::max(scrolled_ - std::max(LINES - 3, 1), 0);
+                break;
             case '\n':
             case KEY_ENTER:
                 detail_ = true;
+                scrolled_ = 0;
                 break;
             case kEscape:
             case KEY_BACKSPACE:
@@ -220,6 +234,8 @@ class Top {
     TopOrder order_ = TopOrder::port;
     bool detail_ = false;
     bool quit_ = false;
+    int scrolled_ = 0;     // lines of a port's page
+    bool is_cut_ = false;  // the page goes on below
     CursesTerminal terminal_;
 };
 

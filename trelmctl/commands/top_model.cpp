@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <numeric>
 
 #include "terminal.h"
 #include "text.h"
@@ -11,7 +12,7 @@
 namespace trelmctl {
 namespace {
 
-constexpr std::size_t kMostHistory = 600;
+constexpr std::size_t kMostHistory = 3000;
 
 }  // namespace
 
@@ -111,15 +112,23 @@ std::vector<const PortTraffic*> TopModel::ports(TopOrder order) const {
     return sorted;
 }
 
-std::string graph(const std::deque<double>& history, std::size_t width) {
+std::string graph(const std::deque<double>& history, std::size_t span, std::size_t width) {
     static constexpr std::array<std::string_view, 9> blocks{" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
     static constexpr std::array<std::string_view, 9> ascii{" ", ".", ".", ":", ":", "|", "|", "#", "#"};
     const auto& heights = utf8_locale() ? blocks : ascii;
-    const std::size_t shown = std::min(width, history.size());
-    const auto first = history.end() - static_cast<std::ptrdiff_t>(shown);
-    const double highest = shown == 0 ? 0 : *std::max_element(first, history.end());
-    std::string out(width - shown, ' ');
-    for (auto value = first; value != history.end(); ++value) {
+    if (width == 0) return {};
+    const std::size_t group = std::max<std::size_t>((span + width - 1) / width, 1);
+    std::vector<double> columns;  // the newest first
+    for (std::size_t end = history.size(); end > 0 && columns.size() < width;) {
+        const std::size_t count = std::min(group, end);
+        end -= count;
+        const auto first = history.begin() + static_cast<std::ptrdiff_t>(end);
+        const double sum = std::accumulate(first, first + static_cast<std::ptrdiff_t>(count), 0.0);
+        columns.push_back(sum / static_cast<double>(count));
+    }
+    const double highest = columns.empty() ? 0 : *std::max_element(columns.begin(), columns.end());
+    std::string out(width - columns.size(), ' ');
+    for (auto value = columns.rbegin(); value != columns.rend(); ++value) {
         // Any traffic at all is seen.
         const double height = highest > 0 ? std::ceil(*value / highest * (heights.size() - 1)) : 0;
         out += heights[static_cast<std::size_t>(height)];

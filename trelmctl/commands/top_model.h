@@ -49,7 +49,7 @@ class TopModel {
     std::map<std::pair<uint32_t, uint32_t>, PortTraffic> ports_;  // by instance and place on the adapter
 };
 
-// A line of characters whose heights are the last values of a history, as wide as it is told.
-std::string graph(const std::deque<double>& history, std::size_t width);
+// A line of characters whose heights are the means of the last `span` values of a history, the newest on the right.
+std::string graph(const std::deque<double>& history, std::size_t span, std::size_t width);
 
 }  // namespace trelmctl
