@@ -45,7 +45,7 @@ ON_LAB = ("trelm-hostsim", "run", str(SOURCE / "hostsim/hosts/lab.json"), "--")
 
 
 def section(page: str, title: str) -> str:
-    found = re.search(rf"^(#+) {title}\n(.*?)(?=^#{{1,2}} |\Z)", PAGES[page], re.MULTILINE | re.DOTALL)
+    found = re.search(rf"^(#+) {title}\n(.*?)(?=^#{{1,2}} [A-Z]|\Z)", PAGES[page], re.MULTILINE | re.DOTALL)
     assert found, f"{page} has no section {title}"
     return found.group(2)
 

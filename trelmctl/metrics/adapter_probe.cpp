@@ -158,7 +158,7 @@ void AdapterProbe::ask_port(uint32_t npiv_index, PortSample& port) const {
         target.labels = Labels(port.labels).add("target", fmt::to_string(number(info.ScsiTgtNum))).text();
         target.info = info;
         if (info.LunCount != 0 || reports_no_luns(*adapter_, npiv_index, info.ScsiTgtNum))
-            target.luns = info.LunCount;
+            target.luns = number(info.LunCount);
         if (!luns_) continue;
         if (auto luns = attempt([&] { return sample_luns(*adapter_, npiv_index, target); }))
             target.lun_list = std::move(*luns);
