@@ -36,7 +36,7 @@ FILE* trelm::detail::open_pipe(const char* command) {
     // The pipe gets the lowest free descriptor, so the standard ones are taken meanwhile.
     Descriptor placeholders[kFirstOwn];
     for (Descriptor& placeholder : placeholders) {
-        placeholder.reset(open("/dev/null", O_RDWR | O_CLOEXEC));
+        placeholder.reset(open("/dev/null", O_RDWR));  // the command has them, too
         if (placeholder.get() < kFirstOwn) continue;
         placeholder.reset();
         break;

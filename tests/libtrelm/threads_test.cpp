@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "support/child.h"
+#include "support/leaks.h"
 #include "support/loaded_host.h"
 #include "support/programs.h"
 #include "support/stand_before.h"
@@ -163,13 +164,19 @@ TEST_P(Threads, ThatAreCancelledOrEndInAHandlerLeaveNothingLocked) {
     pthread_cancel(victim);
     cancelled.join();
     EXPECT_EQ(victim, 0U) << "the function returned before";
+    EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
+    EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
+    const uint32_t reopened = open_port(0);
 
     signal(SIGUSR1, [](int) { pthread_exit(nullptr); });
     in_driver = [] { raise(SIGUSR1); };
-    std::thread(send, handle).join();
+    std::thread([&] {
+        const LeaksAllowed until_it_ends;  // a handler that ends its thread ends a call that holds memory
+        send(reopened);
+    }).join();
     in_driver = nullptr;
-    EXPECT_EQ(ask_stats(handle), TRELM_STATUS_OK);
-    EXPECT_EQ(TRELM_CloseAdapter(handle), TRELM_STATUS_OK);
+    EXPECT_EQ(ask_stats(reopened), TRELM_STATUS_OK);
+    EXPECT_EQ(TRELM_CloseAdapter(reopened), TRELM_STATUS_OK);
     EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
     EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
 }

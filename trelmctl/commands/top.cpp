@@ -16,6 +16,7 @@
 #include "fresh_host.h"
 #include "interrupts.h"
 #include "targets.h"
+#include "terminal.h"
 #include "text.h"
 #include "top_model.h"
 #include "words.h"
@@ -32,7 +33,8 @@ constexpr double kGraphSeconds = 300;
 // The terminal in the state that drawing needs, and as it was at the end of the scope.
 class CursesTerminal {
   public:
-    CursesTerminal() : screen_(newterm(nullptr, stdout, stdin), delscreen) {
+    CursesTerminal()
+        : screen_(is_terminal(0) && is_terminal(1) ? newterm(nullptr, stdout, stdin) : nullptr, delscreen) {
         if (!screen_) {
             throw CommandFailed(
                 tool_failure("NO_TERMINAL", "standard input or output is no terminal that can be drawn on",

@@ -117,7 +117,7 @@ std::string graph(const std::deque<double>& history, std::size_t span, std::size
     static constexpr std::array<std::string_view, 9> ascii{" ", ".", ".", ":", ":", "|", "|", "#", "#"};
     const auto& heights = utf8_locale() ? blocks : ascii;
     if (width == 0) return {};
-    const std::size_t group = std::max<std::size_t>((span + width - 1) / width, 1);
+    const std::size_t group = std::max<std::size_t>((std::min(span, kMostHistory) + width - 1) / width, 1);
     std::vector<double> columns;  // the newest first
     for (std::size_t end = history.size(); end > 0 && columns.size() < width;) {
         const std::size_t count = std::min(group, end);
