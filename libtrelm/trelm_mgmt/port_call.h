@@ -26,9 +26,11 @@ class PortCall {
     [[gnu::always_inline]] trelm_priv_db* look_up() {
         while (call_) {
             trelm_priv_db* const found = trelm_get_vn_pdb_from_user_handle(handle_, npiv_index_);
-            // Over a node a call must not begin while a close waits: the descriptor might be another file's
-            // then.
-            if (!found || is_native(*found) || !call_.made_way_for_close(handle_)) return found;
+            if (!found || is_native(*found)) return found;
+            // Over a node a call must not begin while a close waits, nor go on with what a close has emptied
+            // since the look-up: the descriptor might be another file's then. A close that begins after both
+            // questions waits for this call.
+            if (!call_.made_way_for_close(handle_) && handle_of(found) == handle_) return found;
         }
         return nullptr;
     }

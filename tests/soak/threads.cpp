@@ -108,7 +108,9 @@ STANDS_BEFORE(int, ioctl, (int fd, unsigned long number, void* argument)) {
     const auto request = static_cast<uint32_t>(number & 0xFF);
     if (is_guest || !CALLED_BY_LIBRARY() || number != dorfc_request(request))
         return NEXT_OF(ioctl)(fd, number, argument);
-    demand(++node_users[fd] > 0, "a request went to descriptor {}, which is not the node's", fd);
+    const bool over_node = fd >= 0 && ++node_users[fd] > 0;
+    demand(over_node, "a request went to descriptor {}, which is not the node's", fd);
+    if (fd < 0) return -1;
     ++requests_under_way;
     auto* const block = static_cast<dorfc_ioctl*>(argument);
     void* const record = trelm_64bit_to_ptr(block->ioctlstructaddr);
