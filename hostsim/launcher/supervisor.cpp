@@ -135,10 +135,12 @@ void tell(int pipe, const Notice& notice) {
 
 // ---- The launcher
 
-// The kernel sends a signal from the terminal to all foreground processes, so the command has it already.
+// The kernel sends a signal from the terminal to all foreground processes, so the command has it already. Of a terminal
+// that hangs up it tells the first process of the session alone, which may be this one.
 void forward(int signals, pid_t command) {
     signalfd_siginfo info{};
-    if (read(signals, &info, sizeof info) != sizeof info || info.ssi_code == SI_KERNEL) return;
+    if (read(signals, &info, sizeof info) != sizeof info) return;
+    if (info.ssi_code == SI_KERNEL && info.ssi_signo != SIGHUP) return;
     kill(command, static_cast<int>(info.ssi_signo));
 }
 

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <csignal>
 
+#include "support/child.h"
 #include "support/programs.h"
 
 namespace {
@@ -97,6 +98,12 @@ class Terminal {
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
+    // Closes the terminal's window.
+    bool ends_when_hung_up() {
+        close(std::exchange(fd_, -1));
+        return eventually([&] { return waitpid(child_, nullptr, WNOHANG) == child_; });
+    }
+
   private:
     static std::vector<std::string> lines_of(const std::string& text) {
         std::vector<std::string> lines;
@@ -170,6 +177,9 @@ TEST_F(Trelmctl, TopShowsPortsTakesKeysAndLeavesTheTerminalAsItWas) {
         EXPECT_TRUE(interrupted.shows(leaves_the_screen));
         EXPECT_EQ(interrupted.finish(), 0);
     }
+    Terminal closed(top, 80, 24);
+    EXPECT_TRUE(closed.shows("vmhba32"));
+    EXPECT_TRUE(closed.ends_when_hung_up());
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <curses.h>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -95,7 +96,9 @@ class Top {
             draw();
             const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(next - Clock::now());
             timeout(static_cast<int>(std::max<int64_t>(left.count(), 1)));
-            take_key(getch());
+            const int key = getch();
+            if (key == ERR && hung_up(STDIN_FILENO)) return;
+            take_key(key);
         }
     }
 

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <langinfo.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -26,6 +27,11 @@ TerminalSize terminal_size(int fd) {
 }
 
 bool is_terminal(int fd) { return isatty(fd) == 1; }
+
+bool hung_up(int fd) {
+    pollfd state{fd, POLLIN, 0};
+    return poll(&state, 1, 0) > 0 && (state.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0;
+}
 
 bool utf8_locale() { return std::string_view(nl_langinfo(CODESET)) == "UTF-8"; }
 

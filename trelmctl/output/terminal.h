@@ -17,6 +17,8 @@ struct TerminalSize {
 TerminalSize terminal_size(int fd);
 
 bool is_terminal(int fd);
+// Whether nobody is at the other end any longer: the window was closed, the connection lost.
+bool hung_up(int fd);
 
 // Whether the terminal's character set has the line-drawing characters.
 bool utf8_locale();
