@@ -18,7 +18,9 @@ from typing import Any
 from exporters import BUILD, PATIENCE, Exporter, small_host, wait_until
 
 # A port does not answer while there is a file "hang-NUMBER", with its host number, in the directory of its exporter.
-SLOWLY = f'export LD_PRELOAD="{os.environ["SLOW_DRIVER_LIBRARY"]}:$LD_PRELOAD" SLOW_DRIVER="$PWD"; '
+# A sanitizer's runtime wants to be the first library otherwise.
+SLOWLY = 'export ASAN_OPTIONS="$ASAN_OPTIONS:verify_asan_link_order=0"; '
+SLOWLY += f'export LD_PRELOAD="{os.environ["SLOW_DRIVER_LIBRARY"]}:$LD_PRELOAD" SLOW_DRIVER="$PWD"; '
 REQUESTS = int(os.environ.get("REQUESTS", "1000"))  # of the test of the memory
 
 
