@@ -161,6 +161,7 @@ int await(int pipe, int signals, const std::function<void()>& look) {
         if (waiting[1].revents != 0) forward(signals, notice.command);
         look();
     }
+    look();  // judges an edit that the command made just before its end
     if (uninterrupted([&] { return read(pipe, &notice, sizeof notice); }) == sizeof notice)
         return exit_status(notice.status);
     std::fprintf(

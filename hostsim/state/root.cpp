@@ -1,6 +1,7 @@
 #include "root.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 
@@ -47,6 +48,27 @@ Descriptor open_parent(const fs::path& path) {
     Descriptor parent(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!parent) fail(path);
     return parent;
+}
+
+// Whoever may rename a directory on the way to a root can put another root in its place, whose programs come
+// first in PATH. The owner of / has the machine, also where a user namespace shows root as somebody else.
+void check_way(fs::path directory) {
+    struct stat machine {};
+    if (stat("/", &machine) != 0) fail("/");
+    for (bool more = true; more; directory = directory.parent_path()) {
+        more = directory.has_relative_path();
+        struct stat status {};
+        if (stat(directory.c_str(), &status) != 0) continue;  // it is still to be made
+        if (status.st_uid != 0 && status.st_uid != machine.st_uid && status.st_uid != geteuid())
+            refuse(directory,
+                   fmt::format("the directory above the root belongs to another user (uid {}), who "
+                               "could replace the root; give a root elsewhere",
+                               status.st_uid));
+        if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (status.st_mode & S_ISVTX) == 0)
+            refuse(directory,
+                   "others may write to the directory above the root and could replace the root; "
+                   "take that from them (chmod go-w)");
+    }
 }
 
 bool is_machines_root(int directory) {
@@ -114,8 +136,12 @@ std::unique_ptr<Root> Root::find(const fs::path& given, bool make) {
         refuse("/", "the machine's own root is no simulated host's; give a new directory");
     if (!is_usable(fs::weakly_canonical(path)))
         refuse(path, "the path of a root must not contain a colon or a line break; give another");
-    if (make) fs::create_directories(path.parent_path());
+    if (make) {
+        check_way(fs::weakly_canonical(path.parent_path()));
+        fs::create_directories(path.parent_path());
+    }
     const fs::path directory = fs::canonical(path.parent_path());
+    if (make) check_way(directory);  // a link may lead elsewhere by now
     Descriptor parent = open_parent(directory);
     const std::string name = path.filename();
     const bool made = make && mkdirat(parent.get(), name.c_str(), S_IRWXU) == 0;

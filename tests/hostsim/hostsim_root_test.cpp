@@ -83,8 +83,17 @@ TEST_F(HostsimRoot, IsNewEmptyOrARootAlready) {
         {at("host.json"), "Not a directory"},
         {at("a:b"), "colon"},
     };
-    if (chown(at("others").c_str(), 65534, 65534) == 0)
+    std::vector<std::string> unsafe{at("shared")};
+    if (chown(at("others").c_str(), 65534, 65534) == 0) {
         refused.emplace_back(at("others"), "belongs to another user (uid 65534)");
+        unsafe.push_back(at("others"));
+    }
+    for (const std::string& above : unsafe) {
+        const Outcome outcome = run("true", {"--root", above + "/new/root"});
+        EXPECT_EQ(outcome.status, 125) << above;
+        EXPECT_THAT(outcome.errors, AllOf(HasSubstr(above + ": "), HasSubstr("above the root")));
+        EXPECT_TRUE(fs::is_empty(above)) << above;
+    }
     for (const auto& [root, reason] : refused) {
         const Outcome outcome = run(": > $D/ran", {"--root", root});
         EXPECT_EQ(outcome.status, 125) << root;

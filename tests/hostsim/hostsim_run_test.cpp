@@ -128,6 +128,7 @@ TEST_F(HostsimRun, TellsOnceWhenAnEditBreaksTheFileAndOnceWhenItIsSoundAgain) {
     const Outcome outcome = finish(launcher);
     EXPECT_EQ(outcome.out, "esx-run\n");
     EXPECT_EQ(std::ranges::count(outcome.errors, '\n'), 3) << outcome.errors;
+    EXPECT_THAT(run("echo broken > $D/host.json").errors, HasSubstr(at("host.json") + ":1:"));
 }
 
 TEST_F(HostsimRun, KeepsTheHostUntilTheLastChildHasEnded) {
