@@ -25,6 +25,8 @@
 
 #include "shared_db.h"
 #include "trelm_core.h"
+#include "trelm_dbg.h"
+#include "trelm_mgmt.h"
 
 namespace bench {
 namespace {

@@ -6,6 +6,7 @@
 #include "measure.h"
 #include "rows.h"
 #include "trelm_core.h"
+#include "trelm_mgmt.h"
 #include "trelm_ntapi.h"
 #include "trelm_pyx_ntapi.h"
 

@@ -15,6 +15,7 @@
 #include "rows.h"
 #include "trelm_core.h"
 #include "trelm_dbg.h"
+#include "trelm_mgmt.h"
 
 namespace bench {
 namespace {
