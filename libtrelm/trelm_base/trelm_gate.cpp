@@ -38,7 +38,7 @@ constexpr uint32_t kCrowdId = kCells + 2;
 constexpr uint32_t kInDoubt = kCells + 3;  // of gate.closed: its holder vanished with the registry in pieces
 constexpr uint32_t kExpels = 1u << 31;     // of a port lock: its holder waits for the node's users
 
-struct alignas(64) PortWord {
+struct alignas(128) PortWord {
     uint32_t word;
 };
 
