@@ -96,6 +96,13 @@ def check(installed: Installation, build: Path | None) -> None:
             raise SystemExit(f"the build tree is in reach:\n{linked}{loaded}")
 
 
+def check_completion(installed: Installation) -> None:
+    shell = f'. {installed.prefix}/share/bash-completion/completions/trelmctl; COMP_WORDS=(trelmctl targ); COMP_CWORD=1; '
+    proposed = run("bash", "-c", shell + '_trelmctl trelmctl; echo "${COMPREPLY[@]}"', env=installed.env)
+    if proposed != "targets\n":
+        raise SystemExit(f"bash completes 'trelmctl targ' to {proposed!r}")
+
+
 def main() -> None:
     parser = argparse.ArgumentParser()
     parser.add_argument("--build", type=Path, help="a build tree to install and test")
@@ -107,7 +114,9 @@ def main() -> None:
         if arguments.build:
             run("cmake", "--install", arguments.build, "--prefix", work / "first", env=dict(os.environ))
             prefix = (work / "first").rename(work / "moved")
-        check(Installation(prefix.resolve(), work), arguments.build)
+        installed = Installation(prefix.resolve(), work)
+        check(installed, arguments.build)
+        check_completion(installed)
     print("programs in C, C++ and Python work with what is installed")
 
 
