@@ -37,7 +37,11 @@ class ExporterTest(unittest.TestCase):
                 status, headers, text = exporter.get()
                 self.assertEqual((status, headers["Content-Type"]), (200, "text/plain; version=0.0.4; charset=utf-8"))
                 self.assertIn('# TYPE trelm_rx_bytes_total counter\ntrelm_rx_bytes_total{port="0"} ', text)
+                self.assertNotIn("warning", exporter.errors())
                 self.assertEqual(exporter.end(), 0)
+        exporter = self.start(address="0.0.0.0:0")
+        exporter.wait_for_address()
+        self.assertIn("warning: whoever reaches 0.0.0.0:", exporter.errors())
         exporter = self.start()
         _, headers, text = exporter.get(Accept="application/openmetrics-text;version=1.0.0,*/*;q=0.1")
         self.assertTrue(headers["Content-Type"].startswith("application/openmetrics-text; version=1.0.0"))
@@ -60,21 +64,23 @@ class ExporterTest(unittest.TestCase):
         self.assertAlmostEqual(after['trelm_rx_frames_created{port="0"}'], sampled, delta=PATIENCE)
         self.assertNotIn('trelm_rx_frames_created{port="1"}', after)
 
-    def test_goes_on_without_a_port_that_hangs(self) -> None:
-        exporter = self.start("--deadline", "0.5", before=SLOWLY)
-        hang = exporter.directory / "hang-0"
+    def test_goes_on_without_ports_that_hang(self) -> None:
+        exporter = self.start("--deadline", "1", host=small_host(6), before=SLOWLY)
+        hanging = [exporter.directory / f"hang-{port}" for port in range(5)]
         self.assertEqual(exporter.metrics()['trelm_scrape_success{port="0"}'], 1)
-        hang.touch()
+        for hang in hanging:
+            hang.touch()
         for _ in range(2):
             late = exporter.metrics()
-            self.assertEqual([late[f'trelm_scrape_late{{port="{port}"}}'] for port in range(2)], [1, 0])
-            self.assertEqual([late[f'trelm_scrape_success{{port="{port}"}}'] for port in range(2)], [0, 1])
+            self.assertEqual([late[f'trelm_scrape_late{{port="{port}"}}'] for port in range(6)], [1] * 5 + [0])
+            self.assertEqual([late[f'trelm_scrape_success{{port="{port}"}}'] for port in range(6)], [0] * 5 + [1])
             self.assertNotIn('trelm_rx_frames_total{port="0"}', late)
-            self.assertIn('trelm_rx_frames_total{port="1"}', late)
+            self.assertIn('trelm_rx_frames_total{port="5"}', late)
         self.assertIn("no answer in time", exporter.get("/")[2])
-        hang.unlink()
-        wait_until(lambda: exporter.metrics()['trelm_scrape_success{port="0"}'] == 1)
-        hang.touch()
+        for hang in hanging:
+            hang.unlink()
+        wait_until(lambda: all(exporter.metrics()[f'trelm_scrape_success{{port="{port}"}}'] == 1 for port in range(6)))
+        hanging[0].touch()
         exporter.metrics()
         self.assertEqual(exporter.end(), 0)
 

@@ -15,8 +15,6 @@
 namespace trelmctl::metrics {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 // What cannot be had is left out.
 template <typename Ask>
 auto attempt(Ask ask) -> std::optional<decltype(ask())> {
@@ -170,16 +168,17 @@ void AdapterProbe::ask(uint64_t round) {
     names_.assign(answer->ports.begin(), answer->ports.end());
     answer_ = std::move(*answer);
     answered_round_ = round;
+    asked_since_.reset();
 }
 
-AdapterSample AdapterProbe::take(uint64_t round) {
+AdapterSample AdapterProbe::take(uint64_t round, Clock::time_point round_began) {
     const std::lock_guard lock(mutex_);
     if (answered_round_ == round) return std::exchange(answer_, {});
     AdapterSample late;
     for (const PortName& known : names_) {
         PortSample& port = late.ports.emplace_back(known);
         port.late = true;
-        port.took = Clock::now() - asked_since_;
+        port.took = Clock::now() - asked_since_.value_or(round_began);
     }
     return late;
 }

@@ -15,6 +15,8 @@
 
 namespace trelmctl::metrics {
 
+using Clock = std::chrono::steady_clock;
+
 class AdapterProbe {
   public:
     AdapterProbe(std::shared_ptr<const trelm::Library> library, uint32_t instance, bool luns);
@@ -22,8 +24,9 @@ class AdapterProbe {
     // Asks the drivers, which may take any time.
     void ask(uint64_t round);
 
-    // What was found in this round; where the answer has not come yet, the ports that are known, marked late.
-    AdapterSample take(uint64_t round);
+    // What was found in this round, which began then; where the answer has not come yet, the ports that are known,
+    // marked late.
+    AdapterSample take(uint64_t round, Clock::time_point round_began);
 
   private:
     // A port as the driver numbers it. What kind it is may not be known yet.
@@ -51,7 +54,7 @@ class AdapterProbe {
     uint64_t answered_round_ = 0;
     AdapterSample answer_;
     std::vector<PortName> names_;  // of the ports, for want of an answer; the physical one first
-    std::chrono::steady_clock::time_point asked_since_{};
+    std::optional<Clock::time_point> asked_since_;
 };
 
 }  // namespace trelmctl::metrics

@@ -12,6 +12,8 @@
 namespace trelmctl::metrics {
 namespace {
 
+constexpr std::chrono::seconds kRequestTime{60};  // besides the time for sampling
+
 // Held back from all threads to come, so that the one that waits for them gets them.
 sigset_t hold_back_signals() {
     sigset_t signals;
@@ -19,6 +21,14 @@ sigset_t hold_back_signals() {
     for (const int signal : {SIGINT, SIGTERM}) sigaddset(&signals, signal);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     return signals;
+}
+
+void warn_of_open_door(const ListenSocket& socket, const WebConfig& config) {
+    if (!socket.is_open_to_others() || !config.users.empty()) return;
+    tell(fmt::format(
+        "trelmctl: warning: whoever reaches {} can read the metrics: name users in a file for --web-config, "
+        "or listen on a loopback address or unix:PATH\n",
+        socket.name()));
 }
 
 }  // namespace
@@ -30,7 +40,8 @@ void serve(const SamplerSettings& sampling, const std::string& address, const st
     const ListenSocket socket(parse_listen_address(address));
     SharedSampling shared(sampling, draw);
     {
-        const HttpServer server(socket, config, shared, 2 * sampling.deadline);
+        const HttpServer server(socket, config, shared, kRequestTime + 2 * sampling.deadline);
+        warn_of_open_door(socket, config);
         tell(fmt::format("trelmctl: serving metrics on {}\n", socket.name()));
         int signal = 0;
         while (sigwait(&signals, &signal) != 0) {

@@ -15,7 +15,6 @@ namespace trelmctl::metrics {
 namespace {
 
 constexpr unsigned kIdleSeconds = 15;
-constexpr std::chrono::seconds kRequestTime{60};  // besides the time for sampling
 constexpr std::size_t kConnectionMemory = 16384;  // headers must fit
 constexpr rlim_t kMostConnections = 2000;
 constexpr rlim_t kOtherDescriptors = 128;  // of the library, drivers, and this server
@@ -106,8 +105,8 @@ struct HttpServer::Callbacks {
 };
 
 HttpServer::HttpServer(const ListenSocket& socket, const WebConfig& config, SharedSampling& sampling,
-                       std::chrono::duration<double> deadline)
-    : config_(config), sampling_(sampling), users_(config.users), clock_(deadline + kRequestTime) {
+                       std::chrono::duration<double> request_time)
+    : config_(config), sampling_(sampling), users_(config.users), clock_(request_time) {
     const bool tls = !config_.certificate.empty();
     // The texts are not written to; the C interface has no const here.
     const auto text_option = [](MHD_OPTION option, const std::string& text) {

@@ -18,9 +18,9 @@ namespace trelmctl::metrics {
 
 class HttpServer {
   public:
-    // Serves until it is destroyed. Throws CommandFailed.
+    // Serves until it is destroyed, and ends connections whose next request takes longer. Throws CommandFailed.
     HttpServer(const ListenSocket& socket, const WebConfig& config, SharedSampling& sampling,
-               std::chrono::duration<double> deadline);
+               std::chrono::duration<double> request_time);
     // Answers the requests that are under way, and stops the sampling.
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;

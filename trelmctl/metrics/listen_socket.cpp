@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <netdb.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -132,6 +133,17 @@ std::string ListenSocket::name() const {
                 NI_NUMERICHOST | NI_NUMERICSERV);
     const bool brackets = address.ss_family == AF_INET6;
     return fmt::format("{}{}{}:{}", brackets ? "[" : "", host.data(), brackets ? "]" : "", port.data());
+}
+
+bool ListenSocket::is_open_to_others() const {
+    if (!unix_path_.empty()) return false;
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
+    if (address.ss_family == AF_INET6)
+        return !IN6_IS_ADDR_LOOPBACK(&reinterpret_cast<const sockaddr_in6&>(address).sin6_addr);
+    constexpr uint32_t loopback_network = 127;
+    return ntohl(reinterpret_cast<const sockaddr_in&>(address).sin_addr.s_addr) >> 24 != loopback_network;
 }
 
 }  // namespace trelmctl::metrics

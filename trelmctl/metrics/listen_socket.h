@@ -28,6 +28,8 @@ class ListenSocket {
     int fd() const { return fd_; }
     // As it is now, with the port that was chosen where 0 was asked for.
     std::string name() const;
+    // Whether other machines may reach it.
+    bool is_open_to_others() const;
 
   private:
     void listen_on_path();

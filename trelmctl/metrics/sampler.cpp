@@ -12,9 +12,6 @@
 namespace trelmctl::metrics {
 namespace {
 
-// More physical ports than this share threads, and one that hangs then delays those on its thread.
-constexpr std::size_t kMostThreads = 256;
-
 // How soon after a load a port that fails may cause another one.
 constexpr std::chrono::seconds kLeastLoadInterval{10};
 
@@ -43,16 +40,11 @@ struct Sampler::Load {
     Load(bool luns) : library(std::make_shared<trelm::Library>()) {
         for (uint32_t instance = 0; instance < library->port_count(); ++instance)
             probes.push_back(std::make_shared<AdapterProbe>(library, instance, luns));
-        workers = std::make_unique<Workers>(std::min(probes.size(), kMostThreads));
+        workers = std::make_unique<Workers>(probes.size());
     }
 
     void ask(uint64_t round, Clock::time_point deadline) {
-        const std::size_t step = std::min(probes.size(), kMostThreads);
-        workers->run(
-            [probes = probes, round, step](std::size_t first) {
-                for (std::size_t i = first; i < probes.size(); i += step) probes[i]->ask(round);
-            },
-            deadline);
+        workers->run([probes = probes, round](std::size_t i) { probes[i]->ask(round); }, deadline);
     }
 
     std::shared_ptr<const trelm::Library> library;
@@ -99,7 +91,7 @@ HostSample Sampler::sample() {
     if (load_) {
         host.loaded = true;
         load_->ask(++round_, deadline);
-        for (const auto& probe : load_->probes) host.adapters.push_back(probe->take(round_));
+        for (const auto& probe : load_->probes) host.adapters.push_back(probe->take(round_, begin));
     }
     last_complete_ = !host.adapters.empty();
     for (AdapterSample& adapter : host.adapters) {

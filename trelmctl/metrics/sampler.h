@@ -1,5 +1,5 @@
-// sampler.h - samples the whole host: keeps the library loaded, asks all physical ports at once, each on a
-// thread of its own, and goes on without those that do not answer in time.
+// sampler.h - samples the whole host: keeps the library loaded, asks all physical ports, beside each
+// other where drivers let calls wait, and goes on without those that do not answer in time.
 #pragma once
 
 #include <chrono>

@@ -2,74 +2,130 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <deque>
 #include <mutex>
+#include <optional>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
 
 namespace trelmctl::metrics {
+namespace {
 
-struct Workers::Shared {
-    struct Worker {
-        Job job;
-        bool busy = false;
-    };
+// A task that runs longer waits rather than computes.
+constexpr std::chrono::milliseconds kPatience{10};
 
-    std::mutex mutex;
-    std::condition_variable given;
-    std::condition_variable done;
-    std::vector<Worker> workers;
-    bool ending = false;
+// When this many tasks hang, no other one begins.
+constexpr std::size_t kMostThreads = 256;
+
+}  // namespace
+
+// What the threads share, for as long as one of them lives.
+class Workers::Round : public std::enable_shared_from_this<Workers::Round> {
+  public:
+    explicit Round(std::size_t tasks) : began_(tasks) {}
+
+    void end();
+    void run(const Job& job, Clock::time_point deadline);
+    bool wait_idle(Clock::time_point deadline);
+
+  private:
+    using Began = std::optional<Clock::time_point>;
+
+    void work();
+    void start_threads();
+    void replace_waiting_tasks();
+    std::size_t running() const;
+    bool is_running(std::size_t task) const { return began_[task].has_value(); }
+
+    std::mutex mutex_;
+    std::condition_variable given_;
+    std::condition_variable done_;
+    std::vector<Began> began_;  // when the task began, while it runs
+    std::deque<std::size_t> queue_;
+    Job job_;
+    std::size_t threads_ = 0;
+    std::size_t allowed_ = 0;  // tasks that may run at the same time
+    bool ending_ = false;
 };
 
-Workers::Workers(std::size_t count) : shared_(std::make_shared<Shared>()) {
-    shared_->workers.resize(count);
-    for (std::size_t worker = 0; worker < count; ++worker) std::thread(work, shared_, worker).detach();
+std::size_t Workers::Round::running() const {
+    return static_cast<std::size_t>(
+        std::count_if(began_.begin(), began_.end(), [](const Began& began) { return began.has_value(); }));
 }
 
-Workers::~Workers() {
-    const std::lock_guard lock(shared_->mutex);
-    shared_->ending = true;
-    shared_->given.notify_all();
-}
-
-void Workers::work(const std::shared_ptr<Shared>& shared, std::size_t number) {
-    std::unique_lock lock(shared->mutex);
-    Shared::Worker& self = shared->workers[number];
+void Workers::Round::work() {
+    std::unique_lock lock(mutex_);
     for (;;) {
-        shared->given.wait(lock, [&] { return shared->ending || self.busy; });
-        if (!self.busy) return;
+        given_.wait(lock, [this] { return ending_ || (!queue_.empty() && running() < allowed_); });
+        if (ending_) return;
+        const std::size_t task = queue_.front();
+        queue_.pop_front();
+        began_[task] = Clock::now();
         {
-            const Job job = std::exchange(self.job, nullptr);
+            const Job job = job_;
             lock.unlock();
-            job(number);
+            job(task);
         }
         lock.lock();
-        self.busy = false;
-        shared->done.notify_all();
+        began_[task].reset();
+        done_.notify_all();
     }
 }
 
-void Workers::run(const Job& job, Clock::time_point deadline) {
-    std::unique_lock lock(shared_->mutex);
-    std::vector<const Shared::Worker*> given;
-    for (Shared::Worker& worker : shared_->workers) {
-        if (std::exchange(worker.busy, true)) continue;
-        worker.job = job;
-        given.push_back(&worker);
-    }
-    shared_->given.notify_all();
-    shared_->done.wait_until(lock, deadline, [&] {
-        return std::none_of(given.begin(), given.end(), [](const auto* worker) { return worker->busy; });
-    });
+// Without memory for another thread the present ones do all tasks.
+void Workers::Round::start_threads() try {
+    for (; threads_ < std::min({allowed_, began_.size(), kMostThreads}); ++threads_)
+        std::thread([self = shared_from_this()] { self->work(); }).detach();
+    given_.notify_all();
+} catch (const std::system_error&) {
+    given_.notify_all();
 }
 
-bool Workers::wait_idle(Clock::time_point deadline) {
-    std::unique_lock lock(shared_->mutex);
-    return shared_->done.wait_until(lock, deadline, [&] {
-        const auto& workers = shared_->workers;
-        return std::none_of(workers.begin(), workers.end(), [](const auto& worker) { return worker.busy; });
-    });
+void Workers::Round::replace_waiting_tasks() {
+    const auto long_ago = Clock::now() - kPatience;
+    const auto waits = [&](const Began& began) { return began && *began <= long_ago; };
+    const auto waiting = static_cast<std::size_t>(std::count_if(began_.begin(), began_.end(), waits));
+    allowed_ = std::max(allowed_, 2 * waiting);
 }
+
+void Workers::Round::run(const Job& job, Clock::time_point deadline) {
+    std::unique_lock lock(mutex_);
+    job_ = job;
+    for (std::size_t task = 0; task < began_.size(); ++task) {
+        if (!is_running(task)) queue_.push_back(task);
+    }
+    const std::vector<std::size_t> tasks(queue_.begin(), queue_.end());
+    const auto is_over = [&] {
+        return queue_.empty() &&
+               std::none_of(tasks.begin(), tasks.end(), [&](auto task) { return is_running(task); });
+    };
+    allowed_ = running() + 1;
+    for (auto now = Clock::now(); !is_over() && now < deadline; now = Clock::now()) {
+        start_threads();
+        done_.wait_until(lock, std::min(deadline, now + kPatience), is_over);
+        replace_waiting_tasks();
+    }
+    queue_.clear();
+    job_ = nullptr;
+}
+
+bool Workers::Round::wait_idle(Clock::time_point deadline) {
+    std::unique_lock lock(mutex_);
+    return done_.wait_until(lock, deadline, [this] { return running() == 0; });
+}
+
+void Workers::Round::end() {
+    const std::lock_guard lock(mutex_);
+    ending_ = true;
+    given_.notify_all();
+}
+
+Workers::Workers(std::size_t tasks) : round_(std::make_shared<Round>(tasks)) {}
+Workers::~Workers() { round_->end(); }
+
+void Workers::run(const Job& job, Clock::time_point deadline) { round_->run(job, deadline); }
+bool Workers::wait_idle(Clock::time_point deadline) { return round_->wait_idle(deadline); }
 
 }  // namespace trelmctl::metrics

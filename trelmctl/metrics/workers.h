@@ -1,5 +1,7 @@
-// workers.h - threads that carry out one job each per round and may be left behind with a job that never ends:
-// a driver may keep a call for ever, and nothing can take it back.
+// workers.h - carries out the tasks of a round on as few threads as they need. A task that computes leaves no room
+// for a second one, so tasks run one after the other while each ends soon. A task that waits in a driver gets company:
+// others start beside it. A driver may keep a call for ever, and nothing can take it back, so a thread may be left
+// behind with a task that never ends.
 #pragma once
 
 #include <chrono>
@@ -13,26 +15,26 @@ using Clock = std::chrono::steady_clock;
 
 class Workers {
   public:
-    // Given the number of the worker. Must own what it uses, as it may outlive whoever gave it.
-    using Job = std::function<void(std::size_t worker)>;
+    // Given the number of the task. Must own what it uses, as it may outlive whoever gave it.
+    using Job = std::function<void(std::size_t task)>;
 
-    explicit Workers(std::size_t count);
-    // Idle threads end, and busy ones after their job; they are not waited for.
+    explicit Workers(std::size_t tasks);
+    // Idle threads end, and busy ones after their task; nobody waits for them.
     ~Workers();
     Workers(const Workers&) = delete;
     Workers& operator=(const Workers&) = delete;
 
-    // Gives the job to every idle worker and waits until those have done it or the deadline has passed.
+    // Does the job for every task that does not run since an earlier round, and waits until that is done or the
+    // deadline has passed. Tasks that have not begun by then are left out.
     void run(const Job& job, Clock::time_point deadline);
 
-    // Whether every worker is idle by then.
+    // Whether no task runs any more by then.
     bool wait_idle(Clock::time_point deadline);
 
   private:
-    struct Shared;
-    static void work(const std::shared_ptr<Shared>& shared, std::size_t worker);
+    class Round;
 
-    std::shared_ptr<Shared> shared_;
+    std::shared_ptr<Round> round_;
 };
 
 }  // namespace trelmctl::metrics
