@@ -100,13 +100,28 @@ TEST_F(Metrics, ReplaceAFileWholeAndNothingThatIsNoFile) {
     ASSERT_EQ(symlink("trelm.prom", at("link").c_str()), 0);
     EXPECT_EQ(metrics("--output " + at("link"), lab).status, 1);
     EXPECT_TRUE(std::filesystem::is_symlink(at("link")));
-    EXPECT_EQ(metrics("--output " + at("absent/file"), lab).status, 1);
+    const Outcome absent = metrics("--output " + at("absent/file"), lab);
+    EXPECT_EQ(absent.status, 1);
+    EXPECT_THAT(absent.errors, HasSubstr("writing the metrics"));
     const std::filesystem::directory_iterator left(at(""));
     EXPECT_EQ(std::count_if(begin(left), end(left),
                             [](const auto& entry) {
                                 return entry.path().filename().string().starts_with("trelm.prom");
                             }),
               1);
+}
+
+// Values of before would stand there for ever.
+TEST_F(Metrics, SayInTheFileThatTheLibraryCannotBeLoaded) {
+    const std::string file = text_of(source_dir() + "/hostsim/hosts/lab.json");
+    write("host.json",
+          std::regex_replace(
+              file, std::regex(R"("adapters":)"),
+              R"("faults": [{"operation": "init", "count": "always", "errno": "EIO"}], "adapters":)",
+              std::regex_constants::format_first_only));
+    write("trelm.prom", "old");
+    EXPECT_EQ(metrics("--output " + at("trelm.prom"), at("host.json")).status, 3);
+    EXPECT_THAT(text_of(at("trelm.prom")), HasSubstr("\ntrelm_library_loaded 0\n"));
 }
 
 }  // namespace

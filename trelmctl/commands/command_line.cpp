@@ -30,6 +30,14 @@ CLI::Option* add_value(CLI::App& command, const char* name, const char* type, co
     return command.add_option_function<std::string>(name, take, help)->type_name(type);
 }
 
+// An empty value is most likely a variable of a script that is not set.
+void add_text(CLI::App& command, const char* name, const char* type, const char* help, std::string& text) {
+    add_value(command, name, type, help, [name, &text](const std::string& given) {
+        if (given.empty()) refuse(name, given, "it is empty");
+        text = given;
+    });
+}
+
 void add_flag(CLI::App& command, const char* name, bool& flag, const char* help) {
     command.add_flag(name, flag, help)->disable_flag_override();
 }
@@ -121,7 +129,7 @@ void add_scsi_options(CLI::App& command, Options& options) {
               [&](const std::string& given) {
                   options.data_in = static_cast<uint32_t>(number_value("--in", given, 0, kMostData));
               });
-    command.add_option("--out-file", options.out_file, "Write the bytes read to FILE")->type_name("FILE");
+    add_text(command, "--out-file", "FILE", "Write the bytes read to FILE", options.out_file);
     command.add_option("--out", options.data_out, "Send the bytes of FILE (-: standard input)")
         ->type_name("FILE");
     add_flag(command, "--raw", options.raw, "Print the bytes read as they are");
@@ -149,19 +157,15 @@ void add_metrics_options(CLI::App& command, Options& options) {
     add_value(command, "--format", "FORMAT",
               "openmetrics, or prometheus: the text format that text-file collectors take",
               [&](const std::string& given) { settings.format = metrics_format_value(given); });
-    command.add_option("--output", settings.output, "Replace FILE, for a text-file collector")
-        ->type_name("FILE");
+    add_text(command, "--output", "FILE", "Replace FILE, for a text-file collector", settings.output);
     add_flag(command, "--luns", settings.sampling.luns, "Ask every LUN, too; takes about five commands each");
     add_seconds(command, "--deadline", settings.sampling.deadline,
                 "Go on without ports that do not answer in this time (5)");
-    command
-        .add_option("--listen", settings.listen,
-                    "Serve on ADDRESS:PORT, [IPV6]:PORT, :PORT (loopback) or unix:PATH until interrupted")
-        ->type_name("ADDRESS");
-    command
-        .add_option("--web-config", settings.web_config,
-                    "Users and TLS of --listen, in the format of Prometheus' exporter toolkit")
-        ->type_name("FILE");
+    add_text(command, "--listen", "ADDRESS",
+             "Serve on ADDRESS:PORT, [IPV6]:PORT, :PORT (loopback) or unix:PATH until interrupted",
+             settings.listen);
+    add_text(command, "--web-config", "FILE",
+             "Users and TLS of --listen, in the format of Prometheus' exporter toolkit", settings.web_config);
     add_seconds(command, "--reload", settings.sampling.reload,
                 "Look for new ports and FCFs after this time when serving (300)");
     add_flag(command, "--list", settings.describe, "List the metrics that there are, as a Markdown table");

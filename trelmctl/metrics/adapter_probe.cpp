@@ -81,6 +81,16 @@ std::vector<LunSample> sample_luns(const trelm::Adapter& adapter, uint32_t npiv_
 
 }  // namespace
 
+AdapterSample unanswered(const PortNames& ports, bool late, std::chrono::duration<double> took) {
+    AdapterSample adapter;
+    for (const PortName& name : ports) {
+        PortSample& port = adapter.ports.emplace_back(name);
+        port.late = late;
+        port.took = took;
+    }
+    return adapter;
+}
+
 AdapterProbe::AdapterProbe(std::shared_ptr<const trelm::Library> library, uint32_t instance, bool luns)
     : library_(std::move(library)), instance_(instance), luns_(luns), names_{name(0, false)} {}
 
@@ -174,13 +184,7 @@ void AdapterProbe::ask(uint64_t round) {
 AdapterSample AdapterProbe::take(uint64_t round, Clock::time_point round_began) {
     const std::lock_guard lock(mutex_);
     if (answered_round_ == round) return std::exchange(answer_, {});
-    AdapterSample late;
-    for (const PortName& known : names_) {
-        PortSample& port = late.ports.emplace_back(known);
-        port.late = true;
-        port.took = Clock::now() - asked_since_.value_or(round_began);
-    }
-    return late;
+    return unanswered(names_, true, Clock::now() - asked_since_.value_or(round_began));
 }
 
 }  // namespace trelmctl::metrics

@@ -17,6 +17,9 @@ namespace trelmctl::metrics {
 
 using Clock = std::chrono::steady_clock;
 
+// Of ports that did not answer, as they were late or as the library could not be loaded.
+AdapterSample unanswered(const PortNames& ports, bool late, std::chrono::duration<double> took);
+
 class AdapterProbe {
   public:
     AdapterProbe(std::shared_ptr<const trelm::Library> library, uint32_t instance, bool luns);
@@ -53,7 +56,7 @@ class AdapterProbe {
     std::mutex mutex_;  // guards the rest
     uint64_t answered_round_ = 0;
     AdapterSample answer_;
-    std::vector<PortName> names_;  // of the ports, for want of an answer; the physical one first
+    PortNames names_;  // for want of an answer
     std::optional<Clock::time_point> asked_since_;
 };
 

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <array>
+#include <cstddef>
 #include <iterator>
 #include <optional>
 
@@ -22,17 +23,27 @@ constexpr Metric counted(std::string_view name, std::string_view unit, std::stri
     return {{name, MetricType::counter, unit, help}, "port", emit};
 }
 
-template <typename Read>
-void emit_counter(const PortSample& port, Exposition& out, Read read) {
-    if (port.stats) out.add_counter(port.labels, read(*port.stats), port.counting_since);
+// The place of a counter in the table of the counters.
+constexpr std::size_t place_of(std::size_t offset) {
+    std::size_t place = 0;
+    while (kCounters.at(place).offset != offset) ++place;
+    return place;
+}
+
+void emit_counter(const PortSample& port, Exposition& out, std::size_t place, uint64_t unit) {
+    if (port.stats)
+        out.add_counter(port.labels, kCounters[place].of(*port.stats) * unit, port.counting_since[place]);
 }
 
 constexpr uint64_t kMegabyte = 1'000'000;
 
-#define TRELM_FIELD(field)                                                                   \
-    [](const PortSample& port, Exposition& out) {                                            \
-        emit_counter(port, out, [](const Stats& stats) -> uint64_t { return stats.field; }); \
+// What is counted in units of so many.
+#define TRELM_COUNTER_OF(field, unit)                                   \
+    [](const PortSample& port, Exposition& out) {                       \
+        constexpr std::size_t place = place_of(offsetof(Stats, field)); \
+        emit_counter(port, out, place, (unit));                         \
     }
+#define TRELM_COUNTER(field) TRELM_COUNTER_OF(field, 1)
 
 // ---- States and values
 
@@ -302,44 +313,45 @@ const auto& table() {
                                  uint64_t{adapter.info->PCIESpeed} * 100'000'000);
             }),
 
-        counted("trelm_rx_frames", "frames", "FCoE frames received.", TRELM_FIELD(RxFCoEFrames)),
-        counted("trelm_rx_bytes", "bytes", "Bytes of FCoE frames received.", TRELM_FIELD(RxFCoEBytes)),
-        counted("trelm_rx_fcp_frames", "frames", "FCP frames received.", TRELM_FIELD(RxFCPFrames)),
-        counted("trelm_tx_frames", "frames", "FCoE frames sent.", TRELM_FIELD(TxFCoEFrames)),
-        counted("trelm_tx_bytes", "bytes", "Bytes of FCoE frames sent.", TRELM_FIELD(TxFCoEBytes)),
-        counted("trelm_tx_fcp_frames", "frames", "FCP frames sent.", TRELM_FIELD(TxFCPFrames)),
-        counted("trelm_read_requests", "requests", "Read requests.", TRELM_FIELD(ReadRequests)),
-        counted("trelm_write_requests", "requests", "Write requests.", TRELM_FIELD(WriteRequests)),
-        counted("trelm_control_requests", "requests", "Control requests.", TRELM_FIELD(ControlRequests)),
+        counted("trelm_rx_frames", "frames", "FCoE frames received.", TRELM_COUNTER(RxFCoEFrames)),
+        counted("trelm_rx_bytes", "bytes", "Bytes of FCoE frames received.", TRELM_COUNTER(RxFCoEBytes)),
+        counted("trelm_rx_fcp_frames", "frames", "FCP frames received.", TRELM_COUNTER(RxFCPFrames)),
+        counted("trelm_tx_frames", "frames", "FCoE frames sent.", TRELM_COUNTER(TxFCoEFrames)),
+        counted("trelm_tx_bytes", "bytes", "Bytes of FCoE frames sent.", TRELM_COUNTER(TxFCoEBytes)),
+        counted("trelm_tx_fcp_frames", "frames", "FCP frames sent.", TRELM_COUNTER(TxFCPFrames)),
+        counted("trelm_read_requests", "requests", "Read requests.", TRELM_COUNTER(ReadRequests)),
+        counted("trelm_write_requests", "requests", "Write requests.", TRELM_COUNTER(WriteRequests)),
+        counted("trelm_control_requests", "requests", "Control requests.", TRELM_COUNTER(ControlRequests)),
         counted("trelm_read_bytes", "bytes",
                 "Data read, counted by the driver in megabytes of 1,000,000 bytes.",
-                TRELM_FIELD(ReadMegabytes * kMegabyte)),
+                TRELM_COUNTER_OF(ReadMegabytes, kMegabyte)),
         counted("trelm_written_bytes", "bytes",
                 "Data written, counted by the driver in megabytes of 1,000,000 bytes.",
-                TRELM_FIELD(WriteMegabytes * kMegabyte)),
-        counted("trelm_dumped_frames", "frames", "FCoE frames dropped.", TRELM_FIELD(FCoEDropedFrames)),
-        counted("trelm_dropped_sequences", "sequences", "Sequences dropped.", TRELM_FIELD(SequencesDropped)),
-        counted("trelm_invalid_crc", "", "Frames with FC CRC errors.", TRELM_FIELD(FCCRCErrorFrames)),
+                TRELM_COUNTER_OF(WriteMegabytes, kMegabyte)),
+        counted("trelm_dumped_frames", "frames", "FCoE frames dropped.", TRELM_COUNTER(FCoEDropedFrames)),
+        counted("trelm_dropped_sequences", "sequences", "Sequences dropped.",
+                TRELM_COUNTER(SequencesDropped)),
+        counted("trelm_invalid_crc", "", "Frames with FC CRC errors.", TRELM_COUNTER(FCCRCErrorFrames)),
         counted("trelm_wrong_fcoe_version_frames", "frames", "Frames of a wrong FCoE version.",
-                TRELM_FIELD(WrongFCoEVersionFrames)),
-        counted("trelm_eofa_frames", "frames", "Frames that ended with EOFa.", TRELM_FIELD(EOFAFrames)),
-        counted("trelm_missing_frames", "frames", "Missing frames.", TRELM_FIELD(MissingFrames)),
-        counted("trelm_sequence_timeouts", "", "Sequences that timed out.", TRELM_FIELD(SequenceTimeouts)),
-        counted("trelm_link_failure", "", "Failures of the link.", TRELM_FIELD(LinkFailures)),
+                TRELM_COUNTER(WrongFCoEVersionFrames)),
+        counted("trelm_eofa_frames", "frames", "Frames that ended with EOFa.", TRELM_COUNTER(EOFAFrames)),
+        counted("trelm_missing_frames", "frames", "Missing frames.", TRELM_COUNTER(MissingFrames)),
+        counted("trelm_sequence_timeouts", "", "Sequences that timed out.", TRELM_COUNTER(SequenceTimeouts)),
+        counted("trelm_link_failure", "", "Failures of the link.", TRELM_COUNTER(LinkFailures)),
         counted("trelm_fip_vlan_negotiations", "", "FIP VLAN negotiations.",
-                TRELM_FIELD(FIPVlanNegotiations)),
+                TRELM_COUNTER(FIPVlanNegotiations)),
         counted("trelm_fip_fabric_discoveries", "", "FIP fabric discoveries.",
-                TRELM_FIELD(FIPFabricDiscoveries)),
-        counted("trelm_flogi", "", "Fabric logins (FLOGI).", TRELM_FIELD(FLOGICount)),
-        counted("trelm_fdisc", "", "Fabric logins of virtual ports (FDISC).", TRELM_FIELD(FDISCCount)),
-        counted("trelm_ulp_tov_expirations", "", "Expirations of ULP_TOV.", TRELM_FIELD(ULPTOVExpirations)),
-        counted("trelm_rec_expirations", "", "Expirations of REC.", TRELM_FIELD(RECExpirations)),
-        counted("trelm_fcp_packet_aborts", "", "Sequences aborted (ABTS).", TRELM_FIELD(ABTSCount)),
-        counted("trelm_srr", "", "Sequence retransmission requests (SRR).", TRELM_FIELD(SRRCount)),
-        counted("trelm_lun_resets", "", "LUN resets.", TRELM_FIELD(ResetLUNCount)),
-        counted("trelm_target_resets", "", "Target resets.", TRELM_FIELD(ResetTargetCount)),
+                TRELM_COUNTER(FIPFabricDiscoveries)),
+        counted("trelm_flogi", "", "Fabric logins (FLOGI).", TRELM_COUNTER(FLOGICount)),
+        counted("trelm_fdisc", "", "Fabric logins of virtual ports (FDISC).", TRELM_COUNTER(FDISCCount)),
+        counted("trelm_ulp_tov_expirations", "", "Expirations of ULP_TOV.", TRELM_COUNTER(ULPTOVExpirations)),
+        counted("trelm_rec_expirations", "", "Expirations of REC.", TRELM_COUNTER(RECExpirations)),
+        counted("trelm_fcp_packet_aborts", "", "Sequences aborted (ABTS).", TRELM_COUNTER(ABTSCount)),
+        counted("trelm_srr", "", "Sequence retransmission requests (SRR).", TRELM_COUNTER(SRRCount)),
+        counted("trelm_lun_resets", "", "LUN resets.", TRELM_COUNTER(ResetLUNCount)),
+        counted("trelm_target_resets", "", "Target resets.", TRELM_COUNTER(ResetTargetCount)),
         counted("trelm_session_level_recoveries", "", "Session-level recoveries.",
-                TRELM_FIELD(SessionLevelRecoveryCount)),
+                TRELM_COUNTER(SessionLevelRecoveryCount)),
 
         row("trelm_target", info, "", "port, target, wwpn, wwnn, port_id", "Names and address of a target.",
             EmitFor<TargetSample>(emit_target_info)),
@@ -400,7 +412,8 @@ struct Emitter {
     }
 };
 
-#undef TRELM_FIELD
+#undef TRELM_COUNTER
+#undef TRELM_COUNTER_OF
 
 }  // namespace
 

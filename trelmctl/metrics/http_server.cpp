@@ -14,7 +14,7 @@
 namespace trelmctl::metrics {
 namespace {
 
-constexpr unsigned kIdleSeconds = 15;
+constexpr unsigned kIdleSeconds = 5;  // less than Prometheus waits for a place that idle clients keep
 constexpr std::size_t kConnectionMemory = 16384;  // headers must fit
 constexpr rlim_t kMostConnections = 2000;
 constexpr rlim_t kOtherDescriptors = 128;  // of the library, drivers, and this server

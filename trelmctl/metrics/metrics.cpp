@@ -33,15 +33,16 @@ void tell_failures(const HostSample& host, Output& output) {
 void sample_once(const Settings& settings, Output& output) {
     Sampler sampler(settings.sampling);
     const HostSample host = sampler.sample();
+    if (settings.output.empty()) {
+        output.print(render(host, settings.format.value_or(Format::openmetrics)));
+    } else {
+        // The text-file collector reads no OpenMetrics.
+        replace_file(settings.output, render(host, settings.format.value_or(Format::prometheus)));
+    }
     if (!host.loaded) {
         if (!sampler.is_stuck()) const LoadedHost explained;  // fails likewise, and says why
         output.fail(tool_failure("LATE", "the drivers did not list their ports within the deadline",
                                  "give them more time with --deadline"));
-    } else if (!settings.output.empty()) {
-        // The text-file collector reads no OpenMetrics.
-        replace_file(settings.output, render(host, settings.format.value_or(Format::prometheus)));
-    } else {
-        output.print(render(host, settings.format.value_or(Format::openmetrics)));
     }
     tell_failures(host, output);
     // Nobody can end a call that hangs, and the library cannot be freed around it.

@@ -4,11 +4,10 @@
 
 #include <chrono>
 #include <cstdint>
-#include <map>
 #include <memory>
-#include <optional>
-#include <string>
+#include <vector>
 
+#include "counter_history.h"
 #include "samples.h"
 #include "workers.h"
 
@@ -25,8 +24,14 @@ class Sampler {
     explicit Sampler(SamplerSettings settings);
     ~Sampler();
 
-    // To be called by one thread at a time. Returns when the deadline has passed at the latest.
+    // These are to be called by one thread at a time.
+
+    // Returns when the deadline has passed at the latest.
     HostSample sample();
+
+    // Begins to load the library anew where that is due and no call hangs; the next sample waits for it. A load that
+    // hangs in a driver takes all ports away, so it begins after a sample, in which the drivers have just answered.
+    void renew();
 
     // Whether some call into a driver has not come back.
     bool is_stuck();
@@ -39,8 +44,9 @@ class Sampler {
     };
 
     bool is_due_for_load() const;
-    void load(Clock::time_point deadline);
-    void date_counters(PortSample& port);
+    void begin_load();
+    void await_load(Clock::time_point deadline);
+    std::vector<AdapterSample> ask(Clock::time_point begin, Clock::time_point deadline);
 
     SamplerSettings settings_;
     Workers loader_{1};
@@ -50,13 +56,8 @@ class Sampler {
     bool last_complete_ = true;
     uint64_t round_ = 0;
 
-    // The counters of a port as they were sampled last, by the port's identity.
-    struct Seen {
-        TRELM_PORT_STATS stats;
-        double when;  // seconds since the epoch
-        std::optional<double> counting_since;
-    };
-    std::map<std::string, Seen> seen_;
+    std::vector<PortNames> known_;  // adapters of the last load
+    CounterHistory history_;
 };
 
 }  // namespace trelmctl::metrics

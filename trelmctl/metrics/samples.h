@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "counter_history.h"
 #include "luns.h"
 #include "trelm_mgmt.hpp"
 
@@ -44,7 +45,7 @@ struct PortSample : PortName {
     std::chrono::duration<double> took{};
     std::optional<TRELM_VNPORT_INFO> info;
     std::optional<TRELM_PORT_STATS> stats;
-    std::optional<double> counting_since;  // seconds since the epoch; where a reset was seen
+    CounterDates counting_since;
     std::optional<std::vector<TargetSample>> targets;
 
     bool complete() const { return info && stats && targets; }
@@ -55,10 +56,14 @@ struct AdapterSample {
     std::vector<PortSample> ports;  // the physical one first
 };
 
+// The names of an adapter's ports, the physical one first.
+using PortNames = std::vector<PortName>;
+
 struct HostSample {
     bool loaded = false;
     std::chrono::duration<double> took{};
-    std::vector<AdapterSample> adapters;  // one for each instance number
+    // One for each instance number. Where the library is not loaded, those of the last load, without answers.
+    std::vector<AdapterSample> adapters;
 };
 
 }  // namespace trelmctl::metrics

@@ -56,6 +56,7 @@ void SharedSampling::work() {
         const std::vector<Waiting> served = std::exchange(waiting_, {});
         lock.unlock();
         deliver(host, served);
+        sampler_.renew();
         lock.lock();
     }
 }

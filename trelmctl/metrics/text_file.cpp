@@ -15,13 +15,13 @@
 namespace trelmctl::metrics {
 namespace {
 
-[[noreturn]] void fail(const std::string& path, int error) {
-    Failure failure =
-        tool_failure("OUTPUT", fmt::format("{} cannot be written: {}", escaped(path), std::strerror(error)),
-                     "name a file in a directory that exists and that you may write to");
-    failure.code = static_cast<uint32_t>(error);
+[[noreturn]] void fail(const std::string& path, const char* why) {
+    Failure failure = tool_failure("OUTPUT", fmt::format("{} cannot be replaced: {}", escaped(path), why),
+                                   "name a file in a directory that exists and that you may write to");
+    failure.operation = "writing the metrics";
     throw CommandFailed(std::move(failure));
 }
+[[noreturn]] void fail(const std::string& path, int error) { fail(path, std::strerror(error)); }
 
 // A file beside the one that it will take the place of; gone unless it did. Its name ends in another way, so
 // that collectors, which go by the end of names, pass it over.
@@ -65,7 +65,7 @@ class NewFile {
 
 void replace_file(const std::string& path, std::string_view text) {
     struct stat there {};
-    if (lstat(path.c_str(), &there) == 0 && !S_ISREG(there.st_mode)) fail(path, EEXIST);
+    if (lstat(path.c_str(), &there) == 0 && !S_ISREG(there.st_mode)) fail(path, "it is no regular file");
     NewFile file(path);
     file.write(text);
     file.take_place();

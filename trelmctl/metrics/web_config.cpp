@@ -3,9 +3,13 @@
 #include <fmt/format.h>
 #include <yaml-cpp/yaml.h>
 
+#include <algorithm>
+#include <cctype>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <set>
 #include <string_view>
 
@@ -20,6 +24,12 @@ namespace {
                                    "docs/metrics.md lists the keys that there are");
     failure.operation = "reading the web configuration";
     throw CommandFailed(std::move(failure));
+}
+
+// Of the names of headers.
+bool is_token_character(unsigned char character) {
+    return std::isalnum(character) != 0 ||
+           (character != 0 && std::strchr("!#$%&'*+-.^_`|~", character) != nullptr);
 }
 
 // One configuration file while it is read.
@@ -68,7 +78,9 @@ class Reader {
     }
 
     void read_tls(const YAML::Node& tls) {
-        check_keys(tls, "tls_server_config", {"cert_file", "key_file", "min_version"});
+        check_keys(tls, "tls_server_config", {"cert_file", "key_file", "min_version", "client_auth_type"});
+        if (tls["client_auth_type"] && tls["client_auth_type"].as<std::string>() != "NoClientCert")
+            fail(path_, "client_auth_type is NoClientCert: there are no client certificates here");
         config_.certificate = file_named_by(tls, "cert_file");
         config_.key = file_named_by(tls, "key_file");
         const std::string least = tls["min_version"] ? tls["min_version"].as<std::string>() : "TLS12";
@@ -78,19 +90,22 @@ class Reader {
     }
 
     void read_http(const YAML::Node& http) {
-        check_keys(http, "http_server_config", {"headers"});
+        // HTTP/1.1 is served either way, and every client of HTTP/2 speaks it.
+        check_keys(http, "http_server_config", {"headers", "http2"});
         config_.headers = map_of(http, "headers");
         for (const auto& [name, value] : config_.headers) {
-            if ((name + value).find_first_of("\r\n") != std::string::npos)
-                fail(path_, "a header has more than one line");
+            if (name.empty() || !std::all_of(name.begin(), name.end(), is_token_character))
+                fail(path_, fmt::format("headers: {} is no name of a header", escaped(name)));
+            if (value.find_first_of("\r\n") != std::string::npos)
+                fail(path_, fmt::format("headers: {} has more than one line", escaped(name)));
         }
     }
 
     void add_user(const std::string& name, const std::string& hash) {
-        constexpr std::size_t length = 60;
         if (name.empty() || name.find(':') != std::string::npos)
             fail(path_, "a user's name is empty or has a colon");
-        if (!hash.starts_with("$2") || hash.size() != length)
+        static const std::regex bcrypt(R"(\$2[abxy]\$\d\d\$[./A-Za-z0-9]{53})");
+        if (!std::regex_match(hash, bcrypt))
             fail(path_, fmt::format("basic_auth_users: {} has no bcrypt hash", escaped(name)));
         config_.users.emplace(name, hash);
     }

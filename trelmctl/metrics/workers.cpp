@@ -27,7 +27,8 @@ class Workers::Round : public std::enable_shared_from_this<Workers::Round> {
     explicit Round(std::size_t tasks) : began_(tasks) {}
 
     void end();
-    void run(const Job& job, Clock::time_point deadline);
+    void begin(const Job& job);
+    void wait(Clock::time_point deadline);
     bool wait_idle(Clock::time_point deadline);
 
   private:
@@ -37,6 +38,7 @@ class Workers::Round : public std::enable_shared_from_this<Workers::Round> {
     void start_threads();
     void replace_waiting_tasks();
     std::size_t running() const;
+    bool is_over() const;
     bool is_running(std::size_t task) const { return began_[task].has_value(); }
 
     std::mutex mutex_;
@@ -44,6 +46,7 @@ class Workers::Round : public std::enable_shared_from_this<Workers::Round> {
     std::condition_variable done_;
     std::vector<Began> began_;  // when the task began, while it runs
     std::deque<std::size_t> queue_;
+    std::vector<std::size_t> tasks_;  // of this round
     Job job_;
     std::size_t threads_ = 0;
     std::size_t allowed_ = 0;  // tasks that may run at the same time
@@ -90,22 +93,29 @@ void Workers::Round::replace_waiting_tasks() {
     allowed_ = std::max(allowed_, 2 * waiting);
 }
 
-void Workers::Round::run(const Job& job, Clock::time_point deadline) {
-    std::unique_lock lock(mutex_);
+void Workers::Round::begin(const Job& job) {
+    const std::lock_guard lock(mutex_);
     job_ = job;
+    queue_.clear();
     for (std::size_t task = 0; task < began_.size(); ++task) {
         if (!is_running(task)) queue_.push_back(task);
     }
-    const std::vector<std::size_t> tasks(queue_.begin(), queue_.end());
-    const auto is_over = [&] {
-        return queue_.empty() &&
-               std::none_of(tasks.begin(), tasks.end(), [&](auto task) { return is_running(task); });
-    };
+    tasks_.assign(queue_.begin(), queue_.end());
     allowed_ = running() + 1;
+    start_threads();
+}
+
+bool Workers::Round::is_over() const {
+    return queue_.empty() &&
+           std::none_of(tasks_.begin(), tasks_.end(), [this](auto task) { return is_running(task); });
+}
+
+void Workers::Round::wait(Clock::time_point deadline) {
+    std::unique_lock lock(mutex_);
     for (auto now = Clock::now(); !is_over() && now < deadline; now = Clock::now()) {
-        start_threads();
-        done_.wait_until(lock, std::min(deadline, now + kPatience), is_over);
+        done_.wait_until(lock, std::min(deadline, now + kPatience), [this] { return is_over(); });
         replace_waiting_tasks();
+        start_threads();
     }
     queue_.clear();
     job_ = nullptr;
@@ -113,7 +123,7 @@ void Workers::Round::run(const Job& job, Clock::time_point deadline) {
 
 bool Workers::Round::wait_idle(Clock::time_point deadline) {
     std::unique_lock lock(mutex_);
-    return done_.wait_until(lock, deadline, [this] { return running() == 0; });
+    return done_.wait_until(lock, deadline, [this] { return queue_.empty() && running() == 0; });
 }
 
 void Workers::Round::end() {
@@ -125,7 +135,13 @@ void Workers::Round::end() {
 Workers::Workers(std::size_t tasks) : round_(std::make_shared<Round>(tasks)) {}
 Workers::~Workers() { round_->end(); }
 
-void Workers::run(const Job& job, Clock::time_point deadline) { round_->run(job, deadline); }
+void Workers::begin(const Job& job) { round_->begin(job); }
+
+void Workers::run(const Job& job, Clock::time_point deadline) {
+    round_->begin(job);
+    round_->wait(deadline);
+}
+
 bool Workers::wait_idle(Clock::time_point deadline) { return round_->wait_idle(deadline); }
 
 }  // namespace trelmctl::metrics

@@ -24,11 +24,14 @@ class Workers {
     Workers(const Workers&) = delete;
     Workers& operator=(const Workers&) = delete;
 
-    // Does the job for every task that does not run since an earlier round, and waits until that is done or the
-    // deadline has passed. Tasks that have not begun by then are left out.
+    // Begins a round: gives the job to every task that does not run since an earlier one.
+    void begin(const Job& job);
+
+    // Begins a round, and waits until it is over or the deadline has passed. Tasks that have not begun by then are
+    // left out.
     void run(const Job& job, Clock::time_point deadline);
 
-    // Whether no task runs any more by then.
+    // Whether no task runs any more, or is about to, by then.
     bool wait_idle(Clock::time_point deadline);
 
   private:
