@@ -19,8 +19,8 @@ std::string host_name() {
 }
 
 Json to_json(const TopologyNode& node) {
-    static constexpr std::array kLayers{"host", "port", "virtual_port", "fcf", "target", "lun"};
-    return {{"layer", kLayers[static_cast<std::size_t>(node.layer)]},
+    static constexpr std::array kLayerNames{"host", "port", "virtual_port", "fcf", "target", "lun"};
+    return {{"layer", kLayerNames[static_cast<std::size_t>(node.layer)]},
             {"health", health_words(node.health)},
             {"state", node.state.empty() ? Json() : Json(node.state)},
             {"lines", node.lines}};

@@ -23,7 +23,7 @@ enum class Key : uint8_t {
     completed = 15
 };
 
-constexpr std::size_t kHeader = 8;  // in both formats; its last byte counts what follows
+constexpr std::size_t kSenseHeader = 8;  // in both formats; its last byte counts what follows
 
 std::string key_words(uint8_t key) {
     std::array<char, 64> text{};
@@ -99,8 +99,8 @@ void decode_numbers(Sense& sense) {
 
 std::optional<Sense> decode_sense(std::span<const uint8_t> bytes) {
     sg_scsi_sense_hdr header{};
-    if (bytes.size() < kHeader) return std::nullopt;
-    bytes = bytes.first(std::min(bytes.size(), kHeader + bytes[kHeader - 1]));
+    if (bytes.size() < kSenseHeader) return std::nullopt;
+    bytes = bytes.first(std::min(bytes.size(), kSenseHeader + bytes[kSenseHeader - 1]));
     if (!sg_scsi_normalize_sense(bytes.data(), static_cast<int>(bytes.size()), &header)) return std::nullopt;
     Sense sense;
     sense.descriptor_format = header.response_code >= 0x72;

@@ -14,7 +14,7 @@ namespace {
 
 using Bytes = std::span<const uint8_t>;
 
-constexpr std::size_t kHeader = 4;
+constexpr std::size_t kPageHeader = 4;
 
 // ---- Pages of numbers ----
 
@@ -76,7 +76,7 @@ std::string decode_provisioning(Bytes page, Json& json) { return decode_numbers(
 std::string decode_supported_pages(Bytes page, Json& json) {
     std::string text;
     json["pages"] = Json::array();
-    for (const uint8_t number : page.subspan(kHeader)) {
+    for (const uint8_t number : page.subspan(kPageHeader)) {
         text += fmt::format("  0x{:02x}  {}\n", number, page_title(number));
         json["pages"].push_back(fmt::format("0x{:02x}", number));
     }
@@ -84,7 +84,7 @@ std::string decode_supported_pages(Bytes page, Json& json) {
 }
 
 std::string decode_serial_number(Bytes page, Json& json) {
-    const std::string serial = padded_text(page, kHeader, page.size());
+    const std::string serial = padded_text(page, kPageHeader, page.size());
     json["serial_number"] = serial;
     return fmt::format("  Serial number  {}\n", serial);
 }
@@ -98,7 +98,7 @@ struct Designator {
 
 std::vector<Designator> designators_of(Bytes page) {
     std::vector<Designator> found;
-    for (Bytes rest = page.subspan(kHeader); rest.size() >= 4 && rest.size() - 4 >= rest[3];) {
+    for (Bytes rest = page.subspan(kPageHeader); rest.size() >= 4 && rest.size() - 4 >= rest[3];) {
         const std::size_t length = rest[3];
         const unsigned code_set = rest[0] & 0x0F;
         const bool is_text = code_set == 2 || code_set == 3;
@@ -194,7 +194,7 @@ std::vector<uint8_t> read_page(const LunAddress& address, uint8_t number) {
                             address.target, lun_text(address.lun), number, page[1]),
                 "the device may not know vital product data pages; ask without --page"));
         }
-        const std::size_t length = kHeader + big_endian(page, 2, 2);
+        const std::size_t length = kPageHeader + big_endian(page, 2, 2);
         if (length <= room || room == UINT16_MAX) {
             page.resize(std::min<std::size_t>(length, room));
             return page;
