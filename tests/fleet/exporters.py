@@ -120,6 +120,11 @@ class Exporter:
             shutil.rmtree(self.directory, ignore_errors=True)
 
 
+def wwn(kind: str, host: int, index: int) -> str:
+    """A WWN of a host's own, of one of its ports."""
+    return f"{kind}:00:c0:5a:{1 + host // 256:02x}:{host % 256:02x}:{index:02x}"
+
+
 def small_host(ports: int = 2, number: int = 0) -> Dict[str, Any]:
     """Ports of one adapter that see the two targets of one array, with the same two LUNs behind either. The host's number is
     in its WWNs and in the rates of its counters."""
@@ -136,8 +141,8 @@ def small_host(ports: int = 2, number: int = 0) -> Dict[str, Any]:
             "name": f"port-{index}",
             "function": index,
             "host_no": index,
-            "wwnn": f"20:00:00:c0:5a:01:{number:02x}:{index:02x}",
-            "wwpn": f"20:01:00:c0:5a:01:{number:02x}:{index:02x}",
+            "wwnn": wwn("20:00", number, index),
+            "wwpn": wwn("20:01", number, index),
             "vlan": 20,
             "fcfs": [fcf],
             "targets": [target(0), target(1)],

@@ -29,7 +29,7 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any, Callable, Dict, FrozenSet, Iterator, List, Optional, Set, Tuple
 
-from exporters import BUILD, PATIENCE, Exporter, small_host, wait_until
+from exporters import BUILD, PATIENCE, Exporter, small_host, wait_until, wwn
 
 SOURCE = Path(os.environ["TRELM_SOURCE"])
 CONTRIB = SOURCE / "contrib/prometheus"
@@ -55,11 +55,10 @@ def fleet_host(number: int) -> Host:
     host["faults"] = []
     if number % 2 == 0:
         port(host)["virtual_ports"] = [
-            {"npiv_index": i, "wwnn": f"28:00:00:c0:5a:01:{number:02x}:{i:02x}", "wwpn": f"28:01:00:c0:5a:01:{number:02x}:{i:02x}"}
-            for i in range(1, 2 + number // 2 % 3)
+            {"npiv_index": i, "wwnn": wwn("28:00", number, i), "wwpn": wwn("28:01", number, i)} for i in range(1, 2 + number // 2 % 3)
         ]
         return host
-    other = small_host(1, 128 + number)["adapters"][0]
+    other = small_host(1, 128 * 256 + number)["adapters"][0]
     other["pci"]["address"] = "0000:5e:00"
     other["ports"][0].update(name="other", host_no=9, targets=[], counters={"fc_crc_err_frames": 5000})
     host["adapters"].append(other)
