@@ -120,8 +120,14 @@ class Exporter:
             shutil.rmtree(self.directory, ignore_errors=True)
 
 
-def small_host(ports: int = 2) -> Dict[str, Any]:
-    """Ports of one adapter that see the two targets of one array, with the same two LUNs behind either."""
+def wwn(kind: str, host: int, index: int) -> str:
+    """A WWN of a host's own, of one of its ports."""
+    return f"{kind}:00:c0:5a:{1 + host // 256:02x}:{host % 256:02x}:{index:02x}"
+
+
+def small_host(ports: int = 2, number: int = 0) -> Dict[str, Any]:
+    """Ports of one adapter that see the two targets of one array, with the same two LUNs behind either. The host's number is
+    in its WWNs and in the rates of its counters."""
 
     def target(number: int) -> Dict[str, Any]:
         luns: List[Dict[str, Any]] = [
@@ -129,19 +135,23 @@ def small_host(ports: int = 2) -> Dict[str, Any]:
         ]
         return {"index": number, "wwnn": "50:00:00:c0:5a:00:00:10", "wwpn": f"50:00:00:c0:5a:00:00:{number:02x}", "luns": luns}
 
-    def port(number: int) -> Dict[str, Any]:
+    def port(index: int) -> Dict[str, Any]:
         fcf = {"switch_name": "20:64:00:c0:5a:00:00:01", "fabric_name": "10:00:00:c0:5a:00:00:01", "fcf_mac": "00:c0:5a:0f:00:01"}
         return {
-            "name": f"port-{number}",
-            "function": number,
-            "host_no": number,
-            "wwnn": f"20:00:00:c0:5a:01:00:{number:02x}",
-            "wwpn": f"20:01:00:c0:5a:01:00:{number:02x}",
+            "name": f"port-{index}",
+            "function": index,
+            "host_no": index,
+            "wwnn": wwn("20:00", number, index),
+            "wwpn": wwn("20:01", number, index),
             "vlan": 20,
             "fcfs": [fcf],
             "targets": [target(0), target(1)],
-            "counters": {"rx_fcoe_bytes": {"start": 1000, "rate": 125000}, "rx_fcoe_frames": {"start": 100, "rate": 100}},
+            "counters": {
+                "rx_fcoe_bytes": {"start": 1000, "rate": 125000 * (number + 1)},
+                "rx_fcoe_frames": {"start": 100, "rate": 100 * (number + 1)},
+            },
         }
 
     pci = {"address": "0000:3b:00", "vendor_id": "0x1077", "device_id": "0x8080"}
-    return {"name": "small", "adapters": [{"driver": "kron", "model": "Ulvard <8042>", "pci": pci, "ports": [port(i) for i in range(ports)]}]}
+    adapter = {"driver": "kron", "model": "Ulvard <8042>", "pci": pci, "ports": [port(i) for i in range(ports)]}
+    return {"name": "small", "adapters": [adapter]}

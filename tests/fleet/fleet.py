@@ -2,9 +2,9 @@
 
     fleet.py [HOSTS] [--speed FACTOR]
 
-Breaks links, targets, FCFs, drivers and an exporter by editing host files, mends them again, and prints when each alert fired and
-cleared. Ends with status 1 where one did not, or where a query of the dashboard finds nothing. The durations in the rules
-are divided by the factor, and so is the interval between scrapes. All listens on the loopback address.
+Breaks links, targets, FCFs, drivers, adapters and an exporter by editing host files, mends them again, and prints when each alert
+fired and cleared. Ends with status 1 where one did not, where an alert fired that nothing caused, or where a query of the dashboard finds
+nothing. The durations in the rules are divided by the factor, and so is the interval between scrapes. All listens on the loopback address.
 
 The environment names the trees: TRELM_SOURCE and TRELM_BUILD.
 """
@@ -27,14 +27,15 @@ import urllib.parse
 import urllib.request
 from dataclasses import dataclass, field
 from pathlib import Path
-from typing import Any, Callable, Dict, Iterator, List, Optional
+from typing import Any, Callable, Dict, FrozenSet, Iterator, List, Optional, Set, Tuple
 
-from exporters import BUILD, PATIENCE, Exporter, small_host, wait_until
+from exporters import BUILD, PATIENCE, Exporter, small_host, wait_until, wwn
 
 SOURCE = Path(os.environ["TRELM_SOURCE"])
 CONTRIB = SOURCE / "contrib/prometheus"
 UNITS = {"s": 1, "m": 60, "h": 3600, "d": 86400}
 Host = Dict[str, Any]
+Alert = Tuple[str, str]  # its name, and the host that it is about
 
 
 def faster(rules: str, factor: float) -> str:
@@ -46,8 +47,47 @@ def faster(rules: str, factor: float) -> str:
     return re.sub(r"(for: |\[)(\d+)([smhd])\b", shorter, rules)
 
 
+def fleet_host(number: int) -> Host:
+    """Every host has WWNs and rates of its own. Half of them have virtual ports; the others have another adapter, whose port has no link
+    and never had one, or a driver that refuses its statistics."""
+    host = small_host(number=number)
+    host["name"] = host_name(number)
+    host["faults"] = []
+    if number % 2 == 0:
+        port(host)["virtual_ports"] = [
+            {"npiv_index": i, "wwnn": wwn("28:00", number, i), "wwpn": wwn("28:01", number, i)} for i in range(1, 2 + number // 2 % 3)
+        ]
+        return host
+    other = small_host(1, 128 * 256 + number)["adapters"][0]
+    other["pci"]["address"] = "0000:5e:00"
+    other["ports"][0].update(name="other", host_no=9, targets=[], counters={"fc_crc_err_frames": 5000})
+    host["adapters"].append(other)
+    if refuses_statistics(number):
+        refuse(host, "port_stats", "other")
+    else:
+        other["ports"][0]["link"] = "link_down"
+    return host
+
+
+def refuse(host: Host, operation: str, port_name: str) -> None:
+    host["faults"].append({"operation": operation, "port": port_name, "status": 5, "count": "always"})
+
+
+def host_name(number: int) -> str:
+    return f"esx-{number:02d}"
+
+
+def refuses_statistics(number: int) -> bool:
+    return number % 4 == 3
+
+
+def standing_alerts(size: int) -> Set[Alert]:
+    return {("TrelmScrapeFailing", host_name(number)) for number in range(1, size + 1) if refuses_statistics(number)}
+
+
 def port(host: Host, number: int = 0) -> Host:
-    return host["adapters"][0]["ports"][number]
+    found: Host = host["adapters"][0]["ports"][number]
+    return found
 
 
 def set_counter(name: str, rate: float) -> Callable[[Host], None]:
@@ -75,7 +115,15 @@ def remove_lun(host: Host) -> None:
 
 
 def fail_driver(host: Host) -> None:
-    host["faults"] = [{"operation": "port_stats", "port": "port-0", "status": 5, "count": "always"}]
+    refuse(host, "port_stats", "port-0")
+
+
+def remove_adapter(host: Host) -> None:
+    del host["adapters"][0]
+
+
+def remove_virtual_port(host: Host) -> None:
+    del port(host)["virtual_ports"][0]
 
 
 @dataclass
@@ -85,6 +133,7 @@ class Damage:
     what: str
     alert: str
     breaks: Optional[Callable[[Host], None]]  # none: the exporter is killed
+    also: FrozenSet[str] = frozenset()  # other alerts that may tell of it
     flaps: bool = False  # breaks and is mended again and again until the alert fires
     times: Dict[str, float] = field(default_factory=dict)
 
@@ -96,17 +145,26 @@ def pull_link(host: Host) -> None:
 def damages() -> List[Damage]:
     return [
         Damage("pull the link of a port", "TrelmLinkDown", pull_link),
-        Damage("pull it and plug it in, again and again", "TrelmLinkFlapping", pull_link, flaps=True),
+        Damage("pull it and plug it in, again and again", "TrelmLinkFlapping", pull_link, frozenset({"TrelmLinkDown"}), flaps=True),
         Damage("damage frames on their way", "TrelmCrcErrors", set_counter("fc_crc_err_frames", 20)),
         Damage("lose frames", "TrelmMissingFrames", set_counter("missing_frames", 20)),
         Damage("let sequences time out", "TrelmTimeouts", set_counter("seq_timeouts", 20)),
         Damage("abort commands", "TrelmAborts", set_counter("abts_cnt", 20)),
         Damage("take a target from one port", "TrelmTargetLost", set_targets_offline(ports=1, targets=1)),
-        Damage("take both targets from both ports", "TrelmAllPathsLost", set_targets_offline(ports=2, targets=2)),
-        Damage("take the FCF from a port", "TrelmFcfLost", remove_fcf),
+        Damage(
+            "take both targets from both ports",
+            "TrelmAllPathsLost",
+            set_targets_offline(ports=2, targets=2),
+            frozenset({"TrelmTargetLost"}),
+        ),
+        # The port of the other adapter, which was never online, takes the number of one that was, and its counters stand higher.
+        Damage("remove an adapter", "TrelmPortGone", remove_adapter, frozenset({"TrelmAllPathsLost", "TrelmScrapeFailing"})),
         Damage("unmap a LUN", "TrelmLunCountChanged", remove_lun),
-        Damage("let the driver refuse its statistics", "TrelmScrapeFailing", fail_driver),
+        Damage("take the FCF from a port", "TrelmFcfLost", remove_fcf),
         Damage("kill the exporter", "TrelmExporterDown", None),
+        Damage("let the driver refuse its statistics", "TrelmScrapeFailing", fail_driver),
+        # Until the library is loaded anew, the driver refuses what is asked of it.
+        Damage("remove a virtual port", "TrelmVirtualPortGone", remove_virtual_port, frozenset({"TrelmScrapeFailing"})),
     ]
 
 
@@ -151,9 +209,9 @@ class Prometheus:
     def wait_for(self, expression: str) -> None:
         wait_until(lambda: self.query(expression))
 
-    def firing(self, alert: str, instance: str) -> bool:
-        alerts = [each for each in self.ask("alerts")["alerts"] if each["state"] == "firing"]
-        return any(each["labels"]["alertname"] == alert and each["labels"]["instance"] == instance for each in alerts)
+    def firing(self) -> Set[Alert]:
+        alerts = [each["labels"] for each in self.ask("alerts")["alerts"] if each["state"] == "firing"]
+        return {(labels["alertname"], labels["instance"]) for labels in alerts}
 
     def end(self) -> None:
         self.process.kill()
@@ -179,7 +237,7 @@ class Fleet:
     def __enter__(self) -> "Fleet":
         try:
             for number in range(1, self.size + 1):
-                self.exporters[f"esx-{number:02d}"] = self.start_exporter(small_host())
+                self.exporters[host_name(number)] = self.start_exporter(fleet_host(number))
             targets = {name: exporter.wait_for_address() for name, exporter in self.exporters.items()}
             self.prometheus = Prometheus(self.directory, targets, self.factor)
         except BaseException:
@@ -198,10 +256,14 @@ class Fleet:
             self.prometheus.end()
         shutil.rmtree(self.directory, ignore_errors=True)
 
+    @staticmethod
+    def healthy_host(name: str) -> Host:
+        return fleet_host(int(name.rpartition("-")[2]))
+
     def revive(self, name: str) -> None:
         address = self.exporters[name].address
         self.exporters[name].end()
-        self.exporters[name] = self.start_exporter(small_host(), address)
+        self.exporters[name] = self.start_exporter(self.healthy_host(name), address)
         self.exporters[name].wait_for_address()
 
     def inflict(self, name: str, damage: Damage) -> None:
@@ -216,7 +278,7 @@ class Fleet:
         assert self.prometheus is not None
         online = f'trelm_port_state{{instance="{name}", port="0", trelm_port_state="online"}}'
         end = time.monotonic() + PATIENCE
-        while not self.prometheus.firing(damage.alert, name) and time.monotonic() < end:
+        while (damage.alert, name) not in self.prometheus.firing() and time.monotonic() < end:
             self.inflict(name, damage)
             self.prometheus.wait_for(f"{online} == 0")
             self.mend(name, damage)
@@ -225,39 +287,58 @@ class Fleet:
     def mend(self, name: str, damage: Damage) -> None:
         if damage.breaks is None:
             self.revive(name)
-        self.exporters[name].host = small_host()
+        self.exporters[name].host = self.healthy_host(name)
         self.exporters[name].write_host()
 
 
-def watch(prometheus: Prometheus, cases: Dict[str, Damage], firing: bool, begun: float) -> None:
-    """Waits until the alert of every damage is as it should be, and keeps the times."""
+def watch(prometheus: Prometheus, cases: Dict[str, Damage], standing: Set[Alert], firing: bool) -> Set[Alert]:
+    """Waits until the alert of every damage is as it should be, and keeps the times. Gives alerts that nothing caused."""
     what = "fired" if firing else "cleared"
+    begun = time.monotonic()
+    caused = standing | {(alert, name) for name, damage in cases.items() for alert in (damage.alert, *damage.also)}
+    uncaused: Set[Alert] = set()
 
     def look() -> bool:
+        now = prometheus.firing()
+        uncaused.update(now - caused)
         for name, damage in cases.items():
-            if what not in damage.times and prometheus.firing(damage.alert, name) == firing:
+            if what not in damage.times and ((damage.alert, name) in now) == firing:
                 damage.times[what] = time.monotonic() - begun
-        return all(what in damage.times for damage in cases.values())
+        return all(what in damage.times for damage in cases.values()) and (firing or now == standing)
 
     try:
         wait_until(look, patience=2 * PATIENCE)
     except TimeoutError:
-        pass  # the table shows what did not come
+        uncaused |= set() if firing else prometheus.firing() - standing  # the table shows what did not come
+    return uncaused
 
 
-def dashboard_queries() -> Iterator[str]:
-    board = (CONTRIB / "trelm.dashboard.json").read_text(encoding="utf-8")
-    for panel in json.loads(board)["panels"]:
-        for target in panel["targets"]:
-            yield target["expr"].replace("$instance", ".*").replace("$port", ".*").replace("$__rate_interval", "10s")
+def values_of_variables(prometheus: Prometheus, board: Any) -> Dict[str, str]:
+    """What the dashboard's variables stand for when all of their values are chosen, each found with those before it."""
+    values = {"$__rate_interval": "10s"}
+    for variable in board["templating"]["list"]:
+        if variable["type"] == "query":
+            selector, label = re.fullmatch(r"label_values\((.*), (\w+)\)", variable["definition"]).groups()  # type: ignore[union-attr]
+            found = {labels[label] for labels in prometheus.ask("series", **{"match[]": filled(selector, values)})}
+            print(f"dashboard: ${variable['name']} has {len(found)} values")
+            values["$" + variable["name"]] = "|".join(sorted(found))
+    return values
+
+
+def filled(text: str, values: Dict[str, str]) -> str:
+    for name, value in values.items():
+        text = text.replace(name, value)
+    return text
 
 
 def empty_queries(prometheus: Prometheus) -> List[str]:
     """Queries of the dashboard that find nothing, though there are hosts of every kind."""
-    queries = list(dashboard_queries())
+    board = json.loads((CONTRIB / "trelm.dashboard.json").read_text(encoding="utf-8"))
+    values = values_of_variables(prometheus, board)
+    queries = [filled(target["expr"], values) for panel in board["panels"] for target in panel["targets"]]
     found = [query for query in queries if prometheus.query(query)]
     print(f"dashboard: {len(found)} of {len(queries)} queries find something")
-    return [query for query in queries if query not in found]
+    return [query for query in queries if query not in found] + [f"${name}" for name, value in values.items() if not value]
 
 
 def table(cases: Dict[str, Damage]) -> Iterator[str]:
@@ -274,23 +355,26 @@ def run(size: int, factor: float) -> bool:
         prometheus.wait_for(f'count(up{{job="trelm"}} == 1) == {size}')
         print(f"{size} hosts are up under {prometheus.url}; rules run {factor:g} times as fast")
         prometheus.wait_for("min(count_over_time(trelm_library_loaded[1m])) > 5")  # rules look back
+        standing = standing_alerts(size)
+        uncaused = watch(prometheus, {}, standing, False)
+        print(f"before anything breaks: {len(standing)} alerts of faults that stand")
         cases = dict(zip(fleet.exporters, damages()))
-        begun = time.monotonic()
         for name, damage in cases.items():
             if damage.flaps:
                 flapping.submit(fleet.flap, name, damage)
             else:
                 fleet.inflict(name, damage)
-        watch(prometheus, cases, True, begun)
+        uncaused |= watch(prometheus, cases, standing, True)
         empty = empty_queries(prometheus)
-        begun = time.monotonic()
         for name, damage in cases.items():
             fleet.mend(name, damage)
-        watch(prometheus, cases, False, begun)
+        uncaused |= watch(prometheus, cases, standing, False)
     print("\n".join(table(cases)))
     for query in empty:
         print(f"finds nothing: {query}")
-    return not empty and all(len(damage.times) == 2 for damage in cases.values())
+    for alert, name in sorted(uncaused):
+        print(f"nothing caused {alert} of {name}")
+    return not empty and not uncaused and all(len(damage.times) == 2 for damage in cases.values())
 
 
 def main() -> int:
