@@ -10,15 +10,15 @@
 
 namespace bench {
 
-enum class Kind { kKron, kPyx, kLegacy };
-inline constexpr Kind kKinds[] = {Kind::kKron, Kind::kPyx, Kind::kLegacy};
+enum class Kind { kron, pyx, legacy };
+inline constexpr Kind kKinds[] = {Kind::kron, Kind::pyx, Kind::legacy};
 inline constexpr const char* kKindNames[] = {"kron", "pyx", "legacy"};
 inline const char* name_of(Kind kind) { return kKindNames[static_cast<size_t>(kind)]; }
 
 // The ports of one driver; the other drivers are absent or serve none. Of half_virtual hosts every second
 // port is a virtual one on the port before it.
 struct Ports {
-    Kind kind = Kind::kKron;
+    Kind kind = Kind::kron;
     uint32_t count = 1;
     bool half_virtual = false;
     uint32_t targets = 0;
@@ -28,12 +28,21 @@ void serve(const Ports& ports);
 const Ports& served();
 
 // What the drivers are asked, numbered as their requests are.
-enum class Request : uint32_t { kCount = 1, kHostNo, kPci, kPort, kStats, kTarget, kFcf, kScsi };
+enum class RequestNumber : uint32_t {
+    hba_count = 1,
+    host_no,
+    pci_info,
+    port_info,
+    port_stats,
+    tgt_info,
+    fcf_info,
+    scsi_cmd
+};
 
 // A payload for one request, as the driver takes it, and the bare call that sends it.
 class Payload {
   public:
-    Payload(Kind kind, Request request, uint32_t port = 0);
+    Payload(Kind kind, RequestNumber request, uint32_t port = 0);
     ~Payload();
     Payload(const Payload&) = delete;
     Payload& operator=(const Payload&) = delete;
@@ -46,7 +55,7 @@ class Payload {
 
   private:
     Kind kind_;
-    Request request_;
+    RequestNumber request_;
     uint8_t* memory_;
     uint8_t* record_;
     dorfc_ioctl block_{};

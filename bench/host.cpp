@@ -99,13 +99,13 @@ void expect_ok(uint32_t status, const char* what) {
     throw std::runtime_error(text);
 }
 
-Loaded::Loaded(const Ports& ports) {
+LoadedLibrary::LoadedLibrary(const Ports& ports) {
     serve(ports);
     expect_ok(TRELM_LoadLibrary(), "TRELM_LoadLibrary");
     expect_ok(TRELM_OpenAdapter(0, &handle_), "TRELM_OpenAdapter");
 }
 
-Loaded::~Loaded() { TRELM_FreeLibrary(); }
+LoadedLibrary::~LoadedLibrary() { TRELM_FreeLibrary(); }
 
 namespace {
 

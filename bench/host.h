@@ -19,12 +19,12 @@ void bare_database_calls();
 void bare_link_state_calls();
 
 // The library on a host of these ports, loaded and with its first port opened, until the object goes.
-class Loaded {
+class LoadedLibrary {
   public:
-    explicit Loaded(const Ports& ports);
-    ~Loaded();
-    Loaded(const Loaded&) = delete;
-    Loaded& operator=(const Loaded&) = delete;
+    explicit LoadedLibrary(const Ports& ports);
+    ~LoadedLibrary();
+    LoadedLibrary(const LoadedLibrary&) = delete;
+    LoadedLibrary& operator=(const LoadedLibrary&) = delete;
 
     uint32_t handle() const { return handle_; }
 

@@ -48,7 +48,7 @@ void allocate_and_free(size_t turn) {
 void faults_of_a_command(benchmark::State& state, Kind kind) {
     constexpr size_t kWarmUp = 10;
     constexpr size_t kCommands = 1000;
-    const Loaded host({.kind = kind});
+    const LoadedLibrary host({.kind = kind});
     std::vector<uint8_t> data(kData, 1);
     long faults = 0;
     for ([[maybe_unused]] auto _ : state) {
@@ -120,7 +120,7 @@ int probe_memory() {
     std::vector<uint8_t> data(kData, 1);
     private_memory();  // what reading the numbers takes is taken before
     const double before = private_memory();
-    const Loaded host({.kind = Kind::kKron, .count = 4, .half_virtual = true});
+    const LoadedLibrary host({.kind = Kind::kron, .count = 4, .half_virtual = true});
     const double loaded = private_memory();
     std::ofstream("/proc/self/clear_refs") << "5";  // resets the peak
     const double resident = kibibytes("/proc/self/status", "VmHWM");

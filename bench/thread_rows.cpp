@@ -65,7 +65,7 @@ double cost_together(PortCall call, uint32_t threads, bool one_port, size_t coun
 }
 
 void two_threads(benchmark::State& state, Kind kind, PortCall call, bool one_port) {
-    const Loaded host({.kind = kind, .count = 2});
+    const LoadedLibrary host({.kind = kind, .count = 2});
     uint32_t second = 0;
     expect_ok(TRELM_OpenAdapter(1, &second), "TRELM_OpenAdapter");
     const auto count = static_cast<size_t>(kTogether / cost_together(call, 1, one_port, 100));
@@ -91,7 +91,7 @@ void add_thread_rows() {
                             {"TRELM_OpenAdapter and TRELM_CloseAdapter", open_and_close}};
     for (const bool one_port : {false, true}) {
         for (const auto& call : kCalls) {
-            for (const Kind kind : {Kind::kKron, Kind::kLegacy}) {
+            for (const Kind kind : {Kind::kron, Kind::legacy}) {
                 add_row(std::string("two threads on ") + (one_port ? "one port: " : "two ports: ") +
                             call.name + ", " + name_of(kind) + ", against one thread",
                         kSamples,

@@ -75,7 +75,7 @@ Completion RequestPipeline::carry_out(const DriverRequest& request) {
     const std::optional<PortRef> port = find_port(model, request);
     const PortRef* const ref = port ? &*port : nullptr;
     if (const auto effect = take_fault(model, state_, site_of(request, ref))) return failing(*effect);
-    if (!ref && !is_portless(request.operation)) return {.status = kStatusNoSuchPort};
+    if (!ref && !is_portless(request.operation)) return {.status = DRIVER_STATUS_NO_SUCH_PORT};
     DriverAnswers answers(model, state_, stores_);
     return {.status = answers.run({request.driver, request.operation, ref, request.payload})};
 }

@@ -26,7 +26,7 @@ TEST_P(AnyDriver, FaultsHitWhatTheyNameAndLunsAnswerAsTheyAreDescribed) {
     target.luns[1].unit_attention = true;
     const auto stats = Operation::port_stats;
     model.faults = {{.operation = stats, .port = "port0.1", .occurrence = 2, .count = 2, .status = 6}};
-    trelm::test::Loaded library(model);
+    trelm::test::LoadedLibrary library(model);
     uint32_t handles[2];
     for (uint32_t i = 0; i < 2; ++i) EXPECT_EQ(TRELM_OpenAdapter(i, &handles[i]), TRELM_STATUS_OK);
     TRELM_PORT_STATS record;

@@ -37,11 +37,13 @@ class HostsimRoot : public Programs {
         setenv("TMPDIR", at("temporary").c_str(), 1);
     }
     ~HostsimRoot() override { unsetenv("TMPDIR"); }
-    Outcome run(const std::string& script, const Words& options = {}) const {
+    ProgramResult run(const std::string& script, const Words& options = {}) const {
         return execute(Words{kLauncher, "run", at("host.json")} + options +
                        Words{"--", "sh", "-c", "D=" + at("") + "; " + script});
     }
-    Outcome clean(const Words& options = {}) const { return execute(Words{kLauncher, "clean"} + options); }
+    ProgramResult clean(const Words& options = {}) const {
+        return execute(Words{kLauncher, "clean"} + options);
+    }
 
     // Runs a host that makes a semaphore set, and kills every process of it. The set's id.
     int kill_host(const Words& options = {}) const {
@@ -89,13 +91,13 @@ TEST_F(HostsimRoot, IsNewEmptyOrARootAlready) {
         unsafe.push_back(at("others"));
     }
     for (const std::string& above : unsafe) {
-        const Outcome outcome = run("true", {"--root", above + "/new/root"});
+        const ProgramResult outcome = run("true", {"--root", above + "/new/root"});
         EXPECT_EQ(outcome.status, 125) << above;
         EXPECT_THAT(outcome.errors, AllOf(HasSubstr(above + ": "), HasSubstr("above the root")));
         EXPECT_TRUE(fs::is_empty(above)) << above;
     }
     for (const auto& [root, reason] : refused) {
-        const Outcome outcome = run(": > $D/ran", {"--root", root});
+        const ProgramResult outcome = run(": > $D/ran", {"--root", root});
         EXPECT_EQ(outcome.status, 125) << root;
         EXPECT_THAT(outcome.errors, AllOf(HasSubstr(root + ": "), HasSubstr(reason)));
         EXPECT_FALSE(fs::exists(at("ran"))) << root;
@@ -115,7 +117,7 @@ TEST_F(HostsimRoot, IsNeverTheMachinesOwn) {
     const Words harmless{"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
     for (const char* root : {"/", "//", "/tmp/.."}) {
         const Words command{kLauncher, "run", at("host.json"), "--root", root, "--", "true"};
-        const Outcome outcome = execute(getuid() == 0 ? harmless + command : command);
+        const ProgramResult outcome = execute(getuid() == 0 ? harmless + command : command);
         EXPECT_EQ(outcome.status, 125) << root;
         EXPECT_THAT(outcome.errors, HasSubstr("the machine's own root")) << root;
     }
@@ -140,7 +142,7 @@ TEST_F(HostsimRoot, DoesNotFollowLinksWithin) {
         ASSERT_EQ(run("true", root_option).status, 0);
         fs::remove_all(at("root/" + name));
         fs::create_directory_symlink(at("victim"), at("root/" + name));
-        const Outcome outcome = run("true", root_option);
+        const ProgramResult outcome = run("true", root_option);
         EXPECT_EQ(outcome.status, 125) << name;
         EXPECT_THAT(outcome.errors, HasSubstr(at("root")));
         EXPECT_EQ(clean(root_option).status, name == ".hostsim" ? 1 : 0);
@@ -174,7 +176,7 @@ TEST_F(HostsimRoot, OfAKilledHostGoesWithTheNextStartOrOnRequest) {
     EXPECT_FALSE(exists(second) || exists(third) || fs::exists(temporary));
     EXPECT_TRUE(fs::exists(at("root/tmp")));
     EXPECT_EQ(clean(root_option).out, "nothing to clear\n");
-    const Outcome busy = run(kLauncher + " clean --root $D/root", root_option);
+    const ProgramResult busy = run(kLauncher + " clean --root $D/root", root_option);
     EXPECT_EQ(busy.status, 1);
     EXPECT_THAT(busy.errors, HasSubstr(at("root") + ": a host runs here"));
 }
@@ -226,7 +228,7 @@ TEST_F(HostsimRoot, ThatCannotBeHadLeavesNothing) {
     }
     disk_is_full = false;
     const Words command{kLauncher, "run", at("host.json"), "--", "true"};
-    const Outcome limited = execute(Words{"/bin/sh", "-c", "ulimit -f 8; \"$@\"", "sh"} + command);
+    const ProgramResult limited = execute(Words{"/bin/sh", "-c", "ulimit -f 8; \"$@\"", "sh"} + command);
     EXPECT_EQ(limited.status, 125);
     EXPECT_THAT(limited.errors, HasSubstr("File too large"));
     EXPECT_TRUE(fs::is_empty(at("temporary")));

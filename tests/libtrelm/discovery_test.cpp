@@ -98,7 +98,7 @@ TEST_P(Discovery, DropsPhysicalPortsOfUnknownDevices) {
         adapter.device_id = static_cast<uint16_t>(device), adapter.vendor_id = 0xABCD;  // any vendor's
     }
     start(model);
-    if (!native) Failure{.status = 1}.of(host(), Operation::port_info);  // nor is any link state read
+    if (!native) DriverFailure{.status = 1}.of(host(), Operation::port_info);  // nor is any link state read
     expect_found(12);
     EXPECT_THAT(instances(), testing::UnorderedElementsAreArray(kept));
     EXPECT_EQ(trelm_phy_info->count, 12U);
@@ -179,7 +179,7 @@ TEST(LegacyDiscovery, KeepsPortsThatDoNotTellEverything) {
     model.faults = {fault(Operation::hostno, {.status = 9}, 2),
                     fault(Operation::port_info, {.status = 42}, 2),
                     fault(Operation::pci_info, {.error = EIO}, 3)};
-    Loaded library(hostsim::hosts::empty());
+    LoadedLibrary library(hostsim::hosts::empty());
     library.host.model() = model;
     library.host.tamper = [](Answer& answer) {  // what comes with a failure is not used
         if (answer.status == 42) std::fill(answer.payload.begin(), answer.payload.end(), 'x');
@@ -224,6 +224,31 @@ TEST(LegacyDiscovery, LeavesNothingBehindWhereMemoryRunsOut) {
         EXPECT_EQ(count, 2U);
         EXPECT_EQ(trelm_phy_info->count, 2U);
         EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
+    }
+}
+
+TEST_P(Discovery, FindsTheFirstPhysicalPortAtAVirtualPortsLocation) {
+    const size_t count = native ? 72 : 12;  // link-state files take time
+    hostsim::Model model = hostsim::hosts::ports(GetParam(), count, 1);
+    uint32_t id = 0;
+    for (uint16_t i = 0; i < 6; ++i) {
+        hostsim::Adapter& adapter = model.adapters[i];
+        adapter.pci_bus = 5, adapter.pci_domain = i / 4, adapter.pci_device = i / 2 % 2;
+        // Both ports of every other adapter are at one location. The ports of the first adapters are found first.
+        for (hostsim::PhysicalPort& port : adapter.ports) {
+            port.pci_function = i % 2 ? 2 : static_cast<uint16_t>(id % 2);
+            port.port_id = ++id;
+            port.virtual_ports[0].port_id = i % 2 ? adapter.ports[0].port_id : id;
+            if (i < 4) model.driver(GetParam()).order.push_back(port.name);
+        }
+    }
+    start(model);
+    expect_found(2 * count);
+    for (const trelm_priv_db* pdb : registry()) {
+        if (pdb->port_type != FC_PORTTYPE_NPIV || pdb->port_id > id) continue;
+        ASSERT_NE(pdb->parent, nullptr);
+        EXPECT_EQ(pdb->parent->port_id, pdb->port_id);
+        EXPECT_EQ(pdb->parent->hw_info, pdb->hw_info);
     }
 }
 

@@ -23,7 +23,7 @@ using namespace trelm::test;
 
 constexpr uint32_t kTraceLines = 2;
 constexpr uint32_t kInstance = 10, kHandle = 11, kTarget = 12;
-constexpr Failure kRefused{.status = 12, .error = ENOSPC}, kUnheard{.error = ENOSPC};
+constexpr DriverFailure kRefused{.status = 12, .error = ENOSPC}, kUnheard{.error = ENOSPC};
 
 // Of sixteen ports one has no host number, two belong to an unknown device, one does not tell where it lies.
 hostsim::Model described(DriverKind kind) {
@@ -82,7 +82,7 @@ class GoldenLog : public testing::TestWithParam<std::tuple<DriverKind, uint32_t>
 #define TELL(...) tell(#__VA_ARGS__, [&] { return static_cast<uint32_t>(__VA_ARGS__); })
     // With its requests refused by the driver, and failing on the way to it.
     void tell_failing(Operation operation, const std::string& text, const Call& call) {
-        for (const Failure& failure : {kRefused, kUnheard}) {
+        for (const DriverFailure& failure : {kRefused, kUnheard}) {
             failure.of(host, operation);
             tell(fmt::format("{}, status {}, errno {}", text, failure.status, failure.error), call);
         }

@@ -79,7 +79,7 @@ TEST(Signals, OfWritesThatFailDoNotReachTheProgram) {
 }
 
 TEST(ForkedChild, OwnsNothingUntilItLoadsTheLibraryItself) {
-    const Loaded library(two_port_host(hostsim::DriverKind::legacy));
+    const LoadedLibrary library(two_port_host(hostsim::DriverKind::legacy));
     const auto parent_is_as_before = [slots = trelm_shared_data->libinst_flags] {
         EXPECT_EQ(slots[0], 5U);
         EXPECT_EQ(slots[1], 0U);

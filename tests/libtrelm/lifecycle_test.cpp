@@ -182,7 +182,7 @@ TEST_P(Lifecycle, ManyLoadsAndOpensInAnyOrderKeepTheirCountsAndLeaveNoDescriptor
 }
 
 TEST(LegacyPort, WhoseNodeCannotBeOpenedOrClosedGivesTheSystemsError) {
-    Loaded library(two_port_host(DriverKind::legacy));
+    LoadedLibrary library(two_port_host(DriverKind::legacy));
     LogCapture log(kErrorLines);
     library.host.inject(fault(Operation::open, {.error = EACCES}));
     uint32_t handle = 0;
@@ -211,7 +211,7 @@ TEST(DriverOfAPort, FollowsFromItsDevice) {
         for (const uint16_t device : {0x8080, 0x8180, 0x165C, 0x1662, 0x16A1})
             hostsim::hosts::add_adapter(model, kind, 1).device_id = device;
     }
-    const Loaded library(model);
+    const LoadedLibrary library(model);
     LogCapture log;
     for (uint32_t instance = 0; instance < 10; ++instance) {
         const uint16_t device = trelm_get_pdb_from_user_instance(instance)->hw_info->device_id;

@@ -62,7 +62,7 @@ class Targets : public testing::TestWithParam<DriverKind> {
         });
     }
 
-    Loaded library{described()};
+    LoadedLibrary library{described()};
     hostsim::Host& host = library.host;
     LogCapture log;
     GuardedBytes array{0};

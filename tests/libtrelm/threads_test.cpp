@@ -240,7 +240,7 @@ TEST_F(Guests, CallFromSixteenThreadsWhileTheHostFileIsEdited) {
         std::filesystem::rename(at("new.json"), at("host.json"));
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
-    const Outcome outcome = finish(guest);
+    const ProgramResult outcome = finish(guest);
     EXPECT_EQ(outcome.status, 0) << outcome.errors;
     EXPECT_THAT(outcome.out, testing::ContainsRegex("16 threads, [1-9][0-9]* changes of links, 0 failures"));
 }

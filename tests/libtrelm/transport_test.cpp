@@ -91,9 +91,9 @@ TEST_P(Transport, RequestsGoOutWholeAndTheirStatusCountsBeforeTheirResult) {
             EXPECT_EQ(log.take(), said);
         };
         host.clear_calls();
-        Failure{.status = 20, .error = EIO}.of(host, row.operation);
+        DriverFailure{.status = 20, .error = EIO}.of(host, row.operation);
         expect_end(1, 20, native ? " failed, status=20" : " failed, ioctl_status=20");
-        Failure{.error = EIO}.of(host, row.operation);
+        DriverFailure{.error = EIO}.of(host, row.operation);
         expect_end(1, 0, " function failed, errno=5");
         EXPECT_TRUE(contents(record) == before);
 

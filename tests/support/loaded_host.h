@@ -26,12 +26,12 @@ inline hostsim::Model two_port_host(hostsim::DriverKind kind) {
 }
 
 // The library loaded on a host, and freed at the end.
-class Loaded {
+class LoadedLibrary {
   public:
-    explicit Loaded(hostsim::Model model) : host(std::move(model)) {
+    explicit LoadedLibrary(hostsim::Model model) : host(std::move(model)) {
         EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
     }
-    ~Loaded() { EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK); }
+    ~LoadedLibrary() { EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK); }
 
     hostsim::Host host;
 };
@@ -46,7 +46,7 @@ class OnEachDriver : public ::testing::TestWithParam<hostsim::DriverKind> {
     explicit OnEachDriver(hostsim::Model model) : library(std::move(model)) {}
     OnEachDriver() : OnEachDriver(two_port_host(GetParam())) {}
 
-    Loaded library;
+    LoadedLibrary library;
     hostsim::Host& host = library.host;
 };
 

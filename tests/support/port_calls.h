@@ -119,7 +119,7 @@ inline std::vector<hostsim::Call> calls_of(const hostsim::Host& host, Operation 
 }
 
 // A driver that answers one kind of request with a status, with a failing call, or with both.
-struct Failure {
+struct DriverFailure {
     uint32_t status = 0;
     int error = 0;
 
@@ -134,7 +134,7 @@ struct Failure {
 };
 
 // One request that goes wrong, the `occurrence`-th of its kind.
-inline hostsim::Fault fault(Operation operation, Failure failure, uint64_t occurrence = 1) {
+inline hostsim::Fault fault(Operation operation, DriverFailure failure, uint64_t occurrence = 1) {
     return {
         .operation = operation, .occurrence = occurrence, .status = failure.status, .error = failure.error};
 }

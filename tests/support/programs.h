@@ -35,7 +35,7 @@ inline std::string text_of(const std::filesystem::path& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-struct Outcome {
+struct ProgramResult {
     int status = -1;  // as a shell tells it
     std::string out, errors;
 };
@@ -64,12 +64,12 @@ class Programs : public ::testing::Test {
         execv(arguments[0], arguments.data());
         _exit(99);
     }
-    Outcome finish(pid_t child) const {
+    ProgramResult finish(pid_t child) const {
         int status = 0;
         if (waitpid(child, &status, 0) != child || !WIFEXITED(status)) return {};
         return {WEXITSTATUS(status), text_of(at("out")), text_of(at("errors"))};
     }
-    Outcome execute(const Words& words, const std::string& out = "") const {
+    ProgramResult execute(const Words& words, const std::string& out = "") const {
         return finish(start(words, out));
     }
 

@@ -32,7 +32,7 @@ class Golden : public Programs, public testing::WithParamInterface<std::string> 
                   text_of(fs::exists(own) ? own : fs::path(source_dir()) / "hostsim/hosts" / host));
             words = words + Words{kLauncher, "run", at("host.json"), "--"};
         }
-        const Outcome outcome =
+        const ProgramResult outcome =
             execute(words + Words{"/bin/sh", "-c", "cd " + at("") + "; " + line.substr(colon + 2)});
 
         std::string lines = line + "\n" + outcome.out;

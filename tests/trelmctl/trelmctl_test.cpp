@@ -20,7 +20,7 @@ const std::string kLab = source_dir() + "/hostsim/hosts/lab.json";
 class Trelmctl : public Programs {
   protected:
     void expect(const std::string& script, int status, const std::string& errors) const {
-        const Outcome outcome =
+        const ProgramResult outcome =
             execute({kLauncher, "run", kLab, "--", "/bin/sh", "-c", "cd /tmp; tool=$0; " + script, kTool});
         EXPECT_EQ(outcome.status, status) << script;
         EXPECT_EQ(outcome.errors, errors) << script;
