@@ -19,7 +19,7 @@ void fcoe_info(benchmark::State& state, Kind kind) {
     TRELM_FCOE_INFO info = {};
     info.Version = 2;
     TRELM_FCOE_INFO from = {};
-    void* (*volatile copy)(void*, const void*, size_t) = memcpy;  // libc's, not one put in line
+    void* (*volatile copy)(void*, const void*, size_t) = memcpy;  // the one of libc, not an inlined one
     compare(
         state, [&] { expect_ok(TRELM_GetFcoeInfo(host.handle(), &info), "TRELM_GetFcoeInfo"); },
         [&] { copy(&info, &from, sizeof info); });

@@ -44,10 +44,10 @@ constexpr RecordSize kSizes[] = {
 Ports ports;
 size_t lun_list_size;
 uint8_t lun_list[8 + 8 * 2048];
-// Each thread has a kernel of its own, so that threads meet in the library alone.
-thread_local uint32_t asked_port;  // of the request that is under way
+// Each thread has its own kernel memory and port, so that threads contend only inside the library.
+thread_local uint32_t asked_port;  // of the current request
 
-// The memory is shared so that a forked process finds it as it is and copies no page of it.
+// The memory is shared, so that a forked process copies no page of it.
 class KernelMemory {
   public:
     uint8_t* get() const { return memory_; }
@@ -63,7 +63,7 @@ uint8_t* kernel_memory() {
 }
 uint8_t* kernel_data() { return kernel_memory() + kKernelMemory; }
 
-// A pipe has a lock, so threads have pipes of their own.
+// A pipe has a lock, so each thread has its own pipes.
 class Pipe {
   public:
     Pipe() {
@@ -141,7 +141,8 @@ void answer_legacy_scsi(const dorfc_scsi_cmd& command) {
     }
 }
 
-// `record` is the payload behind its header, the same for all drivers but where two types are given.
+// `record` is the payload after its header. It has the same layout for all drivers, except where two types
+// are named.
 void answer(RequestNumber request, bool native, uint8_t* record) {
     switch (request) {
         case RequestNumber::pci_info:

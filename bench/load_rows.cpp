@@ -1,4 +1,4 @@
-// Loading and freeing the library on hosts of all sizes, and the database that it joins when it is loaded.
+// Loading and freeing the library on hosts of different sizes, and the shared database that a load joins.
 
 #include <string>
 
@@ -15,7 +15,7 @@ namespace {
 
 constexpr uint32_t kSizes[] = {8, 64, 512, 4096};
 
-// What a driver is asked in a discovery, bare.
+// The bare requests of a discovery.
 class BareDiscovery {
   public:
     BareDiscovery(Kind kind, uint32_t ports)
@@ -73,7 +73,7 @@ uint32_t discover(Kind kind) {
     }
 }
 
-// The part of a load that grows with the ports.
+// The part of a load whose cost grows with the number of ports.
 void discovery(benchmark::State& state, Kind kind, uint32_t ports) {
     serve({.kind = kind, .count = ports, .half_virtual = true});
     BareDiscovery floor(kind, ports);

@@ -1,4 +1,4 @@
-// SCSI commands, and the listings made of them.
+// SCSI commands, and target and LUN listings.
 
 #include <cstring>
 #include <memory>
@@ -49,7 +49,7 @@ void warm(benchmark::State& state, Kind kind, const Command& command) {
         state, [&] { send(host, record, command.length, data.data()); }, [&] { payload.send(); });
 }
 
-// The floor allocates a payload as fresh as the one that the library's first command gets.
+// The floor allocates a new payload, as the first command of the library does.
 void cold(benchmark::State& state, Kind kind, const Command& command) {
     const LoadedLibrary host({.kind = kind});
     std::vector<uint8_t> data(kMost, 1);

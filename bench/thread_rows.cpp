@@ -1,4 +1,5 @@
-// Two threads that make the same calls at once, each on a port of its own or both on one, against one thread.
+// Two threads that make the same calls at once, on one port each or both on one port, compared with one
+// thread.
 
 #include <atomic>
 #include <string>
@@ -41,7 +42,7 @@ void open_and_close(uint32_t port) {
 
 using PortCall = void (*)(uint32_t port);
 
-// What a call costs each of the threads while all of them make it.
+// The cost of a call for each thread while all threads make it.
 double cost_together(PortCall call, uint32_t threads, bool one_port, size_t count) {
     std::atomic<uint32_t> arrived = 0;
     std::vector<double> costs(threads);
@@ -49,7 +50,7 @@ double cost_together(PortCall call, uint32_t threads, bool one_port, size_t coun
     for (uint32_t i = 0; i < threads; ++i) {
         started.emplace_back([&, i] {
             const uint32_t port = one_port ? 0 : i;
-            call(port);  // the first call of a thread does more
+            call(port);  // the first call of a thread costs more
             ++arrived;
             while (arrived != threads) std::this_thread::yield();
             const auto work = [call, port] { call(port); };

@@ -40,7 +40,7 @@ uint32_t online_targets(const Port& port) {
     return static_cast<uint32_t>(std::count_if(port.targets.begin(), port.targets.end(), online));
 }
 
-// A port without a MAC address gets one made from its WWPN; a virtual port, from FC-MAP and port id as
+// A MAC address for a port without one: from the WWPN, or for a virtual port from FC-MAP and port id, as
 // fabrics assign them.
 MacAddress mac_of(const PortRef& ref) {
     if (ref.port->mac != MacAddress{}) return ref.port->mac;
@@ -113,7 +113,7 @@ constexpr double kLargestGrowth = 18446744073709549568.0;
 
 // ---- LUNs
 
-// A LUN without an NAA id gets one made from its target's WWPN and its number, unique on the host.
+// An NAA id for a LUN without one: from the WWPN of the target and the number of the LUN, unique on the host.
 uint64_t naa_of(const Lun& lun, uint32_t number, const PortRef& port, const Target& target) {
     if (lun.naa) return lun.naa;
     const uint64_t owner = target.wwpn ? target.wwpn : port.wwpn << 8 | target.index;

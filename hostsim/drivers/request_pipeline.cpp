@@ -1,4 +1,4 @@
-// request_pipeline.cpp - the steps of a request, in their order.
+// request_pipeline.cpp - the steps of a request in order.
 #include "request_pipeline.h"
 
 #include <algorithm>
@@ -34,7 +34,7 @@ std::optional<PortRef> find_port(const Model& model, const DriverRequest& reques
     return found == ports.end() ? std::nullopt : std::optional(*found);
 }
 
-// The records of a SCSI command begin alike for all drivers, and so do those of a target.
+// The SCSI command records of all drivers begin alike, and so do their target records.
 FaultSite site_of(const DriverRequest& request, const PortRef* port) {
     FaultSite site{.operation = request.operation, .driver = request.driver, .port = port};
     if (request.operation == Operation::tgt_info) {

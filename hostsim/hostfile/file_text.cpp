@@ -1,5 +1,5 @@
-// file_text.cpp - opens a file without waiting for a pipe's writer and without taking a terminal, then checks its
-// type.
+// file_text.cpp - opens a file without waiting for a pipe's writer and without taking a terminal, then checks
+// its type.
 #include "file_text.h"
 
 #include <fcntl.h>

@@ -1,5 +1,5 @@
-// model.h - a simulated host as plain data: what a host file describes and what a test edits. The drivers
-// answer each request from it, so that an edit shows with the next request.
+// model.h - a simulated host as plain data. Host files describe it and tests edit it. The drivers answer each
+// request from it, so that an edit shows with the next request.
 #pragma once
 
 #include <array>
@@ -28,7 +28,7 @@ struct Driver {
     std::string version{};
     std::string date{};
     bool loaded = true;
-    std::vector<std::string> order{};               // ports by name or WWPN, before all that are not named
+    std::vector<std::string> order{};               // ports by name or WWPN; the others follow
     std::optional<uint32_t> reported_port_count{};  // instead of the number of ports
 };
 
@@ -91,7 +91,7 @@ struct Lun {
     enum class Backing : uint8_t { memory, file };
 
     uint32_t number = 0;  // up to 16383, with peripheral addressing up to 255
-    uint32_t count = 1;   // this many LUNs of this description, numbered upwards
+    uint32_t count = 1;   // number of such LUNs, numbered consecutively
     Addressing addressing = Addressing::automatic;
     uint64_t block_count = 0;
     uint32_t block_size = 512;
@@ -124,7 +124,7 @@ struct Target {
 // What physical and virtual ports have in common. A WWN of 0 is not given; PortRef has one made from the
 // port's place.
 struct Port {
-    std::string name;  // by which faults and the order of ports name it
+    std::string name;  // used by faults and by the order of ports
     uint64_t wwnn = 0;
     uint64_t wwpn = 0;
     MacAddress mac{};

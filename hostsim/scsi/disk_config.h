@@ -19,8 +19,8 @@ struct DiskConfig {
     uint64_t block_count = 0;   // 0: no medium
     uint32_t block_size = 512;  // bytes
     bool reserved = false;      // another initiator holds an exclusive reservation
-    // Why the medium cannot be used: not ready, a failure, or a unit attention. A unit attention is not cleared
-    // by reporting it; the owner of the configuration does that.
+    // Why the medium cannot be used: not ready, a failure, or a unit attention. A unit attention is not
+    // cleared by reporting it; the owner of the configuration does that.
     std::optional<SenseCode> condition;
 };
 

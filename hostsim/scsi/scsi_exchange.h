@@ -12,8 +12,8 @@
 
 namespace hostsim {
 
-// A reservation conflict is a SCSI status. Sense data does not show it and the drivers' records have no field for
-// it, so the drivers answer with it in place of their own status.
+// A reservation conflict is a SCSI status. Sense data does not show it and the drivers' records have no field
+// for it, so the drivers answer with it in place of their own status.
 inline constexpr uint32_t kStatusReserved = 0x18;
 
 inline uint8_t* scsi_data(kronfc_scsi_cmd& command) { return command.data_buffer; }

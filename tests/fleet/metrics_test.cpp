@@ -1,5 +1,5 @@
-// metrics_test.cpp - `trelmctl metrics`: what it says of a host, in both formats, as Prometheus' own tool and the
-// parser of its Python client read it.
+// metrics_test.cpp - `trelmctl metrics`: its output for a host in both formats, as the tool of Prometheus and
+// the parser of its Python client read it.
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
@@ -45,8 +45,8 @@ std::set<std::string> matches(const std::string& text, const char* pattern) {
     return found;
 }
 
-// A physical port of each native driver, a virtual one, counters that all differ, LUNs of which one does not answer,
-// and a port whose counters cannot be read.
+// A physical port of each native driver, a virtual port, distinct counters, LUNs of which one does not
+// answer, and a port whose counters cannot be read.
 TEST_F(Metrics, SayOfAHostWhatTheGoldenTextSays) {
     const ProgramResult outcome = metrics("--luns");
     EXPECT_EQ(outcome.status, 1);

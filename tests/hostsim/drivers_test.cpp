@@ -1,5 +1,5 @@
-// drivers_test.cpp - what the drivers of a simulated host do alike, and what its management interface refuses
-// of those who ask it wrongly.
+// drivers_test.cpp - behaviour that the drivers of a simulated host share, and wrong requests that its
+// management interface refuses.
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
@@ -15,7 +15,7 @@ using hostsim::Model;
 using hostsim::Operation;
 namespace hosts = hostsim::hosts;
 
-// ---- What all drivers do alike
+// ---- All drivers
 
 class AnyDriver : public testing::TestWithParam<DriverKind> {};
 TRELM_ON_EACH_DRIVER(AnyDriver);
@@ -43,7 +43,7 @@ TEST_P(AnyDriver, FaultsHitWhatTheyNameAndLunsAnswerAsTheyAreDescribed) {
 
 // ---- The management interface
 
-// What a driver's interface expects, to be spoiled.
+// A correct signature, which tests then change.
 struct Signature {
     explicit Signature(DriverKind kind) : cookie(kind == DriverKind::kron ? 501 : 601) {
         constexpr uint64_t sizes[]{8, 16, 72, 520, 520, 72, 72, 262444, 24, 262172};

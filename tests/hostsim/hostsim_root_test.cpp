@@ -1,5 +1,5 @@
-// hostsim_root_test.cpp - the directory under which a host lies, on a machine whose other users are hostile:
-// what may be one, what is removed and what stays.
+// hostsim_root_test.cpp - the root directory of a host on a machine with hostile users: which directories are
+// accepted, what is removed and what stays.
 #include <gmock/gmock.h>
 #include <sys/sem.h>
 
@@ -45,7 +45,7 @@ class HostsimRoot : public Programs {
         return execute(Words{kLauncher, "clean"} + options);
     }
 
-    // Runs a host that makes a semaphore set, and kills every process of it. The set's id.
+    // Runs a host that creates a semaphore set, and kills all of its processes. Returns the id of the set.
     int kill_host(const Words& options = {}) const {
         const Words command{"perl", "-e",
                             "$| = 1; print semget(812, 1, 01600); open F, '>', shift;"
@@ -111,7 +111,7 @@ TEST_F(HostsimRoot, IsNewEmptyOrARootAlready) {
     EXPECT_EQ(run("true", {"--root", at("empty") + "/"}).status, 0) << "which it has become";
 }
 
-// As a user who can do no harm to the machine if this should ever fail.
+// Runs as a user who cannot harm the machine if the check should fail.
 TEST_F(HostsimRoot, IsNeverTheMachinesOwn) {
     fs::permissions(at(""), fs::perms(0755));
     const Words harmless{"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
@@ -181,7 +181,7 @@ TEST_F(HostsimRoot, OfAKilledHostGoesWithTheNextStartOrOnRequest) {
     EXPECT_THAT(busy.errors, HasSubstr(at("root") + ": a host runs here"));
 }
 
-// Whatever lies among the temporary files, only a root that a host of this user's left there goes.
+// Only roots that hosts of this user left are removed from the temporary files.
 TEST_F(HostsimRoot, IsNotRemovedForAForgedOne) {
     const int set = kill_host();
     const fs::path real = only_root();
@@ -203,7 +203,7 @@ TEST_F(HostsimRoot, IsNotRemovedForAForgedOne) {
     const bool is_others = chown(others.c_str(), 65534, 65534) == 0;
     fs::remove_all(named);
     kill_host({"--root", named});
-    // Makes old what a sweep might take for the beginning of a host.
+    // Makes a directory so old that a sweep does not take it for a host that is being created.
     for (const std::string& root : {linked, open_to_all, hard_mark, hard_lock, hard_state, others, named})
         fs::last_write_time(root + "/.hostsim/users",
                             fs::file_time_type::clock::now() - std::chrono::hours(1));

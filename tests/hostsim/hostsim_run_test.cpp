@@ -1,6 +1,5 @@
-// hostsim_run_test.cpp - programs on a simulated host: what the launcher does with a command, and what of
-// libc's answers becomes the host's. Whatever a test needs lies in one directory of its own, which goes with
-// the test.
+// hostsim_run_test.cpp - programs on a simulated host: how the launcher runs a command, and which answers of
+// libc are those of the host. Each test has a directory of its own, which is removed with it.
 #include <gmock/gmock.h>
 #include <sys/sem.h>
 
@@ -23,7 +22,7 @@ class HostsimRun : public Programs {
         ::unsetenv("TMPDIR");
         mkfifo(at("gate").c_str(), 0600);
     }
-    // A shell script on the host of host.json, in which D is the test's directory.
+    // Runs a shell script on the host of host.json. D is the directory of the test.
     Words script(const std::string& text, const Words& options = {}) const {
         return Words{kLauncher, "run", at("host.json")} + options +
                Words{"--", "sh", "-c", "D=" + at("") + "; " + text};
@@ -32,7 +31,7 @@ class HostsimRun : public Programs {
         return execute(script(text, options));
     }
     ProgramResult launch(const Words& arguments) const { return execute(Words{kLauncher} + arguments); }
-    // Lets the script go on that waits in `read line < $D/gate`.
+    // Continues the script that waits in `read line < $D/gate`.
     void open_gate() const { std::ofstream(at("gate")) << "go\n"; }
     bool appears(const std::string& name) const {
         return eventually([&] { return fs::exists(at(name)); });
@@ -101,7 +100,7 @@ TEST_F(HostsimRun, WorksFromAPathWithASpaceAndAColon) {
     EXPECT_EQ(outcome.out, "VMkernel\nesx-run\n") << outcome.errors;
 }
 
-#ifndef __SANITIZE_ADDRESS__  // its leak check needs /proc itself
+#ifndef __SANITIZE_ADDRESS__  // the leak check of the sanitizer needs /proc
 TEST_F(HostsimRun, SaysWhatItMissesWhereThereIsNoProc) {
     if (execute({"/usr/bin/unshare", "-m", "umount", "-l", "/proc"}).status != 0)
         GTEST_SKIP() << "this user may not take /proc away";
@@ -191,7 +190,7 @@ TEST_F(HostsimRun, KeepsARootThatWasGivenAndSharesItAmongCommandsOfOneHostOnly) 
 }
 
 TEST_F(HostsimRun, KeepsSemaphoresApartAndRemovesThem) {
-    // IPC_CREAT 01000, IPC_EXCL 02000: each host is the first to make its set.
+    // IPC_CREAT 01000, IPC_EXCL 02000: each host creates its own set.
     const std::string make =
         "perl -e '$id = semget(812, 1, 03644); print defined $id ? $id : \"taken\", \"\\n\"'";
     const pid_t first =

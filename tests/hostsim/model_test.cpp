@@ -1,4 +1,4 @@
-// model_test.cpp - the text forms of host files, and what a model's ports get that were given nothing.
+// model_test.cpp - the text forms of host files, and the defaults for ports of a model.
 #include "model.h"
 
 #include <gmock/gmock.h>

@@ -1,6 +1,6 @@
-// scsi_disk_test.cpp - the simulated disks and targets: what each command answers, byte by byte, and what is
-// read of what was written. An answer is the SCSI status with the data or the sense behind it; a command
-// never writes past the bytes that it says it sent.
+// scsi_disk_test.cpp - simulated disks and targets: the answer to each command byte by byte, and reading
+// written data. An answer is the SCSI status with the data or the sense data. A command never writes beyond
+// the bytes that it reports as sent.
 #include "scsi_disk.h"
 
 #include <gtest/gtest.h>
@@ -12,7 +12,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-// Bytes as they are written down here: in hex, as 'text', or as .N for N zeros.
+// Bytes in the notation of these tests: hexadecimal, 'text', or .N for N zeros.
 Bytes bytes(const std::string& notation) {
     Bytes all;
     std::istringstream in(notation);
@@ -36,7 +36,7 @@ Bytes operator+(Bytes first, std::span<const uint8_t> then) {
 }
 Bytes good(const Bytes& data = {}) { return Bytes{0} + data; }
 Bytes good(const char* data) { return good(bytes(data)); }
-// The bytes at the end say which field of the CDB is wrong.
+// The last bytes point at the wrong field of the CDB.
 Bytes refused(SenseCode code, const char* field = ".3") {
     return Bytes{2, 0x70, 0, code.key, 0, 0, 0, 0, 10, 0, 0, 0, 0, code.asc, code.ascq, 0} + bytes(field);
 }
@@ -106,7 +106,7 @@ TEST(Disk, AnswersEachCommandToTheByteAndSendsNoMoreThanThereIsRoomFor) {
     }
 }
 
-// A command of the READ or WRITE family with its fields where its length has them.
+// A command of the READ or WRITE family, with its fields at the places for its length.
 Bytes transfer(uint8_t opcode, uint64_t lba, uint32_t blocks) {
     constexpr size_t kLayouts[][4]{{1, 3, 4, 1}, {2, 4, 7, 2}, {2, 4, 7, 2}, {}, {2, 8, 10, 4}, {2, 4, 6, 4}};
     const auto& [lba_at, lba_width, blocks_at, blocks_width] = kLayouts[opcode >> 5];
@@ -160,7 +160,7 @@ struct At {
 ScsiTarget target_of(const std::vector<std::pair<uint16_t, LunAddressing>>& luns) {
     std::vector<ScsiLun> units;
     for (const auto& [number, addressing] : luns)
-        units.push_back({number, addressing, disk_of(config_of(number + 1u))});  // tells the LUNs apart
+        units.push_back({number, addressing, disk_of(config_of(number + 1u))});  // distinguishes the LUNs
     return ScsiTarget(std::move(units));
 }
 

@@ -1,5 +1,5 @@
-// cpp_layer_test.cpp - the C++ layer on the public interface: what it owns and gives back, what it makes of
-// failures, and listings that hold whatever a driver announces.
+// cpp_layer_test.cpp - the C++ layer on the public interface: ownership, errors, and listings that hold
+// whatever a driver reports.
 #include "support/loaded_host.h"
 #include "trelm_mgmt.hpp"
 

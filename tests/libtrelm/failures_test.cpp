@@ -1,5 +1,4 @@
-// How calls end: the lines of the way that each goes, what it refuses, what becomes of a request that goes
-// wrong, and which memory ran out.
+// The results and log lines of calls: invalid arguments, failed requests and exhausted memory.
 #include "support/failing_allocation.h"
 #include "support/port_calls.h"
 
@@ -7,7 +6,7 @@ namespace {
 
 using namespace trelm::test;
 
-// A call, and how its lines begin: with its function and handle.
+// A call. Its lines begin with its function and handle.
 struct PublicCall {
     std::string text;
     std::function<uint32_t()> make;
@@ -88,9 +87,9 @@ TEST_P(Calls, RefuseWhatMakesNoSenseInTheirOrder) {
     EXPECT_EQ(std::pair(one, zero), std::pair(2U, 0U)) << "as many targets as there are";
 }
 
-// The status of a driver counts before what its call returns. The last of each goes well.
+// The status of the driver takes precedence over the result of the call. The last row of each succeeds.
 TEST_P(Calls, AreTracedAndTranslateFailuresOfTheDriver) {
-    const Lines callin{"callin native port info.", "callin native fcf info."};  // on kron alone
+    const Lines callin{"callin native port info.", "callin native fcf info."};  // only over kron
     const auto* const scsi = std::array{"scsi cmd native", "scsi cmd PYX native", "scsi cmd ioctl"}[kind];
     std::vector<DriverFailure> ends{{0, EIO}, {5, EIO},        {99, EIO},
                                     {255, 0}, {0x80000000, 0}, {0xFFFFFFFF, 0}};
@@ -126,7 +125,7 @@ TEST_P(Calls, AreTracedAndTranslateFailuresOfTheDriver) {
 }
 
 TEST_P(Calls, SayWhatTheyCouldNotAllocate) {
-    // What requests are kept in; the second request of a call finds the block of its first.
+    // The sizes of pooled blocks. The second request of a call uses the block of the first.
     constexpr size_t kSmall = 520;
     constexpr size_t kLarge = 262444;
     const auto of_driver = [this](auto... texts) { return std::array{texts...}[kind]; };
@@ -144,7 +143,7 @@ TEST_P(Calls, SayWhatTheyCouldNotAllocate) {
         {kSmall, 0, &get_targets, own + "get_tgt_info(1): ptgt_cb"}};
     if (!native) rows.resize(5);
     for (const auto& [size, after, call, line] : rows) {
-        TRELM_FreeLibrary();  // with what is kept for the next command
+        TRELM_FreeLibrary();  // also frees the blocks kept for the next command
         TRELM_LoadLibrary();
         open_port();
         log.take();

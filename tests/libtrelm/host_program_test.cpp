@@ -1,5 +1,5 @@
-// host_program_test.cpp - what the library leaves alone in the program that loads it: its standard descriptors, its
-// signals, and what is another process's after a fork.
+// host_program_test.cpp - what the library does not disturb in its host program: standard descriptors,
+// signals, and the state of the parent after a fork.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -14,7 +14,7 @@
 #include "support/log_capture.h"
 #include "support/stand_before.h"
 
-static int lowest = INT_MAX;  // of the descriptors that the library used, but for standard error
+static int lowest = INT_MAX;  // descriptor that the library used, except standard error
 
 #define SEEN(result, name, parameters, arguments, descriptor)                \
     STANDS_BEFORE(result, name, parameters) {                                \

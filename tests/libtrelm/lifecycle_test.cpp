@@ -1,5 +1,5 @@
-// From load to free: the order of discovery, who may load, what every call answers and says in each state,
-// which driver serves a port, and that nothing is left behind.
+// From load to free: the order of discovery, the conditions of a load, the results and lines of every call in
+// each state, the choice of the driver, and complete cleanup.
 #include <sys/utsname.h>
 
 #include "load.h"
@@ -35,8 +35,8 @@ std::string asked(const hostsim::Host& host) {
 
 TEST(Load, TriesPyxOrLegacyAndThenKron) {
     struct Row {
-        std::array<int, 3> ports;  // of the kron, pyx and legacy driver, -1 where it is absent
-        uint32_t status, found;    // the library stays unloaded where nothing is found
+        std::array<int, 3> ports;  // of the kron, pyx and legacy driver; -1: absent
+        uint32_t status, found;    // if nothing is found, the library stays unloaded
         std::string asked;
     };
     for (const Row& row : {Row{{1, 1, 2}, 0, 2, "pyx kron "},
@@ -204,7 +204,7 @@ TEST(LegacyPort, WhoseNodeCannotBeOpenedOrClosedGivesTheSystemsError) {
     EXPECT_EQ(TRELM_CloseAdapter(2), TRELM_STATUS_OK) << "what could not be closed stays open";
 }
 
-// Of the ports of native drivers each is served by the one that its device belongs to.
+// The device of a native port decides which driver serves it.
 TEST(DriverOfAPort, FollowsFromItsDevice) {
     hostsim::Model model = hostsim::hosts::empty();
     for (const DriverKind kind : {DriverKind::kron, DriverKind::pyx}) {

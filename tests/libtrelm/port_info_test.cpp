@@ -1,5 +1,5 @@
 // TRELM_GetFcoeInfo, TRELM_GetVNPortInfo and TRELM_GetPortStats: every byte of their records over every
-// driver, and what a refresh keeps.
+// driver, and which values a refresh keeps.
 #include "support/port_calls.h"
 
 namespace {
@@ -13,12 +13,12 @@ constexpr uint64_t kFabricName = 0x2000'0005'3378'9ABC;
 constexpr char kFullText[] = "a model name that fills its room";
 constexpr char kHbaName[] = "vmhba-of-the-second-port-32-byte";
 
-// A host whose second port has a value of its own in every field.
+// A host whose second port has a distinct value in every field.
 hostsim::Model described(DriverKind kind) {
     hostsim::Model model = two_port_host(kind);
     hostsim::Driver& driver = model.driver(kind);
     driver.name = "drv-of-16-bytes!", driver.version = "1.2.3.4", driver.date = "Jan 02 2020";
-    driver.loaded = false;  // that it answers shows that it is
+    driver.loaded = false;  // the library derives this from the answer
     hostsim::Adapter& adapter = model.adapters[0];
     adapter.model = kFullText, adapter.description = "an adapter for tests", adapter.pci_device = 0x1E;
     adapter.firmware_version = "9.8.7", adapter.management_firmware = 0x0825FF00, adapter.revision = 0x21;
@@ -45,7 +45,7 @@ class PortInfo : public OnEachDriver {
     bool native() const { return GetParam() != DriverKind::legacy; }
     bool kron() const { return GetParam() == DriverKind::kron; }
 
-    // Calls with records of every version. All but version 2 end early.
+    // Calls with records of every version. Records of versions other than 2 are shorter.
     template <typename Record>
     static void expect_record(Bytes expected, size_t early, const std::function<uint32_t(Record*)>& call) {
         for (const uint32_t version : {2U, 0U, 1U, 3U, 0xFFFFFFFFU}) {

@@ -1,6 +1,6 @@
-// TRELM_SendScsiCommand: what the driver is given, what comes back, and that neither side ever sees a byte
-// that is not its own. The legacy driver writes the caller's buffer itself; the records of the native ones
-// carry the data.
+// TRELM_SendScsiCommand: what the driver receives, what the caller receives, and that neither sees other
+// bytes. The legacy driver writes to the buffer of the caller. The records of the native drivers contain the
+// data.
 #include "support/port_calls.h"
 
 namespace {
@@ -13,7 +13,7 @@ class Scsi : public OnEachDriver {
 };
 TRELM_ON_EACH_DRIVER(Scsi);
 
-// Buffers are used again from one command to the next, so each answer leaves all of its own soiled.
+// Buffers are reused between commands, so each answer fills all of its record with garbage.
 TEST_P(Scsi, EveryByteGoesWhereItBelongsAndNothingOfACommandIsSeenByTheNext) {
     open_port();
     std::vector<uint8_t> kept, buffer;
@@ -91,7 +91,7 @@ TEST_P(Scsi, NoMoreComesBackThanCameAndThanThereIsRoomFor) {
             uint32_t length = 100;
             EXPECT_EQ(TRELM_SendScsiCommand(1, 0, sent.get(), &length, data.data()),
                       status == 0 ? TRELM_STATUS_OK : 0x60000009U);
-            // A native driver's answer to a failed command is not taken: its sense is as zero as it was sent.
+            // The answer of a native driver to a failed command is ignored: the sense data stays zero.
             const bool taken = status == 0 || !native();
             Bytes expected = command;
             expected.fill(36, taken ? 0x5E : 0, taken ? sense : std::min(wanted, 256U));

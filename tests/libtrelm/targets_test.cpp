@@ -1,5 +1,5 @@
-// TRELM_GetTgtInfo and TRELM_GetLunInfo: which targets and LUNs are listed and how, the commands that each
-// costs, and lists that lie or fail.
+// TRELM_GetTgtInfo and TRELM_GetLunInfo: which targets and LUNs are listed, the commands for that, and lists
+// that are wrong or fail.
 #include "support/port_calls.h"
 
 namespace {
@@ -19,14 +19,14 @@ class Targets : public testing::TestWithParam<DriverKind> {
     Targets() { open_port(); }
 
     hostsim::Port& port() { return host.model().port(0, 0); }
-    // Number, blocks and their size of each LUN of the third target.
+    // Number, block count and block size of each LUN of the third target.
     hostsim::Target& set_luns(const std::vector<std::array<uint64_t, 3>>& luns) {
         port().targets[2].luns.clear();
         for (const auto& [number, blocks, size] : luns)
             hostsim::hosts::add_lun(port().targets[2], uint32_t(number), blocks, uint32_t(size));
         return port().targets[2];
     }
-    // Ask for a list in an array of so many elements.
+    // Request a list into an array of this many elements.
     uint32_t list_targets(uint32_t elements) {
         array = GuardedBytes(34 * size_t{elements});
         auto* to = reinterpret_cast<TRELM_TGT_INFO*>(array.data());
@@ -38,7 +38,7 @@ class Targets : public testing::TestWithParam<DriverKind> {
         auto* to = reinterpret_cast<TRELM_LUN_INFO*>(array.data());
         return TRELM_GetLunInfo(1, 0, 3, &(count = elements), &to);
     }
-    // The first targets, each with so many LUNs.
+    // The first targets, each with this many LUNs.
     void expect_targets(const std::vector<uint32_t>& luns) {
         Bytes expected = Bytes::initial(array.size());
         for (size_t i = 0; i < luns.size(); ++i) {
@@ -52,7 +52,7 @@ class Targets : public testing::TestWithParam<DriverKind> {
         EXPECT_EQ(contents(array), expected.all());
         EXPECT_TRUE(array.guards_intact());
     }
-    // What a list of LUNs says of its length, and its entries where they are given.
+    // The length field of a list of LUNs, and its entries if they are given.
     void report(uint32_t length, const std::string& entries = {}) {
         answer_scsi(host, [=](Answer& answer, dorfc_scsi_cmd& record) {
             const uint32_t header = __builtin_bswap32(length);
@@ -191,7 +191,7 @@ TEST_P(Targets, AListOfLunsIsTakenAtItsWordNoFurtherThanItsBuffer) {
         return value;
     };
     EXPECT_EQ(number(array.data() + 2046 * 217 + 4), 0x4000U | 2046);
-    // An address has four levels, and entries that did not come read as zero.
+    // An address has four levels. Entries that were not received are zero.
     set_luns({{0, 8, 512}});
     report(24, "\1\2\3\4\5\6\7\10");
     host.clear_calls();

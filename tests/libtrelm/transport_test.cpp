@@ -1,5 +1,5 @@
-// The transports to the three drivers, called directly: what goes out byte by byte, how each request ends and
-// what it then says, and what the legacy driver's node has to be.
+// The transports to the three drivers, called directly: the bytes that are sent, the result and log of each
+// request, and the requirements for the node of the legacy driver.
 
 #include <fstream>
 
@@ -73,8 +73,8 @@ TEST_P(Transport, RequestsGoOutWholeAndTheirStatusCountsBeforeTheirResult) {
         SCOPED_TRACE(row.function);
         GuardedBytes record(row.size);
         const bool scsi = row.operation == Operation::scsi;
-        if (scsi) memcpy(record.data() + 12, "\x03\x0A", 2);  // no direction, ten bytes of a CDB
-        if (scsi) memset(record.data() + 288, 0, 4);          // and of data none
+        if (scsi) memcpy(record.data() + 12, "\x03\x0A", 2);  // no data phase, a CDB of ten bytes
+        if (scsi) memset(record.data() + 288, 0, 4);          // no data
         const std::vector<uint8_t> before = contents(record);
         const std::string name = own + row.function;
         const std::string kind = !native                                 ? " ioctl"

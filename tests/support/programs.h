@@ -1,4 +1,4 @@
-// programs.h - a directory that goes with its test, and programs that are run in it with their output in
+// programs.h - a directory that is removed with its test, and programs that run in it. Their output goes to
 // files, so that neither stream can block the other.
 #pragma once
 
@@ -36,7 +36,7 @@ inline std::string text_of(const std::filesystem::path& path) {
 }
 
 struct ProgramResult {
-    int status = -1;  // as a shell tells it
+    int status = -1;  // as in a shell
     std::string out, errors;
 };
 
@@ -49,7 +49,7 @@ class Programs : public ::testing::Test {
     std::string at(const std::string& name) const { return directory_ / name; }
     void write(const std::string& name, const std::string& text) const { std::ofstream(at(name)) << text; }
 
-    // Its output goes to the files "out" and "errors" unless it is to go elsewhere.
+    // The output goes to the files "out" and "errors", or standard output to the given file.
     pid_t start(const Words& words, const std::string& out = "") const {
         std::vector<char*> arguments;
         for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
