@@ -33,21 +33,25 @@ class Targets : public testing::TestWithParam<DriverKind> {
         return TRELM_GetTgtInfo(1, 0, &(count = elements), &to);
     }
     uint32_t list_luns(uint32_t elements, uint32_t version = 2) {
-        array = GuardedBytes(size_t{elements} * (version == 2 ? 217 : 213));
+        array = GuardedBytes(size_t{elements} * TRELM_LUN_INFO_STRIDE(version));
         memcpy(array.data(), &version, sizeof version);
         auto* to = reinterpret_cast<TRELM_LUN_INFO*>(array.data());
         return TRELM_GetLunInfo(1, 0, 3, &(count = elements), &to);
+    }
+    const TRELM_LUN_INFO& listed_lun(size_t index) const {
+        return reinterpret_cast<const TRELM_LUN_INFO*>(array.data())[index];
     }
     // The first targets, each with this many LUNs.
     void expect_targets(const std::vector<uint32_t>& luns) {
         Bytes expected = Bytes::initial(array.size());
         for (size_t i = 0; i < luns.size(); ++i) {
             const hostsim::Target& target = port().targets.at(i);
-            expected.wwn(34 * i + 8, target.wwnn)
-                .wwn(34 * i + 16, target.wwpn)
-                .put(Field{34 * i + 4, 4, target.index},
-                     Field{34 * i + 24, 4, __builtin_bswap32(target.port_id)},
-                     Field{34 * i + 28, 2, target.state}, Field{34 * i + 30, 4, luns[i]});
+            auto& listed = expected.as<TRELM_TGT_INFO>(i * sizeof(TRELM_TGT_INFO));
+            set_wwn(listed.WWNN, target.wwnn);
+            set_wwn(listed.WWPN, target.wwpn);
+            listed.ScsiTgtNum = target.index, listed.PortState = target.state, listed.LunCount = luns[i];
+            const uint32_t port_id = __builtin_bswap32(target.port_id);
+            memcpy(listed.PortID, &port_id, sizeof port_id);
         }
         EXPECT_EQ(contents(array), expected.all());
         EXPECT_TRUE(array.guards_intact());
@@ -111,18 +115,20 @@ TEST_P(Targets, AListOfLunsHasEveryFieldInPlaceInBothLayouts) {
     const uint64_t rows[][3]{
         {0, 0x7F, 0x400'0000'0000}, {5, 0, 4096}, {31, 0, 0x1FF'FFFF'FE00}, {0x412C, 0, 0x200'0000'0000}};
     for (const uint32_t version : {2U, 1U, 0U, 3U}) {
-        const size_t stride = version == 2 ? 217 : 213;
+        const size_t stride = TRELM_LUN_INFO_STRIDE(version);
         host.clear_calls();
         log.take();
         ASSERT_EQ(list_luns(5, version), TRELM_STATUS_OK);
-        Bytes expected = Bytes::initial(5 * stride).put(Field{0, 4, version});
+        Bytes expected = Bytes::initial(5 * stride).put(0, version);
         size_t at = 0;
         for (const auto& [number, type, capacity] : rows) {
-            expected.text(at + 17, "CALVEXA ", 8)
-                .text(at + 33, "ULVARD VOLUME   ", 16)
-                .text(at + 65, "0500", 4);
-            expected.put(Field{at + 4, 4, number}, Field{at + 8, 1, type}, Field{at + 9, 8, capacity});
-            if (version == 2) expected.put(Field{at + 213, 4, 0});
+            auto& lun = expected.as<TRELM_LUN_INFO>(at);
+            memcpy(lun.VendorName, "CALVEXA ", 8);
+            memcpy(lun.ProductName, "ULVARD VOLUME   ", 16);
+            memcpy(lun.ProductRevision, "0500", 4);
+            lun.ScsiLunNum = static_cast<uint32_t>(number), lun.DeviceType = static_cast<uint8_t>(type);
+            lun.Capacity = capacity;
+            if (version == 2) lun.ScsiLunNumExt = 0;
             at += stride;
         }
         EXPECT_EQ(contents(array), expected.all());
@@ -141,13 +147,15 @@ TEST_P(Targets, AListOfLunsHasEveryFieldInPlaceInBothLayouts) {
           {8, 6, "\x12\0\0\0\xFF\0\0\0\0\0\0\0\0\0\0", 256},
           {9, 10, "\x25\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 32},
           {10, 16, "\x9E\x10\0\0\0\0\0\0\0\0\0\0\0\x20\0", 32}}) {
+        Bytes expected(offsetof(dorfc_scsi_cmd, data_addr));
+        auto& command = expected.as<dorfc_scsi_cmd>();
+        memcpy(command.cdb, cdb, sizeof command.cdb);
+        command.tgt = 3, command.lun = call == 0 ? 0 : 0x412C;
+        command.direction = 1, command.cdb_len = static_cast<uint8_t>(cdb_length);
+        command.sense_len = 256, command.data_len = room;
         std::vector<uint8_t> sent = payload_of(calls[call]);
-        sent.resize(292);
-        EXPECT_EQ(sent, Bytes(292)
-                            .copy(14, cdb, 16)
-                            .put(Field{4, 4, 3}, Field{8, 4, call == 0 ? 0U : 0x412C}, Field{12, 1, 1},
-                                 Field{13, 1, cdb_length}, Field{30, 2, 256}, Field{288, 4, room})
-                            .all());
+        sent.resize(expected.size());
+        EXPECT_EQ(sent, expected.all());
     }
 }
 
@@ -163,7 +171,7 @@ TEST_P(Targets, ACommandThatFailsEndsTheListOfLunsAndIsNamed) {
         host.edit([&fails](hostsim::Model& model) { model.faults = {fails}; });
         EXPECT_EQ(list_luns(3), 0x60000006U);
         EXPECT_EQ(log.take_of("TRELM_GetLunInfo").back(), std::string("TRELM_GetLunInfo(1): ") + line);
-        EXPECT_TRUE(array.only_written(std::max(4U, filled * 217)));
+        EXPECT_TRUE(array.only_written(std::max(4U, filled * TRELM_LUN_INFO_STRIDE(2))));
         EXPECT_EQ(count, 3U);
     }
 }
@@ -185,22 +193,18 @@ TEST_P(Targets, AListOfLunsIsTakenAtItsWordNoFurtherThanItsBuffer) {
     set_luns({{0, 8, 512}}).luns[0].count = 2100;
     ASSERT_EQ(list_luns(2047), TRELM_STATUS_OK);
     EXPECT_TRUE(array.guards_intact());
-    const auto number = [](const uint8_t* at) {
-        uint32_t value = 0;
-        memcpy(&value, at, sizeof value);
-        return value;
-    };
-    EXPECT_EQ(number(array.data() + 2046 * 217 + 4), 0x4000U | 2046);
+    EXPECT_EQ(+listed_lun(2046).ScsiLunNum, 0x4000U | 2046);
     // An address has four levels. Entries that were not received are zero.
     set_luns({{0, 8, 512}});
     report(24, "\1\2\3\4\5\6\7\10");
     host.clear_calls();
     ASSERT_EQ(list_luns(3), TRELM_STATUS_OK);
     const std::vector<uint8_t> sent = payload_of(host.calls().at(1));
-    const uint8_t* const first = array.data();
-    EXPECT_THAT((std::array{number(&sent[0]), number(&sent[8]), number(first + 4), number(first + 213)}),
-                ElementsAre(0x07080506, 0x03040102, 0x03040102, 0x07080506));
-    EXPECT_EQ(number(first + 2 * 217 + 4) + number(first + 2 * 217 + 213), 0U);
+    const auto& command = *reinterpret_cast<const dorfc_scsi_cmd*>(sent.data());
+    EXPECT_EQ(std::pair(+command.lun, +command.lun_ext), std::pair(0x03040102U, 0x07080506U));
+    EXPECT_EQ(std::pair(+listed_lun(0).ScsiLunNum, +listed_lun(0).ScsiLunNumExt),
+              std::pair(0x03040102U, 0x07080506U));
+    EXPECT_EQ(std::pair(+listed_lun(2).ScsiLunNum, +listed_lun(2).ScsiLunNumExt), std::pair(0U, 0U));
 }
 
 }  // namespace

@@ -60,8 +60,6 @@ class Bytes : public std::vector<uint8_t> {
         text.resize(width);
         return copy(offset, text.data(), width);
     }
-    // Most significant byte first.
-    Bytes& wwn(size_t offset, uint64_t name) { return put(Field{offset, 8, __builtin_bswap64(name)}); }
     Bytes& fill(size_t offset, int byte, size_t size) {
         return copy(offset, std::string(size, static_cast<char>(byte)).data(), size);
     }
@@ -70,9 +68,26 @@ class Bytes : public std::vector<uint8_t> {
         std::copy_n(static_cast<const uint8_t*>(from), size, data() + offset);
         return *this;
     }
+    // The record at an offset. Only fields that lie within the bytes may be accessed.
+    template <typename Record>
+    Record& as(size_t offset = 0) {
+        return *reinterpret_cast<Record*>(data() + offset);
+    }
     // Lets records be compared and printed as bytes.
     const std::vector<uint8_t>& all() const { return *this; }
 };
+
+// A text field, zero-padded to its width.
+template <size_t width>
+void set_text(uint8_t (&field)[width], std::string text) {
+    text.resize(width);
+    memcpy(field, text.data(), width);
+}
+// A name field, most significant byte first.
+inline void set_wwn(uint8_t (&field)[8], uint64_t name) {
+    const uint64_t bytes = __builtin_bswap64(name);
+    memcpy(field, &bytes, sizeof bytes);
+}
 
 inline std::vector<uint8_t> contents(const GuardedBytes& record) {
     return {record.data(), record.data() + record.size()};
