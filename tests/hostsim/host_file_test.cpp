@@ -70,14 +70,8 @@ TEST(HostFile, ArrivesInTheModel) {
               std::tuple(0x28, hostsim::Fault::kAlways, EIO));
 }
 
-// The valid host with one value changed or removed. A stands for the adapter, P for its port, L for the LUNs
-// of the target of the port, F for the fault.
-std::string changed(std::string place, const std::string& value) {
-    const std::map<char, std::string> starts{{'A', "/adapters/0"},
-                                             {'P', "/adapters/0/ports/0"},
-                                             {'L', "/adapters/0/ports/0/targets/0/luns"},
-                                             {'F', "/faults/0"}};
-    if (const auto start = starts.find(place[0]); start != starts.end()) place.replace(0, 1, start->second);
+// The valid host with the value at a JSON pointer changed or removed.
+std::string changed(const std::string& place, const std::string& value) {
     json host = json::parse(kSound, nullptr, true, true);
     const json::json_pointer pointer(place);
     if (value == "nothing")
@@ -87,7 +81,7 @@ std::string changed(std::string place, const std::string& value) {
     return host.dump();
 }
 
-// Each line "PLACE = VALUE" of the file is a change, followed by the report for it.
+// Each line "JSON-POINTER = VALUE" of the file is a change, followed by the report for it.
 TEST(HostFile, ReportsEachMistakeWithItsPlaceAndWhatIsAllowed) {
     const std::string expected = text_of(source_dir() + "/tests/hostsim/host_file_mistakes.txt");
     std::istringstream lines(expected);
