@@ -2,7 +2,7 @@
 // process, wait for a disk or print the log.
 #include "hostile_host.h"
 
-#include "../tests/support/stand_before.h"
+#include "../tests/support/libc_replacements.h"
 #include "host_builders.h"
 #include "own_calls.h"
 #include "trelm_driver_records.h"
@@ -67,26 +67,26 @@ void answer(hostsim::Answer& given) {
 
 }  // namespace
 
-STANDS_BEFORE(int, vmk_MgmtUserInit, (vmk_MgmtApiSignature * api, uint64_t cookie, uint64_t* handle)) {
+REPLACES_LIBC(int, vmk_MgmtUserInit, (vmk_MgmtApiSignature * api, uint64_t cookie, uint64_t* handle)) {
     const int refusal = input->empty() ? ENOENT : input->take<uint8_t>() & 0x3;
     return refusal ? refusal : NEXT_OF(vmk_MgmtUserInit)(api, cookie, handle);
 }
 
-STANDS_BEFORE(FILE*, popen, (const char* command, const char* mode)) {
+REPLACES_LIBC(FILE*, popen, (const char* command, const char* mode)) {
     if (!CALLED_BY_LIBRARY()) return NEXT_OF(popen)(command, mode);
     return fmemopen(current->listing.data(), current->listing.size(), "r");
 }
 
-STANDS_BEFORE(int, pclose, (FILE * stream)) {
+REPLACES_LIBC(int, pclose, (FILE * stream)) {
     return CALLED_BY_LIBRARY() ? fclose(stream) : NEXT_OF(pclose)(stream);
 }
 
 // sync() is not needed here.
-STANDS_BEFORE(int, fsync, (int)) { return 0; }
-STANDS_BEFORE(int, msync, (void*, size_t, int)) { return 0; }
+REPLACES_LIBC(int, fsync, (int)) { return 0; }
+REPLACES_LIBC(int, msync, (void*, size_t, int)) { return 0; }
 
 // Reads a line of the log to its end and does not print it.
-STANDS_BEFORE(int, fputs, (const char* text, FILE* stream)) {
+REPLACES_LIBC(int, fputs, (const char* text, FILE* stream)) {
     if (!CALLED_BY_LIBRARY()) return NEXT_OF(fputs)(text, stream);
     REQUIRE(strlen(text) < 256);
     return 0;

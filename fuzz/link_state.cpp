@@ -5,7 +5,7 @@
 #include <fstream>
 
 #include "../tests/support/guarded.h"
-#include "../tests/support/stand_before.h"
+#include "../tests/support/libc_replacements.h"
 #include "target.h"
 #include "trelm_core.h"
 #include "trelm_mgmt.h"
@@ -60,10 +60,10 @@ bool may_be_ready(const std::string& text, uint64_t wwpn) {
 }  // namespace
 
 // This is the directory of the driver.
-STANDS_BEFORE(DIR*, opendir, (const char* path)) {
+REPLACES_LIBC(DIR*, opendir, (const char* path)) {
     return NEXT_OF(opendir)(CALLED_BY_LIBRARY() ? directory.c_str() : path);
 }
-STANDS_BEFORE(int, open, (const char* path, int flags, mode_t mode)) {
+REPLACES_LIBC(int, open, (const char* path, int flags, mode_t mode)) {
     return NEXT_OF(open)(CALLED_BY_LIBRARY() ? (directory + strrchr(path, '/')).c_str() : path, flags, mode);
 }
 

@@ -1,4 +1,4 @@
-// disk_config.h - what a logical unit says of itself, and what stands between the host and its medium.
+// disk_config.h - how a logical unit describes itself, and conditions that keep the host from its medium.
 #pragma once
 
 #include <cstdint>

@@ -36,8 +36,7 @@ ScsiRequest scsi_request(Record& command) {
     return request;
 }
 
-// Leaves the reply in the record: sense data as far as the record has room for it, the bytes moved as
-// data_len.
+// Stores the reply in the record: sense data as far as it fits, and the number of bytes moved in data_len.
 template <typename Record>
 void store_scsi_reply(Record& command, const ScsiReply& reply) {
     const bool has_sense = reply.status == ScsiStatus::check_condition;
@@ -47,7 +46,8 @@ void store_scsi_reply(Record& command, const ScsiReply& reply) {
     command.data_len = static_cast<uint32_t>(reply.transferred);
 }
 
-// Runs the record's command and returns the driver's status for it. A CHECK CONDITION is a good exchange.
+// Runs the command of the record and returns the status of the driver. A CHECK CONDITION is a successful
+// exchange.
 template <typename Record>
 uint32_t exchange_scsi(const ScsiTarget& target, Record& command) {
     const bool has_data = command.direction == SCSI_DIRECTION_IN || command.direction == SCSI_DIRECTION_OUT;

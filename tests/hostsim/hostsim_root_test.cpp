@@ -9,8 +9,8 @@
 #include "host.h"
 #include "host_builders.h"
 #include "support/child.h"
+#include "support/libc_replacements.h"
 #include "support/programs.h"
-#include "support/stand_before.h"
 
 namespace {
 
@@ -18,7 +18,7 @@ bool disk_is_full = false;
 
 }  // namespace
 
-STANDS_BEFORE(int, posix_fallocate, (int fd, off_t offset, off_t size)) {
+REPLACES_LIBC(int, posix_fallocate, (int fd, off_t offset, off_t size)) {
     return disk_is_full ? ENOSPC : NEXT_OF(posix_fallocate)(fd, offset, size);
 }
 

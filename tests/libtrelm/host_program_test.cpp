@@ -10,14 +10,14 @@
 
 #include "shared_db.h"
 #include "support/child.h"
+#include "support/libc_replacements.h"
 #include "support/loaded_host.h"
 #include "support/log_capture.h"
-#include "support/stand_before.h"
 
 static int lowest = INT_MAX;  // descriptor that the library used, except standard error
 
 #define SEEN(result, name, parameters, arguments, descriptor)                \
-    STANDS_BEFORE(result, name, parameters) {                                \
+    REPLACES_LIBC(result, name, parameters) {                                \
         if (CALLED_BY_LIBRARY()) lowest = std::min<int>(lowest, descriptor); \
         return NEXT_OF(name) arguments;                                      \
     }

@@ -3,19 +3,19 @@
 #include <sys/utsname.h>
 
 #include "load.h"
+#include "support/libc_replacements.h"
 #include "support/port_calls.h"
-#include "support/stand_before.h"
 
 static bool opens_fail_silently = false;  // without an error number
 
 static bool uname_fails = false;
 
-STANDS_BEFORE(int, uname, (utsname * names)) {
+REPLACES_LIBC(int, uname, (utsname * names)) {
     const int result = NEXT_OF(uname)(names);
     return uname_fails ? -1 : result;
 }
 
-STANDS_BEFORE(int, open, (const char* path, int flags, mode_t mode)) {
+REPLACES_LIBC(int, open, (const char* path, int flags, mode_t mode)) {
     const int fd = NEXT_OF(open)(path, flags, mode);
     if (fd == -1 && opens_fail_silently) errno = 0;
     return fd;

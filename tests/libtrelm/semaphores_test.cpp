@@ -4,19 +4,19 @@
 #include <sys/sem.h>
 
 #include "support/child.h"
+#include "support/libc_replacements.h"
 #include "support/log_capture.h"
-#include "support/stand_before.h"
 #include "trelm_mgmt.h"
 
 static bool semctl_fails = false;  // as under a seccomp filter
 static int failing_releases = 0;   // this many of the next releases fail
 
-STANDS_BEFORE(int, semctl, (int set, int number, int command, void* argument)) {
+REPLACES_LIBC(int, semctl, (int set, int number, int command, void* argument)) {
     if (!semctl_fails || !CALLED_BY_LIBRARY()) return NEXT_OF(semctl)(set, number, command, argument);
     errno = EPERM;
     return -1;
 }
-STANDS_BEFORE(int, semop, (int set, sembuf* steps, size_t count)) {
+REPLACES_LIBC(int, semop, (int set, sembuf* steps, size_t count)) {
     if (steps->sem_op < 0 || failing_releases == 0) return NEXT_OF(semop)(set, steps, count);
     --failing_releases;
     errno = ENOSPC;

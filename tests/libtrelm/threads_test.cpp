@@ -10,9 +10,9 @@
 
 #include "support/child.h"
 #include "support/leaks.h"
+#include "support/libc_replacements.h"
 #include "support/loaded_host.h"
 #include "support/programs.h"
-#include "support/stand_before.h"
 
 namespace {
 
@@ -21,12 +21,12 @@ std::function<void()> in_driver;
 
 }  // namespace
 
-STANDS_BEFORE(int, vmk_MgmtUserCallbackInvokeInt,
+REPLACES_LIBC(int, vmk_MgmtUserCallbackInvokeInt,
               (uint64_t handle, uint64_t instance, uint64_t callback, uint32_t count, void* payload)) {
     if (callback == 23 && in_driver) in_driver();
     return NEXT_OF(vmk_MgmtUserCallbackInvokeInt)(handle, instance, callback, count, payload);
 }
-STANDS_BEFORE(int, ioctl, (int fd, unsigned long request, void* argument)) {
+REPLACES_LIBC(int, ioctl, (int fd, unsigned long request, void* argument)) {
     if (CALLED_BY_LIBRARY() && (request & 0xFF) == 8 && in_driver) in_driver();
     return NEXT_OF(ioctl)(fd, request, argument);
 }

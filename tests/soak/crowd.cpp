@@ -5,7 +5,7 @@
 #include <sys/sem.h>
 
 #include "../support/child.h"
-#include "../support/stand_before.h"
+#include "../support/libc_replacements.h"
 
 namespace trelm::soak {
 
@@ -159,7 +159,7 @@ void join_crowd(const User& user, const uint8_t* library_instance) {
 
 // An observed call. The process may be killed before and after it.
 #define WATCHED(result, name, parameters, arguments, before, after)          \
-    STANDS_BEFORE(result, name, parameters) {                                \
+    REPLACES_LIBC(result, name, parameters) {                                \
         if (me == 0 || !CALLED_BY_LIBRARY()) return NEXT_OF(name) arguments; \
         kill_point();                                                        \
         before;                                                              \

@@ -18,7 +18,7 @@
 #include <random>
 #include <thread>
 
-#include "../support/stand_before.h"
+#include "../support/libc_replacements.h"
 #include "host.h"
 #include "host_builders.h"
 #include "trelm_core.h"
@@ -77,7 +77,7 @@ bool answer_target(dorfc_tgt_info& target) {
     return target.scsi_tgt_num < 2;
 }
 
-STANDS_BEFORE(int, vmk_MgmtUserCallbackInvokeInt,
+REPLACES_LIBC(int, vmk_MgmtUserCallbackInvokeInt,
               (uint64_t handle, uint64_t instance, uint64_t callback, uint32_t count, void* payload)) {
     auto* const header = static_cast<native_cb_header*>(payload);
     void* const record = header + 1;
@@ -105,7 +105,7 @@ STANDS_BEFORE(int, vmk_MgmtUserCallbackInvokeInt,
     return 0;
 }
 
-STANDS_BEFORE(int, ioctl, (int fd, unsigned long number, void* argument)) {
+REPLACES_LIBC(int, ioctl, (int fd, unsigned long number, void* argument)) {
     const auto request = static_cast<uint32_t>(number & 0xFF);
     if (is_guest || !CALLED_BY_LIBRARY() || number != dorfc_request(request))
         return NEXT_OF(ioctl)(fd, number, argument);
@@ -139,13 +139,13 @@ STANDS_BEFORE(int, ioctl, (int fd, unsigned long number, void* argument)) {
     return 0;
 }
 
-STANDS_BEFORE(int, open, (const char* path, int flags, mode_t mode)) {
+REPLACES_LIBC(int, open, (const char* path, int flags, mode_t mode)) {
     const int fd = NEXT_OF(open)(path, flags, mode);
     if (CALLED_BY_LIBRARY() && fd >= 0 && strncmp(path, "/dev/char/", 10) == 0) node_users[fd] = 0;
     return fd;
 }
 
-STANDS_BEFORE(int, close, (int fd)) {
+REPLACES_LIBC(int, close, (int fd)) {
     if (CALLED_BY_LIBRARY() && fd >= 0) {
         const int users = node_users[fd].exchange(kNoNode);
         demand(users <= 0, "the node was closed under {} requests", users);
@@ -154,12 +154,12 @@ STANDS_BEFORE(int, close, (int fd)) {
 }
 
 // Only an Exclusive counts the processes that have the library loaded.
-STANDS_BEFORE(FILE*, popen, (const char* command, const char* mode)) {
+REPLACES_LIBC(FILE*, popen, (const char* command, const char* mode)) {
     if (is_guest || !CALLED_BY_LIBRARY()) return NEXT_OF(popen)(command, mode);
     demand(requests_under_way == 0, "the library was freed under {} requests", requests_under_way.load());
     return fmemopen(const_cast<char*>("2\n"), 2, "r");
 }
-STANDS_BEFORE(int, pclose, (FILE * file)) {
+REPLACES_LIBC(int, pclose, (FILE * file)) {
     return !is_guest && CALLED_BY_LIBRARY() ? fclose(file) : NEXT_OF(pclose)(file);
 }
 

@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <atomic>
 
-#include "../support/stand_before.h"
+#include "../support/libc_replacements.h"
 #include "sweep.h"
 #include "vmkmgmt.h"
 
@@ -101,13 +101,13 @@ void before_free(void* block) {
 // ---- Everything else
 
 #define CAN_FAIL(result, name, parameters, arguments, failure, error)                            \
-    STANDS_BEFORE(result, name, parameters) {                                                    \
+    REPLACES_LIBC(result, name, parameters) {                                                    \
         return CALLED_BY_LIBRARY() && fails(#name, error) ? (failure) : NEXT_OF(name) arguments; \
     }
 
 // For functions that release something, which they do in any case.
 #define CAN_FAIL_AFTERWARDS(name, type, error)                            \
-    STANDS_BEFORE(int, name, (type held)) {                               \
+    REPLACES_LIBC(int, name, (type held)) {                               \
         const int outcome = NEXT_OF(name)(held);                          \
         return CALLED_BY_LIBRARY() && fails(#name, error) ? -1 : outcome; \
     }
@@ -151,7 +151,7 @@ CAN_FAIL(int, vmk_MgmtUserCallbackInvokeInt,
 
 // The output of the process listing without starting processes: only this process has the library loaded. Its
 // pipe has a descriptor that must be closed.
-STANDS_BEFORE(FILE*, popen, (const char* command, const char* mode)) {
+REPLACES_LIBC(FILE*, popen, (const char* command, const char* mode)) {
     if (!CALLED_BY_LIBRARY()) return NEXT_OF(popen)(command, mode);
     if (fails("popen", EMFILE)) return nullptr;
     int ends[2];
@@ -160,7 +160,7 @@ STANDS_BEFORE(FILE*, popen, (const char* command, const char* mode)) {
     return fdopen(ends[0], "r");
 }
 
-STANDS_BEFORE(int, pclose, (FILE * file)) {
+REPLACES_LIBC(int, pclose, (FILE * file)) {
     if (!CALLED_BY_LIBRARY()) return NEXT_OF(pclose)(file);
     fclose(file);
     return fails("pclose", ECHILD) ? -1 : 0;

@@ -12,7 +12,7 @@
 
 #include "../support/child.h"
 #include "../support/descriptors.h"
-#include "../support/stand_before.h"
+#include "../support/libc_replacements.h"
 #include "host.h"
 
 namespace {

@@ -1,6 +1,6 @@
-// stand_before.h - definitions in a test executable that replace functions of libc, and a test for calls from
-// the library. With them a test makes a call of the unmodified library fail, or ends the process there. Calls
-// of all others pass on to the simulated host and from there to libc.
+// libc_replacements.h - definitions in a test executable that replace functions of libc, and a test for calls
+// from the library. With them a test makes a call of the unmodified library fail, or ends the process there.
+// Calls of all others pass on to the simulated host and from there to libc.
 #pragma once
 
 #include <dlfcn.h>
@@ -40,7 +40,7 @@ inline bool in_library(const void* code) {
 // Begins the definition of a replacement function. NEXT_OF(name) is the next definition of that name. The
 // function has a C++ name of its own, because the declarations of libc carry attributes that do not hold for
 // the replacement.
-#define STANDS_BEFORE(result, name, parameters)                                                    \
+#define REPLACES_LIBC(result, name, parameters)                                                    \
     extern "C" [[gnu::visibility("default")]] result before_##name parameters __asm__(#name);      \
     [[maybe_unused]] static auto next_##name() {                                                   \
         static auto* const next = reinterpret_cast<result(*) parameters>(dlsym(RTLD_NEXT, #name)); \
