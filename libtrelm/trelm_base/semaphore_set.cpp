@@ -1,10 +1,12 @@
-// System V semaphores. Holds carry SEM_UNDO, so a process that is killed lets go.
+// System V semaphores. Holds carry SEM_UNDO, so the kernel releases the hold of a killed process.
 //
 // A set is created and given its first value in two steps. Only its creator does the second step. If the
-// creator is killed between the two, whoever finds the set in that state waits a short time and then does it
-// instead. Both look at the set once more under a lock, so that a slow creator and a helper never both do it.
+// creator is killed between the two, a process that finds the set in that state waits a short time and then
+// sets the value itself. Both check the set again under a lock, so that a slow creator and a helper never
+// both set it.
 //
-// Anyone can make a set under the keys. A set that another user made or owns is removed, or else not used.
+// Anyone can create a set under these keys. A set that another user made or owns is removed; if that fails,
+// it is not used.
 
 #include "semaphore_set.h"
 

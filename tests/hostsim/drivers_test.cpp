@@ -20,7 +20,7 @@ namespace hosts = hostsim::hosts;
 class AnyDriver : public testing::TestWithParam<DriverKind> {};
 TRELM_ON_EACH_DRIVER(AnyDriver);
 
-TEST_P(AnyDriver, FaultsHitWhatTheyNameAndLunsAnswerAsTheyAreDescribed) {
+TEST_P(AnyDriver, AppliesFaultsAndAnswersForLunsAsDescribed) {
     Model model = hosts::ports(GetParam(), 2);
     hostsim::Target& target = hosts::add_target(model.port(0, 0), 0, 2);
     target.luns[1].unit_attention = true;
@@ -95,7 +95,7 @@ TEST(ManagementApi, RefusesASignatureThatDiffersInAnyField) {
     }
 }
 
-TEST(ManagementApi, RefusesInvocationsThatNoDriverWouldGet) {
+TEST(ManagementApi, RefusesMalformedInvocations) {
     using enum hostsim::Driver::Presence;
     Host host(hosts::kron_ports(1));
     host.model().driver(DriverKind::pyx).presence = present;
@@ -122,7 +122,7 @@ TEST(ManagementApi, RefusesInvocationsThatNoDriverWouldGet) {
 
 // ---- The legacy driver
 
-TEST(LegacyNode, RefusesRequestsThatNoDriverWouldTakeAndLeavesTheCallersMemoryAlone) {
+TEST(LegacyNode, RefusesMalformedRequestsAndLeavesTheCallersMemoryAlone) {
     Host host(hosts::legacy_ports(1));
     host.inject({.operation = Operation::hostno, .occurrence = 2, .error = EIO});
     host.inject({.operation = Operation::hostno, .occurrence = 3, .status = 9, .error = EBUSY});

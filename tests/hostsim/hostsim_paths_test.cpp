@@ -83,7 +83,7 @@ TEST_F(HostsimPaths, EveryFamilyOfCallsIsRedirected) {
     }
 }
 
-TEST_F(HostsimPaths, DirectoriesAreListedAndEnteredAsTheHostsAndTheMachinesPathsStay) {
+TEST_F(HostsimPaths, ListsTheHostsDirectoriesAndKeepsTheMachinesPaths) {
     std::vector<fs::path> listed(fs::directory_iterator("/tmp"), {});
     EXPECT_EQ(listed, std::vector<fs::path>{in_tmp()});
     const fs::path before = fs::current_path();

@@ -58,7 +58,7 @@ DiskConfig config_of(uint64_t blocks, uint32_t block_size = 512) {
 }
 Disk disk_of(const DiskConfig& config) { return {config, memory_store(config.block_size)}; }
 
-TEST(Disk, AnswersEachCommandToTheByteAndSendsNoMoreThanThereIsRoomFor) {
+TEST(Disk, AnswersEachCommandToTheByteAndFitsItsBuffer) {
     const Disk large = disk_of(config_of(0x123456789A)), small = disk_of(config_of(2048));
     const SenseCode field = sense::kInvalidField, range = sense::kLbaOutOfRange;
     const struct {
@@ -112,7 +112,7 @@ Bytes transfer(uint8_t opcode, uint64_t lba, uint32_t blocks) {
     return cdb;
 }
 
-TEST(Disk, ReturnsWhatWasWrittenUpToTheLastBlockAndRefusesWhatLiesBehind) {
+TEST(Disk, ReturnsWrittenBlocksAndRefusesThoseBeyondTheLast) {
     const std::tuple<uint8_t, uint8_t, uint64_t, uint32_t, uint32_t> rows[]{
         {0x08, 0x0A, 0x1FFFF0, 512, 255},
         {0x28, 0x2A, 0x300000, 512, 300},
@@ -159,7 +159,7 @@ ScsiTarget target_of(const std::vector<std::pair<uint16_t, LunAddressing>>& luns
     return ScsiTarget(std::move(units));
 }
 
-TEST(Target, ListsItsLunsInOrderAndAnswersForThoseThatAreNotThere) {
+TEST(Target, ListsItsLunsInOrderAndAnswersForMissingOnes) {
     const ScsiTarget target = target_of(
         {{300, LunAddressing::peripheral}, {2, LunAddressing::flat}, {1, LunAddressing::peripheral}});
     const Bytes list = good(hex(

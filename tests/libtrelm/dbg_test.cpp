@@ -128,7 +128,7 @@ TEST_F(Log, LeavesInPiecesOf251CharactersAndWithoutMemoryNotAtAll) {
     EXPECT_THAT(pieces, ElementsAre(251, 50, 4));
 }
 
-TEST_F(Log, GoesOnWithoutFileOrSemaphoreAndLeavesErrnoAlone) {
+TEST_F(Log, WorksWithoutFileOrSemaphoreAndPreservesErrno) {
     set_debug_flags(7);
     std::ofstream("/tmp/victim") << "mine";
     for (const auto& place :

@@ -116,7 +116,7 @@ TEST_P(Discovery, DropsPhysicalPortsOfUnknownDevices) {
 }
 
 // One virtual port comes before its physical port, and two physical ports have the same location.
-TEST_P(Discovery, AVirtualPortBelongsToTheFirstPhysicalPortAtItsLocation) {
+TEST_P(Discovery, AttachesAVirtualPortToTheFirstPhysicalPortAtItsLocation) {
     hostsim::Model model = hostsim::hosts::ports(GetParam(), 2, 1);
     model.port(0, 0).pci_function = model.port(0, 1).pci_function = 2;
     model.driver(GetParam()).order = {"port0.0/1", "port0.0", "port0.1", "port0.1/1"};
@@ -139,7 +139,7 @@ TEST_P(Discovery, AVirtualPortBelongsToTheFirstPhysicalPortAtItsLocation) {
 }
 
 // The port count of the pyx driver is unsigned, so a negative number is a large one.
-TEST_P(Discovery, FollowsACountThatIsNonsenseOnlySoFar) {
+TEST_P(Discovery, BoundsANonsensicalPortCount) {
     using Asked = std::array<uint32_t, 3>;  // requests for host numbers, by kind of driver
     for (const auto& [count, asked_for] : {std::pair<int64_t, Asked>{0, {0, 0, 0}},
                                            {-1, {0, 65536, 0}},
@@ -165,7 +165,7 @@ TEST_P(Discovery, FollowsACountThatIsNonsenseOnlySoFar) {
     expect_found(300);
 }
 
-TEST_P(Discovery, SkipsPortsWithoutHostNumberAndTheNativeDriversThoseWithoutInformation) {
+TEST_P(Discovery, SkipsPortsWithMissingInformation) {
     for (const auto& [operation, of_legacy] :
          {std::pair{Operation::hostno, 2U}, {Operation::port_info, 3U}, {Operation::pci_info, 3U}}) {
         start(hostsim::hosts::ports(GetParam(), 3));
@@ -176,7 +176,7 @@ TEST_P(Discovery, SkipsPortsWithoutHostNumberAndTheNativeDriversThoseWithoutInfo
 
 // One port has no host number, so another index is tried. One has no port information and thus no names. One
 // has no PCI information and thus no hardware record, so it can never be opened.
-TEST(LegacyDiscovery, KeepsPortsThatDoNotTellEverything) {
+TEST(LegacyDiscovery, KeepsPortsWithMissingInformation) {
     hostsim::Model model = hostsim::hosts::legacy_ports(5);
     model.driver(DriverKind::legacy).reported_port_count = 4;
     model.faults = {fault(Operation::hostno, {.status = 9}, 2),

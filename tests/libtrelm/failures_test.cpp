@@ -46,7 +46,7 @@ class Calls : public OnEachDriver {
 };
 TRELM_ON_EACH_DRIVER(Calls);
 
-TEST_P(Calls, RefuseWhatMakesNoSenseInTheirOrder) {
+TEST_P(Calls, RefuseInvalidArgumentsInOrder) {
     TRELM_SCSI_CMND long_cdb = scsi_command(0, 17), write = scsi_command(2, 6), none = scsi_command(255, 6);
     uint32_t too_long = 262145;
     std::vector<PublicCall> invalid{CALL(TRELM_GetFcoeInfo(1, nullptr)),

@@ -62,7 +62,7 @@ class PortInfo : public OnEachDriver {
 };
 TRELM_ON_EACH_DRIVER(PortInfo);
 
-TEST_P(PortInfo, OfTheAdapterIsWhatDiscoveryStored) {
+TEST_P(PortInfo, OfTheAdapterIsThatOfTheLoad) {
     const uint16_t device_ids[]{0x8080, 0x16A1, 0x168E};
     Bytes expected = Bytes::initial(sizeof(TRELM_FCOE_INFO));
     auto& info = expected.as<TRELM_FCOE_INFO>();
@@ -88,7 +88,7 @@ TEST_P(PortInfo, OfTheAdapterIsWhatDiscoveryStored) {
     EXPECT_TRUE(host.calls().empty()) << "the driver was asked for what discovery stored";
 }
 
-TEST_P(PortInfo, OfAPortIsLiveWhereItChangesAndAsDiscoveryFoundItWhereNot) {
+TEST_P(PortInfo, OfAPortHasLiveFieldsAndFieldsOfTheLoad) {
     hostsim::PhysicalPort& port = host.model().port(0, 1);
     port.port_id = 0xABCDEF, port.speed = 0x8004, port.supported_speed = 0x8124;
     port.reported_target_count = 0x01000002;
@@ -117,7 +117,7 @@ TEST_P(PortInfo, OfAPortIsLiveWhereItChangesAndAsDiscoveryFoundItWhereNot) {
     }
 }
 
-TEST_P(PortInfo, OfAVirtualPortNamesItsParentAndWithoutFcfAsksForNone) {
+TEST_P(PortInfo, OfAVirtualPortNamesItsParentAndAsksForNoMissingFcf) {
     host.clear_calls();
     TRELM_VNPORT_INFO info{};
     EXPECT_EQ(TRELM_GetVNPortInfo(2, 300, &info), TRELM_STATUS_OK);
@@ -134,7 +134,7 @@ TEST_P(PortInfo, OfAVirtualPortNamesItsParentAndWithoutFcfAsksForNone) {
     EXPECT_THAT((std::array{+info.FCMap, +info.FcfCount, +info.KeepAliveTimeout}), Each(0U));
 }
 
-TEST_P(PortInfo, CountsArriveUnchangedEachAtItsPlace) {
+TEST_P(PortInfo, PassesEveryCounterOnUnchanged) {
     constexpr size_t kFirst = offsetof(TRELM_PORT_STATS, RxFCoEFrames);
     Bytes expected = Bytes::initial(sizeof(TRELM_PORT_STATS));
     for (size_t i = 0; i < 30; ++i) {

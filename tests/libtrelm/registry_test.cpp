@@ -33,7 +33,8 @@ TEST_F(Registry, AddsEmptyRecordsAndReleasesThem) {
     trelm_free_pdb_element(pdb);
     EXPECT_EQ(trelm_phy_info->count, 1U) << "hardware records are no business of the port list";
     trelm_free_hw_info_element(hw);
-    EXPECT_EQ(trelm_phy_info->count + trelm_priv_database->count, 0U);
+    EXPECT_EQ(trelm_phy_info->count, 0U);
+    EXPECT_EQ(trelm_priv_database->count, 0U);
     EXPECT_EQ(log.take_text(),
               "trelm_alloc_pdb_mem: entered.\ntrelm_alloc_pdb_mem: exiting sucessfully.\n"
               "trelm_alloc_hw_info_mem: entered.\ntrelm_alloc_hw_info_mem: exiting sucessfully.\n"
@@ -42,7 +43,7 @@ TEST_F(Registry, AddsEmptyRecordsAndReleasesThem) {
               "trelm_free_hw_info_element: entered.\ntrelm_free_hw_info_element: exiting.\n");
 }
 
-TEST_F(Registry, SaysSoWhereThereIsNoListOrNoMemoryForIt) {
+TEST_F(Registry, ReportsAMissingListAndExhaustedMemory) {
     set_debug_flags(kErrorLines);
     const dorfc_pci_info at{};
     uint32_t instance = 0;

@@ -14,7 +14,7 @@ class Scsi : public OnEachDriver {
 TRELM_ON_EACH_DRIVER(Scsi);
 
 // Buffers are reused between commands, so each answer fills all of its record with garbage.
-TEST_P(Scsi, EveryByteGoesWhereItBelongsAndNothingOfACommandIsSeenByTheNext) {
+TEST_P(Scsi, MovesEveryByteAndHidesItFromTheNextCommand) {
     constexpr size_t kData = offsetof(kronfc_scsi_cmd, data_buffer);
     constexpr size_t kRecorded = 1024 - sizeof(native_cb_header);  // of a native payload
     open_port();
@@ -68,7 +68,7 @@ TEST_P(Scsi, EveryByteGoesWhereItBelongsAndNothingOfACommandIsSeenByTheNext) {
     }
 }
 
-TEST_P(Scsi, NoMoreComesBackThanCameAndThanThereIsRoomFor) {
+TEST_P(Scsi, ReturnsOnlyWhatArrivedAndFits) {
     open_port();
     const uint32_t rows[][5]{{0, 32, 0, 0, 0},
                              {18, 32, 18, 10, 10},

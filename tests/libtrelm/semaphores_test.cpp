@@ -58,7 +58,7 @@ class Semaphores : public ::testing::Test {
     LogCapture log{kSilent};
 };
 
-TEST_F(Semaphores, AreSetsOfOneThatBeginFreeAndNobodyElses) {
+TEST_F(Semaphores, AreFreeSetsOfOneThatNobodyElseMade) {
     const int foreign = semget(kDebugKey, 3, IPC_CREAT | 0644);
     EXPECT_EQ(get_set(), -1) << "another program's";
     EXPECT_EQ(semctl(foreign, 0, IPC_RMID), 0);
@@ -162,7 +162,7 @@ TEST_F(Semaphores, WarnOfFailuresButNotOfTheLogsOwn) {
               "trelm_sem_signal:libtrelm: WARNING - semaphore signal operation failed. errno=16h\n");
 }
 
-TEST_F(Semaphores, AreStillWaitedForAfterASignalAndComeFreeWhereAHolderIsKilled) {
+TEST_F(Semaphores, AreWaitedForDespiteSignalsAndFreedWhenTheHolderIsKilled) {
     static auto& signals = make_common<std::atomic<int>>();
     const int set = get_set();
     Child holder([&] { return trelm_sem_wait(set) + pause(); });

@@ -79,7 +79,8 @@ class SharedDatabase : public ::testing::Test {
                             << lines;
         fs::permissions(lsof, fs::perms::all);
     }
-    // Runs in a new process in which the library was never loaded; a fork would inherit an open database.
+    // Opens the database as a process does that has just loaded the library. A fork would start with what its
+    // parent has open.
     static uint8_t open_anew() {
         trelm_db_sem_id = trelm_shm_fildes = -1;
         trelm_shared_data = nullptr;
@@ -166,7 +167,7 @@ TEST_F(SharedDatabase, IsCreatedByTheFirstProcessJoinedByOthersAndRemovedByTheLa
     EXPECT_EQ(the_set(), -1);
 }
 
-TEST_F(SharedDatabase, TakesAFileOfAnySizeAndFreesSlotsOfTheDeadWhenAllEightAreTaken) {
+TEST_F(SharedDatabase, AcceptsAFileOfAnySizeAndFreesSlotsWhenAllAreTaken) {
     // The first bytes of the file (other bytes are not 0), its size, the slot, the flags afterwards, the log.
     const std::tuple<std::string, size_t, uint8_t, std::string, const char*> cases[] = {
         {"", 0, 0, marks({5}), "done upgrading shared data file."},
@@ -223,7 +224,7 @@ TEST_F(SharedDatabase, ReplacesWhatAnotherUserMadeOrGaveASecondName) {
     EXPECT_EQ(fs::status(kFile).permissions(), static_cast<fs::perms>(0644)) << "nobody else may cut it";
 }
 
-TEST_F(SharedDatabase, CountsTwoListedLinesAsOneProcessAndLeavesTheFileWhereItCannotTellOrRemove) {
+TEST_F(SharedDatabase, CountsTwoLinesOfTheListingAsOneProcess) {
     for (const auto& [lines, count] :
          {std::pair{1U, 0}, {2, 1}, {5, 2}, {511, 255}, {512, 255}, {5000, 255}}) {
         set_listing(lines);
@@ -232,6 +233,9 @@ TEST_F(SharedDatabase, CountsTwoListedLinesAsOneProcessAndLeavesTheFileWhereItCa
     failing_calls = {"popen"};
     EXPECT_EQ(trelm_get_total_libinst_count(), 0);
     EXPECT_THAT(log.take(), ElementsAre("trelm_get_total_libinst_count: popen failed."));
+}
+
+TEST_F(SharedDatabase, KeepsItsFileIfItCannotCountProcessesOrRemoveIt) {
     open_anew();
     set_listing(0);
     EXPECT_THAT(close(), IsSupersetOf(Lines{"delete_sem=1", "keeping shared db file."}));
@@ -247,7 +251,7 @@ TEST_F(SharedDatabase, CountsTwoListedLinesAsOneProcessAndLeavesTheFileWhereItCa
     EXPECT_THAT(close(), ElementsAre("close db file.", "keeping shared db file.", "exiting, ret=0"));
 }
 
-TEST_F(SharedDatabase, GivesUpAtTheFirstFaultAndLeavesWhatWasThere) {
+TEST_F(SharedDatabase, FailsAtTheFirstFaultAndKeepsTheFormerContents) {
     const auto nothing = [] {};
     const auto old = [] { write_file(std::string(1000, 'o')); };
     const std::string cannot_create = "Unable to create shared data file. errno=";

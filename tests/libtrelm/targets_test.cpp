@@ -94,7 +94,7 @@ TEST_P(Targets, AreListedInOrderUntilTheLastThatIsCounted) {
     }
 }
 
-TEST_P(Targets, OneThatDoesNotReportItsLunsHasNoneAndOneThatIsNotToldEndsTheList) {
+TEST_P(Targets, HaveNoLunsWithoutAnAnswerAndEndAtAFailedRequest) {
     hostsim::Fault deaf = fault(Operation::scsi, {.status = 9});
     deaf.target = 2;
     host.inject(deaf);
@@ -108,7 +108,7 @@ TEST_P(Targets, OneThatDoesNotReportItsLunsHasNoneAndOneThatIsNotToldEndsTheList
                      "send scsi cmd failed, rval=60000009h", "tgt info ioctl failed, stat=0 errno=5"}));
 }
 
-TEST_P(Targets, AListOfLunsHasEveryFieldInPlaceInBothLayouts) {
+TEST_P(Targets, ListLunsWithEveryFieldInBothLayouts) {
     hostsim::Target& target = set_luns({{0, 0x2'0000'0000, 512}, {5, 1, 4096}, {31, 0xFFFFFFFF, 512}});
     hostsim::hosts::add_lun(target, 300, 0x1'0000'0000);
     target.luns[0].device_type = 0x7F;
@@ -159,7 +159,7 @@ TEST_P(Targets, AListOfLunsHasEveryFieldInPlaceInBothLayouts) {
     }
 }
 
-TEST_P(Targets, ACommandThatFailsEndsTheListOfLunsAndIsNamed) {
+TEST_P(Targets, EndALunListAtTheFirstFailedCommand) {
     set_luns({{0, 1, 512}, {0x1F, 1, 512}, {0x20, 0x2'0000'0000, 512}});
     for (const auto& [opcode, occurrence, filled, line] :
          {std::tuple{0xA0, 1U, 0U, "send scsi report luns cmd failed, rval=60000006h"},
@@ -176,7 +176,7 @@ TEST_P(Targets, ACommandThatFailsEndsTheListOfLunsAndIsNamed) {
     }
 }
 
-TEST_P(Targets, AListOfLunsIsTakenAtItsWordNoFurtherThanItsBuffer) {
+TEST_P(Targets, LimitALunListToItsBuffer) {
     for (const uint32_t length : {0U, 7U, 25U, 16376U, 16384U, 0x7FFFFFF8U, 0xFFFFFFFFU}) {
         report(length);
         ASSERT_EQ(list_targets(4), TRELM_STATUS_OK);
