@@ -237,8 +237,8 @@ class Adapter {
     // ports densely from 0 or 1. `slack` is how far beyond the number of ports to search for others.
     std::vector<uint32_t> port_indexes(uint32_t slack = 255) const {
         const uint64_t ports = uint64_t{info().NpivCount} + 1;
-        constexpr uint64_t most = 65536;  // bounds the search if a driver reports a nonsensical count
-        const uint64_t end = (ports < most ? ports : most) + slack;
+        constexpr uint64_t kMost = 65536;  // bounds the search if a driver reports a nonsensical count
+        const uint64_t end = (ports < kMost ? ports : kMost) + slack;
         std::vector<uint32_t> found;
         for (uint32_t index = 0; index < end && found.size() < ports; ++index) {
             if (has_port(index)) found.push_back(index);
