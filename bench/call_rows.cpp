@@ -15,25 +15,25 @@ namespace bench {
 namespace {
 
 void fcoe_info(benchmark::State& state, Kind kind) {
-    const Loaded host({.kind = kind});
+    const LoadedLibrary host({.kind = kind});
     TRELM_FCOE_INFO info = {};
     info.Version = 2;
     TRELM_FCOE_INFO from = {};
-    void* (*volatile copy)(void*, const void*, size_t) = memcpy;  // libc's, not one put in line
+    void* (*volatile copy)(void*, const void*, size_t) = memcpy;  // the one of libc, not an inlined one
     compare(
         state, [&] { expect_ok(TRELM_GetFcoeInfo(host.handle(), &info), "TRELM_GetFcoeInfo"); },
         [&] { copy(&info, &from, sizeof info); });
 }
 
 void vnport_info(benchmark::State& state, Kind kind) {
-    const Loaded host({.kind = kind});
+    const LoadedLibrary host({.kind = kind});
     TRELM_VNPORT_INFO info = {};
     info.Version = 2;
-    Payload port(kind, Request::kPort);
-    Payload fcf(kind, Request::kFcf);
+    Payload port(kind, RequestNumber::port_info);
+    Payload fcf(kind, RequestNumber::fcf_info);
     compare(
         state, [&] { expect_ok(TRELM_GetVNPortInfo(host.handle(), 0, &info), "TRELM_GetVNPortInfo"); },
-        [&, legacy = kind == Kind::kLegacy] {
+        [&, legacy = kind == Kind::legacy] {
             port.send();
             if (legacy) bare_link_state_calls();
             fcf.send();
@@ -41,22 +41,22 @@ void vnport_info(benchmark::State& state, Kind kind) {
 }
 
 void port_stats(benchmark::State& state, Kind kind) {
-    const Loaded host({.kind = kind});
+    const LoadedLibrary host({.kind = kind});
     TRELM_PORT_STATS stats = {};
-    Payload payload(kind, Request::kStats);
+    Payload payload(kind, RequestNumber::port_stats);
     compare(
         state, [&] { expect_ok(TRELM_GetPortStats(host.handle(), 0, &stats), "TRELM_GetPortStats"); },
         [&] { payload.send(); });
 }
 
 void open_close(benchmark::State& state, Kind kind) {
-    const Loaded host({.kind = kind, .count = 2});
+    const LoadedLibrary host({.kind = kind, .count = 2});
     const auto operation = [] {
         uint32_t handle = 0;
         expect_ok(TRELM_OpenAdapter(1, &handle), "TRELM_OpenAdapter");
         expect_ok(TRELM_CloseAdapter(handle), "TRELM_CloseAdapter");
     };
-    if (kind != Kind::kLegacy) return measure(state, operation);
+    if (kind != Kind::legacy) return measure(state, operation);
     compare(state, operation, [] { close(open("/dev/char/vmkdriver/dorfc", O_RDWR | O_CLOEXEC)); });
 }
 

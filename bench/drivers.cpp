@@ -23,7 +23,7 @@ namespace {
 constexpr size_t kHeader = sizeof(native_cb_header);
 constexpr size_t kKernelMemory = 512 * 1024;
 constexpr uint64_t kKronCookie = 501;
-constexpr uint64_t kNativeToNumber = NATIVE_CB_HBA_COUNT - static_cast<uint64_t>(Request::kCount);
+constexpr uint64_t kNativeToNumber = NATIVE_CB_HBA_COUNT - static_cast<uint64_t>(RequestNumber::hba_count);
 
 struct RecordSize {
     size_t native;
@@ -44,10 +44,10 @@ constexpr RecordSize kSizes[] = {
 Ports ports;
 size_t lun_list_size;
 uint8_t lun_list[8 + 8 * 2048];
-// Each thread has a kernel of its own, so that threads meet in the library alone.
-thread_local uint32_t asked_port;  // of the request that is under way
+// Each thread has its own kernel memory and port, so that threads contend only inside the library.
+thread_local uint32_t asked_port;  // of the current request
 
-// The memory is shared so that a forked process finds it as it is and copies no page of it.
+// The memory is shared, so that a forked process copies no page of it.
 class KernelMemory {
   public:
     uint8_t* get() const { return memory_; }
@@ -63,7 +63,7 @@ uint8_t* kernel_memory() {
 }
 uint8_t* kernel_data() { return kernel_memory() + kKernelMemory; }
 
-// A pipe has a lock, so threads have pipes of their own.
+// A pipe has a lock, so each thread has its own pipes.
 class Pipe {
   public:
     Pipe() {
@@ -141,14 +141,15 @@ void answer_legacy_scsi(const dorfc_scsi_cmd& command) {
     }
 }
 
-// `record` is the payload behind its header, the same for all drivers but where two types are given.
-void answer(Request request, bool native, uint8_t* record) {
+// `record` is the payload after its header. It has the same layout for all drivers, except where two types
+// are named.
+void answer(RequestNumber request, bool native, uint8_t* record) {
     switch (request) {
-        case Request::kPci:
+        case RequestNumber::pci_info:
             return answer_pci(*reinterpret_cast<dorfc_pci_info*>(record));
-        case Request::kPort:
+        case RequestNumber::port_info:
             return answer_port(*reinterpret_cast<dorfc_port_info*>(record));
-        case Request::kScsi:
+        case RequestNumber::scsi_cmd:
             return native ? answer_native_scsi(*reinterpret_cast<kronfc_scsi_cmd*>(record))
                           : answer_legacy_scsi(*reinterpret_cast<const dorfc_scsi_cmd*>(record));
         default:
@@ -156,11 +157,11 @@ void answer(Request request, bool native, uint8_t* record) {
     }
 }
 
-void answer_native(Request request, uint8_t* payload, bool serves) {
+void answer_native(RequestNumber request, uint8_t* payload, bool serves) {
     const int32_t count = serves ? static_cast<int32_t>(ports.count) : 0;
-    if (request == Request::kCount) {
+    if (request == RequestNumber::hba_count) {
         reinterpret_cast<kronfc_hba_cnt_cb*>(payload)->hba_cnt = count;
-    } else if (request == Request::kHostNo) {
+    } else if (request == RequestNumber::host_no) {
         auto* host = reinterpret_cast<kronfc_hostno_cb*>(payload);
         host->host_no = static_cast<uint32_t>(host->inst);
     } else {
@@ -169,11 +170,11 @@ void answer_native(Request request, uint8_t* payload, bool serves) {
     }
 }
 
-void answer_legacy(Request request, uint8_t* payload) {
-    const bool serves = ports.kind == Kind::kLegacy;
-    if (request == Request::kCount) {
+void answer_legacy(RequestNumber request, uint8_t* payload) {
+    const bool serves = ports.kind == Kind::legacy;
+    if (request == RequestNumber::hba_count) {
         reinterpret_cast<dorfc_hba_cnt*>(payload)->hba_cnt = serves ? static_cast<int32_t>(ports.count) : 0;
-    } else if (request == Request::kHostNo) {
+    } else if (request == RequestNumber::host_no) {
         reinterpret_cast<dorfc_hostno*>(payload)->host_no = asked_port;
     } else {
         answer(request, false, payload);
@@ -188,7 +189,7 @@ int legacy_request(uint32_t number, dorfc_ioctl* user_block) {
     const size_t size = kSizes[number].legacy;
     memcpy(kernel_memory(), user, size);
     asked_port = block.hbaselect;
-    answer_legacy(static_cast<Request>(number), kernel_memory());
+    answer_legacy(static_cast<RequestNumber>(number), kernel_memory());
     memcpy(user, kernel_memory(), size);
     memcpy(user_block, &block, sizeof block);
     return 0;
@@ -204,13 +205,13 @@ const Ports& served() { return ports; }
 
 void touch_kernel_memory() { memset(kernel_memory(), 0, 2 * kKernelMemory); }
 
-Payload::Payload(Kind kind, Request request, uint32_t port) : kind_(kind), request_(request) {
+Payload::Payload(Kind kind, RequestNumber request, uint32_t port) : kind_(kind), request_(request) {
     const auto number = static_cast<uint32_t>(request);
-    const bool native = kind != Kind::kLegacy;
+    const bool native = kind != Kind::legacy;
     const RecordSize size = kSizes[number];
     memory_ = static_cast<uint8_t*>(calloc(1, native ? size.native : size.legacy));
     if (!memory_) throw std::bad_alloc();
-    const bool has_header = native && request > Request::kHostNo;
+    const bool has_header = native && request > RequestNumber::host_no;
     record_ = memory_ + (has_header ? kHeader : 0);
     if (has_header) reinterpret_cast<native_cb_header*>(memory_)->host_no = port;
     memcpy(block_.signature, "DORFC", 6);
@@ -222,7 +223,7 @@ Payload::~Payload() { free(memory_); }
 
 void Payload::send() {
     const auto number = static_cast<uint32_t>(request_);
-    if (kind_ == Kind::kLegacy) {
+    if (kind_ == Kind::legacy) {
         ioctl(-1, dorfc_request(number), &block_);
     } else {
         vmk_MgmtUserCallbackInvokeInt(static_cast<uint64_t>(kind_) + 1, 0, number + kNativeToNumber, 1,
@@ -231,18 +232,22 @@ void Payload::send() {
 }
 
 ScsiPayload::ScsiPayload(Kind kind, uint8_t direction, uint8_t operation_code, uint8_t* data, uint32_t length)
-    : kind_(kind), payload_(kind, Request::kScsi), direction_(direction), data_(data), length_(length) {
+    : kind_(kind),
+      payload_(kind, RequestNumber::scsi_cmd),
+      direction_(direction),
+      data_(data),
+      length_(length) {
     auto& command = payload_.as<dorfc_scsi_cmd>();
     command.direction = direction;
     command.cdb_len = 16;
     command.cdb[0] = operation_code;
     command.sense_len = kScsiMaxSense;
     command.data_len = length;
-    if (kind == Kind::kLegacy) command.data_addr = reinterpret_cast<uintptr_t>(data);
+    if (kind == Kind::legacy) command.data_addr = reinterpret_cast<uintptr_t>(data);
 }
 
 void ScsiPayload::send() {
-    const bool copies = kind_ != Kind::kLegacy;
+    const bool copies = kind_ != Kind::legacy;
     uint8_t* area = payload_.as<kronfc_scsi_cmd>().data_buffer;
     if (copies && direction_ == SCSI_DIRECTION_OUT) memcpy(area, data_, length_);
     payload_.send();
@@ -256,7 +261,7 @@ void ScsiPayload::send() {
 using namespace bench;
 
 extern "C" int vmk_MgmtUserInit(vmk_MgmtApiSignature*, uint64_t cookie, vmk_MgmtUserHandle* handle) {
-    const Kind kind = cookie == kKronCookie ? Kind::kKron : Kind::kPyx;
+    const Kind kind = cookie == kKronCookie ? Kind::kron : Kind::pyx;
     if (kind != served().kind) return 1;
     *handle = static_cast<uint64_t>(kind) + 1;
     return 0;
@@ -272,7 +277,7 @@ extern "C" int vmk_MgmtUserCallbackInvokeInt(vmk_MgmtUserHandle handle, uint64_t
     const uint64_t number = callback - kNativeToNumber;
     const size_t size = kSizes[number].native;
     memcpy(kernel_memory(), user, size);
-    answer_native(static_cast<Request>(number), kernel_memory(),
+    answer_native(static_cast<RequestNumber>(number), kernel_memory(),
                   handle == static_cast<uint64_t>(served().kind) + 1);
     memcpy(user, kernel_memory(), size);
     return 0;
@@ -284,7 +289,7 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
     void* argument = va_arg(arguments, void*);
     va_end(arguments);
     const auto number = static_cast<uint32_t>(request & 0xFF);
-    if (request == dorfc_request(number) && number <= static_cast<uint32_t>(Request::kScsi)) {
+    if (request == dorfc_request(number) && number <= static_cast<uint32_t>(RequestNumber::scsi_cmd)) {
         return legacy_request(number, static_cast<dorfc_ioctl*>(argument));
     }
     return static_cast<int>(syscall(SYS_ioctl, fd, request, argument));

@@ -1,6 +1,6 @@
-// drivers.h - the drivers that the library is measured against. They do what the platform does for an in/out
-// parameter and nothing else: enter the kernel once, copy the whole payload in and copy it out again. What
-// they answer is enough for discovery and for listing LUNs; everything else comes back as it was sent.
+// drivers.h - the drivers that the library is measured with. Like the platform, they enter the kernel once
+// and copy the whole in/out payload in and out, and they do nothing else. Their answers suffice for discovery
+// and LUN listings; all other payloads come back unchanged.
 #pragma once
 
 #include <cstddef>
@@ -10,15 +10,15 @@
 
 namespace bench {
 
-enum class Kind { kKron, kPyx, kLegacy };
-inline constexpr Kind kKinds[] = {Kind::kKron, Kind::kPyx, Kind::kLegacy};
+enum class Kind { kron, pyx, legacy };
+inline constexpr Kind kKinds[] = {Kind::kron, Kind::pyx, Kind::legacy};
 inline constexpr const char* kKindNames[] = {"kron", "pyx", "legacy"};
 inline const char* name_of(Kind kind) { return kKindNames[static_cast<size_t>(kind)]; }
 
-// The ports of one driver; the other drivers are absent or serve none. Of half_virtual hosts every second
-// port is a virtual one on the port before it.
+// The ports of one driver. The other drivers are absent or serve none. With half_virtual every second port is
+// a virtual port on the port before it.
 struct Ports {
-    Kind kind = Kind::kKron;
+    Kind kind = Kind::kron;
     uint32_t count = 1;
     bool half_virtual = false;
     uint32_t targets = 0;
@@ -27,13 +27,22 @@ struct Ports {
 void serve(const Ports& ports);
 const Ports& served();
 
-// What the drivers are asked, numbered as their requests are.
-enum class Request : uint32_t { kCount = 1, kHostNo, kPci, kPort, kStats, kTarget, kFcf, kScsi };
+// The requests to the drivers, with the numbers of the legacy driver.
+enum class RequestNumber : uint32_t {
+    hba_count = 1,
+    host_no,
+    pci_info,
+    port_info,
+    port_stats,
+    tgt_info,
+    fcf_info,
+    scsi_cmd
+};
 
-// A payload for one request, as the driver takes it, and the bare call that sends it.
+// A payload for one request in the form that the driver takes, and the bare call that sends it.
 class Payload {
   public:
-    Payload(Kind kind, Request request, uint32_t port = 0);
+    Payload(Kind kind, RequestNumber request, uint32_t port = 0);
     ~Payload();
     Payload(const Payload&) = delete;
     Payload& operator=(const Payload&) = delete;
@@ -46,13 +55,13 @@ class Payload {
 
   private:
     Kind kind_;
-    Request request_;
+    RequestNumber request_;
     uint8_t* memory_;
     uint8_t* record_;
     dorfc_ioctl block_{};
 };
 
-// A SCSI command whose payload is prepared, with the one copy of user data that cannot be avoided.
+// A SCSI command with a prepared payload, and the one copy of user data that cannot be avoided.
 class ScsiPayload {
   public:
     ScsiPayload(Kind kind, uint8_t direction, uint8_t operation_code, uint8_t* data, uint32_t length);
@@ -66,7 +75,7 @@ class ScsiPayload {
     uint32_t length_;
 };
 
-// Has the memory that payloads of this thread are copied to mapped in this process.
+// Touches the memory that payloads of this thread are copied to, so that it is mapped.
 void touch_kernel_memory();
 
 }  // namespace bench

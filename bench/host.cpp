@@ -45,7 +45,7 @@ class Directory {
         path_ = pattern;
         std::filesystem::create_directories(path_ + "/links");
         std::ofstream(path_ + "/links/0") << kLinkStateText;
-        std::ofstream(path_ + "/listing") << "2\n";  // this process alone, which the listing shows twice
+        std::ofstream(path_ + "/listing") << "2\n";  // only this process, which has two lines in the listing
     }
     ~Directory() {
         if (getpid() != owner_) return;
@@ -70,7 +70,7 @@ std::string real_path(const char* path) {
     return path;
 }
 
-// Whether a path is the host's own, told by the cheapest test that does.
+// Whether a path belongs to the host. The test is as cheap as possible.
 bool is_hosts(const char* path) {
     return strcmp(path, trelm_db_fname) == 0 || strcmp(path, "/tmp") == 0 ||
            strncmp(path, kLinkStates, sizeof kLinkStates - 1) == 0;
@@ -81,7 +81,7 @@ Function* next(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
-// Keys of this process's own, so that neither the machine's nor another run's sets are met.
+// Keys of this process, so that it never uses semaphore sets of the machine or of another run.
 key_t own_key(key_t key) { return static_cast<key_t>(getpid() << 12 | (key & 0xFFF)); }
 
 }  // namespace
@@ -99,13 +99,13 @@ void expect_ok(uint32_t status, const char* what) {
     throw std::runtime_error(text);
 }
 
-Loaded::Loaded(const Ports& ports) {
+LoadedLibrary::LoadedLibrary(const Ports& ports) {
     serve(ports);
     expect_ok(TRELM_LoadLibrary(), "TRELM_LoadLibrary");
     expect_ok(TRELM_OpenAdapter(0, &handle_), "TRELM_OpenAdapter");
 }
 
-Loaded::~Loaded() { TRELM_FreeLibrary(); }
+LoadedLibrary::~LoadedLibrary() { TRELM_FreeLibrary(); }
 
 namespace {
 
@@ -160,7 +160,7 @@ void bare_link_state_calls() {
 
 }  // namespace bench
 
-// ---- What stands before libc's functions
+// ---- Functions that replace those of libc
 
 using namespace bench;
 
@@ -179,7 +179,7 @@ int open(const char* path, int flags, ...) {
     va_start(arguments, flags);
     const mode_t mode = flags & O_CREAT ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
-    // Any character device does as the driver's node: its requests never get that far.
+    // Any character device can replace the node of the driver: its requests never reach the device.
     if (strcmp(path, kNode) == 0) path = "/dev/null";
     const bool hosts = is_hosts(path);
     return static_cast<int>(
@@ -205,7 +205,7 @@ int semget(key_t key, int count, int flags) noexcept {
     return static_cast<int>(syscall(SYS_semget, own_key(key), count, flags));
 }
 
-// Starting a shell takes longer than everything else and depends on the machine alone, so it is left out.
+// Starting a shell takes longer than everything else and depends only on the machine, so it is left out.
 FILE* popen(const char*, const char* mode) { return fopen((directory() + "/listing").c_str(), mode); }
 int pclose(FILE* stream) { return fclose(stream); }
 

@@ -1,6 +1,6 @@
-// host.h - the host that the library is measured on: the executable answers for system name, user, the paths
-// of an ESXi host, semaphore keys, the process listing and sync() itself, each with the cheapest real call
-// that does the job, so that a measured call costs what it would cost with nothing in between.
+// host.h - the host that the library is measured on. The executable itself answers for the system name, the
+// user, the paths of an ESXi host, semaphore keys, the process listing and sync(). Each answer makes the
+// cheapest real call that does the work, so that the measured call costs as much as without the replacement.
 #pragma once
 
 #include <cstdint>
@@ -10,21 +10,21 @@
 
 namespace bench {
 
-// Where the host's files really lie: in memory where the machine has a place for that, as on an ESXi host.
+// The directory with the files of the host: in memory if the machine has such a place, as on an ESXi host.
 const std::string& directory();
 
-// The system calls that opening and closing the shared database needs when nobody else has it, bare.
+// Makes only the system calls that opening and closing the shared database needs if no other process has it.
 void bare_database_calls();
-// Reading the legacy driver's link-state files, bare.
+// Reads the link-state files of the legacy driver, without the library.
 void bare_link_state_calls();
 
-// The library on a host of these ports, loaded and with its first port opened, until the object goes.
-class Loaded {
+// The library, loaded on a host with these ports, with its first port open. The destructor frees it.
+class LoadedLibrary {
   public:
-    explicit Loaded(const Ports& ports);
-    ~Loaded();
-    Loaded(const Loaded&) = delete;
-    Loaded& operator=(const Loaded&) = delete;
+    explicit LoadedLibrary(const Ports& ports);
+    ~LoadedLibrary();
+    LoadedLibrary(const LoadedLibrary&) = delete;
+    LoadedLibrary& operator=(const LoadedLibrary&) = delete;
 
     uint32_t handle() const { return handle_; }
 
@@ -32,7 +32,7 @@ class Loaded {
     uint32_t handle_ = 0;
 };
 
-// What a benchmark's call returned, where anything but success makes its numbers worthless.
+// Ends the program unless the status is success, because the numbers would be worthless.
 void expect_ok(uint32_t status, const char* what);
 
 }  // namespace bench

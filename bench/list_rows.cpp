@@ -19,11 +19,11 @@ constexpr size_t kElementsInABatch = 20000;
 
 uint32_t number_at(void* element) { return *static_cast<const uint32_t*>(element); }
 
-// What a user writes. Which way the branch goes depends on random numbers, so the processor foretells every
-// second one wrongly, whoever sorts.
+// A comparison as a user writes it. Its branch depends on random numbers, so the processor mispredicts every
+// second one in all sorts alike.
 int compare_with_branch(void* a, void* b) {
     if (number_at(a) < number_at(b)) return -1;
-    asm volatile("");  // or the compiler might do without the branch
+    asm volatile("");  // keeps the compiler from removing the branch
     return number_at(a) > number_at(b);
 }
 int compare_without_branch(void* a, void* b) {
@@ -64,8 +64,8 @@ double time_sort(std::vector<Container>& containers) {
     return now() - start;
 }
 
-// Enough containers of that many fresh random elements for the clock. Both kinds are filled element by
-// element in turn, so that neither's nodes lie better in memory than the other's.
+// Enough containers with that many fresh random elements for the clock. Both kinds are filled alternately,
+// element by element, so that neither has a better memory layout.
 template <class Other>
 void sort_against(benchmark::State& state, int (*compare)(void*, void*), size_t size) {
     comparison = compare;

@@ -1,4 +1,4 @@
-// Loading and freeing the library on hosts of all sizes, and the database that it joins when it is loaded.
+// Loading and freeing the library on hosts of different sizes, and the shared database that a load joins.
 
 #include <string>
 
@@ -15,16 +15,16 @@ namespace {
 
 constexpr uint32_t kSizes[] = {8, 64, 512, 4096};
 
-// What a driver is asked in a discovery, bare.
-class Discovery {
+// The bare requests of a discovery.
+class BareDiscovery {
   public:
-    Discovery(Kind kind, uint32_t ports)
-        : legacy_(kind == Kind::kLegacy),
+    BareDiscovery(Kind kind, uint32_t ports)
+        : legacy_(kind == Kind::legacy),
           ports_(ports),
-          count_(kind, Request::kCount),
-          host_no_(kind, Request::kHostNo),
-          port_(kind, Request::kPort),
-          pci_(kind, Request::kPci) {}
+          count_(kind, RequestNumber::hba_count),
+          host_no_(kind, RequestNumber::host_no),
+          port_(kind, RequestNumber::port_info),
+          pci_(kind, RequestNumber::pci_info) {}
 
     void send() {
         count_.send();
@@ -47,7 +47,7 @@ class Discovery {
 
 void load(benchmark::State& state, Kind kind, uint32_t ports) {
     serve({.kind = kind, .count = ports, .half_virtual = true});
-    Discovery floor(kind, ports);
+    BareDiscovery floor(kind, ports);
     compare(
         state,
         [] {
@@ -64,19 +64,19 @@ void load(benchmark::State& state, Kind kind, uint32_t ports) {
 uint32_t discover(Kind kind) {
     uint32_t found = 0;
     switch (kind) {
-        case Kind::kKron:
+        case Kind::kron:
             return trelmnt_find_all_instances("kronfc", &found);
-        case Kind::kPyx:
+        case Kind::pyx:
             return trelm_pyxnt_find_all_instances("ostfc", &found);
         default:
             return trelm_find_all_instances("dorfc", &found);
     }
 }
 
-// The part of a load that grows with the ports.
+// The part of a load whose cost grows with the number of ports.
 void discovery(benchmark::State& state, Kind kind, uint32_t ports) {
     serve({.kind = kind, .count = ports, .half_virtual = true});
-    Discovery floor(kind, ports);
+    BareDiscovery floor(kind, ports);
     compare(
         state,
         [kind] {

@@ -1,4 +1,4 @@
-// The debug log: what a line costs, and what a log that is off costs.
+// The debug log: the cost of a line, and of a log that is off.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -22,7 +22,8 @@ namespace {
 
 constexpr char kLine[] = "TRELM_GetPortStats(1): entered.\n";
 
-// Standard error into the void, the log's flags set, and its file in the benchmark's directory.
+// Redirects standard error to /dev/null, sets the flags of the log, and puts its file into the directory of
+// the benchmark.
 class Logging {
   public:
     explicit Logging(uint32_t flags) : old_stderr_(dup(2)) {
@@ -64,7 +65,7 @@ void line(benchmark::State& state, uint32_t flags) {
     close(file);
 }
 
-// This one waits for disks, so it takes its time on another clock.
+// This row waits for disks, so it is measured with another clock.
 void sync_call(benchmark::State& state) {
     Samples samples;
     for ([[maybe_unused]] auto _ : state) {
@@ -76,7 +77,7 @@ void sync_call(benchmark::State& state) {
     samples.report(state);
 }
 
-// A library of its own that is loaded beside the one that this executable is linked with, or that one itself.
+// The library that this executable is linked with, or another one that is loaded beside it.
 class Library {
   public:
     explicit Library(const char* path) : object_(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {

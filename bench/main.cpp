@@ -1,4 +1,4 @@
-// The benchmarks' one table. `trelm_bench --benchmark_filter=REGEX` measures the rows whose names match.
+// The table of the benchmarks. `trelm_bench --benchmark_filter=REGEX` measures the rows whose names match.
 
 #include <sys/utsname.h>
 

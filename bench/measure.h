@@ -1,6 +1,6 @@
-// measure.h - how an operation is compared with its floor: in one process and one run, in batches that take
-// turns, so that whatever else the machine does meets both alike. A row's ratio is the median of the ratios
-// of neighbouring batches. What counts is processor time, of which a busy machine takes nothing away.
+// measure.h - compares an operation with its floor. Both run in one process in alternating batches, so that
+// other load of the machine affects both alike. The ratio of a row is the median of the ratios of
+// neighbouring batches. Processor time is measured, which excludes the time of other processes.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -12,7 +12,7 @@
 
 namespace bench {
 
-// Nanoseconds of a clock since its beginning.
+// The time of a clock in nanoseconds.
 inline double now(clockid_t clock = CLOCK_THREAD_CPUTIME_ID) {
     timespec time;
     clock_gettime(clock, &time);
@@ -29,7 +29,7 @@ double time_batch(const Work& work, size_t count) {
     return (now() - start) / static_cast<double>(count);
 }
 
-// What the batches of a row took, and its line in the table.
+// The times of the batches of a row, and its line in the table.
 class Samples {
   public:
     void add(double operation, double floor) {
@@ -46,7 +46,7 @@ class Samples {
     std::vector<double> ratios_;
 };
 
-// A batch is long enough for the clock and short enough to run undisturbed mostly.
+// A batch is long enough for the clock, and short enough that most batches are not interrupted.
 template <class Work>
 size_t batch_size(const Work& work) {
     constexpr double kWanted = 100e3;  // nanoseconds
@@ -75,7 +75,7 @@ void compare(benchmark::State& state, Operation operation, Floor floor, double p
     samples.report(state, per);
 }
 
-// An operation that has no floor to speak of.
+// Measures an operation without a floor.
 template <class Operation>
 void measure(benchmark::State& state, Operation operation) {
     const size_t batch = batch_size(operation);
@@ -88,21 +88,21 @@ void measure(benchmark::State& state, Operation operation) {
     samples.report(state);
 }
 
-// Runs `work` in a forked process and gives what it returns.
+// Runs `work` in a forked process and returns its result.
 double in_fresh_process(const std::function<double()>& work);
 
-// The first call of a process: each measurement is made in a process forked for it. `prepare` runs there
-// first and is not timed.
+// Measures the first call of a process: each measurement runs in a process forked for it. `prepare` runs
+// there first and is not timed.
 void compare_cold(benchmark::State& state, const std::function<void()>& prepare,
                   const std::function<void()>& operation, const std::function<void()>& floor);
 
-// A row that is a number of something else than time.
+// A row whose number is no time.
 void report_value(benchmark::State& state, double value, const char* unit);
 
 inline constexpr int kPairs = 301;
 inline constexpr int kColdPairs = 31;
 
-// Registers a row that is measured in so many pairs of batches.
+// Registers a row and the number of pairs of batches that it takes.
 template <class Row>
 void add_row(const std::string& name, int pairs, Row row) {
     benchmark::RegisterBenchmark(name.c_str(), row)->UseManualTime()->Iterations(pairs);

@@ -35,7 +35,7 @@ void read_data(uint32_t handle, std::vector<uint8_t>& data) {
     expect_ok(TRELM_SendScsiCommand(handle, 0, &command, &length, data.data()), "TRELM_SendScsiCommand");
 }
 
-// What an agent does between two commands: a block of 64 KiB to 1 MiB comes, is written and goes.
+// The work of an agent between two commands: it allocates a block of 64 KiB to 1 MiB, writes it and frees it.
 void allocate_and_free(size_t turn) {
     const size_t size = (64u << (turn % 5)) * 1024;
     auto* block = static_cast<char*>(malloc(size));
@@ -48,7 +48,7 @@ void allocate_and_free(size_t turn) {
 void faults_of_a_command(benchmark::State& state, Kind kind) {
     constexpr size_t kWarmUp = 10;
     constexpr size_t kCommands = 1000;
-    const Loaded host({.kind = kind});
+    const LoadedLibrary host({.kind = kind});
     std::vector<uint8_t> data(kData, 1);
     long faults = 0;
     for ([[maybe_unused]] auto _ : state) {
@@ -80,7 +80,7 @@ struct Memory {
     double command;
 };
 
-// Runs this executable anew: a forked process would count pages that it only took over.
+// Starts this executable again: a forked process would count pages that it inherited.
 Memory probe() {
     char path[4096] = {};
     if (readlink("/proc/self/exe", path, sizeof path - 1) < 0)
@@ -113,14 +113,14 @@ void private_memory_row(benchmark::State& state, double Memory::*what) {
 
 }  // namespace
 
-// A host of the size of the lab's: two physical ports, each with a virtual one.
+// A host as large as the lab host: two physical ports, each with a virtual one.
 int probe_memory() {
     touch_kernel_memory();
     directory();
     std::vector<uint8_t> data(kData, 1);
-    private_memory();  // what reading the numbers takes is taken before
+    private_memory();  // reading the numbers allocates memory, so it is done once before
     const double before = private_memory();
-    const Loaded host({.kind = Kind::kKron, .count = 4, .half_virtual = true});
+    const LoadedLibrary host({.kind = Kind::kron, .count = 4, .half_virtual = true});
     const double loaded = private_memory();
     std::ofstream("/proc/self/clear_refs") << "5";  // resets the peak
     const double resident = kibibytes("/proc/self/status", "VmHWM");

@@ -1,4 +1,4 @@
-// rows.h - the rows of the table, a function a subject.
+// rows.h - the rows of the table, a function for each subject.
 #pragma once
 
 namespace bench {
@@ -11,7 +11,7 @@ void add_list_rows();    // the list container
 void add_log_rows();     // the debug log
 void add_thread_rows();  // several threads at once
 
-// What this executable does in a process of its own to measure memory: kMemoryProbe is its one argument.
+// Measures memory in a process of its own, which is started with the one argument kMemoryProbe.
 inline constexpr char kMemoryProbe[] = "--memory-probe";
 int probe_memory();
 

@@ -1,4 +1,4 @@
-// SCSI commands, and the listings made of them.
+// SCSI commands, and target and LUN listings.
 
 #include <cstring>
 #include <memory>
@@ -35,12 +35,12 @@ TRELM_SCSI_CMND record_of(const Command& command) {
     return record;
 }
 
-void send(const Loaded& host, TRELM_SCSI_CMND& record, uint32_t length, uint8_t* data) {
+void send(const LoadedLibrary& host, TRELM_SCSI_CMND& record, uint32_t length, uint8_t* data) {
     expect_ok(TRELM_SendScsiCommand(host.handle(), 0, &record, &length, data), "TRELM_SendScsiCommand");
 }
 
 void warm(benchmark::State& state, Kind kind, const Command& command) {
-    const Loaded host({.kind = kind});
+    const LoadedLibrary host({.kind = kind});
     std::vector<uint8_t> data(kMost, 1);
     std::vector<uint8_t> floor_data(kMost, 1);
     TRELM_SCSI_CMND record = record_of(command);
@@ -49,9 +49,9 @@ void warm(benchmark::State& state, Kind kind, const Command& command) {
         state, [&] { send(host, record, command.length, data.data()); }, [&] { payload.send(); });
 }
 
-// The floor allocates a payload as fresh as the one that the library's first command gets.
+// The floor allocates a new payload, as the first command of the library does.
 void cold(benchmark::State& state, Kind kind, const Command& command) {
-    const Loaded host({.kind = kind});
+    const LoadedLibrary host({.kind = kind});
     std::vector<uint8_t> data(kMost, 1);
     TRELM_SCSI_CMND record = record_of(command);
     compare_cold(
@@ -71,13 +71,13 @@ constexpr uint32_t kReportLunsRoom = 16384;
 
 void targets(benchmark::State& state, Kind kind) {
     constexpr uint32_t kTargets = 128;
-    const Loaded host({.kind = kind, .targets = kTargets, .luns = 8});
+    const LoadedLibrary host({.kind = kind, .targets = kTargets, .luns = 8});
     TRELM_VNPORT_INFO port = {};
     port.Version = 2;
     expect_ok(TRELM_GetVNPortInfo(host.handle(), 0, &port), "TRELM_GetVNPortInfo");
     std::vector<TRELM_TGT_INFO> found(kTargets);
     std::vector<uint8_t> list(kReportLunsRoom);
-    Payload target(kind, Request::kTarget);
+    Payload target(kind, RequestNumber::tgt_info);
     ScsiPayload report(kind, SCSI_DIRECTION_IN, kReportLuns, list.data(), kReportLunsRoom);
     compare(
         state,
@@ -96,7 +96,7 @@ void targets(benchmark::State& state, Kind kind) {
 }
 
 void luns(benchmark::State& state, Kind kind, uint32_t count) {
-    const Loaded host({.kind = kind, .targets = 1, .luns = count});
+    const LoadedLibrary host({.kind = kind, .targets = 1, .luns = count});
     std::vector<TRELM_LUN_INFO> found(count);
     found[0].Version = 2;
     std::vector<uint8_t> data(kReportLunsRoom);

@@ -1,4 +1,5 @@
-// Two threads that make the same calls at once, each on a port of its own or both on one, against one thread.
+// Two threads that make the same calls at once, on one port each or both on one port, compared with one
+// thread.
 
 #include <atomic>
 #include <string>
@@ -41,7 +42,7 @@ void open_and_close(uint32_t port) {
 
 using PortCall = void (*)(uint32_t port);
 
-// What a call costs each of the threads while all of them make it.
+// The cost of a call for each thread while all threads make it.
 double cost_together(PortCall call, uint32_t threads, bool one_port, size_t count) {
     std::atomic<uint32_t> arrived = 0;
     std::vector<double> costs(threads);
@@ -49,7 +50,7 @@ double cost_together(PortCall call, uint32_t threads, bool one_port, size_t coun
     for (uint32_t i = 0; i < threads; ++i) {
         started.emplace_back([&, i] {
             const uint32_t port = one_port ? 0 : i;
-            call(port);  // the first call of a thread does more
+            call(port);  // the first call of a thread costs more
             ++arrived;
             while (arrived != threads) std::this_thread::yield();
             const auto work = [call, port] { call(port); };
@@ -65,7 +66,7 @@ double cost_together(PortCall call, uint32_t threads, bool one_port, size_t coun
 }
 
 void two_threads(benchmark::State& state, Kind kind, PortCall call, bool one_port) {
-    const Loaded host({.kind = kind, .count = 2});
+    const LoadedLibrary host({.kind = kind, .count = 2});
     uint32_t second = 0;
     expect_ok(TRELM_OpenAdapter(1, &second), "TRELM_OpenAdapter");
     const auto count = static_cast<size_t>(kTogether / cost_together(call, 1, one_port, 100));
@@ -91,7 +92,7 @@ void add_thread_rows() {
                             {"TRELM_OpenAdapter and TRELM_CloseAdapter", open_and_close}};
     for (const bool one_port : {false, true}) {
         for (const auto& call : kCalls) {
-            for (const Kind kind : {Kind::kKron, Kind::kLegacy}) {
+            for (const Kind kind : {Kind::kron, Kind::legacy}) {
                 add_row(std::string("two threads on ") + (one_port ? "one port: " : "two ports: ") +
                             call.name + ", " + name_of(kind) + ", against one thread",
                         kSamples,

@@ -1,4 +1,4 @@
-# What an installation has beside the targets: the files by which pkg-config and CMake find the library, and documents.
+# Parts of an installation besides the targets: files for pkg-config and CMake, and documents.
 include(CMakePackageConfigHelpers)
 set(trelm_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/trelm)
 set(trelm_pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

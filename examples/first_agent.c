@@ -5,7 +5,7 @@
 int main(void) {
     uint32_t count = 0, handle;
     if (TRELM_LoadLibrary() != TRELM_STATUS_OK) return 1;
-    TRELM_GetPortCount(&count); /* fails, and count stays 0, where there is no port */
+    TRELM_GetPortCount(&count); /* fails, and count stays 0, if there is no port */
     for (uint32_t instance = 0; instance < count; ++instance) {
         TRELM_FCOE_INFO info = {.Version = 2};
         if (TRELM_OpenAdapter(instance, &handle) != TRELM_STATUS_OK) continue;

@@ -1,4 +1,4 @@
-/* load.c - counts the ports of this host, and counts them afresh. */
+/* load.c - counts the ports of this host, loads the library again and counts them again. */
 #include <stdio.h>
 #include <trelm_mgmt.h>
 
@@ -9,7 +9,7 @@ static int load_and_count(void) {
         fprintf(stderr, "TRELM_LoadLibrary failed with 0x%08X\n", (unsigned)code);
         return 1;
     }
-    /* After a load that found no port, the library is not loaded and this call says so. */
+    /* If the load found no port, the library is not loaded and this call fails. */
     if (TRELM_GetPortCount(&count) != TRELM_STATUS_OK) count = 0;
     printf("%u physical ports\n", (unsigned)count);
     return 0;
@@ -20,7 +20,7 @@ int main(void) {
     TRELM_GetVersion(version, sizeof version);
     printf("%s: %s\n", trelm_version_description, (const char*)version);
     if (load_and_count() != 0) return 1;
-    TRELM_FreeLibrary(); /* closes every port: all handles are invalid from here on */
+    TRELM_FreeLibrary(); /* closes every port: all handles are now invalid */
     if (load_and_count() != 0) return 1;
     TRELM_FreeLibrary();
     return 0;

@@ -1,4 +1,4 @@
-/* open_ports.c - opens every port of this host, and says which cannot be opened and why. */
+/* open_ports.c - opens every port of this host, and prints which cannot be opened and why. */
 #include <stdio.h>
 #include <string.h>
 #include <trelm_mgmt.h>

@@ -11,7 +11,7 @@ static double now(void) {
     return (double)time.tv_sec + (double)time.tv_nsec / 1e9;
 }
 
-/* What was counted since. A counter that fell was cleared by its driver and counts as it is. */
+/* The growth of a counter. The driver has cleared a counter that decreased; its value is taken as it is. */
 static uint64_t since(uint64_t before, uint64_t after) { return after >= before ? after - before : after; }
 
 static void poll(uint32_t handle, uint32_t npiv_index, int rounds, long milliseconds) {
@@ -21,7 +21,7 @@ static void poll(uint32_t handle, uint32_t npiv_index, int rounds, long millisec
     while (rounds-- >= 0) {
         const uint32_t code = TRELM_GetPortStats(handle, npiv_index, &after);
         const double time = now();
-        if (code != TRELM_STATUS_OK) { /* the driver may answer again: report it and go on */
+        if (code != TRELM_STATUS_OK) { /* the driver may answer again: report it and continue */
             printf("no counters: code 0x%08X\n", (unsigned)code);
             then = 0;
         } else {

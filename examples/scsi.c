@@ -1,8 +1,8 @@
-/* scsi.c - sends an INQUIRY and a TEST UNIT READY to LUNs of the first port, and tells their sense data. */
+/* scsi.c - sends an INQUIRY and a TEST UNIT READY to LUNs of the first port, and prints their sense data. */
 #include <stdio.h>
 #include <trelm_mgmt.h>
 
-/* Key, additional sense code and qualifier of either format; 0 where there is no sense data. */
+/* Key, additional sense code and qualifier of either format; 0 if there is no sense data. */
 static int decode(const uint8_t* sense, int* key, int* asc, int* ascq) {
     const int format = sense[0] & 0x7f;
     if (format == 0x70) { /* fixed */
@@ -14,12 +14,12 @@ static int decode(const uint8_t* sense, int* key, int* asc, int* ascq) {
         *asc = sense[2];
         *ascq = sense[3];
     } else {
-        return 0; /* none, or of an earlier command */
+        return 0; /* none, or for an earlier command */
     }
     return 1;
 }
 
-/* Returns whether the device did it. */
+/* Returns whether the command succeeded. */
 static int send(uint32_t handle, TRELM_SCSI_CMND* command, uint8_t* data, uint32_t length) {
     int key, asc, ascq;
     command->SenseLength = sizeof command->Sense;

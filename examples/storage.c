@@ -10,12 +10,12 @@ static void print_lun(const TRELM_LUN_INFO* lun) {
            (const char*)lun->ProductName, (unsigned long long)lun->Capacity);
 }
 
-/* How many elements were filled is not told: each starts as one that no LUN is. */
+/* The number of filled elements is not reported, so each starts with values that no LUN has. */
 static int is_filled(const TRELM_LUN_INFO* lun) {
     return lun->ScsiLunNum != UINT32_MAX || lun->ScsiLunNumExt != UINT32_MAX;
 }
 
-/* The list may grow between two calls, so ask again with the room that was named, but not for ever. */
+/* The list may grow between two calls, so call again with the returned number, up to four times. */
 static void print_luns(uint32_t handle, uint32_t npiv_index, uint32_t target) {
     uint32_t code = TRELM_STATUS_INSUFFICIENT_BUFFER, room = 1;
     TRELM_LUN_INFO* luns = NULL;

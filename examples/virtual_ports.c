@@ -9,8 +9,8 @@ static void print_port(const TRELM_VNPORT_INFO* port) {
     printf(", %s\n", port->PortState == TRELM_PORTSTATE_ONLINE ? "online" : "not online");
 }
 
-/* Drivers number the ports of an adapter as they like, so look for them. The number of virtual ports says
- * when all are found; the bound holds where the driver counts wrongly. */
+/* Drivers number the ports of an adapter freely, so search for them. The number of virtual ports shows when
+ * all are found; the bound ends the search if the driver counts wrongly. */
 static void print_ports_of(uint32_t handle) {
     TRELM_FCOE_INFO adapter = {.Version = 2};
     if (TRELM_GetFcoeInfo(handle, &adapter) != TRELM_STATUS_OK) return;

@@ -1,5 +1,5 @@
-// driver.cpp - hostile drivers: whatever the drivers of all three kinds answer, every public function keeps
-// within the caller's buffers and within the codes that it may return.
+// driver.cpp - hostile drivers: whatever the three drivers answer, every public function stays within the
+// buffers of the caller and within its documented return codes.
 #include "../tests/support/guarded.h"
 #include "hostile_host.h"
 #include "trelm_core.h"
@@ -16,10 +16,10 @@ constexpr int kMostCalls = 64;
 constexpr uint32_t kTraceAndErrors = 6;
 
 void check_code(uint32_t code) { REQUIRE(code == 0 || (code > TRELM_STATUS_BASE && code <= 0x6000000Du)); }
-// Those that open and close a node may also give a system error number.
+// Opening and closing a node may also return a system error number.
 void check_code_or_errno(uint32_t code) { check_code(code < 256 ? 0 : code); }
 
-// Fails with a record untouched, or fills it.
+// Fails and leaves the record untouched, or fills it.
 template <typename Record, typename Call>
 void ask(Input& input, const Call& call) {
     Guarded<Record> record;
@@ -73,7 +73,7 @@ void send_command(Input& input, uint32_t handle, uint32_t npiv) {
     command->SenseLength = input.take<uint16_t>();
     uint32_t length = input.take<uint16_t>() % 1024;
     if (length > 1020)
-        length += TRELM_SCSI_MAX_NATIVE_DATA - 1022;  // around the bound; rarely, as it takes time
+        length += TRELM_SCSI_MAX_NATIVE_DATA - 1022;  // around the limit; rarely, because it takes time
     const uint32_t announced = length;
     GuardedBytes data(length);
     const Guarded<TRELM_SCSI_CMND> before = command;

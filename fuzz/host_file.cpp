@@ -1,5 +1,5 @@
-// host_file.cpp - host files of any content: taken, or refused with lines that begin with the file's
-// name and control no terminal.
+// host_file.cpp - host files with any content are accepted, or refused with lines that begin with the name of
+// the file and contain no control characters.
 #include "host_file.h"
 
 #include "host_error.h"

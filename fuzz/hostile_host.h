@@ -1,5 +1,4 @@
-// hostile_host.h - a simulated host whose drivers know nothing: all that the library asks of them is answered
-// by the input of a fuzz target.
+// hostile_host.h - a simulated host whose drivers answer every request from the input of a fuzz target.
 #pragma once
 
 #include <string>
@@ -11,13 +10,13 @@ namespace trelm::fuzz {
 
 class HostileHost {
   public:
-    // From here on until the object goes the library is on this host. Its drivers answer from `answers`; once
-    // that is empty they refuse every request, which bounds what an input can cost.
+    // Puts the library on this host while the object lives. The drivers answer from `answers`. When that is
+    // empty they refuse every request, which limits the cost of an input.
     explicit HostileHost(Input& answers, bool legacy_node = true);
     ~HostileHost();
     HostileHost(HostileHost&&) = delete;
 
-    std::string listing = "4\n";  // what counting the process listing prints
+    std::string listing = "4\n";  // output of the pipeline that counts the process listing
 };
 
 }  // namespace trelm::fuzz

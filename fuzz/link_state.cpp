@@ -5,7 +5,7 @@
 #include <fstream>
 
 #include "../tests/support/guarded.h"
-#include "../tests/support/stand_before.h"
+#include "../tests/support/libc_replacements.h"
 #include "target.h"
 #include "trelm_core.h"
 #include "trelm_mgmt.h"
@@ -33,7 +33,7 @@ std::string write_files(Input& input) {
     return last;
 }
 
-// Every name that fits stands in the table, in order, with its end.
+// The table has every name that fits, in order and terminated.
 void check_table() {
     trelm::test::GuardedBytes table(kMaxNames * kNameRoom);
     uint32_t count = 0, expected = 0;
@@ -48,7 +48,7 @@ void check_table() {
     REQUIRE(count == expected);
 }
 
-// A file that says 'ready' has all three texts, in this order.
+// A file for which the port is ready has all three texts, in this order.
 bool may_be_ready(const std::string& text, uint64_t wwpn) {
     char name[32];
     snprintf(name, sizeof name, "%02llx", static_cast<unsigned long long>(wwpn));
@@ -59,11 +59,11 @@ bool may_be_ready(const std::string& text, uint64_t wwpn) {
 
 }  // namespace
 
-// The driver's directory is this one.
-STANDS_BEFORE(DIR*, opendir, (const char* path)) {
+// This is the directory of the driver.
+REPLACES_LIBC(DIR*, opendir, (const char* path)) {
     return NEXT_OF(opendir)(CALLED_BY_LIBRARY() ? directory.c_str() : path);
 }
-STANDS_BEFORE(int, open, (const char* path, int flags, mode_t mode)) {
+REPLACES_LIBC(int, open, (const char* path, int flags, mode_t mode)) {
     return NEXT_OF(open)(CALLED_BY_LIBRARY() ? (directory + strrchr(path, '/')).c_str() : path, flags, mode);
 }
 

@@ -1,15 +1,15 @@
-// list.cpp - sequences of list operations on two lists, against a plain model.
+// list.cpp - random sequences of list operations on two lists, compared with a plain model.
 #include "list_model.h"
 
 namespace {
 
-// Elements are bytes; equal ones are told apart by address.
+// Elements are bytes. Equal ones are distinguished by address.
 int compare(void* a, void* b) { return *static_cast<uint8_t*>(a) - *static_cast<uint8_t*>(b); }
 int is_less(void* a, void* b) { return compare(a, b) < 0; }
 int is_equal(void* a, void* b) { return compare(a, b) == 0; }
 int is_odd(void* element) { return *static_cast<uint8_t*>(element) % 2; }
 
-// The list of a step, the other one, and what the step chooses by.
+// The list of a step, the other list, and the choices of the step.
 struct Step {
     Model model{.data_size = 3}, other_model{.data_size = 5};
     trelm_dlist* list = trelm_dlist_new(model.data_size);
@@ -32,7 +32,7 @@ struct Step {
 };
 
 constexpr void (*kOperations[])(Step&) = {
-    [](Step& s) {  // several, as most operations take some away
+    [](Step& s) {  // several, because most operations remove some
         for (int i = 0; i < 8; ++i, s.number += 7)
             s.model.insert(trelm_dlist_insert(s.list, s.element(), s.forward), s.forward);
     },
@@ -49,7 +49,7 @@ constexpr void (*kOperations[])(Step&) = {
     [](Step& s) {
         s.takes(_trelm_dlist_remove(s.list, s.node_there(), s.forward), s.somewhere(), s.forward);
     },
-    [](Step& s) {  // deletes one whose element the list may release
+    [](Step& s) {  // deletes a node whose element the list may release
         if (s.model.at_cursor()) s.model.remove(s.model.cursor, s.forward);
         trelm_dlist_delete(s.list, s.forward);
     },
@@ -78,7 +78,7 @@ constexpr void (*kOperations[])(Step&) = {
         trelm_dlist_move(s.list, s.other, s.node_there(), s.forward);
         if (!s.size()) return;
         s.other_model.insert(s.model.remove(s.somewhere(), s.forward), s.forward);
-        REQUIRE(s.size() || !s.list->head->next);  // the last one takes the ring along
+        REQUIRE(s.size() || !s.list->head->next);  // without nodes there is no ring
     },
     [](Step& s) {
         trelm_dlist_sort_custom(s.list, compare);

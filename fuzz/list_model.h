@@ -1,4 +1,5 @@
-// list_model.h - what a list is to be: a vector and the position of the cursor, its size for the sentinel.
+// list_model.h - a model of a list: a vector and the position of the cursor, which equals the size at the
+// sentinel.
 #pragma once
 
 #include <vector>
@@ -9,7 +10,7 @@
 struct Model {
     std::vector<void*> items{};
     size_t cursor = 0;
-    size_t data_size = 0;  // 0: not looked at
+    size_t data_size = 0;  // 0: not checked
 
     void* at_cursor() const { return cursor < items.size() ? items[cursor] : nullptr; }
     void move(bool forward) { cursor = (cursor + (forward ? 1 : items.size())) % (items.size() + 1); }
@@ -25,7 +26,7 @@ struct Model {
         items.erase(items.begin() + static_cast<ptrdiff_t>(at));
         return data;
     }
-    // The cursor goes to the first that matches, or to the sentinel.
+    // Moves the cursor to the first match, or to the sentinel.
     void* find(auto matches) {
         cursor = static_cast<size_t>(std::find_if(items.begin(), items.end(), matches) - items.begin());
         return at_cursor();
@@ -35,7 +36,7 @@ struct Model {
         std::stable_sort(items.begin(), items.end(), is_less);
         cursor = items.size() - 1;
     }
-    // Two neighbouring runs, of which the last may be shorter. They need not be sorted.
+    // Merges two neighbouring runs. The last may be shorter. They need not be sorted.
     void merge(size_t at, size_t run, auto is_less) {
         const auto place = [&](size_t i) {
             return items.begin() + static_cast<ptrdiff_t>(std::min(i, items.size()));

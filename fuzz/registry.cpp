@@ -1,4 +1,5 @@
-// registry.cpp - sequences of additions, removals and look-ups of the registry, against a plain model.
+// registry.cpp - random sequences of additions, removals and look-ups in the registry, compared with a plain
+// model.
 #include "list_model.h"
 #include "trelm_core.h"
 
@@ -31,7 +32,7 @@ void find_instance(uint32_t number, uint32_t) {
             ports.find([&](void* item) { return is_physical(item) && before++ == number; }));
 }
 
-// By handle, and by location.
+// Look-ups by handle and by location.
 void find_port(uint32_t number, uint32_t index) {
     dorfc_pci_info at{};
     at.function_num = static_cast<uint16_t>(index);

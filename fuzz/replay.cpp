@@ -1,5 +1,5 @@
-// replay.cpp - main() of a fuzz target that is built without a fuzzer: runs each file named, and each file of
-// each directory named, once.
+// replay.cpp - main() of a fuzz target that is built without a fuzzer: runs each named file, and each file of
+// each named directory, once.
 #include <filesystem>
 #include <fstream>
 #include <vector>

@@ -1,4 +1,4 @@
-// shared_db.cpp - a shared file of any size and content, and a process listing of any content: the library
+// shared_db.cpp - a shared file of any size and content and a process listing of any content: the library
 // joins, takes a slot by its rule, changes nothing else, and leaves.
 #include "shared_db.h"
 
@@ -18,7 +18,7 @@ using Bytes = std::vector<uint8_t>;
 
 trelm_shared_db& as_database(Bytes& bytes) { return *reinterpret_cast<trelm_shared_db*>(bytes.data()); }
 
-// Joins as the rule says; the slot.
+// Joins by the rule. Returns the slot.
 unsigned join(trelm_shared_db& database) {
     unsigned slot = 0;
     while (slot < kLibraryInstances && (database.libinst_flags[slot] & 4) != 0) ++slot;

@@ -1,5 +1,4 @@
-// target.h - what every fuzz target is made of: the input as a source of choices, and a check that ends the
-// process.
+// target.h - for all fuzz targets: the input as a source of choices, and a check that aborts the process.
 #pragma once
 
 #include <algorithm>
@@ -21,13 +20,13 @@ namespace trelm::fuzz {
 
 #define REQUIRE(condition) ((condition) ? void() : ::trelm::fuzz::fail(__FILE__, __LINE__, #condition))
 
-// Taken from front to back. An input that has come to its end gives zeros.
+// Reads the input from front to back. After its end all values are zero.
 class Input {
   public:
     Input(const uint8_t* data, size_t size) : rest_(data, size) {}
 
     bool empty() const { return rest_.empty(); }
-    // At most so many bytes.
+    // At most `count` bytes.
     std::span<const uint8_t> bytes(size_t count) {
         const auto taken = rest_.first(std::min(count, rest_.size()));
         rest_ = rest_.subspan(taken.size());

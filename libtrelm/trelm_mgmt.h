@@ -21,17 +21,17 @@
  *  6. World-wide names and MAC addresses are byte arrays, most significant byte first.
  *  7. A port is addressed by a handle and an NPIV index. A physical port and its virtual (NPIV) ports share
  *     the handle of the physical port; the index is the one that the driver gave each of them (NpivIndex of
- *     TRELM_VNPORT_INFO), the physical port's own included. Drivers mostly count from 0. To find the virtual
+ *     TRELM_VNPORT_INFO), the physical port's own included. Most drivers count from 0. To find the virtual
  *     ports without asking a driver, try indexes until NpivCount of TRELM_FCOE_INFO plus one are found:
  *     TRELM_GetTgtInfo with a capacity of 0 returns TRELM_STATUS_FAILED where there is no such port, and
  *     another status where there is.
- *  8. Every function may be called from any thread at any time. What the threads of a program see is what
- *     some order of their calls, one after another, could have given. A call that waits in a driver holds up
- *     no other call, with one exception: the last close of a legacy driver's port waits for the calls that
- *     use the port, and calls for that port wait for the close. TRELM_FreeLibrary waits until all calls have
- *     returned, and calls that come meanwhile wait for it. A thread that is cancelled ends after the function
- *     that it is in. In a signal handler that interrupted a function of this library in its own thread, a
- *     function that would have to wait for that one returns TRELM_STATUS_FAILED instead.
+ *  8. Every function may be called from any thread at any time. The results are those of some sequential
+ *     order of the calls. A call that waits in a driver delays no other call, with one exception: the last
+ *     close of a legacy driver's port waits for the calls that use the port, and calls for that port wait for
+ *     the close. TRELM_FreeLibrary waits until all calls have returned; calls that begin meanwhile wait for
+ *     it. A thread that is cancelled inside a function ends after it. A signal handler may interrupt a
+ *     function of this library and call another one in the same thread. If that one would have to wait for
+ *     the interrupted function, it returns TRELM_STATUS_FAILED instead.
  *  9. Several processes may have the library loaded. A forked child may use the ports that its parent had
  *     open and may free the library; it counts as a user of the library after a load of its own.
  * 10. Diagnostics are off unless the environment variable TRELM_API_DEBUG holds a hexadecimal flag word:
@@ -59,8 +59,8 @@ extern "C" {
 #define TRELM_STATUS_BASE 0x60000000u
 /*
  * General failure: not loaded, load or unload failed, no port for a handle and NPIV index, open or close
- * failed. A driver failure with status 1 has the same code. To tell that apart from a missing port call
- * TRELM_GetTgtInfo with a capacity of 0, which does not ask the driver.
+ * failed. A driver failure with status 1 has the same code. To tell it from a missing port, call
+ * TRELM_GetTgtInfo with a capacity of 0: that does not ask the driver.
  */
 #define TRELM_STATUS_FAILED 0x60000001u
 /* A required pointer is null or an argument is out of range. */
@@ -132,25 +132,24 @@ typedef struct TRELM_FCOE_INFO {
     uint16_t DeviceID;
     uint16_t SubVendorID;
     uint16_t SubSystemID;
-    uint16_t PciDomainNum; /* PCI domain (segment) */
-    uint16_t PciRevision;  /* PCI revision id */
-    uint16_t PhyPortNum;   /* number of the port on its adapter, from 1 */
-    uint8_t FWVersion[32]; /* text, firmware */
-    uint32_t NpivCount;    /* virtual ports on this physical port */
-    uint32_t PCIESpeed;    /* version 2: link rate in tenths of GT/s: 25, 50, 80; 0 unknown */
-    uint32_t PCIEWidth;    /* version 2: 3 x1, 4 x2, 5 x4, 6 x8, 8 x16, 9 x32; 0 any other width */
-    uint32_t ChipRevId;    /* version 2: chip revision; 0 where the driver has none */
-    uint32_t MediaType;    /* version 2: always 4 */
-    uint8_t
-        MFWVersion[32]; /* version 2, adapters of the kron family only: management firmware, "08.37.30.00" */
+    uint16_t PciDomainNum;  /* PCI domain (segment) */
+    uint16_t PciRevision;   /* PCI revision id */
+    uint16_t PhyPortNum;    /* number of the port on its adapter, from 1 */
+    uint8_t FWVersion[32];  /* text, firmware */
+    uint32_t NpivCount;     /* virtual ports on this physical port */
+    uint32_t PCIESpeed;     /* version 2: link rate in tenths of GT/s: 25, 50, 80; 0 unknown */
+    uint32_t PCIEWidth;     /* version 2: 3 x1, 4 x2, 5 x4, 6 x8, 8 x16, 9 x32; 0 any other width */
+    uint32_t ChipRevId;     /* version 2: chip revision; 0 where the driver has none */
+    uint32_t MediaType;     /* version 2: always 4 */
+    uint8_t MFWVersion[32]; /* version 2, kron family only: text, management firmware, "08.37.30.00" */
 } TRELM_FCOE_INFO;
 
 /*
  * A physical or virtual port. 168 bytes. Filled by TRELM_GetVNPortInfo.
  *
- * The fields marked "live" are what the driver tells now, and so are those of the FCF where the port had one
- * at load. All others, FcfCount among them, are as they were at load: a fabric, a VLAN or a name that changes
- * later is seen after TRELM_FreeLibrary and a new load.
+ * The driver is asked for the fields marked "live", and for those of the FCF if the port had one at load. All
+ * other fields, FcfCount among them, are those of the load: a later change of fabric, VLAN or names shows
+ * only after TRELM_FreeLibrary and a new load.
  *
  * Speeds are bits as drivers report them: 0x1 1 Gbit/s, 0x2 2, 0x8 4, 0x10 8, 0x4 10, 0x20 16, 0x80 20,
  * 0x800 25, 0x40 32, 0x100 40, 0x200 50, 0x400 100.
@@ -185,8 +184,8 @@ typedef struct TRELM_VNPORT_INFO {
 /*
  * The counters of a port as its driver keeps them. 244 bytes. Filled by TRELM_GetPortStats.
  *
- * Each counts upwards from when the driver last cleared it, which it may do at any time: a counter that is
- * less than before has started anew. Those without another unit count events.
+ * The driver may clear a counter at any time: a counter that is less than before has started again. Counters
+ * without another unit count events.
  */
 typedef struct TRELM_PORT_STATS {
     uint32_t Version;                   /* neither read nor written */
@@ -254,11 +253,11 @@ typedef struct TRELM_TGT_INFO {
  * ScsiLunNumExt is b6 b7 b4 b5, most significant byte first; a single-level LUN is thus its plain number.
  */
 typedef struct TRELM_LUN_INFO {
-    uint32_t Version;       /* in: that of the first element decides the layout of the whole array */
-    uint32_t ScsiLunNum;    /* lower half of the LUN */
-    uint8_t DeviceType;     /* INQUIRY byte 0: peripheral qualifier and device type */
-    uint64_t Capacity;      /* bytes; 0: the device did not tell, with a pending UNIT ATTENTION for example */
-    uint8_t VendorName[16]; /* text; bytes 8 to 15 not written */
+    uint32_t Version;            /* in: that of the first element decides the layout of the whole array */
+    uint32_t ScsiLunNum;         /* lower half of the LUN */
+    uint8_t DeviceType;          /* INQUIRY byte 0: peripheral qualifier and device type */
+    uint64_t Capacity;           /* bytes; 0: not reported, for example because of a pending UNIT ATTENTION */
+    uint8_t VendorName[16];      /* text; bytes 8 to 15 not written */
     uint8_t ProductName[32];     /* text; bytes 16 to 31 not written */
     uint8_t ProductRevision[16]; /* text; bytes 4 to 15 not written */
     uint8_t DeviceName[32];      /* not written */
@@ -280,14 +279,15 @@ extern TRELM_API const char trelm_version_description[128];
 
 /*
  * Finds the FCoE ports of the host and joins the processes that have the library loaded. Ports that appear
- * later are seen after TRELM_FreeLibrary and a new load. It may wait for a process that is loading or freeing
- * the library at the same time.
+ * later show only after TRELM_FreeLibrary and a new load. The function may wait for another process that is
+ * loading or freeing the library.
  *
  * Loads are not counted: a load of a loaded library does nothing, and one TRELM_FreeLibrary undoes them all.
  *
  * Returns TRELM_STATUS_OK, also when the library is loaded already, or TRELM_STATUS_FAILED: not root, not an
- * ESXi host, or the database shared between processes cannot be set up. Where no port is found the library
- * stays unloaded and the result is either of the two, by which drivers answered: TRELM_GetPortCount tells.
+ * ESXi host, or the database shared between processes cannot be set up. If no port is found, the library
+ * stays unloaded. The result is then TRELM_STATUS_OK or TRELM_STATUS_FAILED, depending on which drivers
+ * answered; TRELM_GetPortCount fails in both cases.
  */
 TRELM_API uint32_t TRELM_LoadLibrary(void);
 
@@ -295,18 +295,19 @@ TRELM_API uint32_t TRELM_LoadLibrary(void);
  * Closes every open port of the process, whoever opened it, leaves the shared database and forgets all ports;
  * every handle becomes invalid. Safe at any time and any number of times.
  *
- * To learn whether it is the last process that has the library loaded, it runs a shell pipeline over the host's
- * process listing (popen), while other processes that load or free the library wait for it.
+ * To find out whether this is the last process that has the library loaded, the function runs a shell
+ * pipeline over the process listing of the host (popen). Meanwhile other processes that load or free the
+ * library wait.
  *
- * Returns TRELM_STATUS_OK; TRELM_STATUS_FAILED is reserved for a failed end of the shared database, and the
- * library is unloaded then too.
+ * Returns TRELM_STATUS_OK. TRELM_STATUS_FAILED is reserved for a shared database that cannot be closed; the
+ * library is unloaded in that case too.
  */
 TRELM_API uint32_t TRELM_FreeLibrary(void);
 
 /*
- * Copies the version text with its terminating zero, 13 bytes in all, to pVersion, cut to VersionSize bytes
- * where that is less (still terminated; 0 bytes: nothing is written). pVersion may be null. Works in every
- * state. Returns TRELM_VERSION_NUMBER always.
+ * Copies the version text with its terminating zero, 13 bytes in all, to pVersion. If VersionSize is less,
+ * the text is cut and still terminated; with 0 nothing is written. pVersion may be null. Works in every
+ * state. Always returns TRELM_VERSION_NUMBER.
  */
 TRELM_API uint32_t TRELM_GetVersion(uint8_t* pVersion, uint32_t VersionSize);
 
@@ -320,8 +321,8 @@ TRELM_API uint32_t TRELM_GetPortCount(uint32_t* pPortCount);
 /* ---- Handles ---- */
 
 /*
- * Opens a physical port and stores its handle, which is never 0. Opening an open port gives the same handle;
- * each open wants its own close. Reads TRELM_API_DEBUG afresh.
+ * Opens a physical port and stores its handle, which is never 0. Opening an open port returns the same
+ * handle; each open needs its own close. Reads TRELM_API_DEBUG again.
  *
  * Returns TRELM_STATUS_OK; TRELM_STATUS_INVALID_PARAMETER (null Handle); TRELM_STATUS_FAILED (not loaded, or
  * the port cannot be opened); TRELM_STATUS_INVALID_INSTANCE; or the system error number of the failed open of
@@ -330,7 +331,7 @@ TRELM_API uint32_t TRELM_GetPortCount(uint32_t* pPortCount);
 TRELM_API uint32_t TRELM_OpenAdapter(uint32_t Instance, uint32_t* Handle);
 
 /*
- * Gives one open back; with the last one the handle becomes invalid. Returns TRELM_STATUS_OK,
+ * Undoes one open. The handle becomes invalid when no open is left. Returns TRELM_STATUS_OK,
  * TRELM_STATUS_FAILED (unknown handle), or the system error number of a failed close of a legacy driver's
  * character node, which leaves the port open.
  */
@@ -339,7 +340,7 @@ TRELM_API uint32_t TRELM_CloseAdapter(uint32_t Handle);
 /* ---- Information ---- */
 
 /*
- * Fills *pFcoeInfo from what was found at load; the driver is not asked.
+ * Fills *pFcoeInfo with what was found at load. The driver is not asked.
  * Returns TRELM_STATUS_OK, TRELM_STATUS_FAILED (unknown handle) or TRELM_STATUS_INVALID_PARAMETER (null
  * record).
  */
@@ -347,8 +348,8 @@ TRELM_API uint32_t TRELM_GetFcoeInfo(uint32_t Handle, TRELM_FCOE_INFO* pFcoeInfo
 
 /*
  * Asks the driver for the state of the port and of its FCF, remembers the target count for TRELM_GetTgtInfo
- * and fills *pVNPortInfo. On failure the record is untouched; where only the FCF could not be read, the
- * target count is remembered all the same. Returns TRELM_STATUS_OK, TRELM_STATUS_INVALID_PARAMETER (null
+ * and fills *pVNPortInfo. On failure the record is untouched. The target count is remembered even if the FCF
+ * could not be read afterwards. Returns TRELM_STATUS_OK, TRELM_STATUS_INVALID_PARAMETER (null
  * record), TRELM_STATUS_FAILED (no such port) or a driver failure.
  */
 TRELM_API uint32_t TRELM_GetVNPortInfo(uint32_t Handle, uint32_t NpivIndex, TRELM_VNPORT_INFO* pVNPortInfo);
@@ -364,12 +365,12 @@ TRELM_API uint32_t TRELM_GetPortStats(uint32_t Handle, uint32_t NpivIndex, TRELM
 
 /*
  * Sends one SCSI command to a LUN behind the port and waits for it. *pDataLen bytes move between pData and
- * the device in the direction that the record names; neither pointer is looked at without a data phase.
- * *pDataLen is never written: how much of a read arrived must be told from the data.
+ * the device in the direction that the record names. Without a data phase both pointers are ignored.
+ * *pDataLen is never written: the caller must see from the data how much of a read arrived.
  *
- * Sense receives at most SenseLength bytes once the command was attempted, whatever came of it: zeros after a
- * failure at a native driver, which then leaves pData untouched as well. The library does not interpret
- * sense: a CHECK CONDITION returns TRELM_STATUS_OK and is for the caller to see.
+ * Sense receives at most SenseLength bytes after every attempt to send the command. If a native driver fails,
+ * they are zeros, and pData is untouched. The library does not interpret sense data: after a CHECK CONDITION
+ * the function returns TRELM_STATUS_OK, and the caller must look at the sense data.
  *
  * Returns TRELM_STATUS_OK; TRELM_STATUS_INVALID_PARAMETER (null record, CDBLength above 16, a data phase with
  * null pDataLen or with null pData and a length, more than TRELM_SCSI_MAX_NATIVE_DATA bytes to a native
@@ -383,9 +384,10 @@ TRELM_API uint32_t TRELM_SendScsiCommand(uint32_t Handle, uint32_t NpivIndex, TR
  * The number of targets is the one that TRELM_GetVNPortInfo last saw, so call that first.
  *
  * *pTgtCount is written in two cases: no targets (TRELM_STATUS_OK and 0) and too small an array
- * (TRELM_STATUS_INSUFFICIENT_BUFFER and the number needed; a capacity of 0 may be passed to ask). Targets
- * that are offline are left out, so fewer elements than announced may be filled, and the count does not say
- * how many: clear the array first, and an element whose WWPN is still zero was not filled.
+ * (TRELM_STATUS_INSUFFICIENT_BUFFER and the number needed). A capacity of 0 may be passed to ask for the
+ * number. Targets that are offline are left out, so fewer elements may be filled than were announced, and
+ * *pTgtCount does not report how many. Clear the array first: an element whose WWPN is still zero was not
+ * filled.
  *
  * Returns also TRELM_STATUS_INVALID_PARAMETER (null pTgtCount; no array where one is needed),
  * TRELM_STATUS_FAILED (no such port), TRELM_STATUS_NO_MEMORY or a driver failure, which leaves the elements
@@ -400,8 +402,9 @@ TRELM_API uint32_t TRELM_GetTgtInfo(uint32_t Handle, uint32_t NpivIndex, uint32_
  * Version of the first element selects the layout. At most 2047 LUNs are listed.
  *
  * *pLunCount is written in one case: too small an array (TRELM_STATUS_INSUFFICIENT_BUFFER and the number
- * needed). On success all LUNs of the target were filled, and their number is not told: put a value that no
- * LUN has into each element before, such as all ones in ScsiLunNum and ScsiLunNumExt.
+ * needed). On success an element was filled for every LUN of the target, but the function does not report
+ * their number. To count them, put a value that no LUN has into each element before the call, such as all
+ * ones in ScsiLunNum and ScsiLunNumExt.
  *
  * Returns also TRELM_STATUS_INVALID_PARAMETER (target above 127, capacity 0, null pointer),
  * TRELM_STATUS_NO_MEMORY, or what TRELM_SendScsiCommand returned for the command that failed

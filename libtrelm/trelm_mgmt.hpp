@@ -1,6 +1,5 @@
-// trelm_mgmt.hpp - a small C++ layer on the public C interface: owners that give back what they took, results
-// as values, failures as exceptions. Header-only, C++17, nothing but the standard library besides libtrelm
-// itself.
+// trelm_mgmt.hpp - a small C++ layer on the public C interface: RAII owners, results as values, failures as
+// exceptions. Header-only, C++17. Needs only the standard library and libtrelm.
 //
 //     trelm::Library library;                                  // loads; frees at the end of its scope
 //     for (uint32_t i = 0; i < library.port_count(); ++i) {
@@ -8,9 +7,9 @@
 //         std::cout << trelm::text(adapter.info().ModelName) << '\n';
 //     }
 //
-// A call that fails throws trelm::Error with the code, the operation and the port; destructors never throw.
-// The conventions of trelm_mgmt.h hold: any thread may call at any time. One object is one thread's at a time
-// where a function changes it: construction, destruction, moves, close().
+// A failed call throws trelm::Error with the code, the operation and the port. Destructors never throw. As
+// trelm_mgmt.h says, any thread may call at any time. An object may be used by several threads at once,
+// except while one of them constructs, destroys, moves or closes it.
 #pragma once
 
 #include <array>
@@ -30,8 +29,8 @@
 
 namespace trelm {
 
-// The name of a return code; null for a bare driver status (TRELM_STATUS_BASE plus 2, 3 and so on) and for a
-// system error number.
+// The name of a return code. Null for driver statuses without a name (TRELM_STATUS_BASE plus 2, 3 and so on)
+// and for system error numbers.
 inline const char* status_name(uint32_t code) {
     switch (code) {
         case TRELM_STATUS_OK:
@@ -53,8 +52,7 @@ inline const char* status_name(uint32_t code) {
     }
 }
 
-// A text field as a string: up to its first zero byte or its width, without the blanks that pad it at its
-// end.
+// A text field as a string: up to its first zero byte or its width, without trailing blanks.
 template <std::size_t Width>
 std::string text(const uint8_t (&field)[Width]) {
     std::size_t length = 0;
@@ -63,7 +61,7 @@ std::string text(const uint8_t (&field)[Width]) {
     return std::string(field, field + length);
 }
 
-// A return code in words; empty for success.
+// A return code in words. Empty for success.
 inline std::string status_words(uint32_t code) {
     switch (code) {
         case TRELM_STATUS_OK:
@@ -89,9 +87,9 @@ inline std::string status_words(uint32_t code) {
     }
 }
 
-// A failed call. `operation` is the C function's name; instance and NPIV index are there where the call had
-// them. what() says all of it, as in "TRELM_OpenAdapter failed for port 3: no port has this number (0x60000007
-// TRELM_STATUS_INVALID_INSTANCE)".
+// A failed call. `operation` is the name of the C function. The instance and the NPIV index are present if
+// the call had them. what() contains all of it, for example "TRELM_OpenAdapter failed for port 3: no port has
+// this number (0x60000007 TRELM_STATUS_INVALID_INSTANCE)".
 class Error : public std::exception {
   public:
     Error(uint32_t code, const char* operation, std::optional<uint32_t> instance = {},
@@ -121,9 +119,9 @@ class Error : public std::exception {
     std::string message_;
 };
 
-// The loaded library. Keep one in a program: the first that goes frees the library for the whole process.
-// Construction throws where the load fails. A host without ports is no failure, except where none of its
-// drivers answers: that looks like any other failed load.
+// The loaded library. A program should have only one: the first that is destroyed frees the library for the
+// whole process. The constructor throws if the load fails. A host without ports is no failure, unless no
+// driver answers either: that cannot be told from other failed loads.
 class Library {
   public:
     Library() {
@@ -135,11 +133,11 @@ class Library {
     Library(const Library&) = delete;
     Library& operator=(const Library&) = delete;
 
-    // Physical ports of the host, 0 where there is none.
+    // The number of physical ports of the host.
     uint32_t port_count() const {
         uint32_t count = 0;
         const uint32_t code = TRELM_GetPortCount(&count);
-        // Once a load has succeeded this failure has one cause: no port was found.
+        // After a successful load this failure has one cause: no port was found.
         if (code == TRELM_STATUS_FAILED) return 0;
         if (code != TRELM_STATUS_OK) throw Error(code, "TRELM_GetPortCount");
         return count;
@@ -157,11 +155,12 @@ class Library {
     }
 };
 
-// The two numbers of a LUN as one: the extension is the upper half. A single-level LUN is its plain number.
+// The two numbers of a LUN as one, with the extension as the upper half. For a single-level LUN this is its
+// plain number.
 inline uint64_t lun_number(uint32_t number, uint32_t extension) { return uint64_t{extension} << 32 | number; }
 
-// A command record, cleared but for what is given; room for all the sense data there is. The CDB is any range
-// of bytes that has a size: a list in braces, a container, a C array.
+// A command record with these values and room for all sense data. The CDB is any range of bytes with a size:
+// a list in braces, a container, a C array.
 template <typename Bytes = std::initializer_list<uint8_t>>
 TRELM_SCSI_CMND scsi_command(uint32_t target, uint64_t lun, const Bytes& cdb,
                              uint8_t direction = TRELM_SCSI_DATA_IN) {
@@ -179,8 +178,8 @@ TRELM_SCSI_CMND scsi_command(uint32_t target, uint64_t lun, const Bytes& cdb,
     return command;
 }
 
-// An open physical port; its virtual ports are reached through it by their NPIV index. Must go before its
-// library.
+// An open physical port. Its virtual ports are reached through it by their NPIV index. It must be destroyed
+// before its library.
 class Adapter {
   public:
     Adapter(const Library& /*loaded*/, uint32_t instance) : instance_(instance) {
@@ -200,7 +199,7 @@ class Adapter {
     uint32_t instance() const noexcept { return instance_; }
     uint32_t handle() const noexcept { return handle_; }
 
-    // Closes now, for those who want to know whether it worked; on failure the port stays open.
+    // Closes now, so that a failure is reported. On failure the port stays open.
     void close() {
         check(TRELM_CloseAdapter(handle_), "TRELM_CloseAdapter");
         handle_ = 0;
@@ -226,21 +225,20 @@ class Adapter {
         return record;
     }
 
-    // Whether there is a port with that NPIV index. The driver is not asked: a target listing into an array
-    // without room gets no further than the look-up.
+    // Whether there is a port with that NPIV index. The driver is not asked: a target listing with a capacity
+    // of 0 ends after the look-up.
     bool has_port(uint32_t npiv_index) const noexcept {
         uint32_t count = 0;
         TRELM_TGT_INFO* none = nullptr;
         return TRELM_GetTgtInfo(handle_, npiv_index, &count, &none) != TRELM_STATUS_FAILED;
     }
 
-    // The NPIV indexes of the physical port and its virtual ports, in ascending order. Drivers number them
-    // densely from 0 or 1 on; `slack` says how far beyond their number to look for those that do not.
+    // The NPIV indexes of the physical port and its virtual ports, in ascending order. Most drivers number
+    // ports densely from 0 or 1. `slack` is how far beyond the number of ports to search for others.
     std::vector<uint32_t> port_indexes(uint32_t slack = 255) const {
         const uint64_t ports = uint64_t{info().NpivCount} + 1;
-        constexpr uint64_t most =
-            65536;  // a driver that reports a nonsense count must not make this run for hours
-        const uint64_t end = (ports < most ? ports : most) + slack;
+        constexpr uint64_t kMost = 65536;  // bounds the search if a driver reports a nonsensical count
+        const uint64_t end = (ports < kMost ? ports : kMost) + slack;
         std::vector<uint32_t> found;
         for (uint32_t index = 0; index < end && found.size() < ports; ++index) {
             if (has_port(index)) found.push_back(index);
@@ -248,9 +246,9 @@ class Adapter {
         return found;
     }
 
-    // Appends the targets that answer to `found`, and returns what TRELM_GetTgtInfo returned: on failure the
-    // targets before the failing one are there. Asks the driver for the current number of targets first;
-    // where that fails the number known before stands.
+    // Appends the targets that answer to `found`. Returns the status of TRELM_GetTgtInfo; on failure the
+    // targets before the failing one were appended. The driver is first asked for the current number of
+    // targets; if that fails, the number known before is used.
     uint32_t list_targets(uint32_t npiv_index, std::vector<TRELM_TGT_INFO>& found) const {
         TRELM_VNPORT_INFO refreshed{};
         TRELM_GetVNPortInfo(handle_, npiv_index, &refreshed);
@@ -259,8 +257,8 @@ class Adapter {
         uint32_t code = TRELM_GetTgtInfo(handle_, npiv_index, &count, &array);
         if (code != TRELM_STATUS_INSUFFICIENT_BUFFER) return code;
 
-        // One element a target number is all that can be filled, whatever number the driver announced. The
-        // number filled is not told, so every element is marked with a target number that cannot be.
+        // There are at most TRELM_MAX_TARGETS targets, whatever number the driver announced. The function
+        // does not report how many it filled, so every element is marked with an invalid target number.
         std::vector<TRELM_TGT_INFO> elements(TRELM_MAX_TARGETS);
         for (TRELM_TGT_INFO& element : elements) element.ScsiTgtNum = UINT32_MAX;
         array = elements.data();
@@ -277,18 +275,18 @@ class Adapter {
         return found;
     }
 
-    // Appends the LUNs of the target to `found`, and returns what TRELM_GetLunInfo returned: on failure the
-    // LUNs before the failing one are there.
+    // Appends the LUNs of the target to `found`. Returns the status of TRELM_GetLunInfo; on failure the LUNs
+    // before the failing one were appended.
     uint32_t list_luns(uint32_t npiv_index, uint32_t target, std::vector<TRELM_LUN_INFO>& found) const {
         std::vector<TRELM_LUN_INFO> elements(16);
         uint32_t code = TRELM_STATUS_INSUFFICIENT_BUFFER;
-        // The list may grow between two calls, but not for ever.
+        // The list may grow between two calls. The number of attempts is bounded.
         for (int attempt = 0; attempt < 4; ++attempt) {
             for (TRELM_LUN_INFO& element : elements) element = unfilled_lun();
             uint32_t count = static_cast<uint32_t>(elements.size());
             TRELM_LUN_INFO* array = elements.data();
             code = TRELM_GetLunInfo(handle_, npiv_index, target, &count, &array);
-            // If the room was enough, the code is a driver's status 9.
+            // If the array was large enough, the code is driver status 9.
             if (code != TRELM_STATUS_INSUFFICIENT_BUFFER || count <= elements.size()) break;
             elements.resize(count);
         }
@@ -305,8 +303,9 @@ class Adapter {
         return found;
     }
 
-    // Sends a command; `length` bytes move to or from `data` in the record's direction. The sense data is in
-    // the record whether the call returns or throws; a CHECK CONDITION is the caller's to see there.
+    // Sends a command. `length` bytes move to or from `data` in the direction of the record. The sense data
+    // is in the record whether the call returns or throws. A CHECK CONDITION does not throw: the caller must
+    // look at the sense data.
     void send(uint32_t npiv_index, TRELM_SCSI_CMND& command, uint8_t* data = nullptr,
               uint32_t length = 0) const {
         check(TRELM_SendScsiCommand(handle_, npiv_index, &command, &length, data), "TRELM_SendScsiCommand",
@@ -325,7 +324,8 @@ class Adapter {
         if (code != TRELM_STATUS_OK) throw Error(code, operation, instance_, npiv_index);
     }
 
-    // The number of LUNs filled is not told, so each element starts with values that no LUN has together.
+    // The function does not report how many LUNs it filled, so each element starts with values that no LUN
+    // has.
     static TRELM_LUN_INFO unfilled_lun() {
         TRELM_LUN_INFO mark{};
         mark.Version = 2;

@@ -1,6 +1,6 @@
 /*
- * The VMkernel management interface of a machine that has none. libtrelm links against it, so that programs
- * which use the library start anywhere; every connection is refused.
+ * The VMkernel management interface for machines without one. libtrelm is linked with it, so that programs
+ * which use the library start on any machine. It refuses every connection.
  */
 #include "vmkmgmt.h"
 

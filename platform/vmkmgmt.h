@@ -1,7 +1,8 @@
 /*
- * vmkmgmt.h - the VMkernel management interface as libtrelm uses it: an API signature names a driver's
- * management API and its callbacks; vmk_MgmtUserInit connects to it, vmk_MgmtUserCallbackInvokeInt runs one
- * of its callbacks inside the driver. A platform SDK's header of the same name may stand in its place.
+ * vmkmgmt.h - the part of the VMkernel management interface that libtrelm uses. An API signature names the
+ * management API of a driver and its callbacks. vmk_MgmtUserInit connects to the API.
+ * vmk_MgmtUserCallbackInvokeInt runs one of its callbacks inside the driver. The header of the same name from
+ * a platform SDK can replace this one.
  */
 #ifndef VMKMGMT_H
 #define VMKMGMT_H
@@ -19,7 +20,7 @@ typedef struct vmk_Name {
 /* Where a callback runs. */
 enum { VMK_MGMT_CALLBACK_KERNEL = 0, VMK_MGMT_CALLBACK_USER = 1 };
 
-/* Which way a parameter travels between the caller and the callback. */
+/* The direction of a parameter between the caller and the callback. */
 enum { VMK_MGMT_PARMTYPE_IN = 1, VMK_MGMT_PARMTYPE_OUT = 2, VMK_MGMT_PARMTYPE_INOUT = 3 };
 
 typedef struct vmk_MgmtCallbackInfo {
@@ -42,12 +43,12 @@ typedef struct vmk_MgmtApiSignature {
 
 typedef uint64_t vmk_MgmtUserHandle;
 
-/* Connects to the management API that `signature` names. 0 and a handle, or a non-zero status. */
+/* Connects to the management API that `signature` names. Returns 0 and a handle, or a non-zero status. */
 int vmk_MgmtUserInit(vmk_MgmtApiSignature* signature, uint64_t cookie, vmk_MgmtUserHandle* handle);
 
 /*
- * Runs one callback with `parmCount` parameters, each given as its address; in/out parameters are copied to
- * the callback and back. 0 when the callback was carried out, else -1 with errno set.
+ * Runs one callback with `parmCount` parameters, each passed as its address. In/out parameters are copied to
+ * the callback and back. Returns 0 if the callback was carried out, else -1 with errno.
  */
 int vmk_MgmtUserCallbackInvokeInt(vmk_MgmtUserHandle handle, uint64_t instanceId, uint64_t callbackId,
                                   uint32_t parmCount, ...);

@@ -1,5 +1,5 @@
-// main.cpp - trelmctl, the command-line tool of libtrelm: takes the command line, runs its command and tells
-// what failed.
+// main.cpp - trelmctl, the command-line tool of libtrelm: parses the command line, runs the command and
+// reports failures.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -17,7 +17,7 @@ namespace {
 
 using namespace trelmctl;
 
-// What ends a command early is a failure like any other, and what was found before is still shown.
+// An exception that ends a command is reported like any other failure. The output so far is still shown.
 void carry_out(int argc, char** argv, Output& output) {
     try {
         const Options options = parse_options(argc, argv, output);
@@ -35,8 +35,8 @@ void carry_out(int argc, char** argv, Output& output) {
     }
 }
 
-// A file that is opened while a standard descriptor is closed would get its number, and with it the tool's
-// output. What takes the place of a closed descriptor refuses every transfer, as that did.
+// If a standard descriptor is closed, the next opened file would get its number and receive the output of the
+// tool. So each closed descriptor is replaced with one that refuses every transfer, as the closed one did.
 void occupy_closed_descriptors() {
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (fcntl(fd, F_GETFD) != -1) continue;
@@ -50,7 +50,7 @@ void occupy_closed_descriptors() {
 int main(int argc, char** argv) {
     occupy_closed_descriptors();
     std::setlocale(LC_CTYPE, "");
-    // A reader that is gone shows as a failed write, so that the library is left in order.
+    // A missing reader shows as a failed write, so that the library can be freed.
     std::signal(SIGPIPE, SIG_IGN);
     try {
         Output output(asks_for_json(argc, argv));

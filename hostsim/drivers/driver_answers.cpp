@@ -40,7 +40,7 @@ uint32_t online_targets(const Port& port) {
     return static_cast<uint32_t>(std::count_if(port.targets.begin(), port.targets.end(), online));
 }
 
-// A port without a MAC address gets one made from its WWPN; a virtual port, from FC-MAP and port id as
+// A MAC address for a port without one: from the WWPN, or for a virtual port from FC-MAP and port id, as
 // fabrics assign them.
 MacAddress mac_of(const PortRef& ref) {
     if (ref.port->mac != MacAddress{}) return ref.port->mac;
@@ -113,7 +113,7 @@ constexpr double kLargestGrowth = 18446744073709549568.0;
 
 // ---- LUNs
 
-// A LUN without an NAA id gets one made from its target's WWPN and its number, unique on the host.
+// An NAA id for a LUN without one: from the WWPN of the target and the number of the LUN, unique on the host.
 uint64_t naa_of(const Lun& lun, uint32_t number, const PortRef& port, const Target& target) {
     if (lun.naa) return lun.naa;
     const uint64_t owner = target.wwpn ? target.wwpn : port.wwpn << 8 | target.index;
@@ -202,19 +202,19 @@ uint32_t DriverAnswers::run(const PortRequest& request) {
         case Operation::close:
             break;
     }
-    return kStatusInvalidRequest;
+    return DRIVER_STATUS_INVALID;
 }
 
 uint32_t DriverAnswers::hba_count(const PortRequest& request) {
     const auto reported = model_.driver(request.driver).reported_port_count;
     record<uint32_t>(request) =
         reported ? *reported : static_cast<uint32_t>(driver_ports(model_, request.driver).size());
-    return kStatusGood;
+    return DRIVER_STATUS_GOOD;
 }
 
 uint32_t DriverAnswers::hostno(const PortRequest& request) {
     record<uint32_t>(request) = request.port->host_no;
-    return kStatusGood;
+    return DRIVER_STATUS_GOOD;
 }
 
 uint32_t DriverAnswers::pci_info(const PortRequest& request) {
@@ -237,7 +237,7 @@ uint32_t DriverAnswers::pci_info(const PortRequest& request) {
         .chip_rev_id = request.driver == DriverKind::legacy ? 0 : adapter.chip_revision,
         .reserved = {},
     };
-    return kStatusGood;
+    return DRIVER_STATUS_GOOD;
 }
 
 template <typename Record>
@@ -278,11 +278,11 @@ void DriverAnswers::fill_port_info(const PortRef& ref, Record& info) const {
 uint32_t DriverAnswers::port_info(const PortRequest& request) {
     if (request.driver != DriverKind::kron) {
         fill_port_info(*request.port, record<dorfc_port_info>(request));
-        return kStatusGood;
+        return DRIVER_STATUS_GOOD;
     }
     fill_port_info(*request.port, record<kronfc_port_info>(request));
     record<kronfc_port_info>(request).mfw_version = request.port->adapter->management_firmware;
-    return kStatusGood;
+    return DRIVER_STATUS_GOOD;
 }
 
 uint32_t DriverAnswers::port_stats(const PortRequest& request) {
@@ -295,13 +295,13 @@ uint32_t DriverAnswers::port_stats(const PortRequest& request) {
         const uint64_t value = counter.start + static_cast<uint64_t>(growth);
         std::memcpy(reinterpret_cast<uint8_t*>(&stats) + kCounterFields[i].offset, &value, sizeof value);
     }
-    return kStatusGood;
+    return DRIVER_STATUS_GOOD;
 }
 
 uint32_t DriverAnswers::tgt_info(const PortRequest& request) {
     auto& info = record<dorfc_tgt_info>(request);
     const Target* const target = find_target(*request.port->port, info.scsi_tgt_num);
-    if (!target) return kStatusDeviceOffline;
+    if (!target) return DRIVER_STATUS_DEVICE_OFFLINE;
     info = dorfc_tgt_info{
         .scsi_bus_num = target->bus,
         .scsi_tgt_num = target->index,
@@ -311,7 +311,7 @@ uint32_t DriverAnswers::tgt_info(const PortRequest& request) {
         .port_state = target->state,
         .reserved = {},
     };
-    return kStatusGood;
+    return DRIVER_STATUS_GOOD;
 }
 
 // A request names an FCF by number. Number 0, which a zeroed request has, means the selected one.
@@ -321,7 +321,7 @@ uint32_t DriverAnswers::fcf_info(const PortRequest& request) {
     const auto selected = std::find_if(fcfs.begin(), fcfs.end(), [](const Fcf& fcf) { return fcf.selected; });
     size_t number = info.fcf_num;
     if (number == 0 && selected != fcfs.end()) number = static_cast<size_t>(selected - fcfs.begin());
-    if (number >= fcfs.size()) return kStatusInvalidRequest;
+    if (number >= fcfs.size()) return DRIVER_STATUS_INVALID;
     const Fcf& fcf = fcfs[number];
     info = dorfc_fcf_info{};
     info.fcf_num = static_cast<uint32_t>(number);
@@ -336,7 +336,7 @@ uint32_t DriverAnswers::fcf_info(const PortRequest& request) {
     info.flags = fcf.flags;
     info.ka_timeout = fcf.keep_alive_timeout;
     info.fcf_selected = fcf.selected;
-    return kStatusGood;
+    return DRIVER_STATUS_GOOD;
 }
 
 uint32_t DriverAnswers::scsi(const PortRequest& request) {
@@ -347,7 +347,7 @@ uint32_t DriverAnswers::scsi(const PortRequest& request) {
 template <typename Record>
 uint32_t DriverAnswers::run_scsi(const PortRef& port, Record& command) {
     const Target* const target = find_target(*port.port, command.tgt);
-    if (!target) return kStatusDeviceOffline;
+    if (!target) return DRIVER_STATUS_DEVICE_OFFLINE;
     const uint8_t opcode = command.cdb[0];
     const bool reports = !leaves_attention(opcode);
     std::atomic<uint64_t>* reported = nullptr;
@@ -367,7 +367,7 @@ uint32_t DriverAnswers::run_scsi(const PortRef& port, Record& command) {
     const ScsiTarget units(
         concerned_luns(*target, opcode == kReportLuns, lun_number(command.lun, command.lun_ext), make));
     const uint32_t status = exchange_scsi(units, command);
-    if (reported && status == kStatusGood) reported->store(1);
+    if (reported && status == DRIVER_STATUS_GOOD) reported->store(1);
     return status;
 }
 

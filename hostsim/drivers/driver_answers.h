@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "block_store.h"
-#include "driver_status.h"
 #include "model.h"
 #include "scsi_target.h"
 

@@ -1,5 +1,5 @@
-// driver_call.h - a request to a driver as tests see it: the call as it came, and the answer before the
-// caller gets it.
+// driver_call.h - a request to a driver as tests see it: the recorded call, and the answer before the caller
+// gets it.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,7 @@
 
 namespace hostsim {
 
-// A request that a driver got, as it came.
+// A recorded request.
 struct Call {
     DriverKind driver = DriverKind::kron;
     Operation operation = Operation::init;

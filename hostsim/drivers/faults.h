@@ -11,7 +11,7 @@ namespace hostsim {
 
 class State;
 
-// What a request has that a fault may be restricted to.
+// The properties of a request that a fault may be restricted to.
 struct FaultSite {
     Operation operation;
     DriverKind driver;

@@ -1,5 +1,5 @@
-// legacy_node.cpp - a request block is checked as a whole before the driver touches the payload behind it,
-// which it reads and writes at the address that the block gives.
+// legacy_node.cpp - checks the whole request block before the driver accesses the payload at the address in
+// the block.
 #include "legacy_node.h"
 
 #include <array>
@@ -49,8 +49,8 @@ bool is_sound(const dorfc_ioctl& block) {
 
 void* at_address(uint64_t address) { return reinterpret_cast<void*>(static_cast<uintptr_t>(address)); }
 
-// The data phase of a SCSI command, which lies in the caller's memory. False when the command has one and it
-// is nowhere.
+// Finds the data of a SCSI command in the memory of the caller. False if the command has data but no valid
+// address.
 bool find_data(const Ioctl& ioctl, const uint8_t* payload, std::span<uint8_t>& data) {
     if (ioctl.operation != Operation::scsi) return true;
     const auto& command = *reinterpret_cast<const dorfc_scsi_cmd*>(payload);

@@ -6,7 +6,7 @@
 
 namespace hostsim {
 
-// As ioctl on the node: 0, or -1 and errno.
+// Like ioctl on the node: 0, or -1 with errno.
 int legacy_ioctl(RequestPipeline& pipeline, unsigned long number, void* block);
 
 }  // namespace hostsim

@@ -1,6 +1,6 @@
-// link_state_files.cpp - sections of ports that are ready come first. A reader that looks for a port's WWPN
-// and then for the word 'ready' reads on into the sections that follow, where it must not find another
-// port's.
+// link_state_files.cpp - sections of ready ports come first. A reader searches for the WWPN of a port and
+// then for the word 'ready'. It reads on into the sections that follow and must not find that word for
+// another port.
 #include "link_state_files.h"
 
 #include <fmt/format.h>

@@ -17,7 +17,7 @@ struct LinkStateFile {
     bool operator==(const LinkStateFile&) const = default;
 };
 
-// The files as they are now; none where the legacy driver is not there.
+// The current files; none if the legacy driver is absent.
 std::vector<LinkStateFile> link_state_files(const Model& model);
 
 }  // namespace hostsim

@@ -1,6 +1,5 @@
-// management_api.cpp - connections and callbacks. A signature must agree with the driver's own in every
-// field, as a kernel requires it: a wrong size in it would overrun a buffer. The driver works on a copy of
-// the payload.
+// management_api.cpp - connections and callbacks. A signature must equal that of the driver in every field,
+// as in a kernel: a wrong size would overrun a buffer. The driver works on a copy of the payload.
 #include "management_api.h"
 
 #include <algorithm>
@@ -19,7 +18,7 @@ namespace {
 struct Callback {
     uint64_t id;
     uint64_t size;        // of its one parameter
-    Operation operation;  // of no meaning where it is not invocable
+    Operation operation;  // meaningless if not invocable
     bool invocable;
 };
 
@@ -51,7 +50,7 @@ const std::array kApis{
     Api{"cx_fcoe", DriverKind::pyx, 601, std::span(kCallbacks).first(8)},
 };
 
-// A name fills its field with zeros after its text.
+// A name is padded with zeros to the width of its field.
 bool is_name(const vmk_Name& field, std::string_view name) {
     std::array<char, sizeof field.string> expected{};
     name.copy(expected.data(), expected.size());
@@ -101,9 +100,9 @@ int refuse(int error) {
     return error;
 }
 
-// Where the parts of a callback's record lie. All but two begin with a header of host number and status.
+// The layout of the record of a callback. All but two begin with a header of host number and status.
 struct Layout {
-    size_t port = 0;  // of the field that names the port, 0 and no width where there is none
+    size_t port = 0;  // of the field for the port; both 0 if there is none
     size_t port_width = 0;
     size_t status = 0;
     size_t payload = 0;

@@ -14,10 +14,10 @@ class ManagementApi {
   public:
     explicit ManagementApi(RequestPipeline& pipeline) : pipeline_(pipeline) {}
 
-    // As vmk_MgmtUserInit: 0 and a handle, or an error number, which errno has too.
+    // Like vmk_MgmtUserInit: returns 0 and a handle, or an error number that is also in errno.
     int init(const vmk_MgmtApiSignature* signature, uint64_t cookie, vmk_MgmtUserHandle* handle);
 
-    // As vmk_MgmtUserCallbackInvokeInt with the parameters' addresses gathered: 0, or -1 and errno.
+    // Like vmk_MgmtUserCallbackInvokeInt, with an array of parameter addresses: 0, or -1 with errno.
     int invoke(vmk_MgmtUserHandle handle, uint64_t instance, uint64_t callback, uint32_t parameter_count,
                void* const* parameters);
 

@@ -1,4 +1,4 @@
-// request_pipeline.cpp - the steps of a request, in their order.
+// request_pipeline.cpp - the steps of a request in order.
 #include "request_pipeline.h"
 
 #include <algorithm>
@@ -34,7 +34,7 @@ std::optional<PortRef> find_port(const Model& model, const DriverRequest& reques
     return found == ports.end() ? std::nullopt : std::optional(*found);
 }
 
-// The records of a SCSI command begin alike for all drivers, and so do those of a target.
+// The SCSI command records of all drivers begin alike, and so do their target records.
 FaultSite site_of(const DriverRequest& request, const PortRef* port) {
     FaultSite site{.operation = request.operation, .driver = request.driver, .port = port};
     if (request.operation == Operation::tgt_info) {
@@ -75,7 +75,7 @@ Completion RequestPipeline::carry_out(const DriverRequest& request) {
     const std::optional<PortRef> port = find_port(model, request);
     const PortRef* const ref = port ? &*port : nullptr;
     if (const auto effect = take_fault(model, state_, site_of(request, ref))) return failing(*effect);
-    if (!ref && !is_portless(request.operation)) return {.status = kStatusNoSuchPort};
+    if (!ref && !is_portless(request.operation)) return {.status = DRIVER_STATUS_NO_SUCH_PORT};
     DriverAnswers answers(model, state_, stores_);
     return {.status = answers.run({request.driver, request.operation, ref, request.payload})};
 }

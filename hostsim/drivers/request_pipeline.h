@@ -1,5 +1,6 @@
-// request_pipeline.h - the way of a request from a kernel interface to a driver and back: it is recorded,
-// fails by a fault of the model or is answered, and a test may change the answer before the caller gets it.
+// request_pipeline.h - passes a request from a kernel interface to a driver and back. The request is
+// recorded. Then a fault of the model makes it fail, or the driver answers. A test may change the answer
+// before the caller gets it.
 #pragma once
 
 #include <functional>
@@ -16,20 +17,20 @@ namespace hostsim {
 
 class State;
 
-// One request as an interface has checked and copied it.
+// A request that an interface has checked and copied.
 struct DriverRequest {
     DriverKind driver;
     Operation operation;
     uint64_t number;                    // callback id or ioctl number
     uint64_t port = 0;                  // host number, or the index at which the driver enumerates the port
-    bool port_is_index = false;         // which of the two
-    std::span<const uint8_t> block{};   // to be recorded: the request block,
-    std::span<const uint8_t> record{};  // and what went with it
+    bool port_is_index = false;         // which of the two `port` is
+    std::span<const uint8_t> block{};   // recorded: the request block
+    std::span<const uint8_t> record{};  // recorded: the record with it
     std::span<uint8_t> payload{};       // the operation's record, in and out
     std::span<uint8_t> data{};          // the data phase of a SCSI command
 };
 
-// How a request ended.
+// The result of a request.
 struct Completion {
     uint32_t status = 0;
     int result = 0;

@@ -1,6 +1,6 @@
-// host.cpp - the host of this process. One lock guards it: driver calls are short, and a kernel too serves
-// the requests of a port one by one. The lock is recursive, because a test may change the host while it
-// answers.
+// host.cpp - the host of this process. One lock guards it: driver calls are short, and a kernel also serves
+// the requests of a port one by one. The lock is recursive, because a test may change the host from within an
+// answer.
 #include "host.h"
 
 #include <pthread.h>
@@ -40,8 +40,8 @@ class Host::Core {
           watch(std::move(file)),
           pipeline(watch->read(), state, launched_stores(state), false) {}
 
-    // All contents lie in files, whatever the host file says of `backing`: the processes of the host share
-    // them, and a kept root preserves them.
+    // The contents of all LUNs are in files, whatever `backing` says: the processes of the host share them,
+    // and a kept root preserves them.
     static LunStores launched_stores(const State& launched) {
         const std::string directory = launched.root() + layout::kLuns;
         return {directory, directory};
@@ -66,10 +66,10 @@ namespace {
 
 std::atomic<Host*> active_host{nullptr};
 
-// The lock to hold while the process forks, so that no other thread is inside the host then.
+// The lock that is held while the process forks, so that no other thread is inside the host then.
 std::recursive_mutex* forking = nullptr;
 
-// Runs `work` with the lock held and the model as the file says now.
+// Runs `work` with the lock held and the model updated from the file.
 template <typename Core, typename Work>
 auto as_host(Core& core, const Work& work) {
     const OwnCalls own_calls;
@@ -82,7 +82,7 @@ auto as_host(Core& core, const Work& work) {
     return work();
 }
 
-// As a system call: 0 with errno unchanged, or -1 and errno.
+// Like a system call: returns 0 with errno unchanged, or -1.
 template <typename Core, typename Work>
 int answer(Core& core, const Work& work) noexcept {
     try {

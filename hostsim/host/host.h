@@ -30,8 +30,8 @@ enum class NodeKind : uint8_t { missing, device, regular_file };
 
 class HOSTSIM_API Host {
   public:
-    // The process runs on this host while the object lives. One at a time. HostError if the model has a
-    // mistake.
+    // The process is on this host while the object lives. There can be one at a time. Throws HostError if the
+    // model has a mistake.
     Host(Model model);
     static Host from_json(std::string_view json);  // text of a host file
     static Host from_file(const std::filesystem::path& path);
@@ -39,7 +39,7 @@ class HOSTSIM_API Host {
     Host& operator=(const Host&) = delete;
     ~Host();
 
-    // The host of this process, null if there is none. In a process that the launcher started the first call
+    // The host of this process; null if there is none. In a process that the launcher started, the first call
     // reads the host file.
     static Host* current() noexcept;
 
@@ -54,13 +54,14 @@ class HOSTSIM_API Host {
     std::function<void(Answer&)> tamper;
     std::filesystem::path root() const;  // under which the host's "/tmp" and "/var/tmp" lie
 
-    // ---- For the interposers; nothing of these throws
+    // ---- For the interposers; these functions do not throw
 
     State& state() noexcept;
     void fill_utsname(utsname* name) const noexcept;
     uint32_t effective_user() const noexcept;
-    // The user that owns what the caller's user owns on the machine. It takes no lock: a program may ask for a file's
-    // owner while it holds a lock that it also takes before a fork, for which the host's lock is held.
+    // The owner to show for files that the user of the process owns on the machine. Takes no lock: a program
+    // may ask for the owner of a file while it holds a lock that it also takes before a fork, and a fork
+    // holds the lock of the host.
     uint32_t shown_owner() const noexcept;
     NodeKind legacy_node() const noexcept;
     // The errno of a fault that is injected into open or close of the legacy node, 0 for none. Counts as an

@@ -1,5 +1,4 @@
-// errno_names.cpp - libc knows the name of each number; the number of a name is found by asking for all of
-// them.
+// errno_names.cpp - libc has the name of each number, so the number of a name is found by trying all numbers.
 #include "errno_names.h"
 
 #include <cerrno>

@@ -6,7 +6,7 @@
 
 namespace hostsim {
 
-// 0 for a name that no error has.
+// 0 if no error has this name.
 int errno_by_name(std::string_view name);
 
 // Every name that has a number.

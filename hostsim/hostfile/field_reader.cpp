@@ -1,4 +1,4 @@
-// field_reader.cpp - one reading per type of field, with what is allowed in its message.
+// field_reader.cpp - one reader per type of field, and what is allowed there for its message.
 #include "field_reader.h"
 
 #include <fmt/format.h>
@@ -16,7 +16,7 @@ namespace {
 
 using Kind = JsonValue::Kind;
 
-// The value that a JSON value stands for; none for one that the field does not take.
+// The value of a field from a JSON value; none if the field does not allow it.
 using Reading = std::optional<FieldValue>;
 
 std::string quoted_list(const std::vector<std::string>& parts) {
@@ -178,7 +178,7 @@ std::string allowed_words(const Field& field) {
     return quoted_list(parts);
 }
 
-// What a field takes, for a message.
+// What a field allows, for a message.
 std::string allowed(const Field& field) {
     switch (field.type) {
         case FieldType::text:

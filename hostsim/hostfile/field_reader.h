@@ -10,12 +10,12 @@
 
 namespace hostsim {
 
-// Sets every field of `record` that the object gives. What cannot be taken is added to `mistakes` with the
-// JSON pointer `at` of its object.
+// Sets every field of `record` that the object contains. Values that are not allowed are added to `mistakes`
+// with the JSON pointer `at` of the object.
 void read_record(const FieldTable& table, const JsonValue& object, const std::string& at, void* record,
                  std::string_view text, Mistakes& mistakes);
 
-// Keys that every object may have and that nobody reads: a remark, and the schema's name.
+// Keys that every object may have and that are ignored: a remark, and the name of the schema.
 inline constexpr std::string_view kRemarkKey = "//";
 inline constexpr std::string_view kSchemaKey = "$schema";
 

@@ -1,5 +1,5 @@
-// file_text.cpp - opens without waiting for a pipe's writer or taking a terminal, and looks at what it
-// opened.
+// file_text.cpp - opens a file without waiting for a pipe's writer and without taking a terminal, then checks
+// its type.
 #include "file_text.h"
 
 #include <fcntl.h>
@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "descriptor.h"
 #include "host_error.h"
 #include "printable.h"
 
@@ -29,34 +30,19 @@ constexpr size_t kLargest = size_t{8} << 20;
                            std::strerror(errno)));
 }
 
-class Descriptor {
-  public:
-    explicit Descriptor(const std::filesystem::path& path)
-        : number_(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)) {}
-    ~Descriptor() {
-        if (number_ >= 0) close(number_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int number() const { return number_; }
-
-  private:
-    int number_;
-};
-
 }  // namespace
 
 std::string file_text(const std::filesystem::path& path) {
-    const Descriptor file(path);
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat status {};
-    if (file.number() < 0 || fstat(file.number(), &status) != 0) fail_with_errno(path);
+    if (!file || fstat(file.get(), &status) != 0) fail_with_errno(path);
     if (!S_ISREG(status.st_mode))
         fail(path, fmt::format("this is {}; name a host file",
                                S_ISDIR(status.st_mode) ? "a directory" : "no regular file"));
     std::string text;
     std::array<char, 65536> piece;
     while (text.size() <= kLargest) {
-        const ssize_t count = read(file.number(), piece.data(), piece.size());
+        const ssize_t count = read(file.get(), piece.data(), piece.size());
         if (count < 0 && errno != EINTR) fail_with_errno(path);
         if (count == 0) return text;
         if (count > 0) text.append(piece.data(), static_cast<size_t>(count));

@@ -1,4 +1,4 @@
-// file_text.h - the text of a file that a user named, which may be anything.
+// file_text.h - the text of a file that a user named. It may be any kind of file.
 #pragma once
 
 #include <filesystem>
@@ -6,8 +6,8 @@
 
 namespace hostsim {
 
-// HostError for what is no regular file, is too large for a host file or cannot be read. Never waits for
-// another process.
+// HostError if it is no regular file, is too large for a host file or cannot be read. Never waits for another
+// process.
 std::string file_text(const std::filesystem::path& path);
 
 }  // namespace hostsim

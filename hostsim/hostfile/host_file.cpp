@@ -1,5 +1,5 @@
-// host_file.cpp - from a text to a model: JSON, fields, and what fields must agree on. Mistakes of a later
-// step are told only when the earlier ones found none.
+// host_file.cpp - from a text to a model in steps: JSON, fields, agreement between fields. A step runs only
+// if the earlier ones found no mistake.
 #include "host_file.h"
 
 #include <fmt/format.h>
@@ -39,7 +39,7 @@ void for_each_lun(Model& model, const JsonValue& described, const Visit& visit) 
     }
 }
 
-// Capacities become blocks, and directories, which are relative to the host file, absolute.
+// Converts capacities to blocks, and directories relative to the host file to absolute ones.
 void complete_luns(Model& model, const JsonValue& described, const std::filesystem::path& base,
                    Mistakes& mistakes) {
     for_each_lun(model, described, [&](Lun& lun, const JsonValue& object, const std::string& at) {
@@ -55,7 +55,7 @@ void complete_luns(Model& model, const JsonValue& described, const std::filesyst
     });
 }
 
-// The place of the value that a JSON pointer names, or of what comes nearest to it.
+// The place of the value that a JSON pointer names, or of the nearest value above it.
 size_t place_of(const JsonValue& root, std::string_view pointer) {
     const JsonValue* value = &root;
     while (!pointer.empty()) {

@@ -12,13 +12,14 @@
 
 namespace hostsim {
 
-// Directories of LUNs are relative to `directory`. HostError: up to ten lines, each "NAME:LINE:COLUMN:
-// /json/pointer: reason". `warnings` gets lines of the same form for what no real host has.
+// Directories of LUNs are relative to `directory`. Throws HostError with up to ten lines, each
+// "NAME:LINE:COLUMN: /json/pointer: reason". `warnings` receives lines of the same form for what no real host
+// has.
 HOSTSIM_API Model parse_host(std::string_view text, const std::string& name,
                              const std::filesystem::path& directory,
                              std::vector<std::string>* warnings = nullptr);
 
-// HostError also for a file that is no regular file or cannot be read.
+// Throws HostError also if the file is no regular file or cannot be read.
 HOSTSIM_API Model read_host_file(const std::filesystem::path& path,
                                  std::vector<std::string>* warnings = nullptr);
 

@@ -16,7 +16,7 @@
 namespace hostsim {
 namespace {
 
-// Puts the copy in place as a whole, because other processes read it at any time. If that fails, the older
+// Replaces the copy as a whole, because other processes may read it at any time. If that fails, the older
 // copy remains.
 void replace_copy(const std::string& text, const std::filesystem::path& copy) {
     const std::filesystem::path fresh = fmt::format("{}.{}", copy.string(), getpid());
@@ -46,7 +46,7 @@ std::optional<Model> HostFileWatch::poll() noexcept {
         seen_ = now;
         return read_and_keep();
     } catch (const std::exception&) {
-        return std::nullopt;  // a file that is broken for the moment leaves the host as it is
+        return std::nullopt;  // the host stays as it is while the file has mistakes
     }
 }
 

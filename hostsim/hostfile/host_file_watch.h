@@ -1,5 +1,5 @@
-// host_file_watch.h - follows a host file while the host runs. The last sound version is kept beside the
-// host's state, so that a process that starts while the file is being edited finds a host all the same.
+// host_file_watch.h - follows a host file while the host runs. A copy of the last valid version is kept with
+// the state of the host, so that a process that starts while the file is being edited still gets a host.
 #pragma once
 
 #include <sys/types.h>
@@ -16,18 +16,18 @@ namespace hostsim {
 
 class HostFileWatch {
   public:
-    // `last_sound` is where the copy of the last sound version lies.
+    // `last_sound` is the path of the copy.
     HostFileWatch(std::filesystem::path file, std::filesystem::path last_sound)
         : file_(std::move(file)), last_sound_(std::move(last_sound)) {}
 
-    // The host as the file says, or as its last sound version did. HostError when there is neither.
+    // The host from the file, or from its last valid version. Throws HostError if there is neither.
     Model read();
 
-    // The changed host if the file has changed and is sound.
+    // The changed host if the file has changed and is valid.
     std::optional<Model> poll() noexcept;
 
   private:
-    // What tells one version of a file from another without reading it.
+    // Identifies a version of a file without reading it.
     using Stamp = std::tuple<dev_t, ino_t, off_t, int64_t, int64_t>;
 
     std::optional<Stamp> stamp() const;

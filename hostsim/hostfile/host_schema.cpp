@@ -1,5 +1,5 @@
-// host_schema.cpp - says in JSON Schema what the reader of host files and the checks of single fields refuse.
-// What fields of different objects must agree on a schema cannot say.
+// host_schema.cpp - JSON Schema for everything that the reader of host files and the checks of single fields
+// refuse. A schema cannot express rules between fields of different objects.
 #include "host_schema.h"
 
 #include <fmt/format.h>

@@ -1,6 +1,6 @@
-// json_document.cpp - builds the tree from the parser's events. The parser tells no places but for mistakes
-// of syntax, so it reads through an iterator that counts. It never recurses, and the bound on nesting keeps
-// what walks and destroys the tree shallow.
+// json_document.cpp - builds the tree from the events of the parser. The parser reports places only for
+// syntax errors, so it reads through an iterator that counts. It does not recurse. A limit on nesting keeps
+// the recursion over the tree shallow.
 #include "json_document.h"
 
 #include <fmt/format.h>
@@ -22,7 +22,7 @@ using nlohmann::json;
 constexpr size_t kDeepest = 32;
 constexpr size_t kMostValues = 1'000'000;
 
-// Reads a text and tells how far it has been read.
+// Reads a text and records how far it has been read.
 class CountingIterator {
   public:
     using iterator_category = std::input_iterator_tag;
@@ -117,8 +117,8 @@ class TreeBuilder {
   private:
     size_t offset() const { return static_cast<size_t>(read_ - text_.data()); }
 
-    // Where the quoted text begins that has just been read. A quote in it has a backslash before it, and the
-    // first one has not.
+    // The start of the quoted text that has just been read. A quote inside it has a backslash before it; the
+    // first quote has none.
     size_t quoted_begin() const {
         size_t begin = offset() - 1;
         do {
@@ -132,7 +132,7 @@ class TreeBuilder {
         return end;
     }
 
-    // The parser has read one character behind a number, unless the text ends there.
+    // After a number the parser has read one more character, unless the text ends there.
     size_t number_end() const { return is_number_character(text_[offset() - 1]) ? offset() : offset() - 1; }
 
     bool add_number(JsonValue::Kind kind, uint64_t whole, double number) {
@@ -179,7 +179,7 @@ class TreeBuilder {
         return true;
     }
 
-    // What is wrong with the syntax. The parser's own text serves to tell the cases apart and is never shown.
+    // A message for a syntax error. The text of the parser only distinguishes the cases and is never shown.
     std::string describe(size_t place, std::string_view told) const {
         const auto is = [&](std::string_view words) { return told.find(words) != std::string_view::npos; };
         if (place >= text_.size()) return "the file ends here; " + wanted(place);

@@ -1,5 +1,5 @@
-// json_document.h - a JSON text as a tree of values that know their place in it, so that every mistake is
-// reported with line and column.
+// json_document.h - a JSON text as a tree of values with their places, so that every mistake is reported with
+// line and column.
 #pragma once
 
 #include <cstddef>
@@ -27,8 +27,8 @@ struct JsonValue {
     const JsonValue* find(std::string_view member) const;
 };
 
-// The text's value. Comments are allowed. Mistakes of syntax, duplicate keys, deep nesting and numbers that
-// no double holds are added to `mistakes`; the value is worth nothing then.
+// Parses the text. Comments are allowed. Syntax errors, duplicate keys, deep nesting and numbers beyond the
+// range of double are added to `mistakes`; the result is then meaningless.
 JsonValue parse_json(std::string_view text, Mistakes& mistakes);
 
 }  // namespace hostsim

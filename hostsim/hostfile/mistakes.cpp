@@ -1,5 +1,4 @@
-// mistakes.cpp - every word of a host file that reaches a message passes here and loses its control
-// characters.
+// mistakes.cpp - escapes control characters in every text of a host file that appears in a message.
 #include "mistakes.h"
 
 #include <fmt/format.h>

@@ -1,4 +1,4 @@
-// mistakes.h - collects what is wrong with a host file, as lines "NAME:LINE:COLUMN: /json/pointer: reason".
+// mistakes.h - collects the mistakes in a host file as lines "NAME:LINE:COLUMN: /json/pointer: reason".
 #pragma once
 
 #include <string>

@@ -5,8 +5,8 @@
 
 namespace hostsim {
 
-// Each line of the text with the launcher's name before it. What comes of a file or the command line controls no
-// terminal.
+// Prints each line of the text with the name of the launcher before it. Control characters from a file or the
+// command line are escaped.
 void complain(std::string_view text);
 
 }  // namespace hostsim

@@ -48,7 +48,7 @@ std::string preload_list(const Root& root) {
     return join(objects, ":");
 }
 
-// The directory of the launcher, where trelmctl lies: its programs are found by name.
+// The directory of the launcher. trelmctl is there too, and programs of this directory are found by name.
 std::string programs_directory(const Root& root) {
     std::string directory = launcher_path().parent_path();
     if (directory.find(':') == std::string::npos) return directory;

@@ -116,7 +116,7 @@ int clean(const std::vector<std::string>& roots) {
     return result;
 }
 
-// Failures of run have a status that a script can tell from the command's.
+// Failures of run have an exit status that a script can distinguish from that of the command.
 int run_command(const hostsim::RunOptions& options) {
     try {
         return hostsim::run(options);
@@ -136,7 +136,7 @@ int list_as_lsof() {
     return 0;
 }
 
-// What follows "--" is the command and is not parsed here.
+// The command after "--" is not parsed here.
 std::vector<std::string> take_command(int& argc, char** argv) {
     char** const end =
         std::find_if(argv, argv + argc, [](const char* text) { return std::strcmp(text, "--") == 0; });

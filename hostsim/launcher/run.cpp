@@ -34,7 +34,7 @@ PassedDirectories passed_directories(const RunOptions& options) {
     for (const std::string& argument : options.command)
         if (argument.starts_with('/')) passed.add(fs::path(argument).parent_path());
     for (const std::string& directory : machines_search_path()) passed.add(directory);
-    // Where the command's libraries and modules are looked for.
+    // The directories in which libraries and modules of the command are searched for.
     for (const char* list : {"LD_LIBRARY_PATH", "PYTHONPATH"})
         for (const std::string& directory : split(variable(list), ":")) passed.add(directory);
     return passed;

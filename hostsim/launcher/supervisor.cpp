@@ -28,7 +28,7 @@ constexpr std::initializer_list<int> kForwarded{SIGHUP,  SIGINT,  SIGQUIT, SIGTE
 // The janitor sends two: when the command has started, and when it has ended.
 struct Notice {
     pid_t command;
-    int status;  // as waitpid returns it
+    int status;  // in the form of waitpid
 };
 
 [[noreturn]] void fail(const char* what) { throw std::system_error(errno, std::generic_category(), what); }
@@ -135,8 +135,8 @@ void tell(int pipe, const Notice& notice) {
 
 // ---- The launcher
 
-// The kernel sends a signal from the terminal to all foreground processes, so the command has it already. Of a terminal
-// that hangs up it tells the first process of the session alone, which may be this one.
+// The kernel sends a signal from the terminal to all foreground processes, so the command already has it. If
+// the terminal hangs up, only the first process of the session is told, which may be this one.
 void forward(int signals, pid_t command) {
     signalfd_siginfo info{};
     if (read(signals, &info, sizeof info) != sizeof info) return;
@@ -161,7 +161,7 @@ int await(int pipe, int signals, const std::function<void()>& look) {
         if (waiting[1].revents != 0) forward(signals, notice.command);
         look();
     }
-    look();  // judges an edit that the command made just before its end
+    look();  // reports an edit that the command made just before its end
     if (uninterrupted([&] { return read(pipe, &notice, sizeof notice); }) == sizeof notice)
         return exit_status(notice.status);
     std::fprintf(

@@ -1,6 +1,6 @@
-// field.h - how the tables of a host's fields are written: for each record of the model one table, for each
-// field its key in host files, type, range, default and effect, and how its value is read and set. The reader
-// of host files, their schema and the checks of the model all work from these tables.
+// field.h - tables of the fields of a host. Each record of the model has a table. For each field it has the
+// key in host files, type, range, default and effect, and access to the value. The reader of host files,
+// their schema and the checks of the model all use these tables.
 #pragma once
 
 #include <array>
@@ -57,8 +57,8 @@ struct Field {
     uint64_t high = 0;
     std::span<const Word> allowed_words{};
     bool is_required = false;
-    bool is_only_reported = false;      // a test's model may hold what no host file may
-    std::string_view default_text{};    // for a default that a record without values does not show
+    bool is_only_reported = false;      // models of tests may have values out of range
+    std::string_view default_text{};    // describes a default that is not the value in a new record
     const FieldTable* table = nullptr;  // of an object, and of the elements of a list
 
     FieldValue (*get)(const void* record) = nullptr;
@@ -85,7 +85,7 @@ struct Field {
     }
 };
 
-// A key that may be given only where another key has one of some words.
+// A key that is allowed only if another key has one of some words.
 struct Condition {
     std::string_view key;
     std::string_view other;

@@ -26,12 +26,12 @@ constexpr Word word(std::string_view name, Enum value) {
 constexpr Word kAddressing[]{word("peripheral", Lun::Addressing::peripheral),
                              word("flat", Lun::Addressing::flat)};
 constexpr Word kBacking[]{word("memory", Lun::Backing::memory), word("file", Lun::Backing::file)};
-// The last state is the legacy driver's alone.
+// Only the legacy driver has the last state.
 constexpr Word kPresence[]{word("present", Driver::Presence::present),
                            word("absent", Driver::Presence::absent),
                            word("no_device", Driver::Presence::no_device)};
 
-// The words of an enumeration whose names stand in the model.
+// The words of an enumeration, from the table of names in the model.
 template <size_t Count>
 constexpr std::array<Word, Count> words_of(const std::array<std::string_view, Count>& names) {
     std::array<Word, Count> words{};
@@ -60,7 +60,7 @@ constexpr Field speeds_field(std::string_view key, std::string_view effect) {
     return result;
 }
 
-// An object whose fields are those of a record within the record, or of the same one.
+// An object for a nested record, or for further fields of the same record.
 constexpr Field object_field(std::string_view key, const FieldTable& table, void* (*object)(void*),
                              std::string_view effect) {
     return {.key = key, .type = FieldType::object, .effect = effect, .table = &table, .object = object};

@@ -1,5 +1,5 @@
-// model.cpp - the ports of a model as drivers enumerate them, with WWNs and host numbers for those that have
-// none. These depend only on a port's place, so that a host is the same in each of its processes.
+// model.cpp - the ports of a model as drivers enumerate them. Missing WWNs and host numbers are derived from
+// the place of the port only, so that a host is the same in each of its processes.
 #include "model.h"
 
 #include <algorithm>
@@ -10,7 +10,7 @@
 namespace hostsim {
 namespace {
 
-// WWNs of ports that have none: a locally administered address with the port's place in its low bytes.
+// WWNs for ports without one: a locally administered address with the place of the port in its low bytes.
 constexpr uint64_t kNodeName = 0x1000'02CA'1E00'0000;
 constexpr uint64_t kPortName = 0x2000'02CA'1E00'0000;
 

@@ -1,5 +1,5 @@
-// model.h - a simulated host as plain data: what a host file describes and what a test edits. The drivers
-// answer each request from it, so that an edit shows with the next request.
+// model.h - a simulated host as plain data. Host files describe it and tests edit it. The drivers answer each
+// request from it, so that an edit shows with the next request.
 #pragma once
 
 #include <array>
@@ -28,7 +28,7 @@ struct Driver {
     std::string version{};
     std::string date{};
     bool loaded = true;
-    std::vector<std::string> order{};               // ports by name or WWPN, before all that are not named
+    std::vector<std::string> order{};               // ports by name or WWPN; the others follow
     std::optional<uint32_t> reported_port_count{};  // instead of the number of ports
 };
 
@@ -69,7 +69,7 @@ inline constexpr std::array<std::string_view, kCounters> kCounterNames{
 
 struct Counter {
     uint64_t start = 0;  // value when the host started
-    double rate = 0;     // growth a second
+    double rate = 0;     // growth per second
 };
 
 struct Fcf {
@@ -91,7 +91,7 @@ struct Lun {
     enum class Backing : uint8_t { memory, file };
 
     uint32_t number = 0;  // up to 16383, with peripheral addressing up to 255
-    uint32_t count = 1;   // this many LUNs of this description, numbered upwards
+    uint32_t count = 1;   // number of such LUNs, numbered consecutively
     Addressing addressing = Addressing::automatic;
     uint64_t block_count = 0;
     uint32_t block_size = 512;
@@ -100,7 +100,7 @@ struct Lun {
     std::string product = "ULVARD VOLUME";
     std::string revision = "0500";
     std::string serial;  // empty: made from the target's WWPN and the number
-    uint64_t naa = 0;    // 0: made likewise. LUNs of one NAA id are one disk, seen over several paths
+    uint64_t naa = 0;    // 0: made from the same. LUNs with one NAA id are one disk with several paths
     Backing backing = Backing::memory;
     std::string directory;  // of a file-backed LUN; empty: below the running host's root
     bool not_ready = false;
@@ -121,10 +121,10 @@ struct Target {
     std::vector<Lun> luns;
 };
 
-// What physical and virtual ports have in common. A WWN of 0 is not given; PortRef has one made from the
-// port's place.
+// The common fields of physical and virtual ports. A WWN of 0 is not given; PortRef then has one derived from
+// the place of the port.
 struct Port {
-    std::string name;  // by which faults and the order of ports name it
+    std::string name;  // used by faults and by the order of ports
     uint64_t wwnn = 0;
     uint64_t wwpn = 0;
     MacAddress mac{};
@@ -175,7 +175,7 @@ struct Adapter {
     std::vector<PhysicalPort> ports;
 };
 
-// What a driver is asked. The names are those of host files.
+// The operations of a driver, with the names of host files.
 enum class Operation : uint8_t {
     init,
     open,
@@ -194,7 +194,7 @@ inline constexpr std::array<std::string_view, 11> kOperationNames{
     "port_info", "port_stats", "tgt_info", "fcf_info",  "scsi",
 };
 
-// Makes requests fail: of those that match what is given here, `count` of them from the `occurrence`-th on.
+// Makes requests fail: among the requests that match the given fields, `count` from the `occurrence`-th on.
 struct Fault {
     static constexpr uint64_t kAlways = UINT64_MAX;
 
@@ -229,7 +229,7 @@ struct Model {
     PhysicalPort& port(size_t adapter, size_t number) { return adapters.at(adapter).ports.at(number); }
 };
 
-// A mistake in a model, or what no real host would have although a simulated one can run with it.
+// A mistake in a model, or a warning about what no real host would have.
 struct ModelProblem {
     enum class Severity : uint8_t { warning, error };
 
@@ -241,7 +241,7 @@ struct ModelProblem {
 // The problems of a model in the order of its host file, up to `limit`.
 HOSTSIM_API std::vector<ModelProblem> find_problems(const Model& model, size_t limit);
 
-// Whether a driver is there: its management interface, or its node as a character device.
+// Whether a driver is present: its management interface, or its node as a character device.
 HOSTSIM_API bool is_present(const Model& model, DriverKind kind);
 
 // One port as its driver enumerates it. Valid until the model is edited.

@@ -1,5 +1,5 @@
-// model_check.cpp - what makes a model one that a host can be. The tables of fields tell what each field
-// alone may hold; the rest is what fields must agree on: unique names, paths to one disk, faults and orders
+// model_check.cpp - checks a model. The tables of fields give the allowed values of each single field. The
+// other checks are about agreement between fields: unique names, paths to one disk, and faults and orders
 // that name ports of the host.
 #include <fmt/format.h>
 
@@ -18,7 +18,7 @@ namespace {
 
 constexpr size_t index_of(DriverKind kind) { return static_cast<size_t>(kind); }
 
-// Problems in the order in which they are found, so many of each severity.
+// Problems in the order in which they are found, up to a limit for each severity.
 class Problems {
   public:
     explicit Problems(size_t limit) : limit_(limit) {}
@@ -48,7 +48,7 @@ class Problems {
     std::vector<ModelProblem> problems_;
 };
 
-// The first use of each key; an error for every other.
+// Records the first use of each key and reports an error for every other use.
 template <typename Key>
 class Unique {
   public:
@@ -65,14 +65,14 @@ class Unique {
     std::map<Key, std::string> places_;
 };
 
-// ---- Each field alone
+// ---- Single fields
 
 class FieldCheck {
   public:
     explicit FieldCheck(Problems& problems) : problems_(problems) {}
 
     void check(const FieldTable& table, const void* record, const std::string& at) {
-        // The tables hand out members of records that they may also be asked to change.
+        // The tables return non-const members, because the reader sets them.
         for_each_field(table, const_cast<void*>(record),
                        [&](const FieldTable& owner, const Field& field, void* holder) {
                            check_field(owner, field, holder, fmt::format("{}/{}", at, field.key));
@@ -90,7 +90,7 @@ class FieldCheck {
         if (field.get && is_given(table, field, owner)) check_value(field, field.get(owner), at);
     }
 
-    // A field that has its default was not given, and nothing is asked of it.
+    // A field with its default value was not given, so it is not checked.
     static bool is_given(const FieldTable& table, const Field& field, const void* owner) {
         const FieldValue value = field.get(owner);
         return !std::holds_alternative<std::monostate>(value) && value != field.get(table.defaults());
@@ -126,7 +126,7 @@ class FieldCheck {
         }
     }
 
-    // What is asked of the keys of one object together.
+    // Checks of the keys of one object together.
     void check_keys(const FieldTable& table, const void* record, const std::string& at) {
         const auto given = [&](std::string_view key) {
             return std::any_of(table.fields.begin(), table.fields.end(), [&](const Field& field) {
@@ -206,7 +206,7 @@ class TargetCheck {
         check_paths(lun, at);
     }
 
-    // Paths to one disk must agree on what it is.
+    // Paths to one disk must describe the same disk.
     void check_paths(const Lun& lun, const std::string& at) {
         if (lun.naa == 0) return;
         problems_.require(lun.count == 1, at + "/naa", "one NAA id cannot name {} LUNs, leave it out",
@@ -231,7 +231,7 @@ class TargetCheck {
 
 // ---- Adapters
 
-// The device ids by which programs choose between the native drivers, and all that they know.
+// The device ids that programs know, and by which they choose between the native drivers.
 constexpr uint16_t kKronDevices[]{0x165C, 0x8080, 0x8180};
 constexpr uint16_t kOtherDevices[]{0x1662, 0x1663, 0x168A, 0x168E, 0x16A1, 0x16A2, 0x16A4, 0x16A5, 0x16AE};
 
@@ -299,7 +299,7 @@ class AdapterCheck {
     std::map<std::tuple<uint16_t, uint16_t, uint16_t>, std::string> locations_;
 };
 
-// ---- What names ports
+// ---- Names of ports
 
 std::string pointer_of(const PortRef& ref) {
     const std::string at = fmt::format("/adapters/{}/ports/{}", ref.adapter_index, ref.port_index);
@@ -406,7 +406,7 @@ class FaultCheck {
     }
 
   private:
-    // A fault that waits for a request that cannot come.
+    // A fault for a request that cannot occur.
     void check_chance(const Fault& fault, const PortRef* port, const std::string& at) {
         bool asked = false;
         bool target_there = false;
@@ -441,7 +441,7 @@ class FaultCheck {
 std::vector<ModelProblem> find_problems(const Model& model, size_t limit) {
     Problems problems(limit);
     FieldCheck(problems).check(host_table(), &model, "");
-    // What fields must agree on means something only where each of them is sound.
+    // Agreement between fields is checked only if each of them is valid.
     if (problems.any_error()) return std::move(problems).take();
     AdapterCheck adapters(problems);
     for (size_t a = 0; a < model.adapters.size(); ++a)

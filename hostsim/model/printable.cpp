@@ -12,7 +12,7 @@ constexpr size_t kShown = 40;
 
 bool is_continuation(char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; }
 
-// The length of the UTF-8 sequence at the start of `text` and its code point; length 0 where there is none.
+// The length of the UTF-8 sequence at the start of `text` and its code point; length 0 if there is none.
 struct Sequence {
     size_t length;
     uint32_t code_point;

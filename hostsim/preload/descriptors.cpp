@@ -47,8 +47,8 @@ class NodeDescriptors {
 };
 constinit NodeDescriptors node_descriptors;
 
-// The host whose node `fd` is, else null. The number may have been closed without a call that is interposed,
-// and be in use for another file.
+// The host whose node `fd` is, else null. The number may have been closed by a call that is not interposed,
+// and may now belong to another file.
 Host* host_of_node(int fd) noexcept {
     if (!node_descriptors.contains(fd)) return nullptr;
     const OwnCalls own;

@@ -27,7 +27,8 @@ void refresh_node(const std::string& root, NodeKind kind) {
         files.remove_file(layout::kLegacyNode);
 }
 
-// The files that this process last found up to date. Adding or removing a file changes the directory's time.
+// The files that this process last found current. Adding or removing a file changes the time of the
+// directory.
 struct LinkStates {
     fs::path directory;
     std::vector<LinkStateFile> files;
@@ -88,8 +89,7 @@ void refresh_driver_files(PathKind kind) noexcept {
         else
             refresh_node(root, host->legacy_node());
     } catch (const std::exception&) {
-        // The root cannot be written, or another process does the same. The program gets the files as they
-        // are.
+        // The root is not writable, or another process is updating it. The program gets the present files.
     }
 }
 

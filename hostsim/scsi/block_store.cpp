@@ -54,7 +54,7 @@ class DirectoryStore final : public BlockStore {
         : BlockStore(block_size), directory_(std::move(directory)) {}
 
   private:
-    // Below what any file system in use allows, and large enough that most LUNs are one file.
+    // Below the limit of all common file systems, and large enough that most LUNs are one file.
     static constexpr uint64_t kFileBytes = uint64_t{1} << 40;
 
     size_t do_read(uint64_t first, std::span<uint8_t> data) const override {
@@ -66,7 +66,7 @@ class DirectoryStore final : public BlockStore {
 
     size_t do_write(uint64_t first, std::span<const uint8_t> data) override {
         const DeviceAccess access;
-        std::error_code ignored;  // the write itself tells whether there is a directory
+        std::error_code ignored;  // the write fails if there is no directory
         std::filesystem::create_directories(directory_, ignored);
         return for_ranges(first, data.size(), block_size(), kFileBytes, [&](const Range& range) {
             return write_sparse(path(range.piece), range.offset, data.subspan(range.data_at, range.size));

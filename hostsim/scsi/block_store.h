@@ -18,8 +18,8 @@ class HOSTSIM_API BlockStore {
     virtual ~BlockStore() = default;
 
     // Move bytes from or to the blocks that begin with `first`; the last block may be moved in part. They
-    // return how many of the bytes were moved: fewer than asked for means that the medium failed there.
-    // Nothing is thrown.
+    // return the number of bytes moved. A smaller number than requested means that the medium failed there.
+    // They do not throw.
     size_t read(uint64_t first, std::span<uint8_t> data) const noexcept;
     size_t write(uint64_t first, std::span<const uint8_t> data) noexcept;
 
@@ -38,7 +38,7 @@ class HOSTSIM_API BlockStore {
 // descriptor stays open: every store on one directory, in any process, sees what the others wrote.
 HOSTSIM_API std::shared_ptr<BlockStore> directory_store(std::string directory, uint32_t block_size);
 
-// Contents in the memory of this process alone.
+// Contents in the memory of this process.
 HOSTSIM_API std::shared_ptr<BlockStore> memory_store(uint32_t block_size);
 
 }  // namespace hostsim

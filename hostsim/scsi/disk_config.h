@@ -1,4 +1,4 @@
-// disk_config.h - what a logical unit says of itself, and what stands between the host and its medium.
+// disk_config.h - how a logical unit describes itself, and conditions that keep the host from its medium.
 #pragma once
 
 #include <cstdint>
@@ -19,8 +19,8 @@ struct DiskConfig {
     uint64_t block_count = 0;   // 0: no medium
     uint32_t block_size = 512;  // bytes
     bool reserved = false;      // another initiator holds an exclusive reservation
-    // Why the medium cannot be used: not ready, a failure, or a unit attention. A unit attention is not cleared
-    // by reporting it; the owner of the configuration does that.
+    // Why the medium cannot be used: not ready, a failure, or a unit attention. A unit attention is not
+    // cleared by reporting it; the owner of the configuration does that.
     std::optional<SenseCode> condition;
 };
 

@@ -1,5 +1,5 @@
-// scsi.h - what passes between a host and a simulated SCSI device: the request with its data buffers, the
-// reply with its status and fixed-format sense data, and the sense codes that the devices answer with.
+// scsi.h - the interface between a host and a simulated SCSI device: the request with its data buffers, the
+// reply with its status and fixed-format sense data, and the sense codes of the devices.
 #pragma once
 
 #include <array>
@@ -42,12 +42,12 @@ inline constexpr uint8_t kUnitAttention = 0x06;  // the sense key
 
 using SenseData = std::array<uint8_t, 18>;
 
-// A request has data in one direction at most. An empty span in the direction that a command needs means that
-// the data phase is missing.
+// A request has data in at most one direction. If a command needs data and the span is empty, the data phase
+// is missing.
 struct ScsiRequest {
     std::array<uint8_t, 16> cdb{};        // zeros follow the bytes that the host sent
-    std::span<uint8_t> data_in{};         // room for what the device sends
-    std::span<const uint8_t> data_out{};  // what the host sends
+    std::span<uint8_t> data_in{};         // receives the data of the device
+    std::span<const uint8_t> data_out{};  // the data of the host
 };
 
 struct ScsiReply {
@@ -70,7 +70,7 @@ ScsiReply medium_error(SenseCode code, uint64_t lba);
 // Sends `data` to the host, cut to the command's allocation length and to the host's buffer.
 ScsiReply deliver(const ScsiRequest& request, std::span<const uint8_t> data, uint64_t allocation_length);
 
-// SCSI's numbers are big-endian and of any width up to eight bytes.
+// Numbers in SCSI are big-endian and have any width up to eight bytes.
 HOSTSIM_API uint64_t get_be(std::span<const uint8_t> bytes, size_t at, size_t width);
 HOSTSIM_API void put_be(std::span<uint8_t> bytes, size_t at, size_t width, uint64_t value);
 

@@ -11,7 +11,7 @@
 namespace hostsim {
 
 struct Disk::Command {
-    // Conditions in which a command runs all the same.
+    // Conditions that do not keep a command from running.
     enum Despite : uint8_t { nothing = 0, not_ready = 1, reservation = 2, anything = 7 };
 
     uint8_t opcode;
@@ -71,7 +71,7 @@ bool is_within(const Extent& extent, const DiskConfig& disk) {
     return extent.lba < disk.block_count && extent.blocks <= disk.block_count - extent.lba;
 }
 
-// Why a read or write is refused before a byte moves. Six-byte commands have no protection field.
+// The reason to refuse a read or write before a byte moves. Six-byte commands have no protection field.
 std::optional<ScsiReply> objection(const ScsiRequest& request, const Extent& extent, const DiskConfig& disk) {
     const bool wants_protection = request.cdb[0] >> 5 != 0 && (request.cdb[1] & 0xE0) != 0;
     if (wants_protection) return invalid_field(1, 7);
@@ -119,7 +119,7 @@ ScsiReply Disk::inquiry(const ScsiRequest& request) const {
     return page ? deliver(request, *page, allocation) : invalid_field(2);
 }
 
-// All ones, for a last block that 32 bits cannot hold, send the host to READ CAPACITY (16).
+// All ones if 32 bits cannot hold the last block: the host must then use READ CAPACITY (16).
 ScsiReply Disk::read_capacity_10(const ScsiRequest& request) const {
     const bool asks_at_address = (request.cdb[8] & 0x01) != 0;
     if (!asks_at_address && get_be(request.cdb, 2, 4) != 0) return invalid_field(2);
@@ -140,7 +140,7 @@ ScsiReply Disk::service_action_in(const ScsiRequest& request) const {
 
 ScsiReply Disk::mode_sense(const ScsiRequest& request) const { return mode_sense_reply(config_, request); }
 
-// A host whose buffer is smaller than it asks for gets as much as fits.
+// If the buffer of the host is smaller than the request, as much as fits is sent.
 ScsiReply Disk::read(const ScsiRequest& request) const {
     const Extent extent = extent_of(request.cdb);
     if (auto reply = objection(request, extent, config_)) return *reply;
@@ -166,7 +166,7 @@ ScsiReply Disk::write(const ScsiRequest& request) const {
     return reply;
 }
 
-// There is no write cache. 0 blocks mean all up to the last one.
+// There is no write cache. 0 blocks means all up to the last one.
 ScsiReply Disk::synchronize_cache(const ScsiRequest& request) const {
     return is_within(extent_of(request.cdb), config_) ? ScsiReply{} : check_condition(sense::kLbaOutOfRange);
 }

@@ -7,11 +7,14 @@
 #include <cstring>
 #include <span>
 
-#include "driver_status.h"
 #include "scsi_target.h"
 #include "trelm_driver_records.h"
 
 namespace hostsim {
+
+// A reservation conflict is a SCSI status. Sense data does not show it and the drivers' records have no field
+// for it, so the drivers answer with it in place of their own status.
+inline constexpr uint32_t kStatusReserved = 0x18;
 
 inline uint8_t* scsi_data(kronfc_scsi_cmd& command) { return command.data_buffer; }
 inline uint8_t* scsi_data(dorfc_scsi_cmd& command) {
@@ -33,8 +36,7 @@ ScsiRequest scsi_request(Record& command) {
     return request;
 }
 
-// Leaves the reply in the record: sense data as far as the record has room for it, the bytes moved as
-// data_len.
+// Stores the reply in the record: sense data as far as it fits, and the number of bytes moved in data_len.
 template <typename Record>
 void store_scsi_reply(Record& command, const ScsiReply& reply) {
     const bool has_sense = reply.status == ScsiStatus::check_condition;
@@ -44,15 +46,17 @@ void store_scsi_reply(Record& command, const ScsiReply& reply) {
     command.data_len = static_cast<uint32_t>(reply.transferred);
 }
 
-// Runs the record's command and returns the driver's status for it. A CHECK CONDITION is a good exchange.
+// Runs the command of the record and returns the status of the driver. A CHECK CONDITION is a successful
+// exchange.
 template <typename Record>
 uint32_t exchange_scsi(const ScsiTarget& target, Record& command) {
     const bool has_data = command.direction == SCSI_DIRECTION_IN || command.direction == SCSI_DIRECTION_OUT;
     if (command.cdb_len > kScsiMaxCdb || (has_data && !scsi_data_sound(command)))
-        return kStatusInvalidRequest;
+        return DRIVER_STATUS_INVALID;
     const ScsiReply reply = target.run(command.lun, command.lun_ext, scsi_request(command));
     store_scsi_reply(command, reply);
-    return reply.status == ScsiStatus::reservation_conflict ? kStatusReserved : kStatusGood;
+    if (reply.status == ScsiStatus::reservation_conflict) return kStatusReserved;
+    return DRIVER_STATUS_GOOD;
 }
 
 }  // namespace hostsim

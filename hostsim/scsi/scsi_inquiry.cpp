@@ -47,7 +47,7 @@ Bytes t10_identifier(const DiskConfig& disk) {
     return identifier;
 }
 
-// What follows the header of each page.
+// The contents of each page after its header.
 Bytes supported_pages(const DiskConfig& disk);
 
 Bytes unit_serial_number(const DiskConfig& disk) {
@@ -66,7 +66,7 @@ Bytes device_identification(const DiskConfig& disk) {
     return page;
 }
 
-// There is no maximum transfer length. The optimal one is what a driver's record holds.
+// There is no maximum transfer length. The optimal one is the size of the data area in a driver record.
 Bytes block_limits(const DiskConfig& disk) {
     constexpr uint32_t kOptimalGranularity = 4096;
     constexpr uint32_t kOptimalTransfer = 262144;

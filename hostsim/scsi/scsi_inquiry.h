@@ -17,7 +17,7 @@ using InquiryData = std::array<uint8_t, 96>;
 
 InquiryData standard_inquiry(const DiskConfig& disk);
 
-// A whole vital product data page, header included; nothing for a page that the device does not have.
+// A vital product data page with its header; empty for a page that the device does not have.
 std::optional<std::vector<uint8_t>> vital_product_data(const DiskConfig& disk, uint8_t page);
 
 }  // namespace hostsim

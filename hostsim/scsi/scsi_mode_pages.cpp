@@ -30,11 +30,10 @@ constexpr ModePage kModePages[] = {
      {0x0A, 10, 0, 0x10, 0, 0, 0, 0, 0xFF, 0xFF}},  // control: any order, fixed-format sense, no time-out
 };
 
-// The fields of either CDB and the shape of its answer.
+// The fields of both CDBs and the form of their answers.
 struct Layout {
     size_t header_size;
-    size_t
-        length_width;  // of the mode data length, with which the answer begins, and of the allocation length
+    size_t length_width;  // of the mode data length at the start of the answer, and of the allocation length
     size_t allocation_at;
 };
 constexpr Layout kModeSense6{4, 1, 4};

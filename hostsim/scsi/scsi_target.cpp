@@ -1,4 +1,4 @@
-// scsi_target.cpp - finds the logical unit of a command, and answers where there is none.
+// scsi_target.cpp - finds the logical unit of a command, and answers if there is none.
 #include "scsi_target.h"
 
 #include <algorithm>

@@ -36,7 +36,7 @@ struct ScsiLun {
 
 class HOSTSIM_API ScsiTarget {
   public:
-    // In any order. Of several with one number the first is used.
+    // In any order. If several have one number, the first is used.
     explicit ScsiTarget(std::vector<ScsiLun> luns);
 
     // Runs a command on the logical unit that the two numbers address, peripheral or flat.

@@ -17,7 +17,7 @@ Descriptor open_file(const std::string& path, int flags) {
     return Descriptor(::open(path.c_str(), flags | O_CLOEXEC, 0666));
 }
 
-// Repeats a call until everything is moved, it moves nothing, or it fails.
+// Repeats a call until everything is moved, nothing is moved, or it fails.
 template <typename Call>
 size_t move_all(size_t size, bool& failed, const Call& call) {
     size_t done = 0;

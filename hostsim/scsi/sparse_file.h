@@ -1,6 +1,6 @@
-// sparse_file.h - reads and writes ranges of files that need not exist: what is not in a file reads as zeros.
-// Each call opens and closes the file. The calls run inside programs that may close any descriptor, so that a
-// kept one could become the program's own.
+// sparse_file.h - reads and writes ranges of files. Ranges that do not exist read as zeros. Each call opens
+// and closes the file: programs may close any descriptor and get its number for a file of their own, so no
+// descriptor is kept open.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,7 @@
 
 namespace hostsim {
 
-// Both return how many bytes were moved before a failure; all of them when there was none.
+// Both return the number of bytes moved before a failure; all of them if there was none.
 size_t read_sparse(const std::string& path, uint64_t offset, std::span<uint8_t> data);
 size_t write_sparse(const std::string& path, uint64_t offset, std::span<const uint8_t> data);
 

@@ -1,6 +1,6 @@
-// own_directory.h - safe work in directories while other users of the machine are hostile. Each level is
-// opened without following links and must belong to the caller. Everything is done relative to the open
-// descriptor, so that a directory which is swapped meanwhile leads nowhere else.
+// own_directory.h - safe file operations in directories that hostile users of the machine can change. Each
+// level is opened without following links and must belong to the caller. Everything is done relative to the
+// open descriptor, so a directory that is swapped has no effect.
 #pragma once
 
 #include <sys/types.h>

@@ -1,13 +1,17 @@
 #include "passed_directories.h"
 
+#include <string>
 #include <system_error>
+
+#include "root_layout.h"
 
 namespace hostsim {
 namespace fs = std::filesystem;
 
 bool is_hidden(const fs::path& directory) {
     const std::string text = directory.string();
-    return text.starts_with("/tmp/") || text.starts_with("/var/tmp/");
+    return text.starts_with(std::string(layout::kTmp) + "/") ||
+           text.starts_with(std::string(layout::kVarTmp) + "/");
 }
 
 void PassedDirectories::add(const fs::path& directory) {

@@ -50,15 +50,15 @@ Descriptor open_parent(const fs::path& path) {
     return parent;
 }
 
-// Whoever may rename a directory on the way to a root can put another root in its place, whose programs come
-// first in PATH. The owner of / has the machine, also where a user namespace shows root as somebody else.
+// A user who may rename a directory above a root can replace the root with another one, whose programs come
+// first in PATH. The owner of / owns the machine, also if a user namespace shows root under another id.
 void check_way(fs::path directory) {
     struct stat machine {};
     if (stat("/", &machine) != 0) fail("/");
     for (bool more = true; more; directory = directory.parent_path()) {
         more = directory.has_relative_path();
         struct stat status {};
-        if (stat(directory.c_str(), &status) != 0) continue;  // it is still to be made
+        if (stat(directory.c_str(), &status) != 0) continue;  // it does not exist yet
         if (status.st_uid != 0 && status.st_uid != machine.st_uid && status.st_uid != geteuid())
             refuse(directory,
                    fmt::format("the directory above the root belongs to another user (uid {}), who "
@@ -141,7 +141,7 @@ std::unique_ptr<Root> Root::find(const fs::path& given, bool make) {
         fs::create_directories(path.parent_path());
     }
     const fs::path directory = fs::canonical(path.parent_path());
-    if (make) check_way(directory);  // a link may lead elsewhere by now
+    if (make) check_way(directory);  // a link may point elsewhere by now
     Descriptor parent = open_parent(directory);
     const std::string name = path.filename();
     const bool made = make && mkdirat(parent.get(), name.c_str(), S_IRWXU) == 0;
@@ -252,7 +252,8 @@ void Root::lay_out() const {
         directory_.replace_link(layout::kListing, layout::kDraft, launcher);
 }
 
-// Removes what is needed only while the host runs. Returns the number of semaphore sets if there was a host.
+// Removes the files that are needed only while the host runs. Returns the number of semaphore sets if there
+// was a host.
 std::optional<size_t> Root::end() const noexcept try {
     const std::optional<size_t> sets = remove_state(directory_);
     directory_.remove_file(layout::kLegacyNode);

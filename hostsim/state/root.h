@@ -20,7 +20,7 @@
 
 namespace hostsim {
 
-// What a host left whose processes were killed, now removed.
+// The remains of a killed host that were removed.
 struct Remains {
     std::filesystem::path root;
     size_t semaphore_sets;
@@ -85,8 +85,8 @@ class Root {
     pid_t owner_;
 };
 
-// Remove what killed hosts left: among the temporary files, or in the root that a user named.
-// std::runtime_error if that is not a root or a host runs there.
+// Remove the remains of killed hosts: among the temporary files, or in a root that the user names.
+// std::runtime_error if that is no root or a host runs there.
 std::vector<Remains> clear_temporary_roots();
 std::optional<Remains> clear_root(const std::filesystem::path& given);
 

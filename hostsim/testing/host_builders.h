@@ -1,5 +1,5 @@
-// host_builders.h - builds hosts for tests: adapters of one kind with distinct ports, to which a test adds
-// what it is about. All other fields have values that a real host could have.
+// host_builders.h - builds hosts for tests: adapters of one kind with distinct ports. A test adds what it
+// needs. All other fields have values that a real host could have.
 #pragma once
 
 #include <cstddef>
@@ -35,7 +35,7 @@ inline Model legacy_ports(size_t count, size_t virtual_ports = 0) {
 // Adds an adapter of one kind at the next PCI location and its ports to a host.
 HOSTSIM_API Adapter& add_adapter(Model& model, DriverKind kind, size_t count, size_t virtual_ports = 0);
 
-// Adds what a port may have. A reference is valid until the next addition to the same list.
+// Add FCFs, targets and LUNs to a port. A reference is valid until the next addition to the same list.
 HOSTSIM_API Port& add_virtual_port(PhysicalPort& port);
 HOSTSIM_API Fcf& add_fcf(Port& port);
 HOSTSIM_API Target& add_target(Port& port, uint32_t index, size_t luns = 0);

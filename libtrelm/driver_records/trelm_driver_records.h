@@ -1,19 +1,19 @@
-// trelm_driver_records.h - the records that cross into the three kernel drivers: packed, little-endian, every
-// size and offset fixed by the drivers. The legacy driver's names begin with dorfc_, the kron driver's with
-// kronfc_, those of the pyx family's driver with cx_fcoe_. Records of one layout are one struct under several
-// names.
+// trelm_driver_records.h - the records that are exchanged with the three kernel drivers. They are packed and
+// little-endian. The drivers fix every size and offset. Names of the legacy driver begin with dorfc_, of the
+// kron driver with kronfc_, of the driver of the pyx family with cx_fcoe_. Records with the same layout are
+// one struct under several names.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <type_traits>
 
-// Pins a record's size and that it has a layout to speak of; TRELM_AT pins where a field lies.
+// Checks the size of a record and that it has a standard layout. TRELM_AT checks the offset of a field.
 #define TRELM_RECORD(record, bytes) \
     static_assert(sizeof(record) == (bytes) && std::is_standard_layout_v<record> && std::is_trivial_v<record>)
 #define TRELM_AT(record, field, at) static_assert(offsetof(record, field) == (at))
 
-// What a port is, in the port_type field of the port information.
+// Values of port_type in the port information.
 enum fc_port_type : uint16_t {
     FC_PORTTYPE_UNKNOWN = 0,
     FC_PORTTYPE_OTHER = 1,
@@ -22,7 +22,7 @@ enum fc_port_type : uint16_t {
     FC_PORTTYPE_NLPORT = 4,
     FC_PORTTYPE_LPORT = 5,
     FC_PORTTYPE_PTP = 6,
-    FC_PORTTYPE_NPIV = 7,  // a virtual port, living on a physical one
+    FC_PORTTYPE_NPIV = 7,  // a virtual port on a physical one
 };
 
 // The link state that the native drivers report.
@@ -44,14 +44,16 @@ enum pcie_link_width : uint32_t {
     PCIE_LNK_X32 = 32,
 };
 
-// Data direction of a SCSI command record; any other value means no data phase.
-// Statuses that the library itself uses or looks at.
+// Statuses of drivers. The library sets 4 and 10 itself when it cannot send a request.
 enum driver_status : uint32_t {
-    DRIVER_STATUS_INVALID = 4,         // a SCSI command that no record can carry
-    DRIVER_STATUS_NO_MEMORY = 10,      // no payload could be allocated
-    DRIVER_STATUS_DEVICE_OFFLINE = 13  // of a target: there is none at this index
+    DRIVER_STATUS_GOOD = 0,
+    DRIVER_STATUS_INVALID = 4,  // the request is malformed
+    DRIVER_STATUS_NO_SUCH_PORT = 7,
+    DRIVER_STATUS_NO_MEMORY = 10,
+    DRIVER_STATUS_DEVICE_OFFLINE = 13  // there is no target at this index
 };
 
+// Data direction of a SCSI command record. Any other value means that there is no data phase.
 enum scsi_direction : uint8_t { SCSI_DIRECTION_NONE = 0, SCSI_DIRECTION_IN = 1, SCSI_DIRECTION_OUT = 2 };
 
 inline constexpr uint32_t kScsiMaxData = 262144;  // bytes of data area in a native SCSI command record
@@ -146,7 +148,7 @@ TRELM_AT(dorfc_pci_info, pcie_width, 24);
 TRELM_AT(dorfc_pci_info, chip_rev_id, 28);
 TRELM_AT(dorfc_pci_info, reserved, 32);
 
-// The fields with which every driver's port information begins.
+// The first fields of the port information of every driver.
 #define TRELM_PORT_INFO_FIELDS \
     char manufacturer[64];     \
     char model_name[32];       \
@@ -290,7 +292,7 @@ TRELM_AT(dorfc_port_stats, reserved, 240);
 
 struct dorfc_tgt_info {
     uint32_t scsi_bus_num;
-    uint32_t scsi_tgt_num;  // in: the 0-based index of the target asked for
+    uint32_t scsi_tgt_num;  // in: index of the target, from 0
     uint64_t wwnn;
     uint64_t wwpn;
     uint32_t portid;
@@ -338,7 +340,7 @@ TRELM_AT(dorfc_fcf_info, ka_timeout, 42);
 TRELM_AT(dorfc_fcf_info, fcf_selected, 46);
 TRELM_AT(dorfc_fcf_info, reserved, 47);
 
-// The fields with which every driver's SCSI command begins.
+// The first fields of the SCSI command of every driver.
 #define TRELM_SCSI_CMD_FIELDS     \
     uint32_t lun_ext;             \
     uint32_t tgt;                 \
@@ -407,7 +409,7 @@ TRELM_RECORD(kronfc_hostno_cb, 16);
 TRELM_AT(kronfc_hostno_cb, host_no, 8);
 TRELM_AT(kronfc_hostno_cb, status, 12);
 
-// The header of the callbacks that go to one port.
+// The header of the callbacks for one port.
 struct native_cb_header {
     uint32_t host_no;  // in
     uint32_t status;   // out: 0 success

@@ -1,10 +1,12 @@
-// System V semaphores. Holds carry SEM_UNDO, so a process that is killed lets go.
+// System V semaphores. Holds carry SEM_UNDO, so the kernel releases the hold of a killed process.
 //
-// A set is created and given its first value in two steps. Only its creator does the second step. If the creator is
-// killed between the two, whoever finds the set in that state waits a short time and then does it instead. Both look at
-// the set once more under a lock, so that a slow creator and a helper never both do it.
+// A set is created and given its first value in two steps. Only its creator does the second step. If the
+// creator is killed between the two, a process that finds the set in that state waits a short time and then
+// sets the value itself. Both check the set again under a lock, so that a slow creator and a helper never
+// both set it.
 //
-// Anyone can make a set under the keys. A set that another user made or owns is removed, or else not used.
+// Anyone can create a set under these keys. A set that another user made or owns is removed; if that fails,
+// it is not used.
 
 #include "semaphore_set.h"
 
@@ -39,7 +41,7 @@ enum class SetState {
     foreign,     // another user made it or owns it
     of_several,  // several semaphores: another program's
     gone,
-    unknown,  // semctl() fails, so whether it will ever come free cannot be told
+    unknown,  // semctl() fails, so the set might never become free
 };
 
 SetState state_of(int32_t sem_id) {
@@ -65,8 +67,8 @@ void nap() {
     nanosleep(&interval, nullptr);
 }
 
-// A lock between processes while they examine a set and give it its first value. If it cannot be had within 0.2 s,
-// the process goes on without it: the lock only closes the gap between the two steps.
+// A lock between processes while they examine a set and give it its first value. If it cannot be had within
+// 0.2 s, the process goes on without it: the lock only closes the gap between the two steps.
 class InitialisationLock {
   public:
     InitialisationLock() : directory_(trelm::detail::open_file("/tmp", O_RDONLY | O_DIRECTORY)) {
@@ -76,7 +78,7 @@ class InitialisationLock {
   private:
     bool is_taken() { return flock(directory_.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK; }
 
-    trelm::detail::Descriptor directory_;  // closing it lets go
+    trelm::detail::Descriptor directory_;  // closing it releases the lock
 };
 
 bool set_free(int32_t sem_id) {
@@ -93,9 +95,10 @@ SetState wait_for_first_value(int32_t sem_id) {
     return state;
 }
 
-// An extra release raises the value above 1, which would admit two holders. The kernel takes that release back when its
-// process ends, so subtracting the surplus here would leave the value at 0 for ever. SETVAL clears the kernel's undo
-// counts as well. First the whole value is taken in one non-blocking step, so that nobody enters before SETVAL.
+// An extra release raises the value above 1, which would admit two holders. The kernel takes that release
+// back when its process ends, so subtracting the surplus here would leave the value at 0 for ever. SETVAL
+// clears the kernel's undo counts as well. First the whole value is taken in one non-blocking step, so that
+// nobody enters before SETVAL.
 void take_off_surplus(int32_t sem_id) {
     for (int value = semctl(sem_id, 0, GETVAL); value > 1; value = semctl(sem_id, 0, GETVAL)) {
         sembuf step = {0, static_cast<short>(-value), IPC_NOWAIT | SEM_UNDO};

@@ -1,12 +1,15 @@
-// The gate. A thread notes in its cell that it is inside and then looks whether the gate is closed; who
-// closes it does so and then looks at the cells. Both steps are sequentially consistent, so at least one of
-// the two sees the other, and the one who enters makes way.
+// The gate. A thread that enters notes in its cell that it is inside, then reads whether the gate is closed.
+// A thread that closes the gate marks it as closed, then reads the cells. Both steps are sequentially
+// consistent, so at least one of the two threads sees the other. If it is the one that enters, it steps back
+// and waits.
 //
-// Whoever waits tries a moment and then sleeps in the kernel. One who leaves makes no fence to see sleepers,
-// so a sleeper that falls asleep at that very moment is not woken; it looks for itself every 10 ms.
+// A waiting thread spins for a moment and then sleeps in the kernel. A thread that leaves issues no fence
+// before it looks for sleepers, so it may miss one that falls asleep at that moment. Sleepers therefore check
+// again every 10 ms.
 //
-// A thread that ends while it is inside (pthread_exit() in a signal handler, asynchronous cancellation) is
-// taken out by the end of its thread. A forked child has one thread; all others are taken out alike.
+// A thread may end while it is inside (pthread_exit() in a signal handler, asynchronous cancellation). A
+// destructor of thread-specific data then takes it out. A forked child has one thread; all others are taken
+// out in the same way.
 
 #include "trelm_gate.h"
 
@@ -28,14 +31,14 @@ GateState gate;
 
 namespace {
 
-constexpr size_t kCells = 256;       // threads beyond them are a crowd that is only counted
-constexpr size_t kPortLocks = 1024;  // ports whose numbers are a multiple of it apart share one
+constexpr size_t kCells = 256;       // further threads form a crowd that is only counted
+constexpr size_t kPortLocks = 1024;  // port n uses lock n % kPortLocks
 constexpr int kTries = 100;
 constexpr long kNapNanoseconds = 10'000'000;
 
 constexpr uint32_t kSpareId = kCells + 1;
 constexpr uint32_t kCrowdId = kCells + 2;
-constexpr uint32_t kInDoubt = kCells + 3;  // of gate.closed: its holder vanished with the registry in pieces
+constexpr uint32_t kInDoubt = kCells + 3;  // of gate.closed: the registry was left incomplete
 constexpr uint32_t kExpels = 1u << 31;     // of a port lock: its holder waits for the node's users
 
 struct alignas(128) PortWord {
@@ -43,16 +46,16 @@ struct alignas(128) PortWord {
 };
 
 ThreadCell cells[kCells];
-ThreadCell spare;  // of an Exclusive for whom there was no cell
+ThreadCell spare;  // for an Exclusive whose thread got no cell
 PortWord port_words[kPortLocks];
 uint32_t record_word;
 
-// What changes now and then only, away from what every call looks at.
+// Rarely written; kept apart from what every call reads.
 struct alignas(128) {
     uint32_t cells_used;
     uint32_t port_words_used;
     uint32_t crowd;   // calls of threads without a cell
-    uint32_t events;  // what sleepers sleep on
+    uint32_t events;  // the futex that sleepers wait on
 } rare;
 
 constinit thread_local uint32_t crowded_calls __attribute__((tls_model("initial-exec"))) = 0;
@@ -69,7 +72,7 @@ void store(Word& word, Word value) {
     __atomic_store_n(&word, value, __ATOMIC_SEQ_CST);
 }
 void add(uint32_t& word, uint32_t more) { __atomic_fetch_add(&word, more, __ATOMIC_SEQ_CST); }
-// What was there before.
+// Returns the value before the operation.
 uint32_t swap_if(uint32_t& word, uint32_t expected, uint32_t value) {
     __atomic_compare_exchange_n(&word, &expected, value, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
     return expected;
@@ -118,7 +121,7 @@ uint32_t id_of(const ThreadCell* cell) {
     return cell == &spare ? kSpareId : static_cast<uint32_t>(cell - cells) + 1;
 }
 
-// Takes out a thread that will not go on: what it held is let go of.
+// Takes out a thread that will not continue, and releases what it held.
 void vacate(ThreadCell& cell) {
     const uint32_t id = id_of(&cell);
     for (uint32_t i = 0; i < load(rare.port_words_used); ++i) {
@@ -138,7 +141,7 @@ void leave_for_good(void* cell) {
     wake_if_needed();
 }
 
-// The calling thread's cell, taken if need be; null where there is none left.
+// The calling thread's cell, which is assigned now if it has none. Null if all cells are taken.
 ThreadCell* take_cell() {
     if (my_cell || !sees_ends) return my_cell;
     for (ThreadCell& cell : cells) {
@@ -154,8 +157,8 @@ ThreadCell* take_cell() {
     return nullptr;
 }
 
-// Waits for one after the other, not for all of them to be out at once: whoever enters after the gate was
-// closed, or after a port was marked, finds that out for himself.
+// Waits for the other threads one by one. They need not all be out at the same moment: a thread that enters
+// after the gate was closed, or after a port was marked, sees that itself.
 template <class IsInTheWay>
 void wait_for_others(const ThreadCell* own, IsInTheWay is_in_the_way) {
     for (const ThreadCell* cell = first_cell(); cell != end_of_cells(); ++cell) {
@@ -204,7 +207,7 @@ __attribute__((constructor)) void watch_threads() {
     pthread_atfork(nullptr, nullptr, be_alone_in_child);
 }
 
-// A thread that ends after the library was unloaded must not come back here.
+// A thread that ends after the library was unloaded must not call into it.
 __attribute__((destructor)) void let_threads_be() {
     if (sees_ends) pthread_key_delete(end_of_thread);
     sees_ends = false;
@@ -267,7 +270,7 @@ bool Call::is_closing(uint32_t handle) { return load(port_word(handle - 1)) & kE
 
 bool Call::make_way_for_close(uint32_t handle) {
     const uint32_t& word = port_word(handle - 1);
-    if (outer_ != kOutside) {  // cannot step outside, and the close may be this thread's own
+    if (outer_ != kOutside) {  // a nested call cannot step outside, and this thread itself may be closing
         admitted_ = false;
         return true;
     }

@@ -1,16 +1,16 @@
-// trelm_gate.h - lets calls of any number of threads into the library at once and keeps apart what must not
-// meet. It knows three kinds of visitor:
+// trelm_gate.h - admits calls of any number of threads at once and keeps conflicting operations apart. There
+// are three kinds of visitor:
 //
 //   Call       a public function at work. Calls never wait for one another.
-//   PortLock   an open or a close. Of one port there is one at a time.
-//   Exclusive  a load or a free. It waits until everyone is out and lets nobody in meanwhile.
+//   PortLock   an open or a close. At most one runs for each port.
+//   Exclusive  a load or a free. It waits until all others are out, and admits nobody until it ends.
 //
-// Each thread has a cell: a cache line pair of its own, where it notes that it is inside. To enter costs one
-// atomic exchange there and a look at a word that hardly ever changes; to leave costs a plain store. Nothing
-// that one call writes is read by another, so calls do not slow each other down.
+// Each thread has a cell, two cache lines of its own, where it notes that it is inside. To enter costs one
+// atomic exchange in the cell and one read of a word that rarely changes. To leave costs a plain store. No
+// call reads what another call writes, so calls do not slow each other down.
 //
 // The exported operations of the layers below (list, registry, transports, load and unload) do not pass
-// through here: who calls them directly sees to it that nobody else is at work.
+// through the gate. A program that calls them directly must keep other threads out of the library.
 #pragma once
 
 #include <cstddef>
@@ -18,48 +18,49 @@
 
 namespace trelm::detail {
 
-// What a cell says of its thread: outside, or inside with these bits and the handle that the call is for.
+// The state of a thread in its cell: outside, or inside with these bits and the handle that the call is for.
 inline constexpr uint64_t kOutside = 0;
 inline constexpr uint64_t kInside = uint64_t{1} << 32;
-inline constexpr uint64_t kUsesAnyPort = kInside << 1;  // a call and one that interrupted it, for two handles
+inline constexpr uint64_t kUsesAnyPort = kInside << 1;  // nested calls for two handles
 inline constexpr uint64_t kHasAll = kInside << 2;       // an Exclusive
 
-// A thread's cell. Two lines, as processors fetch lines in pairs.
+// A thread's cell. It takes two cache lines, because processors fetch lines in pairs.
 struct alignas(128) ThreadCell {
     uint64_t call;
     uint32_t taken;
-    // The pool's, small and large, for whoever has the cell. They are kept first to second and taken second
-    // to first.
+    // Blocks that the pool keeps for the thread, small and large. They are stored first to second and taken
+    // second to first.
     struct Blocks {
         void* first;
         void* second;
     } blocks[2];
 };
 
-// Null until the thread's first call, and while there are more threads than cells. Initial-exec: any other
-// model would make the dynamic linker one more library that this one needs.
+// Null until the thread's first call, and while all cells are taken. Initial-exec: any other model would add
+// the dynamic linker to the libraries that this one needs.
 extern constinit thread_local ThreadCell* my_cell __attribute__((tls_model("initial-exec")));
 
 struct alignas(128) GateState {
-    uint32_t closed;    // who has or wants the library alone, as id_of() counts cells; kOpen: nobody
-    uint32_t threads;   // that have a cell, or are in a call without one
+    uint32_t closed;    // id_of() of the cell whose thread has or wants the library alone; kOpen: none
+    uint32_t threads;   // threads with a cell, and calls of threads without one
     uint32_t sleepers;  // threads that wait in the kernel
-    uint32_t forks;     // between the process that began with this library and this one
+    uint32_t forks;     // number of forks since the library was loaded into memory
 };
 extern GateState gate;
 inline constexpr uint32_t kOpen = 0;
 
-// Wakes those who wait for something to change. What leaves calls it where it sees somebody asleep.
+// Wakes threads that wait in the kernel. A thread that leaves calls it if it sees sleepers.
 void wake_sleepers();
 inline void wake_if_needed() {
     if (__builtin_expect(__atomic_load_n(&gate.sleepers, __ATOMIC_RELAXED) != 0, 0)) wake_sleepers();
 }
 
-// The cells that were ever taken, for who goes through them all.
+// The cells that were ever taken, as a range.
 ThreadCell* first_cell();
 ThreadCell* end_of_cells();
 
-// Whether this thread reads the registry while others may, in which case it leaves the lists' cursors alone.
+// Whether other threads may read the registry at the same time. The thread then leaves the cursors of the
+// lists alone.
 bool reads_registry();
 inline bool shares_registry() {
     return __atomic_load_n(&gate.threads, __ATOMIC_RELAXED) > 1 && reads_registry();
@@ -67,7 +68,7 @@ inline bool shares_registry() {
 
 class Call {
   public:
-    // A call over a port's node names the port's handle.
+    // `handle` is given for a call that uses the node of a legacy port.
     [[gnu::always_inline]] explicit Call(uint32_t handle = 0) {
         ThreadCell* const cell = my_cell;
         if (__builtin_expect(cell && cell->call == kOutside, 1)) {
@@ -88,11 +89,12 @@ class Call {
     Call(const Call&) = delete;
     Call& operator=(const Call&) = delete;
 
-    // False in a signal handler that interrupted a load or a free of its own thread.
+    // False in a signal handler that interrupted a load or a free in the same thread.
     explicit operator bool() const { return admitted_; }
 
-    // For a call that is about to use the node of the port that `handle` names: where a close waits for the
-    // node's users, this call steps outside until that is over. Then true: what it has looked up is void.
+    // For a call that is about to use the node of the port of `handle`. If a close waits for the users of the
+    // node, this call steps outside until the close has ended, and the function returns true: the call must
+    // look its port up again.
     bool made_way_for_close(uint32_t handle) {
         return __builtin_expect(is_closing(handle), 0) && make_way_for_close(handle);
     }
@@ -104,8 +106,8 @@ class Call {
     void enter_crowd();
     void leave_crowd();
 
-    ThreadCell* cell_ = nullptr;  // null: one of the crowd, for whom there was no cell
-    uint64_t outer_ = kOutside;   // of the call that this one, in a signal handler, interrupted
+    ThreadCell* cell_ = nullptr;  // null: the thread got no cell and belongs to the crowd
+    uint64_t outer_ = kOutside;   // state of the call that this one interrupted in a signal handler
     bool admitted_ = true;
 };
 
@@ -116,11 +118,11 @@ class PortLock {
     PortLock(const PortLock&) = delete;
     PortLock& operator=(const PortLock&) = delete;
 
-    // False in a signal handler that interrupted this thread where it must not be waited for.
+    // False in a signal handler if the interrupted function of the same thread is in the way.
     explicit operator bool() const { return held_; }
 
-    // Waits until nobody uses the node of the port that `handle` names, and keeps others off until the lock
-    // goes. False where the call that this one interrupted uses it.
+    // Waits until nobody uses the node of the port of `handle`, and keeps others off it until the lock is
+    // released. False if the call that was interrupted by this one uses it.
     bool expel_users(uint32_t handle);
 
   private:
@@ -137,7 +139,7 @@ class Exclusive {
     Exclusive(const Exclusive&) = delete;
     Exclusive& operator=(const Exclusive&) = delete;
 
-    // False in a signal handler that interrupted a call of its own thread.
+    // False in a signal handler that interrupted a call of the same thread.
     explicit operator bool() const { return held_; }
 
   private:
@@ -145,7 +147,7 @@ class Exclusive {
     bool held_ = false;
 };
 
-// One thread at a time brings a record of the registry up to date.
+// Admits one thread at a time to updates of a registry record.
 class RecordLock {
   public:
     RecordLock();
@@ -153,15 +155,15 @@ class RecordLock {
     RecordLock(const RecordLock&) = delete;
     RecordLock& operator=(const RecordLock&) = delete;
 
-    // False in a signal handler that interrupted the holder: what that one writes comes after.
+    // False in a signal handler that interrupted the holder, whose values will replace those of the handler.
     explicit operator bool() const { return held_; }
 
   private:
     bool held_ = false;
 };
 
-// The core's: a thread ended in the middle of a load or a free, or the process forked there. What it left is
-// neither used nor released.
+// Forgets the registry without using or releasing it, after a thread ended, or the process forked, in the
+// middle of a load or free. Defined where the library is loaded.
 void forget_registry();
 
 }  // namespace trelm::detail

@@ -1,5 +1,5 @@
-// trelm_owners.h - small owners that make every early return safe. Releasing preserves errno, so a message after a
-// failure shows the number of the failing call.
+// trelm_owners.h - small owners that make every early return safe. Releasing preserves errno, so a message
+// after a failure shows the number of the failing call.
 #pragma once
 
 #include <dirent.h>
@@ -22,7 +22,7 @@ class ErrnoKeeper {
     int saved_;
 };
 
-// Defers cancellation of the thread until the object goes.
+// Defers cancellation of the thread while the object lives.
 class NoCancellation {
   public:
     NoCancellation() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
@@ -34,7 +34,7 @@ class NoCancellation {
     int before_ = PTHREAD_CANCEL_ENABLE;
 };
 
-// A value with a release function and a value that stands for 'none'.
+// A value, its release function, and the value that stands for 'none'.
 template <class T, T None, void (*Release)(T)>
 class Owner {
   public:
@@ -73,7 +73,7 @@ void free_heap(T* memory) {
 using Descriptor = Owner<int, -1, close_descriptor>;
 using Directory = Owner<DIR*, nullptr, close_directory>;
 
-// Zero-filled memory from the C allocator; none when it is exhausted.
+// Zero-filled memory from the C allocator; none if memory is exhausted.
 template <class T>
 class Heap : public Owner<T*, nullptr, free_heap<T>> {
   public:

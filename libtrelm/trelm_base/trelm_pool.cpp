@@ -1,10 +1,10 @@
-// The pool of request memory. What was given back last is taken first: a request gives its payload back before
-// its record, of which, when it is large, only the beginning is ever used. So each block keeps its part, and
-// most of the record's is never touched.
+// The pool of request memory. The block that was returned last is taken first. A request returns its payload
+// before its record. Each block thus keeps its role, and most of a large record is never touched, because
+// only its beginning is used.
 //
-// The blocks that a cell keeps are its thread's alone, so taking one and giving it back are plain reads and
-// writes. A signal handler that uses the library may come between two of them. It finds a block either kept,
-// and has given it back when it returns, or taken.
+// The blocks in a cell belong to its thread alone, so plain reads and writes suffice. A signal handler that
+// uses the library may run between two of them. It finds a block kept, and returns it before it ends, or
+// finds it taken.
 
 #include "trelm_pool.h"
 
@@ -23,7 +23,7 @@ namespace {
 
 using trelm::detail::ThreadCell;
 
-// What the calling thread keeps of one size; nothing, where it has no cell.
+// The blocks of one size that the calling thread keeps; null if it has no cell.
 ThreadCell::Blocks* kept_blocks(bool large) {
     ThreadCell* const cell = trelm::detail::my_cell;
     return cell ? &cell->blocks[large] : nullptr;
@@ -62,7 +62,7 @@ void* trelm::detail::pool_take(size_t bytes, bool* cleared) {
     const bool zeroed = !block && cleared && large;
     if (cleared) *cleared = zeroed;
     if (!block) block = zeroed ? calloc(1, room) : malloc(room);
-    // A kept block hides from AddressSanitizer who may use how much of it.
+    // AddressSanitizer cannot see how much of a kept block its user may access.
     if (block) {
         ASAN_POISON_MEMORY_REGION(block, room);
         ASAN_UNPOISON_MEMORY_REGION(block, bytes);

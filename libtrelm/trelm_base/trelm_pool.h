@@ -1,8 +1,8 @@
 // trelm_pool.h - memory for requests. A SCSI command to a native driver takes two blocks of a quarter of a
-// megabyte; given back to the C allocator each time, they cost more in page faults than the command itself. A
-// request for counters takes two of half a kilobyte, and to allocate and free those costs as much as the rest
-// of the library's part. So each thread keeps the blocks that its calls give back, two of either size, and
-// freeing the library frees them all.
+// megabyte. If they were returned to the C allocator each time, page faults would cost more than the command
+// itself. A request for counters takes two blocks of half a kilobyte, and allocating these costs as much as
+// the rest of the library's part. So each thread keeps the blocks that its calls return, at most two of
+// either size, until the library is freed.
 #pragma once
 
 #include <cstddef>
@@ -14,16 +14,15 @@ namespace trelm::detail {
 inline constexpr size_t kSmallBlock = sizeof(native_cb_header) + sizeof(kronfc_port_stats);
 inline constexpr size_t kLargeBlock = sizeof(kronfc_scsi_cmd_cb);
 
-// At least so many bytes, kLargeBlock at most, with whatever their last user left there; null when memory is
-// exhausted. Who wants zeros is told whether they are there already, which for large fresh memory costs
-// nothing more.
+// At least `bytes` bytes, at most kLargeBlock, or null if memory is exhausted. The block holds what its last
+// user left there; `cleared` tells whether it is known to be zero, as large fresh memory is.
 void* pool_take(size_t bytes, bool* cleared = nullptr);
-// The same number of bytes as when they were taken.
+// `bytes` is the number that was asked for.
 void pool_give_back(void* block, size_t bytes);
-// Frees the blocks that are kept. Nobody else may be in the library.
+// Frees the kept blocks. No other thread may be in the library.
 void pool_empty();
 
-// Memory of the pool, for one request.
+// Pool memory for one request.
 template <class T>
 class Pooled {
     static_assert(sizeof(T) <= kLargeBlock);

@@ -1,4 +1,4 @@
-// Calls to the system that leave the program alone that loads the library.
+// System calls without side effects on the host program.
 
 #include "trelm_system.h"
 
@@ -33,10 +33,10 @@ DIR* trelm::detail::open_directory(const char* path) {
 }
 
 FILE* trelm::detail::open_pipe(const char* command) {
-    // The pipe gets the lowest free descriptor, so the standard ones are taken meanwhile.
+    // popen() takes the lowest free descriptors, so the standard ones are occupied meanwhile.
     Descriptor placeholders[kFirstOwn];
     for (Descriptor& placeholder : placeholders) {
-        placeholder.reset(open("/dev/null", O_RDWR));  // the command has them, too
+        placeholder.reset(open("/dev/null", O_RDWR));  // the command inherits them
         if (placeholder.get() < kFirstOwn) continue;
         placeholder.reset();
         break;
@@ -50,7 +50,7 @@ trelm::detail::QuietWrites::QuietWrites() {
     sigset_t pending;
     sigemptyset(&raised_);
     sigpending(&pending);
-    // A signal that is pending is blocked already, and one more of it makes no difference.
+    // A pending signal is blocked already, and raising it again changes nothing.
     for (const int signal : kWriteSignals) {
         if (!sigismember(&pending, signal)) sigaddset(&raised_, signal);
     }

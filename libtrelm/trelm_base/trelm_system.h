@@ -1,5 +1,5 @@
-// trelm_system.h - calls to the system that leave the program alone that loads the library, and whom to trust in
-// directories and under keys that are open to everyone.
+// trelm_system.h - system calls without side effects on the host program, and which owners to trust for files
+// and keys that are open to everyone.
 #pragma once
 
 #include <sys/types.h>
@@ -11,19 +11,20 @@
 
 namespace trelm::detail {
 
-// As open(), with O_CLOEXEC. The descriptor is never 0, 1 or 2: where the program has closed these, its other
-// parts still write to them as standard output and standard error.
+// open() with O_CLOEXEC. The descriptor is never 0, 1 or 2: if the program has closed these, other parts of
+// it still write to them as standard output and standard error.
 int open_file(const char* path, int flags, mode_t mode = 0);
-// As opendir(), with such a descriptor.
+// opendir() with such a descriptor.
 DIR* open_directory(const char* path);
-// As popen() for reading, with such a descriptor.
+// popen() for reading, with such a descriptor.
 FILE* open_pipe(const char* command);
 
-// Whether what this user made may be used: root's, and the caller's own.
+// Whether files and semaphore sets of this user may be used: those of root and of the caller.
 bool is_trusted(uid_t owner);
 
-// While it lives, a write of this thread raises no signal: neither SIGPIPE for a broken pipe nor SIGXFSZ at the
-// limit of a file's size. The program's dispositions, mask and pending signals are as before afterwards.
+// While the object lives, writes of this thread raise no signal: neither SIGPIPE for a broken pipe nor
+// SIGXFSZ at the file size limit. The signal dispositions, mask and pending signals of the program are
+// restored afterwards.
 class QuietWrites {
   public:
     QuietWrites();
@@ -32,7 +33,7 @@ class QuietWrites {
     QuietWrites& operator=(const QuietWrites&) = delete;
 
   private:
-    sigset_t raised_;  // what a write may raise and was not pending before
+    sigset_t raised_;  // signals that a write may raise and that were not pending before
     sigset_t mask_;
 };
 

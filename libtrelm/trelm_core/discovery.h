@@ -1,5 +1,5 @@
-// discovery.h - what the discoveries of all drivers share: which devices are served, how a port gets its hardware record,
-// and how a driver's answers become registry records.
+// discovery.h - what the discoveries of all drivers share: the supported devices, how a port gets its
+// hardware record, and how answers of drivers become registry records.
 #pragma once
 
 #include <cstring>
@@ -36,7 +36,7 @@ inline void copy_port(trelm_priv_db& pdb, const dorfc_port_info& port) {
     TRELM_COPY(pdb, port, npiv_index);
 }
 
-// The fields that all drivers give in the same form.
+// The fields that have the same form in the records of all drivers.
 inline void copy_hardware(trelm_hw_info& hw, const dorfc_port_info& port, const dorfc_pci_info& pci) {
     TRELM_COPY(hw, port, manufacturer);
     TRELM_COPY(hw, port, model_name);
@@ -60,18 +60,19 @@ inline void copy_hardware(trelm_hw_info& hw, const dorfc_port_info& port, const 
     hw.driver_loaded = 1;
 }
 
-// What was done with a port that a driver reported.
+// What became of a port that a driver reported.
 enum class Added { kept, dropped, no_memory };
 
-// The names of a driver's functions, for its log lines.
+// Function names of a driver for its log lines.
 struct DiscoveryNames {
     const char* find_all;
     const char* find_hw_info;
     const char* find_parent;
 };
 
-// Gives a port the hardware record that belongs to it: a virtual port that of its physical port, a physical one its own,
-// which `fill` fills. A port of a device that is not served is removed. `shown` is the number that a message carries.
+// Attaches a hardware record to a port. A virtual port gets the record of its physical port. A physical port
+// gets a new record, which `fill` fills; it is removed if its device is not supported. `shown` is the number
+// in the log messages.
 template <class Fill>
 Added attach_hardware(const DiscoveryNames& names, trelm_priv_db* pdb, const dorfc_pci_info& pci,
                       uint32_t shown, Fill fill) {

@@ -1,6 +1,7 @@
-// legacy_driver.h - the transport to the legacy driver: its requests, discovery of its ports, and their link state.
+// legacy_driver.h - the transport to the legacy driver: its requests, discovery of its ports, and their link
+// state.
 //
-// Nothing here is guarded: who calls it directly sees to it that no other thread is in the library.
+// Nothing here is guarded: a direct caller must keep other threads out of the library.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// The transport to the legacy driver: requests are ioctls on its character node, each with a fixed block that
-// points at the payload. One table holds what differs between requests.
+// The transport to the legacy driver. Requests are ioctls on its character node. Each has a fixed block that
+// points at the payload. One table holds what differs between the requests.
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -19,40 +19,40 @@ using trelm::detail::error;
 using trelm::detail::Piece;
 using trelm::detail::trace;
 
-struct Request {
+struct RequestKind {
     dorfc_request_number number;
-    const char* name;  // of the function that issues it
+    const char* name;  // of the function that sends it
     const char* status_text;
     const char* errno_text;
 };
 
-constexpr Request kHbaCount = {
+constexpr RequestKind kHbaCount = {
     DORFC_GET_HBA_COUNT, "trelm_get_hba_count",
     ": Get HBA Count ioctl failed, ioctl_status=", ": Get HBA Count ioctl function failed, errno="};
-constexpr Request kHostNo = {
+constexpr RequestKind kHostNo = {
     DORFC_GET_HOSTNO, "trelm_get_hostno",
     ": Get Host number ioctl failed, ioctl_status=", ": Get Host number ioctl function failed, errno="};
-constexpr Request kPciInfo = {
+constexpr RequestKind kPciInfo = {
     DORFC_GET_PCI_INFO, "trelm_get_pci_info",
     ": Get pci info ioctl failed, ioctl_status=", ": Get pci info ioctl function failed, errno="};
-constexpr Request kPortInfo = {
+constexpr RequestKind kPortInfo = {
     DORFC_GET_PORT_INFO, "trelm_get_port_info",
     ": Get port info ioctl failed, ioctl_status=", ": Get port info ioctl function failed, errno="};
-constexpr Request kPortStats = {
+constexpr RequestKind kPortStats = {
     DORFC_GET_PORT_STATS, "trelm_get_port_stats",
     ": Get port stats ioctl failed, ioctl_status=", ": Get port stats ioctl function failed, errno="};
-constexpr Request kTgtInfo = {
+constexpr RequestKind kTgtInfo = {
     DORFC_GET_TGT_INFO, "trelm_get_tgt_info",
     ": Get tgt info ioctl failed, ioctl_status=", ": Get tgt info ioctl function failed, errno="};
-constexpr Request kFcfInfo = {
+constexpr RequestKind kFcfInfo = {
     DORFC_GET_FCF_INFO, "trelm_get_fcf_info",
     ": Get fcf info ioctl failed, ioctl_status=", ": Get fcf info ioctl function failed, errno="};
-constexpr Request kScsiCmd = {
+constexpr RequestKind kScsiCmd = {
     DORFC_SEND_SCSI_CMD, "trelm_send_scsi_cmd",
     ": send scsi cmd ioctl failed, ioctl_status=", ": send scsi cmd ioctl function failed, errno="};
 
-// Issues a request. The driver's status decides first, then the result of the call.
-uint32_t issue(const Request& request, int32_t handle, const trelm_priv_db* pdb, void* payload,
+// Sends a request. The status of the driver decides first, then the result of the call.
+uint32_t issue(const RequestKind& request, int32_t handle, const trelm_priv_db* pdb, void* payload,
                uint32_t* stat) {
     dorfc_ioctl block;
     trelm_setup_ioctl_struct(0, payload, pdb, &block);
@@ -69,8 +69,8 @@ uint32_t issue(const Request& request, int32_t handle, const trelm_priv_db* pdb,
     return 0;
 }
 
-// A request for one port. Its trace lines show `shown`, mostly the handle.
-uint32_t issue_to_port(const Request& request, uint32_t shown, int32_t handle, const trelm_priv_db* pdb,
+// Sends a request for one port. `shown` is the number in its trace lines, in most cases the handle.
+uint32_t issue_to_port(const RequestKind& request, uint32_t shown, int32_t handle, const trelm_priv_db* pdb,
                        void* payload, uint32_t* stat) {
     trace(request.name, Piece("(", shown), "): entered.");
     const uint32_t result = issue(request, handle, pdb, payload, stat);
@@ -78,7 +78,7 @@ uint32_t issue_to_port(const Request& request, uint32_t shown, int32_t handle, c
     return result;
 }
 
-uint32_t issue_to_port(const Request& request, int32_t handle, const trelm_priv_db* pdb, void* payload,
+uint32_t issue_to_port(const RequestKind& request, int32_t handle, const trelm_priv_db* pdb, void* payload,
                        uint32_t* stat) {
     return issue_to_port(request, trelm::detail::handle_of(pdb), handle, pdb, payload, stat);
 }

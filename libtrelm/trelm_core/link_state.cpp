@@ -19,8 +19,8 @@ constexpr size_t kNameRoom = 32;
 constexpr size_t kPathRoom = 256;
 constexpr size_t kLineRoom = 256;
 
-// Reads a text file line by line; a line longer than 255 characters comes in pieces. A stdio stream would do the
-// same, but its allocation and its extra system call cost more than reading the file.
+// Reads a text file line by line; a line longer than 255 characters comes in pieces. A stdio stream would do
+// the same, but its allocation and its extra system call cost more than reading the file.
 class LineReader {
   public:
     explicit LineReader(const char* path) : file_(path ? trelm::detail::open_file(path, O_RDONLY) : -1) {}
@@ -62,7 +62,7 @@ class LineReader {
     char buffer_[4096];
 };
 
-// Reads up to and including the first line, or piece of a line, that contains the text.
+// Reads up to and including the first piece of a line that contains the text.
 bool skip_past(LineReader& file, const char* text) {
     char line[kLineRoom];
     while (file.next(line)) {

@@ -57,8 +57,8 @@ struct trelm_priv_db {
     uint32_t mtu;
     uint32_t vlan;
     uint32_t npiv_index;
-    trelm_hw_info* hw_info;  // null where the PCI location or the physical port is unknown
-    trelm_priv_db* parent;   // of a virtual port, where it was found
+    trelm_hw_info* hw_info;  // null if the PCI location or the physical port is unknown
+    trelm_priv_db* parent;   // the physical port of a virtual port; null if unknown
     char hba_name[32];
 };
 
@@ -68,11 +68,12 @@ namespace trelm::detail {
 
 inline bool is_physical(const trelm_priv_db& pdb) { return pdb.port_type != FC_PORTTYPE_NPIV; }
 
-// What a port's log lines carry as its handle.
+// The handle in the log lines of a port.
 inline uint32_t handle_of(const trelm_priv_db* pdb) {
     return pdb->hw_info ? __atomic_load_n(&pdb->hw_info->apihandle, __ATOMIC_RELAXED) : 0;
 }
-// Other threads look up handles at any time. Whatever else an open port needs is written before the handle.
+// Other threads look up handles at any time, so the handle is written after everything else that an open port
+// needs.
 inline void set_handle(trelm_hw_info& hw, uint32_t handle) {
     __atomic_store_n(&hw.apihandle, handle, __ATOMIC_RELEASE);
 }

@@ -1,5 +1,5 @@
-// The registry: two lists, one of port records and one of hardware records, filled by the discoveries and read by
-// everything else. Both lists work alike: the functions are templates, and each list adds its messages.
+// The registry: a list of port records and a list of hardware records. The discoveries fill them. Both lists
+// work alike: the functions are templates, and each list has its own messages.
 
 #include "registry.h"
 
@@ -49,15 +49,15 @@ void drop_references(trelm_priv_db& pdb) {
 }
 void drop_references(trelm_hw_info&) {}
 
-// The cursor tells where the next record is inserted. Only loads insert, and a load begins without a list, so no public
-// call depends on it. While several threads look up records none of them moves it: they would share a cache line that
-// is written.
+// The next record is inserted after the cursor. Only loads insert, and a load begins without a list, so no
+// public call depends on the cursor. While several threads look up records, none moves the cursor, because
+// they would contend for its cache line.
 void rest_on(trelm_dlist* list, trelm_dl_node* node) {
     if (!trelm::detail::shares_registry()) list->marker = node;
 }
 
-// The first record that matches. The cursor is set once, to that record or to the sentinel; every public call passes
-// here, so it does not follow each step.
+// Finds the first record that matches. The cursor is set once, to that record or to the sentinel, and not at
+// each step, because every public call comes here.
 template <class Record, class Match>
 Record* find(trelm_dlist* list, Match matches) {
     for (trelm_dl_node* node = list->head->next; node && node != list->head; node = node->next) {
@@ -111,7 +111,7 @@ template <class Record>
 void free_element(const char* func, const Messages& messages, trelm_dlist* list, const Record* record) {
     trace(func, ": entered.");
     if (!list) return error(func, messages.absent);
-    // Discovery drops the record that it has just added. The cursor is still on it.
+    // Discovery removes only the record that it has just added. The cursor is still on it.
     const bool is_at_cursor = record && trelm_dlist_mark(list) == record;
     if (is_at_cursor || find<Record>(list, [record](const Record& each) { return &each == record; })) {
         drop_references(*static_cast<Record*>(trelm_dlist_mark(list)));

@@ -1,6 +1,6 @@
 // registry.h - the ports of the host as discovery found them: two lists of records, and look-ups.
 //
-// Nothing here is guarded: who calls it directly sees to it that no other thread is in the library.
+// Nothing here is guarded: a direct caller must keep other threads out of the library.
 #pragma once
 
 #include <cstddef>

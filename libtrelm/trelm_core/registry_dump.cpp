@@ -1,4 +1,4 @@
-// The trace dump of a port record and its hardware record: one line a field.
+// The trace dump of a port record and its hardware record, one line per field.
 
 #include <cstring>
 
@@ -12,7 +12,7 @@ struct Row {
     Row(const char* words, uint64_t value, uint8_t base) : label(words), number(value), radix(base) {}
 
     const char* label;
-    const char* text = nullptr;  // fixed-width, terminated only where it is shorter
+    const char* text = nullptr;  // of fixed width; terminated only if it is shorter
     size_t width = 0;
     uint64_t number = 0;
     uint8_t radix = 0;

@@ -14,7 +14,7 @@ namespace {
 
 trelm::detail::KeptHold kept_database_hold;
 
-// Holds are noted for the library's own two sets only.
+// Holds are recorded only for the two sets of the library.
 template <class Operate>
 int operate(const char* func, int32_t sem_id, const char* warning, Operate operation) {
     const bool logs_own = sem_id != -1 && sem_id == trelm::detail::debug_semaphore();

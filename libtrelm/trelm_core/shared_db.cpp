@@ -36,11 +36,11 @@ constexpr char kOpen[] = "trelm_open_database";
 constexpr char kClose[] = "trelm_close_database";
 constexpr int kGuardTries = 16;
 
-pid_t slot_owner = 0;  // the process that took the slot. A forked child inherits the number, not the slot
+pid_t slot_owner = 0;  // the process that took the slot; a forked child does not own it
 uint32_t slot_forks = 0;
 
-// Gets the semaphore and waits for it. The last process to leave, or one whose open failed, may remove the set between
-// the two steps. This process then starts over, because it must not go on without the guard.
+// Gets the semaphore and waits for it. The last process to leave, or one whose open failed, may remove the
+// set between the two steps. This process then starts over, because it must not go on without the guard.
 bool enter_guard() {
     for (int tries = 0; tries < kGuardTries; ++tries) {
         trelm_db_sem_id = trelm::detail::sem_get(trelm_db_semkey);
@@ -59,9 +59,10 @@ bool enter_guard() {
     return false;
 }
 
-// Releases the guard by removing the set. It is not signalled first: a waiter would get the old set just before it is
-// removed, while the next process creates a new one, and both would be inside. Removal wakes waiters with EIDRM, and
-// they start over. If the removal fails, the set is signalled, so that nobody waits for ever.
+// Releases the guard by removing the set. It is not signalled first: a waiter would get the old set just
+// before it is removed, while the next process creates a new one, and both would be inside. Removal wakes
+// waiters with EIDRM, and they start over. If the removal fails, the set is signalled, so that nobody waits
+// for ever.
 void remove_guard() {
     if (trelm::detail::remove_database_semaphore() != 0) trelm_sem_signal(trelm_db_sem_id);
     trelm_db_sem_id = -1;
@@ -90,7 +91,8 @@ void take_slot() {
         error(kOpen, Piece(": assigned api_lib_instance=", slot));
         return;
     }
-    // A process that ended without closing leaves its slot marked. When no slot is free, all but one are freed.
+    // A process that ended without closing leaves its slot marked. When no slot is free, all but one are
+    // freed.
     for (unsigned slot = 1; slot < kLibraryInstances; ++slot)
         trelm_shared_data->libinst_flags[slot] &= ~kSlotTaken;
     occupy(0);
@@ -116,14 +118,14 @@ int join() {
 
 // ---- Closing
 
-// Whether this process removed the file as the last one, and the errno if that failed.
+// Whether this process was the last one and removed the file, and the errno if that failed.
 struct LastOne {
     bool file_goes = false;
     int remove_errno = 0;
 };
 
-// Gives the slot back under the guard. The last process removes the file while it still holds the guard; otherwise a new
-// process could open the file just before it disappears, and share it with nobody.
+// Gives the slot back under the guard. The last process removes the file while it still holds the guard;
+// otherwise a new process could open the file just before it disappears, and share it with nobody.
 LastOne leave() {
     LastOne last;
     flush();
@@ -164,7 +166,7 @@ void report(const LastOne& last) {
         error(kClose, Piece(": Unable to remove shared data file. errno=", last.remove_errno));
 }
 
-// Whether a signal of the host program interrupted the read; it is repeated then.
+// True if a signal of the host program interrupted the read, which is then repeated.
 bool was_interrupted(FILE* stream) {
     if (!ferror(stream) || errno != EINTR) return false;
     clearerr(stream);
@@ -177,7 +179,7 @@ bool trelm::detail::database_is_open() {
     return trelm_db_sem_id != -1 && trelm_shm_fildes >= 0 && trelm_shared_data;
 }
 
-// Every load of a loaded library asks this, so it does without a system call.
+// Every load of a loaded library calls this, so it makes no system call.
 bool trelm::detail::database_is_inherited() { return database_is_open() && slot_forks != gate.forks; }
 
 uint32_t trelm_open_database(int32_t* ret_handle) {

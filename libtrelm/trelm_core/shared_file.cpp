@@ -1,5 +1,5 @@
-// Opening the file of the shared database: created full size, grown where an older version left it smaller, replaced
-// if another user made it or it has a second name.
+// Opens the file of the shared database. It creates a file of full size, extends a file of an older version,
+// and replaces a file that another user made or that has a second name.
 
 #include "shared_file.h"
 
@@ -21,7 +21,8 @@ using trelm::detail::Heap;
 using trelm::detail::Piece;
 
 constexpr size_t kFileSize = sizeof(trelm_shared_db);
-// Anyone can put something at the path. O_NOFOLLOW refuses links, O_NONBLOCK keeps a pipe from blocking the open.
+// Anyone can create something at the path. O_NOFOLLOW refuses links. O_NONBLOCK keeps a pipe from blocking
+// the open.
 constexpr int kOpenFlags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
 constexpr int kTries = 16;
 constexpr char kCannotCreate[] = ": Unable to create shared data file. errno=";
@@ -54,7 +55,7 @@ int fail(const char* func, const char* text) {
     return -1;
 }
 
-// What lies at the path.
+// What exists at the path.
 enum class Found {
     nothing,
     usable,
@@ -105,7 +106,7 @@ int upgrade(const char* func, int fd, size_t old_size) {
 
 // Uses an existing file. The descriptor, or -1.
 int take_over(const char* func, Descriptor& fd, const struct stat& status) {
-    // Whoever may write to the file could cut it while it is mapped.
+    // A process that may write to the file could truncate it while it is mapped.
     constexpr mode_t others_write = S_IWGRP | S_IWOTH;
     if (status.st_mode & others_write) fchmod(fd.get(), status.st_mode & ~others_write & ALLPERMS);
     const auto size = static_cast<size_t>(status.st_size);
@@ -115,7 +116,7 @@ int take_over(const char* func, Descriptor& fd, const struct stat& status) {
 }  // namespace
 
 int trelm::detail::open_shared_file(const char* func_name, const char* path) {
-    // Another user may create something at the path each time after it was removed.
+    // Another user may create something at the path each time after the removal.
     for (int tries = 0; tries < kTries; ++tries) {
         Descriptor fd(open_file(path, kOpenFlags));
         const int open_error = fd ? EEXIST : errno;

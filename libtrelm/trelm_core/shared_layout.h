@@ -1,4 +1,4 @@
-// shared_layout.h - what the shared file holds.
+// shared_layout.h - the layout of the shared file.
 #pragma once
 
 #include <cstddef>

@@ -1,7 +1,7 @@
-// trelm_core.h - the sum of the core's headers: the registry of ports, the database shared between processes, semaphores, and
-// the transport to the legacy driver.
+// trelm_core.h - the sum of the core's headers: the registry of ports, the database shared between processes,
+// semaphores, and the transport to the legacy driver.
 //
-// Nothing here is guarded: who calls it directly sees to it that no other thread is in the library.
+// Nothing here is guarded: a direct caller must keep other threads out of the library.
 #pragma once
 
 #include "legacy_driver.h"

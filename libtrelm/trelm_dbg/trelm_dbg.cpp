@@ -1,5 +1,6 @@
-// The debug log. Each thread collects a line in a buffer of its own until the line is complete or the buffer is full. A
-// mutex and a System V semaphore serialise print calls, so lines of several threads and processes never mix.
+// The debug log. Each thread collects a line in a buffer of its own until the line is complete or the buffer
+// is full. A mutex and a System V semaphore serialise print calls, so lines of several threads and processes
+// never mix.
 
 #include "trelm_dbg.h"
 
@@ -66,7 +67,8 @@ class Turn {
     bool held_;
 };
 
-// Anyone can put something at the path. Only a regular file with one name that root or the caller owns is used.
+// Anyone can create something at the path. Only a regular file with one name that root or the caller owns is
+// used.
 FILE* open_log(const char* path) {
     trelm::detail::Descriptor fd(trelm::detail::open_file(
         path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0666));
@@ -157,11 +159,10 @@ constexpr DumpLayout kDumpLayouts[] = {
     {32, 4, "       0          4          8          Ch\n", "------------------------------------------\n"},
     {64, 2, "               0                  8\n", "-----------------------------------\n"},
 };
-static_assert(sizeof "------------------------------------------------------------------------------" ==
-              78 + 1);
+static_assert(__builtin_strlen(kDumpLayouts[0].rule) == 78 + 1);  // with its newline
 
 uint64_t element_at(const uint8_t* buffer, uint64_t index, size_t bytes) {
-    uint64_t value = 0;  // little-endian, as everything that the library runs on
+    uint64_t value = 0;  // all supported machines are little-endian
     memcpy(&value, buffer + index * bytes, bytes);
     return value;
 }
@@ -234,7 +235,7 @@ void trelm_dbg_dump(const char* string, const uint8_t* buffer, uint8_t wd_size, 
         dump_elements(layout, buffer, buffer ? count : 0);
         trelm_dbg_puts(layout.rule);
     }
-    // Unwritten data would be written at the end of the program, outside the lock.
+    // Data left in the buffer would be written at the end of the program, outside the lock.
     if (trelmdbg_fp && fflush(trelmdbg_fp) != 0) close_log();
 }
 

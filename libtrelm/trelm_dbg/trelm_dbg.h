@@ -1,5 +1,5 @@
-// trelm_dbg.h - the debug log: trace and error lines on standard error and, where asked for, in a file that
-// all processes share. The category is tested before a line is composed, so a disabled line costs one test.
+// trelm_dbg.h - the debug log: trace and error lines on standard error and, if wanted, in a file that all
+// processes share. The category is tested before a line is composed, so a disabled line costs one test.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@ extern "C" {
 
 extern TRELM_EXPORTED uint32_t trelm_debug;  // flags, read from TRELM_API_DEBUG
 extern TRELM_EXPORTED char
-    trelmlog_path[512];  // empty until first needed; a text set by the host program is used as it is
+    trelmlog_path[512];                   // empty until first needed; a path set by the host program is kept
 extern TRELM_EXPORTED FILE* trelmdbg_fp;  // open while a line is written
 
 extern TRELM_EXPORTED int32_t trelm_dbg_sem_id;  // -1 none
@@ -27,7 +27,7 @@ TRELM_EXPORTED void trelm_dbg_print(const char* func_name, const char* string, u
 // Dumps `count` elements of `wd_size` bits (8, 16, 32 or 64) in hexadecimal.
 TRELM_EXPORTED void trelm_dbg_dump(const char* string, const uint8_t* buffer, uint8_t wd_size,
                                    uint64_t count);
-// The log stream, opened if needed; null where it cannot be.
+// The log stream, opened if needed; null if it cannot be opened.
 TRELM_EXPORTED FILE* trelm_dbg_get_fptr(void);
 
 }  // extern "C"
@@ -36,14 +36,14 @@ namespace trelm::detail {
 
 enum DebugFlag : uint32_t { kLogToFile = 0x1, kTrace = 0x2, kError = 0x4 };
 
-// The benchmarks build a library without a log, to measure what a log that is off costs.
+// The benchmarks compare with a library built without a log, to measure the cost of a disabled log.
 #ifdef TRELM_WITHOUT_LOG
 inline constexpr bool kHasLog = false;
 #else
 inline constexpr bool kHasLog = true;
 #endif
 
-// A piece of a log line: a text, and perhaps a number behind it.
+// A piece of a log line: a text and an optional number after it.
 struct Piece {
     constexpr Piece(const char* words) : text(words) {}
     // Numbers are written unsigned in 64 bits, so a negative one shows as its two's complement.
@@ -70,8 +70,8 @@ inline bool logs(DebugFlag category) { return kHasLog && __builtin_expect(debug_
 template <class T, class>
 using For = T;
 
-// Out of line, with the pieces passed as separate arguments: a Piece is too large for registers, so every call site
-// would have to build it on the stack even when the log is off.
+// Out of line, with the pieces passed as separate arguments: a Piece is too large for registers, so every
+// call site would have to build it on the stack even when the log is off.
 template <class... Pieces>
 struct LineOf {
     [[gnu::cold, gnu::noinline]] static void write(const char* func_name, For<const char*, Pieces>... texts,
@@ -82,7 +82,7 @@ struct LineOf {
     }
 };
 
-// Each takes the pieces of a line, as Piece or as plain text.
+// Each takes the pieces of a line: Piece objects or plain texts.
 template <class... Pieces>
 [[gnu::always_inline]] inline void log(DebugFlag category, const char* func_name, const Pieces&... pieces) {
     if (!logs(category)) return;

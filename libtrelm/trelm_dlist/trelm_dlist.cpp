@@ -1,6 +1,6 @@
-// The list container. Rings of nodes are spliced with a few small helpers. The sort merges chains of nodes. Which of two
-// elements comes next decides addresses there, not branches: a processor cannot predict them, and a mispredicted branch
-// costs more than a comparison.
+// The list container. Rings of nodes are spliced with a few small helpers. The sort merges chains of nodes.
+// It selects the next element by computing addresses, not by branching: the branches would be unpredictable,
+// and a mispredicted branch costs more than a comparison.
 
 #include "trelm_dlist.h"
 
@@ -12,7 +12,7 @@ bool is_element(const trelm_dlist* list, const trelm_dl_node* node) { return nod
 
 bool never_filled(const trelm_dlist* list) { return !list->head->next; }
 
-// The analyzer cannot see that rings are closed and hold no freed node.
+// The analyzer cannot see that rings are closed and contain no freed node.
 void link(trelm_dl_node* before, trelm_dl_node* after) {
     before->next = after;
     after->prev = before;  // NOLINT(clang-analyzer-core.NullDereference)
@@ -22,7 +22,7 @@ void move_cursor(trelm_dlist* list, int direction) {
     if (trelm_dl_node* target = direction ? list->marker->next : list->marker->prev) list->marker = target;
 }
 
-// Takes the node out of the ring, but not off the count; a cursor on it steps aside first.
+// Removes the node from the ring, but not from the count. A cursor on the node moves away first.
 void unlink(trelm_dlist* list, trelm_dl_node* node, int direction) {
     if (list->marker == node) move_cursor(list, direction);
     link(node->prev, node->next);
@@ -206,7 +206,7 @@ void append(trelm_dlist* list, Chain chain, uint64_t count) {
     list->count += count;
 }
 
-// Two sorted chains as one; ties take from a.
+// Merges two sorted chains. On ties the element of `a` comes first.
 Chain merge(Chain a, Chain b, trelm_dlist_compare compare) {
     trelm_dl_node* left = a.first;
     trelm_dl_node* right = b.first;
@@ -242,8 +242,8 @@ void join(Chain& chain, Chain more) {
     }
 }
 
-// Level n holds a run of 2^n elements or nothing, as in a binary counter. Neighbours of equal size are merged as they
-// arise, while they are still in the cache.
+// Level n holds a run of 2^n elements or nothing, as in a binary counter. Neighbours of equal size are merged
+// as they arise, while they are still in the cache.
 Chain sort_chain(Chain chain, trelm_dlist_compare compare) {
     Chain levels[64];
     size_t highest = 0;

@@ -1,11 +1,11 @@
-// trelm_dlist.h - a doubly linked list of element references with one built-in cursor.
+// trelm_dlist.h - a doubly linked list of element references with a built-in cursor.
 //
-// Elements and a sentinel form a ring; the sentinel stands before the first and after the last element. A new
-// list has null links and a null cursor until its first insertion. Directions are integers: non-zero is
-// forward (towards `next`, after the cursor), 0 is backward. The list owns its nodes, and its elements only
-// where it releases them.
+// The elements and a sentinel form a ring. The sentinel is before the first and after the last element. A new
+// list has null links and a null cursor until its first insertion. A direction of 0 is backward; any other is
+// forward (towards `next`, after the cursor). The list owns its nodes. It releases elements only where a
+// function says so.
 //
-// A list and its cursor are not guarded: its callers see to it that one thread at a time uses it.
+// A list is not guarded: only one thread at a time may use it.
 #pragma once
 
 #include <cstddef>
@@ -18,7 +18,7 @@ extern "C" {
 struct trelm_dl_node {
     trelm_dl_node* prev;
     trelm_dl_node* next;
-    void* data;  // null in the sentinel alone
+    void* data;  // null only in the sentinel
 };
 using trelm_DL_node = trelm_dl_node;
 
@@ -33,20 +33,20 @@ struct trelm_dlist {
 using trelm_Dlist = trelm_dlist;
 
 using trelm_dlist_release = void (*)(void*);
-// Non-zero when the element is the one looked for, or when the new element goes before it.
+// Non-zero if the element is the one that is searched for, or if the new element goes before it.
 using trelm_dlist_match = int (*)(void* target, void* element);
 using trelm_dlist_operation = void (*)(void* element);
 using trelm_dlist_filter = int (*)(void* element);
 // Negative, 0 or positive for less, equal, greater.
 using trelm_dlist_compare = int (*)(void* a, void* b);
 
-// Both give null when memory is exhausted; the first releases elements with free().
+// Both return null if memory is exhausted. Lists of the first release elements with free().
 TRELM_EXPORTED trelm_dlist* trelm_dlist_new(size_t datasize);
 TRELM_EXPORTED trelm_dlist* trelm_dlist_new_with_delete(size_t datasize, trelm_dlist_release del_func);
 // Deletes every element, first to last, and the list.
 TRELM_EXPORTED void trelm_dlist_destroy(trelm_dlist* list);
 
-// Cursor to the sentinel.
+// Sets the cursor to the sentinel.
 TRELM_EXPORTED void trelm_dlist_start(trelm_dlist* list);
 TRELM_EXPORTED void trelm_dlist_end(trelm_dlist* list);
 // The element at the cursor, or null at the sentinel.
@@ -54,17 +54,17 @@ TRELM_EXPORTED void* trelm_dlist_mark(trelm_dlist* list);
 // Moves the cursor one node and returns the element there, null at the sentinel.
 TRELM_EXPORTED void* _trelm_dlist_mark_move(trelm_dlist* list, int direction);
 
-// Insertions leave the cursor on the new node and return its element, or null where nothing was inserted.
+// Insertions set the cursor to the new node and return its element, or null if nothing was inserted.
 TRELM_EXPORTED void* trelm_dlist_insert(trelm_dlist* list, void* data, int direction);
 TRELM_EXPORTED trelm_dl_node* _trelm_dlist_insert_dlnode(trelm_dlist* list, trelm_dl_node* node,
                                                          int direction);
 TRELM_EXPORTED void* trelm_dlist_push(trelm_dlist* list, void* data);
 TRELM_EXPORTED void* trelm_dlist_unshift(trelm_dlist* list, void* data);
-// Before the first element for which sorter(data, element) is non-zero, else at the end.
+// Inserts before the first element for which sorter(data, element) is non-zero, else at the end.
 TRELM_EXPORTED void* trelm_dlist_insert_sorted(trelm_dlist* list, void* data, trelm_dlist_match sorter);
 TRELM_EXPORTED void* trelm_dlist_unshift_sorted(trelm_dlist* list, void* data, trelm_dlist_match sorter);
 
-// Removals hand the element back; only trelm_dlist_delete releases it. A cursor on the node moves in
+// Removals return the element. Only trelm_dlist_delete releases it. A cursor on the removed node moves in
 // `direction`.
 TRELM_EXPORTED void* _trelm_dlist_remove(trelm_dlist* list, trelm_dl_node* node, int direction);
 TRELM_EXPORTED void trelm_dlist_delete(trelm_dlist* list, int direction);
@@ -78,13 +78,14 @@ TRELM_EXPORTED void* trelm_dlist_find_custom(trelm_dlist* list, void* target, tr
 TRELM_EXPORTED void trelm_dlist_transform(trelm_dlist* list, trelm_dlist_operation node_operation);
 TRELM_EXPORTED void _trelm_dlist_swap(trelm_dlist* list, trelm_dl_node* a, trelm_dl_node* b);
 
-// Stable. Left unsorted when the temporary list cannot be had.
+// A stable sort. The list stays unsorted if there is no memory for the temporary list.
 TRELM_EXPORTED void trelm_dlist_sort_custom(trelm_dlist* list, trelm_dlist_compare compare);
 // Releases the elements for which filter returns 0, then sorts the rest.
 TRELM_EXPORTED void trelm_dlist_filter_sort(trelm_dlist* list, trelm_dlist_filter filter,
                                             trelm_dlist_compare compare);
-// One pass that merges neighbouring runs of `passcount` elements of the source and appends them to dest. 0
-// for an empty source, 1 when the source was a single run, 2 or more when runs were merged.
+// One pass of a merge sort: merges neighbouring runs of `passcount` elements of the source and appends them
+// to dest. Returns 0 for an empty source, 1 if the source was a single run, and 2 or more if runs were
+// merged.
 TRELM_EXPORTED int _trelm_dlist_merge(trelm_dlist* listsource, trelm_dlist* listdest, unsigned int passcount,
                                       trelm_dlist_compare compare);
 

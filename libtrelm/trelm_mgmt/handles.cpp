@@ -1,5 +1,4 @@
-// Turning instance numbers into handles, and giving handles back. Of one port only one open or close is under
-// way at a time.
+// Opening and closing ports. At most one open or close runs for each port.
 
 #include "port_call.h"
 #include "transport.h"
@@ -48,7 +47,7 @@ uint32_t TRELM_CloseAdapter(uint32_t Handle) {
     if (!pdb) return fail_call(__func__, Handle, kNoPort, TRELM_STATUS_FAILED);
 
     const Transport& transport = transport_of(pdb->hw_info);
-    // Requests over the node's descriptor come to their end before it is closed.
+    // Requests that use the descriptor of the node end before it is closed.
     if (!transport.driver && pdb->hw_info->open_cnt == 1 && !lock.expel_users(Handle))
         return fail_call(__func__, Handle, kNoPort, TRELM_STATUS_FAILED);
     uint32_t err = 0;

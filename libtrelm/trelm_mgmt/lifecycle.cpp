@@ -1,4 +1,4 @@
-// Loading and freeing the library, its version, and the count of ports.
+// Loading and freeing the library, its version, and the number of ports.
 
 #include <cstring>
 
@@ -23,8 +23,7 @@ using trelm::detail::trace;
 
 namespace {
 
-// Answers without having the library alone, so that a load of a loaded library does not wait for the calls
-// that are under way.
+// A load of a loaded library returns here, without an Exclusive, so it does not wait for running calls.
 bool is_loaded() {
     const Call call;
     return call && trelm::detail::database_is_open() && !trelm::detail::database_is_inherited();
@@ -43,7 +42,7 @@ uint32_t TRELM_LoadLibrary(void) {
     const Exclusive alone;
     if (!alone) return TRELM_STATUS_FAILED;
     if (trelm::detail::database_is_inherited()) trelm_unload_lib();
-    if (trelm::detail::database_is_open()) {  // another thread's load came first
+    if (trelm::detail::database_is_open()) {  // another thread has loaded it meanwhile
         error(__func__, ": already loaded.");
         return TRELM_STATUS_OK;
     }

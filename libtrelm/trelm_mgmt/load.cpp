@@ -1,4 +1,4 @@
-// Load and unload: the checks of user and system, the discoveries in their order, and joining the shared
+// Load and unload: the checks of user and system, the order of the discoveries, and joining the shared
 // database.
 
 #include "load.h"
@@ -36,8 +36,7 @@ struct Discovered {
     uint32_t ports;
 };
 
-// The pyx family has a native and a legacy driver, tried in that order; the kron driver is tried in every
-// case.
+// The native driver of the pyx family is tried before the legacy one. The kron driver is always tried.
 Discovered discover() {
     uint32_t pyx_or_legacy = 0;
     uint32_t kron = 0;
@@ -127,7 +126,7 @@ void trelm_cleanup_hbas(void) {
         error(__func__, ": api_priv_data not found, exiting");
         return;
     }
-    // A hardware record that several ports share is closed at the first of them.
+    // The first of several ports that share a hardware record closes it.
     trelm_dlist_start(trelm_priv_database);
     while (auto* pdb = static_cast<trelm_priv_db*>(_trelm_dlist_mark_move(trelm_priv_database, 1))) {
         if (pdb->hw_info) close_hardware(*pdb->hw_info);

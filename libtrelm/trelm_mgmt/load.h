@@ -1,6 +1,6 @@
-// load.h - load and unload: what the public functions for them do, and who may load.
+// load.h - load and unload: the work of the public functions, and who may load.
 //
-// Nothing here is guarded: who calls it directly sees to it that no other thread is in the library.
+// Nothing here is guarded: a direct caller must keep other threads out of the library.
 #pragma once
 
 #include <cstdint>

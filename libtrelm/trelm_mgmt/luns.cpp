@@ -20,7 +20,8 @@ constexpr char kFunction[] = "TRELM_GetLunInfo";
 
 constexpr uint32_t kInquiryRoom = 256;
 constexpr uint32_t kCapacityRoom = 32;
-constexpr uint32_t kTooLargeFor10 = 0xFFFFFFFF;  // READ CAPACITY(10) refers to READ CAPACITY(16)
+constexpr uint32_t kTooLargeFor10 =
+    0xFFFFFFFF;  // READ CAPACITY(10) returns this for devices that need READ CAPACITY(16)
 
 // Standard INQUIRY data.
 struct trelm_scsi_inq_data {
@@ -40,7 +41,7 @@ static_assert(sizeof(trelm_scsi_inq_data) == 36 && offsetof(trelm_scsi_inq_data,
               offsetof(trelm_scsi_inq_data, product_id) == 16 &&
               offsetof(trelm_scsi_inq_data, product_rev) == 32);
 
-// A list entry is four levels of two bytes each; the first level lands in the lowest 16 bits.
+// A list entry has four levels of two bytes. The first level becomes the lowest 16 bits.
 uint32_t two_levels(const uint8_t* bytes) {
     return uint32_t{bytes[2]} << 24 | uint32_t{bytes[3]} << 16 | uint32_t{bytes[0]} << 8 | bytes[1];
 }
@@ -55,7 +56,7 @@ uint32_t fail_capacity(const PortCall& call, const LunAddress& lun, uint32_t sta
     return fail_lun(call, lun, "): scsi read capacity cmd failed for lun=", status);
 }
 
-// Capacity in bytes.
+// The capacity in bytes.
 uint32_t measure(PortCall& call, const LunAddress& lun, uint64_t& capacity) {
     uint8_t data[kCapacityRoom];
     uint32_t status = send(call, trelm::detail::kReadCapacity10, lun, data);
@@ -74,7 +75,7 @@ uint32_t measure(PortCall& call, const LunAddress& lun, uint64_t& capacity) {
     return TRELM_STATUS_OK;
 }
 
-// Fills the element that begins at `info`; an array of an earlier version has no room for the last field.
+// Fills the element at `info`. Elements of an earlier version have no room for the last field.
 uint32_t describe(PortCall& call, const LunAddress& lun, bool version_2, TRELM_LUN_INFO* info) {
     uint8_t data[kInquiryRoom];
     uint32_t status = send(call, trelm::detail::kInquiry, lun, data);

@@ -1,5 +1,5 @@
-// port_call.h - what the public functions for a port share: how they are let in, the port that they are for,
-// and the lines that they log.
+// port_call.h - what the public functions for a port share: entering the library, looking up the port, and
+// their log lines.
 #pragma once
 
 #include "trelm_core.h"
@@ -11,15 +11,15 @@
 
 namespace trelm::detail {
 
-// A public function at work on the port that a handle and an NPIV index name. The port is looked up once and
-// stays the same until the function returns, whoever closes it meanwhile: the call came before that close.
+// A running public function, for the port of a handle and an NPIV index. The port is looked up once. A close
+// that begins later does not affect this call.
 class PortCall {
   public:
     [[gnu::always_inline]] PortCall(uint32_t handle, uint32_t npiv_index)
         : call_(handle), handle_(handle), npiv_index_(npiv_index) {}
 
     uint32_t handle() const { return handle_; }
-    // Null where there is no such port.
+    // Null if there is no such port.
     trelm_priv_db* port() { return port_ ? port_ : port_ = look_up(); }
 
   private:
@@ -27,9 +27,9 @@ class PortCall {
         while (call_) {
             trelm_priv_db* const found = trelm_get_vn_pdb_from_user_handle(handle_, npiv_index_);
             if (!found || is_native(*found)) return found;
-            // Over a node a call must not begin while a close waits, nor go on with what a close has emptied
-            // since the look-up: the descriptor might be another file's then. A close that begins after both
-            // questions waits for this call.
+            // A legacy port's descriptor may be closed after the look-up, and its number may then belong to
+            // another file. So this checks for a waiting close, and for an emptied record. A close that
+            // begins after both checks waits for this call.
             if (!call_.made_way_for_close(handle_) && handle_of(found) == handle_) return found;
         }
         return nullptr;
@@ -37,7 +37,7 @@ class PortCall {
     static bool is_native(const trelm_priv_db& pdb) { return pdb.hw_info->native_driver == 1; }
 
     Call call_;
-    // A driver may wait, and a thread that is cancelled there would leave what it holds.
+    // A driver may wait. A thread that is cancelled there would never release what it holds.
     NoCancellation whole_;
     uint32_t handle_;
     uint32_t npiv_index_;
@@ -49,20 +49,21 @@ inline constexpr char kNoPort[] = "): get pdb failed.";
 inline constexpr char kEntered[] = "): entered.";
 inline constexpr char kExiting[] = "): exiting, rval=";
 
-// The lines of a public function: its name, the handle or instance in parentheses, and a text with perhaps a
-// number.
+// The log lines of a public function: its name, the handle or instance in parentheses, and a text with an
+// optional number.
 [[gnu::always_inline]] inline void trace_call(const char* func, uint32_t handle, const Piece& text) {
     trace(func, Piece("(", handle), text);
 }
 [[gnu::always_inline]] inline void error_call(const char* func, uint32_t handle, const Piece& text) {
     error(func, Piece("(", handle), text);
 }
-// Logs the text and returns the status, so that failing is one expression.
+// Logs the text and returns the status, so that a failing step is one expression.
 uint32_t fail_call(const char* func, uint32_t handle, Piece text, uint32_t status);
-// The same for a failed request: the line shows its status and errno, which the returned code translates.
+// The same for a failed request. The line shows its status and errno, and the return value is the code for
+// its status.
 uint32_t fail_request(const char* func, uint32_t handle, const char* text, const Outcome& outcome);
 
-// TRELM_SendScsiCommand within another public function.
+// TRELM_SendScsiCommand for another public function.
 uint32_t send_scsi_command(PortCall& call, TRELM_SCSI_CMND* pScsiCmnd, uint32_t* pDataLen, uint8_t* pData);
 
 }  // namespace trelm::detail

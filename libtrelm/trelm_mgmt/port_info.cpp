@@ -25,7 +25,7 @@ struct Conversion {
 
 // Link rate in tenths of GT/s.
 constexpr Conversion kPcieSpeeds[] = {{PCIE_SPEED_2_5GT, 25}, {PCIE_SPEED_5_0GT, 50}, {PCIE_SPEED_8_0GT, 80}};
-// Width codes. There is none for twelve lanes.
+// Width codes. Twelve lanes have no code.
 constexpr Conversion kPcieWidths[] = {{PCIE_LNK_X1, 3}, {PCIE_LNK_X2, 4},  {PCIE_LNK_X4, 5},
                                       {PCIE_LNK_X8, 6}, {PCIE_LNK_X16, 8}, {PCIE_LNK_X32, 9}};
 constexpr uint32_t kMediaType = 4;
@@ -49,8 +49,8 @@ void copy_wwn(uint8_t (&to)[8], uint64_t from) {
     memcpy(to, &bytes, sizeof bytes);
 }
 
-// Four numbers of at least two digits each, "08.37.30.00". By hand, as snprintf() takes several times as long
-// as all the rest of a call.
+// Four numbers of at least two digits each, "08.37.30.00". Not with snprintf(), which takes several times as
+// long as the rest of a call.
 void write_mfw_version(uint8_t (&to)[32], uint32_t version) {
     char text[sizeof to] = {};
     char* at = text;
@@ -99,7 +99,7 @@ void fill(TRELM_FCOE_INFO& info, const trelm_priv_db& pdb, const trelm_hw_info& 
     info.NpivCount = hw.npiv_count;
 }
 
-// Fields that other threads read and write at the same time.
+// Access to fields that other threads read and write at the same time.
 template <class Field>
 Field load(const Field& field) {
     return __atomic_load_n(&field, __ATOMIC_RELAXED);
@@ -115,8 +115,8 @@ bool is_up_to_date(const trelm_priv_db& pdb, const PortStatus& now) {
            load(pdb.tgt_cnt) == now.tgt_cnt;
 }
 
-// Writes a driver's answer into the registry, whole: of two threads that ask at once one comes after the
-// other. A port that has not changed is not written, so that threads that poll it do not meet here.
+// Writes an answer of a driver into the registry as a whole: the answers of two threads do not mix. Unchanged
+// values are not written, so threads that poll the same port do not contend for the lock.
 void refresh(trelm_priv_db& pdb, const PortStatus& now) {
     if (is_up_to_date(pdb, now)) return;
     const trelm::detail::RecordLock lock;

@@ -1,4 +1,4 @@
-// Port statistics: the driver's counters, passed on unchanged.
+// Port statistics: the counters of the driver, passed on unchanged.
 
 #include <cstring>
 
@@ -8,7 +8,7 @@
 
 namespace {
 
-// The public record is the driver's thirty counters, in the same order, behind a version.
+// The public record has a version and then the thirty counters of the driver in the same order.
 constexpr size_t kCounters = offsetof(dorfc_port_stats, reserved);
 constexpr size_t kFirstCounter = offsetof(TRELM_PORT_STATS, RxFCoEFrames);
 static_assert(sizeof(TRELM_PORT_STATS) - kFirstCounter == kCounters);
@@ -60,7 +60,8 @@ uint32_t TRELM_GetPortStats(uint32_t Handle, uint32_t NpivIndex, TRELM_PORT_STAT
     const trelm::detail::Transport& transport = trelm::detail::transport_of(pdb->hw_info);
     const trelm::detail::Pooled<dorfc_port_stats> stats;
     if (!stats) return fail_call(__func__, Handle, transport.stats_alloc_failed, TRELM_STATUS_NO_MEMORY);
-    // The legacy driver gets this very record; a native one's answer overwrites all of it.
+    // The legacy driver may read this record, so it is cleared; the answer of a native driver overwrites all
+    // of it.
     if (!transport.driver) *stats.get() = {};
     const trelm::detail::Outcome outcome = ask_port_stats(transport, pdb, stats.get());
     if (outcome.failed())

@@ -10,8 +10,8 @@ namespace {
 
 constexpr char kFunction[] = "TRELM_SendScsiCommand";
 
-// A command record of the size that the port's driver takes, for one call. It is used up to its data length,
-// to where the records of all drivers are alike, and that part is always set.
+// The command record for one call, of the size that the driver of the port takes. Only the fields up to the
+// data length are used, where the records of all drivers are alike, and all of these are set.
 class CommandRecord {
   public:
     explicit CommandRecord(bool native)

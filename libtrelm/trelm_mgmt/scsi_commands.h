@@ -1,4 +1,4 @@
-// scsi_commands.h - the SCSI commands with which targets and LUNs are found and described.
+// scsi_commands.h - the SCSI commands that target and LUN discovery sends.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@ inline constexpr uint32_t kReportLunsHeader = 8;
 inline constexpr uint32_t kLunEntry = 8;
 inline constexpr uint32_t kMaxLuns = (kReportLunsRoom - kReportLunsHeader) / kLunEntry;
 
-// Who a command goes to.
+// The logical unit that a command is sent to.
 struct LunAddress {
     uint32_t target;
     uint32_t lun;
@@ -31,11 +31,11 @@ extern const ReadCommand kInquiry;
 extern const ReadCommand kReadCapacity10;
 extern const ReadCommand kReadCapacity16;
 
-// Sends the command as TRELM_SendScsiCommand does. `data` has room for the command's data_len bytes and is
+// Sends the command with TRELM_SendScsiCommand. `data` has room for data_len bytes of the command and is
 // cleared first.
 uint32_t send(PortCall& call, const ReadCommand& command, const LunAddress& to, uint8_t* data);
 
-// Entries that the header of a LUN list announces, received or not.
+// The number of entries in the header of a LUN list, which may be more than were received.
 uint32_t announced_luns(const uint8_t* data);
 
 uint32_t read_be32(const uint8_t* bytes);

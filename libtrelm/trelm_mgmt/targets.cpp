@@ -16,7 +16,7 @@ using trelm::detail::PortCall;
 
 constexpr char kFunction[] = "TRELM_GetTgtInfo";
 
-// LUNs that the target reports; a target that does not answer is listed all the same.
+// The number of LUNs that the target reports. A target that does not answer is listed too.
 uint32_t count_luns(PortCall& call, uint32_t target, uint8_t* data) {
     const uint32_t status = send(call, trelm::detail::kReportLuns, {target, 0, 0}, data);
     if (status != TRELM_STATUS_OK)

@@ -1,4 +1,4 @@
-// The three transports, and the rule that chooses between them.
+// The three transports, and which port uses which.
 
 #include "transport.h"
 
@@ -51,11 +51,11 @@ constexpr Transport kPyx = {
 
 bool is_kron_device(uint16_t device_id) { return (device_id & 0xFEFF) == 0x8080 || device_id == 0x165C; }
 
-// Of a native driver's answer only the beginning that is looked at is copied.
+// Only the part of a native driver's answer that is used is copied.
 constexpr size_t kPortInfoLookedAt = offsetof(dorfc_port_info, tgt_cnt) + sizeof(dorfc_port_info::tgt_cnt);
 constexpr size_t kStatsLookedAt = offsetof(dorfc_port_stats, reserved);
 
-// One request over the port's open descriptor.
+// Sends one request through the open descriptor of the port.
 template <class Record>
 Outcome over_node(uint32_t (*request)(int32_t, trelm_priv_db*, Record*, uint32_t*), trelm_priv_db* pdb,
                   Record* record) {
@@ -65,8 +65,8 @@ Outcome over_node(uint32_t (*request)(int32_t, trelm_priv_db*, Record*, uint32_t
     return outcome;
 }
 
-// The driver does not tell whether the link is up; its link-state files do. Their reader gets a record of its
-// own, as the registry's is written whole.
+// The legacy driver does not report the link state. Its link-state files do. Their reader gets a temporary
+// record, because the record in the registry must be written as a whole.
 uint32_t read_link_state(const trelm_priv_db& pdb) {
     trelm_priv_db port = {};
     port.wwpn = pdb.wwpn;
@@ -77,8 +77,7 @@ uint32_t read_link_state(const trelm_priv_db& pdb) {
 }  // namespace
 
 const Transport& transport_of(const trelm_hw_info* hw) {
-    // Only the legacy driver's discovery keeps a port whose PCI location it could not read; such a port
-    // cannot be opened.
+    // Only the legacy discovery keeps a port without a PCI location. Such a port cannot be opened.
     if (!hw || hw->native_driver != 1) return kLegacy;
     return is_kron_device(hw->device_id) ? kKron : kPyx;
 }

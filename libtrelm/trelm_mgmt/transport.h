@@ -1,5 +1,5 @@
-// transport.h - which driver serves a port, and what the public functions ask of it. The functions read as
-// their algorithms and know no driver.
+// transport.h - which driver serves a port, and the requests that the public functions make. The functions
+// themselves are independent of the driver.
 #pragma once
 
 #include "trelm_core.h"
@@ -7,11 +7,11 @@
 
 namespace trelm::detail {
 
-// What the three drivers do not share.
+// What differs between the three drivers.
 struct Transport {
     const NativeDriver* driver;  // null: the legacy driver
     bool reports_mfw_version;
-    // What the public functions log.
+    // Log messages of the public functions.
     const char* open_failed;
     const char* close_failed;       // null: nothing
     const char* calling_port_info;  // null: nothing
@@ -25,15 +25,15 @@ struct Transport {
 // The transport that serves the ports of a hardware record.
 const Transport& transport_of(const trelm_hw_info* hw);
 
-// Both return 0, or something else and the system's error number if there is one.
+// Both return 0 on success. On failure *err is the system error number if there is one.
 uint32_t open_port(const Transport& transport, trelm_priv_db* pdb, uint32_t instance, uint32_t* handle,
                    uint32_t* err);
 uint32_t close_port(const Transport& transport, trelm_priv_db* pdb, uint32_t* err);
 
-// What a port's driver tells of it at any time.
+// What a driver reports about a port at any time.
 struct PortStatus {
     uint32_t port_id;
-    uint32_t port_state;  // a public value with the legacy driver, else the driver's
+    uint32_t port_state;  // legacy driver: already a public value; native: a value of the driver
     uint16_t port_sup_speed;
     uint16_t port_speed;
     uint32_t tgt_cnt;
@@ -41,20 +41,21 @@ struct PortStatus {
 Outcome ask_port_status(const Transport& transport, trelm_priv_db* pdb, PortStatus& status);
 uint32_t public_port_state(const Transport& transport, uint32_t port_state);
 
-// These fill the record on success. The legacy driver gets this very record and may find it as it is.
+// These fill the record on success. The legacy driver gets the record itself and may read what it holds.
 Outcome ask_fcf_info(const Transport& transport, trelm_priv_db* pdb, dorfc_fcf_info* fcf);
 Outcome ask_port_stats(const Transport& transport, trelm_priv_db* pdb, dorfc_port_stats* stats);
 Outcome ask_tgt_info(const Transport& transport, trelm_priv_db* pdb, dorfc_tgt_info* tgt);
 
-// Sends the command; `data` is the caller's buffer of cmd's data_len bytes. A read leaves its data there on
-// success.
+// Sends the command. `data` is the buffer of the caller, cmd->data_len bytes; a successful read stores its
+// data there.
 Outcome send_scsi(const Transport& transport, trelm_priv_db* pdb, dorfc_scsi_cmd* cmd, uint8_t* data);
 
 }  // namespace trelm::detail
 
 extern "C" {
 
-// A driver status as a return code: 1 to 13 as the code of that number, any other as a driver error.
+// Translates a driver status to a return code: 1 to 13 to the code with that number, all others to a driver
+// error.
 TRELM_EXPORTED uint32_t trelm_xlate_err(uint32_t stat);
 
 }  // extern "C"

@@ -20,10 +20,10 @@ using trelm::detail::Outcome;
 using trelm::detail::Piece;
 using trelm::detail::trace;
 
-// A host has no more ports than this; a driver that counts more is not followed further.
+// No host has more ports; a larger port count of a driver is followed up to this number.
 constexpr uint64_t kMaxInstances = 65536;
 
-// What a request is and says.
+// A kind of request: its callback, the size of its payload, and its log messages.
 struct RequestKind {
     native_callback callback;
     uint32_t payload;
@@ -52,14 +52,14 @@ int invoke(const NativeDriver& driver, uint64_t callback, void* payload) {
 
 // ---- Discovery
 
-// What the driver tells of one instance.
+// What the driver reports for one instance.
 struct Instance {
     uint32_t host_no = 0;
     trelm::detail::NativePortInfo port = {};
     dorfc_pci_info pci = {};
 };
 
-// In discovery the status in the record alone says whether a call worked.
+// In discovery only the status in the record tells whether a call succeeded.
 template <class Record>
 bool ask_port(const NativeDriver& driver, uint64_t callback, uint32_t host_no, Record& out) {
     struct {
@@ -138,7 +138,7 @@ void trace_exit(const NativeDriver& driver, NativeOperation operation, const tre
     }
 }
 
-// Sends the wrapper and judges the outcome: the driver's status first, then the call's own result.
+// Sends the wrapper. The status of the driver decides first, then the result of the call.
 Outcome send(const NativeDriver& driver, NativeOperation operation, const trelm_priv_db* pdb,
              native_cb_header* wrapper) {
     wrapper->host_no = pdb->host_no;
@@ -153,12 +153,12 @@ Outcome send(const NativeDriver& driver, NativeOperation operation, const trelm_
 }
 
 // The payload of an operation other than a SCSI command.
-struct Request {
+struct RequestRecord {
     native_cb_header header;
-    uint8_t body[sizeof(kronfc_port_stats)];  // the largest
+    uint8_t body[sizeof(kronfc_port_stats)];  // the largest payload
 } __attribute__((packed));
 
-// What precedes the data, or its address, in the command records of all drivers.
+// The part before the data, or before its address, is the same in the command records of all drivers.
 constexpr size_t kScsiLead = offsetof(kronfc_scsi_cmd, data_buffer);
 static_assert(kScsiLead == offsetof(dorfc_scsi_cmd, data_addr));
 
@@ -166,8 +166,8 @@ bool moves_data(const dorfc_scsi_cmd& cmd) {
     return cmd.direction == SCSI_DIRECTION_IN || cmd.direction == SCSI_DIRECTION_OUT;
 }
 
-// Fills a wrapper that is zero wherever the command says nothing. The driver sees all of it, so what an
-// earlier command left in the block is cleared, but for what is overwritten.
+// Fills a wrapper. The driver sees all of it, so everything that the command does not set must be zero. A
+// block that an earlier command used is cleared, except for the parts that are overwritten.
 void fill_scsi(kronfc_scsi_cmd_cb& wrapper, bool cleared, const dorfc_scsi_cmd& cmd, const uint8_t* data) {
     const uint32_t out = cmd.direction == SCSI_DIRECTION_OUT ? cmd.data_len : 0;
     kronfc_scsi_cmd& to = wrapper.cmnd;
@@ -186,7 +186,7 @@ void fill_scsi(kronfc_scsi_cmd_cb& wrapper, bool cleared, const dorfc_scsi_cmd& 
     if (out) memcpy(to.data_buffer, data, out);
 }
 
-// One SCSI command; `take` gets the driver's answer on success.
+// Sends one SCSI command. On success `take` is called with the answer of the driver.
 template <class Take>
 Outcome exchange(const NativeDriver& driver, const trelm_priv_db* pdb, const dorfc_scsi_cmd& cmd,
                  const uint8_t* data, Take take) {
@@ -275,7 +275,7 @@ uint32_t trelm::detail::native_close_adapter(const NativeDriver& driver, trelm_p
 trelm::detail::Outcome trelm::detail::native_request(const NativeDriver& driver, NativeOperation operation,
                                                      const trelm_priv_db* pdb, void* payload, size_t wanted) {
     trace_entry(driver, operation, pdb);
-    const Pooled<Request> request;
+    const Pooled<RequestRecord> request;
     if (!request) return no_memory(driver, operation, pdb);
     uint8_t* const body = request->body;
     memset(request.get(), 0, sizeof request->header + kRequests[operation].payload);

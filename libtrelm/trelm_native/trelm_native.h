@@ -1,5 +1,5 @@
-// trelm_native.h - the transport over the VMkernel management interface, written once for both native
-// drivers. Each driver describes itself in a NativeDriver; everything else is the same.
+// trelm_native.h - the transport over the VMkernel management interface, common to both native drivers. A
+// NativeDriver describes what is specific to each driver.
 #pragma once
 
 #include "discovery.h"
@@ -10,15 +10,15 @@ namespace trelm::detail {
 // Operations that go to one port. Each driver has a function name for each of them.
 enum NativeOperation { kPortInfo, kPortStats, kTgtInfo, kFcfInfo, kScsiCmd, kNativeOperations };
 
-// Both drivers' port information: they begin alike, so what they share can be read from either.
+// Port information of both drivers. The records begin alike, so the common part can be read from either.
 union NativePortInfo {
     dorfc_port_info common;
     cx_fcoe_port_info cx;
     kronfc_port_info kron;
 };
 
-// How a request ended. It fails by its result, by the driver's status, or by both; `error` is the errno that
-// the failing call left.
+// The result of a request. It failed if the result or the status of the driver is not 0. `error` is the errno
+// of the failing call.
 struct Outcome {
     uint32_t result = 0;
     uint32_t stat = 0;
@@ -31,7 +31,7 @@ struct NativeDriver {
     vmk_MgmtApiSignature* signature;
     uint64_t cookie;
     vmk_MgmtUserHandle* handle;
-    bool signed_count;  // how the driver counts its instances
+    bool signed_count;  // whether the port count is a signed number
     bool port_info_exit_shows_result;
 
     DiscoveryNames discovery_names;
@@ -39,12 +39,13 @@ struct NativeDriver {
     const char* close_name;
     const char* operation_names[kNativeOperations];
 
-    // What lies elsewhere in this driver's records, or is numbered in its own way.
+    // Fill the fields that have another place in the records of this driver or that it numbers in its own
+    // way.
     void (*fill_port)(trelm_priv_db& pdb, const NativePortInfo& port);
     void (*fill_hardware)(trelm_hw_info& hw, const NativePortInfo& port, const dorfc_pci_info& pci);
 };
 
-// The entry of a signature's callback table for a callback in the driver with one in/out payload.
+// The entry in the callback table of a signature for a kernel callback with one in/out payload.
 constexpr vmk_MgmtCallbackInfo native_callback_info(uint64_t id, uint64_t payload_size) {
     return {.location = VMK_MGMT_CALLBACK_KERNEL,
             .callback = nullptr,
@@ -60,21 +61,21 @@ uint32_t native_open_adapter(const NativeDriver& driver, trelm_priv_db* pdb, uin
                              uint32_t* papi_handle);
 uint32_t native_close_adapter(const NativeDriver& driver, trelm_priv_db* pdb);
 
-// One operation with a payload of at most 512 bytes; on success `payload` receives the first `wanted` bytes
-// of the driver's answer.
+// Sends an operation with a payload of at most 512 bytes. On success `payload` receives the first `wanted`
+// bytes of the answer.
 Outcome native_request(const NativeDriver& driver, NativeOperation operation, const trelm_priv_db* pdb,
                        void* payload, size_t wanted);
 
-// A SCSI command whose data lies inside the record.
+// Sends a SCSI command whose data is inside the record.
 Outcome native_send_scsi_cmd(const NativeDriver& driver, const trelm_priv_db* pdb, kronfc_scsi_cmd* pcmd);
 
-// A SCSI command whose data lies in the caller's own buffer of cmd->data_len bytes, so that it is copied
-// once. The record is used up to its data length, to where those of all drivers are alike; `data` receives at
-// most its own length.
+// Sends a SCSI command whose data is in the caller's buffer of cmd->data_len bytes, so that it is copied only
+// once. Only the fields of the record up to data_len are used; up to there the records of all drivers are
+// alike. `data` receives at most its own length.
 Outcome native_exchange_scsi_cmd(const NativeDriver& driver, const trelm_priv_db* pdb, dorfc_scsi_cmd* cmd,
                                  uint8_t* data);
 
-// An outcome as the exported functions give it.
+// Passes an outcome on in the form of the exported functions.
 inline uint32_t give(const Outcome& outcome, uint32_t* stat) {
     *stat = outcome.stat;
     return outcome.result;

@@ -15,7 +15,7 @@ vmk_MgmtCallbackInfo kron_fcapi_callbacks[10] = {
     trelm::detail::native_callback_info(NATIVE_CB_TGT_INFO, sizeof(kronfc_tgt_info_cb)),
     trelm::detail::native_callback_info(NATIVE_CB_FCF_INFO, sizeof(kronfc_fcf_info_cb)),
     trelm::detail::native_callback_info(NATIVE_CB_SCSI_CMD, sizeof(kronfc_scsi_cmd_cb)),
-    // The driver's signature has two more, which this library has no use for.
+    // The signature of the driver has two more callbacks, which this library does not use.
     trelm::detail::native_callback_info(24, 24),
     trelm::detail::native_callback_info(25, 262172),
 };

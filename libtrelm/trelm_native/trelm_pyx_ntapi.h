@@ -1,5 +1,5 @@
-// trelm_pyx_ntapi.h - the transport to ostfc, the native driver of the pyx adapter family.
-// Its operations are unguarded: who calls them sees to it that no other thread is in the library.
+// trelm_pyx_ntapi.h - the transport to ostfc, the native driver of the pyx adapter family. Nothing here is
+// guarded: a direct caller must keep other threads out of the library.
 #pragma once
 
 #include "port_records.h"
@@ -13,15 +13,16 @@ extern TRELM_EXPORTED vmk_MgmtCallbackInfo cx_fcoe_callbacks[8];
 extern TRELM_EXPORTED vmk_MgmtApiSignature cx_fcoe_sig;
 extern TRELM_EXPORTED vmk_MgmtUserHandle cx_fcoe_handle;
 
-// Adds the driver's ports to the registry; on success *start_inst is how many were added.
+// Adds the ports of the driver to the registry. On success *start_inst is the number of ports that were
+// added.
 TRELM_EXPORTED uint32_t trelm_pyxnt_find_all_instances(const char* driver_name, uint32_t* start_inst);
 TRELM_EXPORTED uint32_t trelm_pyxnt_open_adapter(trelm_priv_db* pdb, uint32_t instance,
                                                  uint32_t* papi_handle);
 TRELM_EXPORTED uint32_t trelm_pyxnt_close_adapter(trelm_priv_db* pdb);
 
-// Requests give the driver's status in *stat, or 10 when the request could not be allocated, and write the
-// caller's record on success alone. A SCSI command of more than 16 CDB bytes, or one that moves more than
-// 262144 bytes, is refused with status 4 and not sent.
+// *stat receives the status of the driver, or 10 if no memory was available for the request. The record of
+// the caller is written only on success. A SCSI command with more than 16 CDB bytes, or one that moves more
+// than 262144 bytes, is refused with status 4 and not sent.
 TRELM_EXPORTED uint32_t trelm_pyxnt_get_port_info(trelm_priv_db* pdb, cx_fcoe_port_info* port_info,
                                                   uint32_t* stat);
 TRELM_EXPORTED uint32_t trelm_pyxnt_get_port_stats(trelm_priv_db* pdb, cx_fcoe_port_stats* pstats,
@@ -30,7 +31,7 @@ TRELM_EXPORTED uint32_t trelm_pyxnt_get_tgt_info(trelm_priv_db* pdb, cx_fcoe_tgt
 TRELM_EXPORTED uint32_t trelm_pyxnt_get_fcf_info(trelm_priv_db* pdb, cx_fcoe_fcf_info* pfcf, uint32_t* stat);
 TRELM_EXPORTED uint32_t trelm_pyxnt_send_scsi_cmd(trelm_priv_db* pdb, cx_fcoe_scsi_cmd* pcmd, uint32_t* stat);
 
-// The registry's look-ups by PCI location.
+// Look-ups in the registry by PCI location.
 TRELM_EXPORTED trelm_hw_info* trelm_pyxnt_get_hw_info_inst(const cx_fcoe_pci_info* pci_info);
 TRELM_EXPORTED trelm_priv_db* trelm_pyxnt_get_parent_port(const cx_fcoe_pci_info* pci_info);
 

@@ -1,5 +1,5 @@
-// metrics_test.cpp - `trelmctl metrics`: what it says of a host, in both formats, as Prometheus' own tool and the
-// parser of its Python client read it.
+// metrics_test.cpp - `trelmctl metrics`: its output for a host in both formats, as the tool of Prometheus and
+// the parser of its Python client read it.
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
@@ -19,12 +19,12 @@ const std::string kFolder = source_dir() + "/tests/fleet/";
 
 class Metrics : public Programs {
   protected:
-    Outcome metrics(const std::string& options,
-                    const std::string& host = kFolder + "metrics_host.json") const {
+    ProgramResult metrics(const std::string& options,
+                          const std::string& host = kFolder + "metrics_host.json") const {
         const std::string tool = binary_dir() + "/bin/trelmctl";
         return execute(Words{kLauncher, "run", host, "--", tool, "metrics"} + words_of(options));
     }
-    Outcome filter(const std::string& program, const std::string& input) const {
+    ProgramResult filter(const std::string& program, const std::string& input) const {
         write("input", input);
         return execute({"/bin/sh", "-c", program + " < " + at("input")});
     }
@@ -45,10 +45,10 @@ std::set<std::string> matches(const std::string& text, const char* pattern) {
     return found;
 }
 
-// A physical port of each native driver, a virtual one, counters that all differ, LUNs of which one does not answer,
-// and a port whose counters cannot be read.
+// A physical port of each native driver, a virtual port, distinct counters, LUNs of which one does not
+// answer, and a port whose counters cannot be read.
 TEST_F(Metrics, SayOfAHostWhatTheGoldenTextSays) {
-    const Outcome outcome = metrics("--luns");
+    const ProgramResult outcome = metrics("--luns");
     EXPECT_EQ(outcome.status, 1);
     EXPECT_THAT(outcome.errors, HasSubstr("port 2"));
     const std::regex varying(R"((\ntrelm\w*_duration_seconds(?:\{[^}]*\})?) [^\n]*|(\{version=)[^,]*)");
@@ -76,11 +76,12 @@ TEST_F(Metrics, AreAllInTheTableOfTheDocumentationAndAllOfTheTableIsThere) {
 }
 
 TEST_F(Metrics, PassThePrometheusToolAndAStrictParserInSilence) {
-    const Outcome checked = filter("promtool check metrics", metrics("--luns --format prometheus").out);
+    const ProgramResult checked = filter("promtool check metrics", metrics("--luns --format prometheus").out);
     EXPECT_EQ(checked.status, 0);
-    EXPECT_EQ(checked.out + checked.errors, "");
+    EXPECT_EQ(checked.out, "");
+    EXPECT_EQ(checked.errors, "");
 
-    const Outcome parsed = filter(
+    const ProgramResult parsed = filter(
         "/usr/bin/python3 -c 'import sys; from prometheus_client.openmetrics import parser; "
         "print(len(list(parser.text_fd_to_metric_families(sys.stdin))))'",
         metrics("--luns").out);

@@ -1,5 +1,6 @@
-// scrape_cost.cpp - what a scrape costs beside the bare library calls that it needs, on the simulated host that it
-// runs on. Both are done in turn, so that whatever else the machine does befalls both; the middle of each counts.
+// scrape_cost.cpp - the cost of a scrape compared with the bare library calls that it needs, on the simulated
+// host that it runs on. Both alternate, so that other load of the machine affects both alike. The median of
+// each counts.
 #include <fmt/format.h>
 
 #include <algorithm>

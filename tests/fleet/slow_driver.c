@@ -1,7 +1,7 @@
 /*
- * slow_driver.c - stands before the management interface of a simulated host: a request to the port with SCSI host
- * number N waits as long as the file "hang-N" is in the directory that SLOW_DRIVER names. Requests that go to no
- * port, such as for the number of ports, wait for "hang-0".
+ * slow_driver.c - stands before the management interface of a simulated host: a request to the port with SCSI
+ * host number N waits as long as the file "hang-N" is in the directory that SLOW_DRIVER names. Requests that
+ * go to no port, such as for the number of ports, wait for "hang-0".
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>

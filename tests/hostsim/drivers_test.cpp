@@ -1,5 +1,5 @@
-// drivers_test.cpp - what the drivers of a simulated host do alike, and what its management interface refuses
-// of those who ask it wrongly.
+// drivers_test.cpp - behaviour that the drivers of a simulated host share, and wrong requests that its
+// management interface refuses.
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
@@ -15,18 +15,18 @@ using hostsim::Model;
 using hostsim::Operation;
 namespace hosts = hostsim::hosts;
 
-// ---- What all drivers do alike
+// ---- All drivers
 
 class AnyDriver : public testing::TestWithParam<DriverKind> {};
 TRELM_ON_EACH_DRIVER(AnyDriver);
 
-TEST_P(AnyDriver, FaultsHitWhatTheyNameAndLunsAnswerAsTheyAreDescribed) {
+TEST_P(AnyDriver, AppliesFaultsAndAnswersForLunsAsDescribed) {
     Model model = hosts::ports(GetParam(), 2);
     hostsim::Target& target = hosts::add_target(model.port(0, 0), 0, 2);
     target.luns[1].unit_attention = true;
     const auto stats = Operation::port_stats;
     model.faults = {{.operation = stats, .port = "port0.1", .occurrence = 2, .count = 2, .status = 6}};
-    trelm::test::Loaded library(model);
+    trelm::test::LoadedLibrary library(model);
     uint32_t handles[2];
     for (uint32_t i = 0; i < 2; ++i) EXPECT_EQ(TRELM_OpenAdapter(i, &handles[i]), TRELM_STATUS_OK);
     TRELM_PORT_STATS record;
@@ -43,7 +43,7 @@ TEST_P(AnyDriver, FaultsHitWhatTheyNameAndLunsAnswerAsTheyAreDescribed) {
 
 // ---- The management interface
 
-// What a driver's interface expects, to be spoiled.
+// A correct signature, which tests then change.
 struct Signature {
     explicit Signature(DriverKind kind) : cookie(kind == DriverKind::kron ? 501 : 601) {
         constexpr uint64_t sizes[]{8, 16, 72, 520, 520, 72, 72, 262444, 24, 262172};
@@ -95,7 +95,7 @@ TEST(ManagementApi, RefusesASignatureThatDiffersInAnyField) {
     }
 }
 
-TEST(ManagementApi, RefusesInvocationsThatNoDriverWouldGet) {
+TEST(ManagementApi, RefusesMalformedInvocations) {
     using enum hostsim::Driver::Presence;
     Host host(hosts::kron_ports(1));
     host.model().driver(DriverKind::pyx).presence = present;
@@ -122,7 +122,7 @@ TEST(ManagementApi, RefusesInvocationsThatNoDriverWouldGet) {
 
 // ---- The legacy driver
 
-TEST(LegacyNode, RefusesRequestsThatNoDriverWouldTakeAndLeavesTheCallersMemoryAlone) {
+TEST(LegacyNode, RefusesMalformedRequestsAndLeavesTheCallersMemoryAlone) {
     Host host(hosts::legacy_ports(1));
     host.inject({.operation = Operation::hostno, .occurrence = 2, .error = EIO});
     host.inject({.operation = Operation::hostno, .occurrence = 3, .status = 9, .error = EBUSY});

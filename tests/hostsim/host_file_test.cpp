@@ -1,5 +1,5 @@
-// host_file_test.cpp - host files: what they describe arrives in the model, and every mistake is reported
-// with its place.
+// host_file_test.cpp - host files: their contents arrive in the model, and every mistake is reported with its
+// place.
 #include "host_file.h"
 
 #include <gmock/gmock.h>
@@ -19,7 +19,7 @@ using nlohmann::json;
 using testing::HasSubstr;
 using namespace trelm::test;
 
-// What is reported of a host file with this text: warnings, or mistakes.
+// The report for a host file with this text: warnings or mistakes.
 std::string report_on(const std::string& text) {
     std::vector<std::string> warnings;
     try {
@@ -32,7 +32,7 @@ std::string report_on(const std::string& text) {
     return all.empty() ? "sound" : all;
 }
 
-// A sound host with one of everything, to be changed at one place.
+// A valid host with one object of each kind, which tests change at one place.
 const char kSound[] = R"({ // with a comment
   "drivers": {"kron": {"order": ["a", "28:00:00:00:00:00:00:02"]}, "legacy": {"state": "no_device"}},
   "adapters": [{"driver": "kron", "management_firmware": "08.37.30.00",
@@ -70,14 +70,8 @@ TEST(HostFile, ArrivesInTheModel) {
               std::tuple(0x28, hostsim::Fault::kAlways, EIO));
 }
 
-// The sound host with a value at one place, or without it. A stands for the adapter, P for its port, L for
-// the LUNs of the port's target, F for the fault.
-std::string changed(std::string place, const std::string& value) {
-    const std::map<char, std::string> starts{{'A', "/adapters/0"},
-                                             {'P', "/adapters/0/ports/0"},
-                                             {'L', "/adapters/0/ports/0/targets/0/luns"},
-                                             {'F', "/faults/0"}};
-    if (const auto start = starts.find(place[0]); start != starts.end()) place.replace(0, 1, start->second);
+// The valid host with the value at a JSON pointer changed or removed.
+std::string changed(const std::string& place, const std::string& value) {
     json host = json::parse(kSound, nullptr, true, true);
     const json::json_pointer pointer(place);
     if (value == "nothing")
@@ -87,7 +81,7 @@ std::string changed(std::string place, const std::string& value) {
     return host.dump();
 }
 
-// Each line "PLACE = VALUE" of the file is followed by what is reported of that change.
+// Each line "JSON-POINTER = VALUE" of the file is a change, followed by the report for it.
 TEST(HostFile, ReportsEachMistakeWithItsPlaceAndWhatIsAllowed) {
     const std::string expected = text_of(source_dir() + "/tests/hostsim/host_file_mistakes.txt");
     std::istringstream lines(expected);

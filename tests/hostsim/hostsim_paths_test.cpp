@@ -35,7 +35,7 @@ class HostsimPaths : public testing::Test {
     std::string name_ = "hostsim-paths-" + std::to_string(getpid());
 };
 
-// What fortified programs open files by.
+// The functions that fortified programs open files with.
 const auto kOpen2 = reinterpret_cast<int (*)(const char*, int)>(dlsym(RTLD_DEFAULT, "__open_2"));
 
 bool closes(int fd) { return fd >= 0 && close(fd) == 0; }
@@ -83,7 +83,7 @@ TEST_F(HostsimPaths, EveryFamilyOfCallsIsRedirected) {
     }
 }
 
-TEST_F(HostsimPaths, DirectoriesAreListedAndEnteredAsTheHostsAndTheMachinesPathsStay) {
+TEST_F(HostsimPaths, ListsTheHostsDirectoriesAndKeepsTheMachinesPaths) {
     std::vector<fs::path> listed(fs::directory_iterator("/tmp"), {});
     EXPECT_EQ(listed, std::vector<fs::path>{in_tmp()});
     const fs::path before = fs::current_path();
@@ -104,7 +104,7 @@ TEST_F(HostsimPaths, DirectoriesAreListedAndEnteredAsTheHostsAndTheMachinesPaths
     EXPECT_EQ(access(in_tmp().c_str(), F_OK), -1) << "the simulator's own calls are not redirected";
 }
 
-// A file of the user who runs the test is the host user's, whichever call tells.
+// A file of the user who runs the test belongs to the user of the host, in the results of all calls.
 TEST_F(HostsimPaths, TheHostsUserOwnsWhatItsProgramsMake) {
     host_.edit([](hostsim::Model& model) { model.effective_user = 4711; });
     const std::string path = in_tmp();

@@ -1,5 +1,5 @@
-// hostsim_root_test.cpp - the directory under which a host lies, on a machine whose other users are hostile:
-// what may be one, what is removed and what stays.
+// hostsim_root_test.cpp - the root directory of a host on a machine with hostile users: which directories are
+// accepted, what is removed and what stays.
 #include <gmock/gmock.h>
 #include <sys/sem.h>
 
@@ -9,8 +9,8 @@
 #include "host.h"
 #include "host_builders.h"
 #include "support/child.h"
+#include "support/libc_replacements.h"
 #include "support/programs.h"
-#include "support/stand_before.h"
 
 namespace {
 
@@ -18,7 +18,7 @@ bool disk_is_full = false;
 
 }  // namespace
 
-STANDS_BEFORE(int, posix_fallocate, (int fd, off_t offset, off_t size)) {
+REPLACES_LIBC(int, posix_fallocate, (int fd, off_t offset, off_t size)) {
     return disk_is_full ? ENOSPC : NEXT_OF(posix_fallocate)(fd, offset, size);
 }
 
@@ -37,13 +37,15 @@ class HostsimRoot : public Programs {
         setenv("TMPDIR", at("temporary").c_str(), 1);
     }
     ~HostsimRoot() override { unsetenv("TMPDIR"); }
-    Outcome run(const std::string& script, const Words& options = {}) const {
+    ProgramResult run(const std::string& script, const Words& options = {}) const {
         return execute(Words{kLauncher, "run", at("host.json")} + options +
                        Words{"--", "sh", "-c", "D=" + at("") + "; " + script});
     }
-    Outcome clean(const Words& options = {}) const { return execute(Words{kLauncher, "clean"} + options); }
+    ProgramResult clean(const Words& options = {}) const {
+        return execute(Words{kLauncher, "clean"} + options);
+    }
 
-    // Runs a host that makes a semaphore set, and kills every process of it. The set's id.
+    // Runs a host that creates a semaphore set, and kills all of its processes. Returns the id of the set.
     int kill_host(const Words& options = {}) const {
         const Words command{"perl", "-e",
                             "$| = 1; print semget(812, 1, 01600); open F, '>', shift;"
@@ -89,13 +91,13 @@ TEST_F(HostsimRoot, IsNewEmptyOrARootAlready) {
         unsafe.push_back(at("others"));
     }
     for (const std::string& above : unsafe) {
-        const Outcome outcome = run("true", {"--root", above + "/new/root"});
+        const ProgramResult outcome = run("true", {"--root", above + "/new/root"});
         EXPECT_EQ(outcome.status, 125) << above;
         EXPECT_THAT(outcome.errors, AllOf(HasSubstr(above + ": "), HasSubstr("above the root")));
         EXPECT_TRUE(fs::is_empty(above)) << above;
     }
     for (const auto& [root, reason] : refused) {
-        const Outcome outcome = run(": > $D/ran", {"--root", root});
+        const ProgramResult outcome = run(": > $D/ran", {"--root", root});
         EXPECT_EQ(outcome.status, 125) << root;
         EXPECT_THAT(outcome.errors, AllOf(HasSubstr(root + ": "), HasSubstr(reason)));
         EXPECT_FALSE(fs::exists(at("ran"))) << root;
@@ -109,13 +111,13 @@ TEST_F(HostsimRoot, IsNewEmptyOrARootAlready) {
     EXPECT_EQ(run("true", {"--root", at("empty") + "/"}).status, 0) << "which it has become";
 }
 
-// As a user who can do no harm to the machine if this should ever fail.
+// Runs as a user who cannot harm the machine if the check should fail.
 TEST_F(HostsimRoot, IsNeverTheMachinesOwn) {
     fs::permissions(at(""), fs::perms(0755));
     const Words harmless{"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
     for (const char* root : {"/", "//", "/tmp/.."}) {
         const Words command{kLauncher, "run", at("host.json"), "--root", root, "--", "true"};
-        const Outcome outcome = execute(getuid() == 0 ? harmless + command : command);
+        const ProgramResult outcome = execute(getuid() == 0 ? harmless + command : command);
         EXPECT_EQ(outcome.status, 125) << root;
         EXPECT_THAT(outcome.errors, HasSubstr("the machine's own root")) << root;
     }
@@ -140,7 +142,7 @@ TEST_F(HostsimRoot, DoesNotFollowLinksWithin) {
         ASSERT_EQ(run("true", root_option).status, 0);
         fs::remove_all(at("root/" + name));
         fs::create_directory_symlink(at("victim"), at("root/" + name));
-        const Outcome outcome = run("true", root_option);
+        const ProgramResult outcome = run("true", root_option);
         EXPECT_EQ(outcome.status, 125) << name;
         EXPECT_THAT(outcome.errors, HasSubstr(at("root")));
         EXPECT_EQ(clean(root_option).status, name == ".hostsim" ? 1 : 0);
@@ -174,12 +176,12 @@ TEST_F(HostsimRoot, OfAKilledHostGoesWithTheNextStartOrOnRequest) {
     EXPECT_FALSE(exists(second) || exists(third) || fs::exists(temporary));
     EXPECT_TRUE(fs::exists(at("root/tmp")));
     EXPECT_EQ(clean(root_option).out, "nothing to clear\n");
-    const Outcome busy = run(kLauncher + " clean --root $D/root", root_option);
+    const ProgramResult busy = run(kLauncher + " clean --root $D/root", root_option);
     EXPECT_EQ(busy.status, 1);
     EXPECT_THAT(busy.errors, HasSubstr(at("root") + ": a host runs here"));
 }
 
-// Whatever lies among the temporary files, only a root that a host of this user's left there goes.
+// Only roots that hosts of this user left are removed from the temporary files.
 TEST_F(HostsimRoot, IsNotRemovedForAForgedOne) {
     const int set = kill_host();
     const fs::path real = only_root();
@@ -201,7 +203,7 @@ TEST_F(HostsimRoot, IsNotRemovedForAForgedOne) {
     const bool is_others = chown(others.c_str(), 65534, 65534) == 0;
     fs::remove_all(named);
     kill_host({"--root", named});
-    // Makes old what a sweep might take for the beginning of a host.
+    // Makes a directory so old that a sweep does not take it for a host that is being created.
     for (const std::string& root : {linked, open_to_all, hard_mark, hard_lock, hard_state, others, named})
         fs::last_write_time(root + "/.hostsim/users",
                             fs::file_time_type::clock::now() - std::chrono::hours(1));
@@ -226,7 +228,7 @@ TEST_F(HostsimRoot, ThatCannotBeHadLeavesNothing) {
     }
     disk_is_full = false;
     const Words command{kLauncher, "run", at("host.json"), "--", "true"};
-    const Outcome limited = execute(Words{"/bin/sh", "-c", "ulimit -f 8; \"$@\"", "sh"} + command);
+    const ProgramResult limited = execute(Words{"/bin/sh", "-c", "ulimit -f 8; \"$@\"", "sh"} + command);
     EXPECT_EQ(limited.status, 125);
     EXPECT_THAT(limited.errors, HasSubstr("File too large"));
     EXPECT_TRUE(fs::is_empty(at("temporary")));

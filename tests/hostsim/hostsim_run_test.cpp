@@ -1,6 +1,5 @@
-// hostsim_run_test.cpp - programs on a simulated host: what the launcher does with a command, and what of
-// libc's answers becomes the host's. Whatever a test needs lies in one directory of its own, which goes with
-// the test.
+// hostsim_run_test.cpp - programs on a simulated host: how the launcher runs a command, and which answers of
+// libc are those of the host. Each test has a directory of its own, which is removed with it.
 #include <gmock/gmock.h>
 #include <sys/sem.h>
 
@@ -23,16 +22,16 @@ class HostsimRun : public Programs {
         ::unsetenv("TMPDIR");
         mkfifo(at("gate").c_str(), 0600);
     }
-    // A shell script on the host of host.json, in which D is the test's directory.
+    // Runs a shell script on the host of host.json. D is the directory of the test.
     Words script(const std::string& text, const Words& options = {}) const {
         return Words{kLauncher, "run", at("host.json")} + options +
                Words{"--", "sh", "-c", "D=" + at("") + "; " + text};
     }
-    Outcome run(const std::string& text, const Words& options = {}) const {
+    ProgramResult run(const std::string& text, const Words& options = {}) const {
         return execute(script(text, options));
     }
-    Outcome launch(const Words& arguments) const { return execute(Words{kLauncher} + arguments); }
-    // Lets the script go on that waits in `read line < $D/gate`.
+    ProgramResult launch(const Words& arguments) const { return execute(Words{kLauncher} + arguments); }
+    // Continues the script that waits in `read line < $D/gate`.
     void open_gate() const { std::ofstream(at("gate")) << "go\n"; }
     bool appears(const std::string& name) const {
         return eventually([&] { return fs::exists(at(name)); });
@@ -43,7 +42,7 @@ class HostsimRun : public Programs {
 TEST_F(HostsimRun, ReturnsTheStatusOfTheCommandOrSaysWhyItDidNotStart) {
     EXPECT_EQ(run("exit 42").status, 42);
     EXPECT_EQ(run("kill -KILL $$").status, 128 + SIGKILL);
-    const Outcome missing = launch({"run", at("host.json"), "--", "no-such-program"});
+    const ProgramResult missing = launch({"run", at("host.json"), "--", "no-such-program"});
     EXPECT_EQ(missing.status, 127);
     EXPECT_THAT(missing.errors, HasSubstr("no-such-program"));
     const pid_t launcher =
@@ -53,7 +52,7 @@ TEST_F(HostsimRun, ReturnsTheStatusOfTheCommandOrSaysWhyItDidNotStart) {
     EXPECT_EQ(finish(launcher).status, 7) << "signals are forwarded";
 
     write("host.json", "{\"adapters\": [],\n \"no_such_key\": 1}");
-    const Outcome mistaken = run("touch $D/started", root_option);
+    const ProgramResult mistaken = run("touch $D/started", root_option);
     EXPECT_EQ(mistaken.status, 125);
     EXPECT_THAT(mistaken.errors, AllOf(HasSubstr(at("host.json")), HasSubstr("no_such_key")));
     EXPECT_FALSE(fs::exists(at("started")) || fs::exists(at("root")));
@@ -78,11 +77,11 @@ TEST_F(HostsimRun, RefusesProgramsThatItCannotReach) {
              {at("static"), at("static") + " is statically linked"},
              {at("script"), at("static") + " is statically linked"},
              {setuid, "rights of another user"}}) {
-        const Outcome refused = launch({"run", at("host.json"), "--", command, "--version"});
+        const ProgramResult refused = launch({"run", at("host.json"), "--", command, "--version"});
         EXPECT_EQ(refused.status, 126) << command;
         EXPECT_THAT(refused.errors, AllOf(HasSubstr(command + ": "), HasSubstr(reason)));
     }
-    const Outcome forced = launch({"run", "--force", at("host.json"), "--", setuid, "--version"});
+    const ProgramResult forced = launch({"run", "--force", at("host.json"), "--", setuid, "--version"});
     EXPECT_EQ(forced.status, 0) << forced.errors;
     write("text", "not executable");
     EXPECT_EQ(launch({"run", at("host.json"), "--", at("text")}).status, 126);
@@ -96,16 +95,17 @@ TEST_F(HostsimRun, WorksFromAPathWithASpaceAndAColon) {
     }
     write("a place: mine/bin/beside", "#!/bin/sh\nuname; env -i /bin/uname -n");
     chmod((moved / "bin/beside").c_str(), 0755);
-    const Outcome outcome = execute({moved / "bin/trelm-hostsim", "run", at("host.json"), "--", "beside"});
+    const ProgramResult outcome =
+        execute({moved / "bin/trelm-hostsim", "run", at("host.json"), "--", "beside"});
     EXPECT_EQ(outcome.out, "VMkernel\nesx-run\n") << outcome.errors;
 }
 
-#ifndef __SANITIZE_ADDRESS__  // its leak check needs /proc itself
+#ifndef __SANITIZE_ADDRESS__  // the leak check of the sanitizer needs /proc
 TEST_F(HostsimRun, SaysWhatItMissesWhereThereIsNoProc) {
     if (execute({"/usr/bin/unshare", "-m", "umount", "-l", "/proc"}).status != 0)
         GTEST_SKIP() << "this user may not take /proc away";
-    const Outcome outcome = execute({"/usr/bin/unshare", "-m", "sh", "-c", "umount -l /proc; \"$@\"", "sh",
-                                     kLauncher, "run", at("host.json"), "--", "true"});
+    const ProgramResult outcome = execute({"/usr/bin/unshare", "-m", "sh", "-c", "umount -l /proc; \"$@\"",
+                                           "sh", kLauncher, "run", at("host.json"), "--", "true"});
     EXPECT_EQ(outcome.status, 125);
     EXPECT_THAT(outcome.errors, HasSubstr("/proc is missing"));
 }
@@ -125,14 +125,14 @@ TEST_F(HostsimRun, TellsOnceWhenAnEditBreaksTheFileAndOnceWhenItIsSoundAgain) {
     write("host.json", sound);
     EXPECT_TRUE(told(at("host.json") + ": sound again"));
     open_gate();
-    const Outcome outcome = finish(launcher);
+    const ProgramResult outcome = finish(launcher);
     EXPECT_EQ(outcome.out, "esx-run\n");
     EXPECT_EQ(std::ranges::count(outcome.errors, '\n'), 3) << outcome.errors;
     EXPECT_THAT(run("echo broken > $D/host.json").errors, HasSubstr(at("host.json") + ":1:"));
 }
 
 TEST_F(HostsimRun, KeepsTheHostUntilTheLastChildHasEnded) {
-    const Outcome outcome =
+    const ProgramResult outcome =
         run("echo $TRELM_HOSTSIM_ROOT; : > /tmp/file; (read line < $D/gate; "
             "test -e /tmp/file && : > $D/found) > /dev/null 2>&1 & exit 3");
     EXPECT_EQ(outcome.status, 3);
@@ -178,7 +178,7 @@ TEST_F(HostsimRun, KeepsARootThatWasGivenAndSharesItAmongCommandsOfOneHostOnly) 
         start(script(": > /tmp/ready; read line < $D/gate; cat /tmp/second", root_option), at("first"));
     ASSERT_TRUE(appears("root/tmp/ready"));
     EXPECT_EQ(run("test -e /tmp/ready && echo hello > /tmp/second; : > /var/tmp/log", root_option).status, 0);
-    const Outcome refused = launch(Words{"run", at("next.json")} + root_option + Words{"--", "true"});
+    const ProgramResult refused = launch(Words{"run", at("next.json")} + root_option + Words{"--", "true"});
     EXPECT_EQ(refused.status, 125);
     EXPECT_THAT(refused.errors, HasSubstr(at("host.json")));
     EXPECT_TRUE(fs::exists(at("root/.hostsim/state"))) << "the second command was not the last";
@@ -190,7 +190,7 @@ TEST_F(HostsimRun, KeepsARootThatWasGivenAndSharesItAmongCommandsOfOneHostOnly) 
 }
 
 TEST_F(HostsimRun, KeepsSemaphoresApartAndRemovesThem) {
-    // IPC_CREAT 01000, IPC_EXCL 02000: each host is the first to make its set.
+    // IPC_CREAT 01000, IPC_EXCL 02000: each host creates its own set.
     const std::string make =
         "perl -e '$id = semget(812, 1, 03644); print defined $id ? $id : \"taken\", \"\\n\"'";
     const pid_t first =
@@ -212,18 +212,18 @@ TEST_F(HostsimRun, WritesAHostFileThatIsSoundAndChecksOthers) {
     write("mine.json", "mine");
     EXPECT_THAT(launch({"new", at("mine.json")}).errors, HasSubstr(at("mine.json")));
     EXPECT_EQ(text_of(at("mine.json")), "mine");
-    const Outcome sound = launch({"check", at("new.json")});
+    const ProgramResult sound = launch({"check", at("new.json")});
     EXPECT_EQ(sound.status, 0) << sound.errors;
     EXPECT_THAT(sound.out, StartsWith("sound: " + at("new.json")));
     write("odd.json", R"({"adapters": [], "name": "a\u001b[1mb",
                          "faults": [{"operation": "init", "status": 1}]})");
     const std::string warning = "trelm-hostsim: warning: " + at("odd.json") + ":2:51: /faults/0/operation: ";
-    const Outcome usable = launch({"check", at("odd.json")});
+    const ProgramResult usable = launch({"check", at("odd.json")});
     EXPECT_EQ(usable.status, 0);
     EXPECT_THAT(usable.errors, StartsWith(warning));
     EXPECT_THAT(usable.out, AllOf(StartsWith("usable: " + at("odd.json")), HasSubstr("\"a\\x1b[1mb\"")));
     EXPECT_THAT(launch({"run", at("odd.json"), "--", "true"}).errors, StartsWith(warning));
-    const Outcome mixed = launch({"check", at("mine.json"), at("absent.json")});
+    const ProgramResult mixed = launch({"check", at("mine.json"), at("absent.json")});
     EXPECT_EQ(mixed.status, 1);
     EXPECT_THAT(mixed.errors, AllOf(HasSubstr(at("mine.json") + ":1:"), HasSubstr("absent.json")));
 }

@@ -1,4 +1,4 @@
-// model_test.cpp - the text forms of host files, and what a model's ports get that were given nothing.
+// model_test.cpp - the text forms of host files, and the defaults for ports of a model.
 #include "model.h"
 
 #include <gmock/gmock.h>
@@ -73,7 +73,7 @@ TEST(Printable, LeavesTextAloneAndEscapesWhatControlsATerminal) {
     for (const auto& [text, shown] : rows) EXPECT_EQ(printable(text), shown);
 }
 
-TEST(Model, GivesPortsWhatTheyWereNotGivenByTheirPlaceAlone) {
+TEST(Model, DerivesMissingValuesFromThePlaceOfAPort) {
     Model model = hosts::kron_ports(3, 1);
     hosts::add_adapter(model, DriverKind::pyx, 1);
     model.port(0, 1).host_no = 3;

@@ -1,6 +1,6 @@
-// scsi_disk_test.cpp - the simulated disks and targets: what each command answers, byte by byte, and what is
-// read of what was written. An answer is the SCSI status with the data or the sense behind it; a command
-// never writes past the bytes that it says it sent.
+// scsi_disk_test.cpp - simulated disks and targets: the answer to each command byte by byte, and reading
+// written data. An answer is the SCSI status with the data or the sense data. A command never writes beyond
+// the bytes that it reports as sent.
 #include "scsi_disk.h"
 
 #include <gtest/gtest.h>
@@ -12,33 +12,24 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-// Bytes as they are written down here: in hex, as 'text', or as .N for N zeros.
-Bytes bytes(const std::string& notation) {
+// Bytes in hexadecimal, separated by blanks.
+Bytes hex(const std::string& digits) {
     Bytes all;
-    std::istringstream in(notation);
-    for (std::string word; (in >> std::ws).peek() != EOF;) {
-        const bool is_text = in.peek() == '\'';
-        in >> std::quoted(word, '\'');
-        if (is_text) {
-            all.insert(all.end(), word.begin(), word.end());
-        } else if (word[0] == '.') {
-            all.resize(all.size() + std::stoul(word.substr(1)));
-        } else {
-            all.push_back(static_cast<uint8_t>(std::stoul(word, nullptr, 16)));
-        }
-    }
+    std::istringstream in(digits);
+    for (unsigned byte = 0; in >> std::hex >> byte;) all.push_back(static_cast<uint8_t>(byte));
     return all;
 }
+Bytes text(std::string_view characters) { return {characters.begin(), characters.end()}; }
+Bytes zeros(size_t count) { return Bytes(count); }
 
 Bytes operator+(Bytes first, std::span<const uint8_t> then) {
     first.insert(first.end(), then.begin(), then.end());
     return first;
 }
 Bytes good(const Bytes& data = {}) { return Bytes{0} + data; }
-Bytes good(const char* data) { return good(bytes(data)); }
-// The bytes at the end say which field of the CDB is wrong.
-Bytes refused(SenseCode code, const char* field = ".3") {
-    return Bytes{2, 0x70, 0, code.key, 0, 0, 0, 0, 10, 0, 0, 0, 0, code.asc, code.ascq, 0} + bytes(field);
+// The last bytes point at the wrong field of the CDB.
+Bytes refused(SenseCode code, const char* field = "00 00 00") {
+    return Bytes{2, 0x70, 0, code.key, 0, 0, 0, 0, 10, 0, 0, 0, 0, code.asc, code.ascq, 0} + hex(field);
 }
 
 template <typename Unit>
@@ -67,7 +58,7 @@ DiskConfig config_of(uint64_t blocks, uint32_t block_size = 512) {
 }
 Disk disk_of(const DiskConfig& config) { return {config, memory_store(config.block_size)}; }
 
-TEST(Disk, AnswersEachCommandToTheByteAndSendsNoMoreThanThereIsRoomFor) {
+TEST(Disk, AnswersEachCommandToTheByteAndFitsItsBuffer) {
     const Disk large = disk_of(config_of(0x123456789A)), small = disk_of(config_of(2048));
     const SenseCode field = sense::kInvalidField, range = sense::kLbaOutOfRange;
     const struct {
@@ -76,37 +67,41 @@ TEST(Disk, AnswersEachCommandToTheByteAndSendsNoMoreThanThereIsRoomFor) {
         Bytes answer;
     } rows[]{
         {large, "12 00 00 00 FF",
-         good("2D 00 06 12 5B 00 00 02 'CALVEXA ULVARD VOLUME, L05  ' .22 00 A0 0A 40 04 60 04 C0 .30")},
-        {large, "12 01 00 00 FF", good("2D 00 00 05 00 80 83 B0 B1")},
-        {large, "12 01 80 00 FF", good("2D 80 00 09 'CX0000017'")},
+         good(hex("2D 00 06 12 5B 00 00 02") + text("CALVEXA ULVARD VOLUME, L05  ") + zeros(22) +
+              hex("00 A0 0A 40 04 60 04 C0") + zeros(30))},
+        {large, "12 01 00 00 FF", good(hex("2D 00 00 05 00 80 83 B0 B1"))},
+        {large, "12 01 80 00 FF", good(hex("2D 80 00 09") + text("CX0000017"))},
         {large, "12 01 83 00 FF",
-         good("2D 83 00 31 01 03 00 08 50 00 C5 00 A1 B2 C3 D4 02 01 00 21 'CALVEXA ULVARD VOLUME, "
-              "LCX0000017'")},
-        {large, "12 01 B0 00 FF", good("2D B0 00 3C .2 00 08 .4 00 00 02 00 .48")},
-        {large, "03 00 00 00 FF", good("70 .6 0A .10")},
-        {small, "25", good("00 00 07 FF 00 00 02 00")},
-        {large, "9E 10 .11 0C", good("00 00 00 12 34 56 78 99 00 00 02 00")},
-        {large, "1A 08 3F 00 FF", good("23 00 10 00 08 12 .18 0A 0A 00 10 .4 FF FF .2")},
-        {large, "5A 10 0A .4 01 00",
-         good("00 22 00 10 01 00 00 10 00 00 00 12 34 56 78 9A .4 00 00 02 00 0A 0A 00 10 .4 FF FF .2")},
+         good(hex("2D 83 00 31 01 03 00 08 50 00 C5 00 A1 B2 C3 D4 02 01 00 21") +
+              text("CALVEXA ULVARD VOLUME, LCX0000017"))},
+        {large, "12 01 B0 00 FF", good(hex("2D B0 00 3C 00 00 00 08 00 00 00 00 00 00 02 00") + zeros(48))},
+        {large, "03 00 00 00 FF", good(hex("70 00 00 00 00 00 00 0A") + zeros(10))},
+        {small, "25", good(hex("00 00 07 FF 00 00 02 00"))},
+        {large, "9E 10 00 00 00 00 00 00 00 00 00 00 00 0C",
+         good(hex("00 00 00 12 34 56 78 99 00 00 02 00"))},
+        {large, "1A 08 3F 00 FF",
+         good(hex("23 00 10 00 08 12") + zeros(18) + hex("0A 0A 00 10 00 00 00 00 FF FF 00 00"))},
+        {large, "5A 10 0A 00 00 00 00 01 00",
+         good(hex("00 22 00 10 01 00 00 10 00 00 00 12 34 56 78 9A 00 00 00 00 00 00 02 00 0A 0A 00 10 00 00 "
+                  "00 00 FF FF 00 00"))},
         {small, "C1", refused(sense::kInvalidOpcode)},
         {small, "1A 00 C8 00 FF", refused(sense::kNoSavedParameters)},
         {small, "12 00 80 00 FF", refused(field, "C0 00 02")},
-        {small, "00 .4 04", refused(field, "CA 00 05")},
-        {small, "28 20 .6 01", refused(field, "CF 00 01")},
+        {small, "00 00 00 00 00 04", refused(field, "CA 00 05")},
+        {small, "28 20 00 00 00 00 00 00 01", refused(field, "CF 00 01")},
         {small, "1A 00 1C 00 FF", refused(field, "CD 00 02")},
         {small, "08 00 07 01 00", refused(range)},  // 0 stands for 256 blocks
         {small, "35 00 00 00 07 FF 00 00 02", refused(range)},
     };
     for (const auto& [disk, cdb, answer] : rows) {
         SCOPED_TRACE(cdb);
-        EXPECT_EQ(ask(disk, bytes(cdb)), answer);
+        EXPECT_EQ(ask(disk, hex(cdb)), answer);
         if (answer[0] != 0 || answer.size() == 1) continue;
-        EXPECT_EQ(ask(disk, bytes(cdb), answer.size() - 2), Bytes(answer.begin(), answer.end() - 1));
+        EXPECT_EQ(ask(disk, hex(cdb), answer.size() - 2), Bytes(answer.begin(), answer.end() - 1));
     }
 }
 
-// A command of the READ or WRITE family with its fields where its length has them.
+// A command of the READ or WRITE family, with its fields at the places for its length.
 Bytes transfer(uint8_t opcode, uint64_t lba, uint32_t blocks) {
     constexpr size_t kLayouts[][4]{{1, 3, 4, 1}, {2, 4, 7, 2}, {2, 4, 7, 2}, {}, {2, 8, 10, 4}, {2, 4, 6, 4}};
     const auto& [lba_at, lba_width, blocks_at, blocks_width] = kLayouts[opcode >> 5];
@@ -117,7 +112,7 @@ Bytes transfer(uint8_t opcode, uint64_t lba, uint32_t blocks) {
     return cdb;
 }
 
-TEST(Disk, ReturnsWhatWasWrittenUpToTheLastBlockAndRefusesWhatLiesBehind) {
+TEST(Disk, ReturnsWrittenBlocksAndRefusesThoseBeyondTheLast) {
     const std::tuple<uint8_t, uint8_t, uint64_t, uint32_t, uint32_t> rows[]{
         {0x08, 0x0A, 0x1FFFF0, 512, 255},
         {0x28, 0x2A, 0x300000, 512, 300},
@@ -160,33 +155,34 @@ struct At {
 ScsiTarget target_of(const std::vector<std::pair<uint16_t, LunAddressing>>& luns) {
     std::vector<ScsiLun> units;
     for (const auto& [number, addressing] : luns)
-        units.push_back({number, addressing, disk_of(config_of(number + 1u))});  // tells the LUNs apart
+        units.push_back({number, addressing, disk_of(config_of(number + 1u))});  // distinguishes the LUNs
     return ScsiTarget(std::move(units));
 }
 
-TEST(Target, ListsItsLunsInOrderAndAnswersForThoseThatAreNotThere) {
+TEST(Target, ListsItsLunsInOrderAndAnswersForMissingOnes) {
     const ScsiTarget target = target_of(
         {{300, LunAddressing::peripheral}, {2, LunAddressing::flat}, {1, LunAddressing::peripheral}});
-    const Bytes list = good("00 00 00 18 .4 00 01 .6 40 02 .6 41 2C .6");
+    const Bytes list = good(hex(
+        "00 00 00 18 00 00 00 00 00 01 00 00 00 00 00 00 40 02 00 00 00 00 00 00 41 2C 00 00 00 00 00 00"));
     const Bytes nobody = refused(sense::kLunNotSupported);
     const std::tuple<uint32_t, const char*, Bytes> rows[]{
-        {0, "A0 .7 40 00", list},
-        {0x4000, "A0 00 02 .5 40 00", list},
-        {0, "A0 .8 0B", Bytes(list.begin(), list.begin() + 12)},
-        {0, "A0 00 01 .5 40 00", good(".8")},
-        {0, "A0 00 03 .5 40 00", refused(sense::kInvalidField, "C0 00 02")},
-        {7, "A0 .7 40 00", nobody},
-        {0, "12 00 00 00 24", good("7F 00 06 12 5B 00 00 02 '                            '")},
+        {0, "A0 00 00 00 00 00 00 00 40 00", list},
+        {0x4000, "A0 00 02 00 00 00 00 00 40 00", list},
+        {0, "A0 00 00 00 00 00 00 00 00 0B", Bytes(list.begin(), list.begin() + 12)},
+        {0, "A0 00 01 00 00 00 00 00 40 00", good(zeros(8))},
+        {0, "A0 00 03 00 00 00 00 00 40 00", refused(sense::kInvalidField, "C0 00 02")},
+        {7, "A0 00 00 00 00 00 00 00 40 00", nobody},
+        {0, "12 00 00 00 24", good(hex("7F 00 06 12 5B 00 00 02") + text("                            "))},
         {0, "03 00 00 00 12", good(Bytes(nobody.begin() + 1, nobody.end()))},
         {7, "12 01 80 00 24", nobody},
         {0xFFFFFFFF, "00", nobody},
         {0x8001, "00", nobody},
         {0x10001, "00", nobody},
-        {0x4001, "25", good("00 00 00 01 00 00 02 00")},
-        {0x412C, "25", good("00 00 01 2C 00 00 02 00")},
+        {0x4001, "25", good(hex("00 00 00 01 00 00 02 00"))},
+        {0x412C, "25", good(hex("00 00 01 2C 00 00 02 00"))},
     };
     EXPECT_EQ(ask(At{target, 1, 1}, {0}), nobody);
-    for (const auto& [lun, cdb, answer] : rows) EXPECT_EQ(ask(At{target, lun}, bytes(cdb)), answer) << cdb;
+    for (const auto& [lun, cdb, answer] : rows) EXPECT_EQ(ask(At{target, lun}, hex(cdb)), answer) << cdb;
 }
 
 }  // namespace

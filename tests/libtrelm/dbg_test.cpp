@@ -1,5 +1,5 @@
-// dbg_test.cpp - the debug log: what is written, in which form, and where to.
-// That each waits for its turn is a test's of the semaphores.
+// dbg_test.cpp - the debug log: its lines, their form and their destinations. semaphores_test.cpp tests that
+// processes take turns.
 #include <fcntl.h>
 #include <sys/sem.h>
 
@@ -34,7 +34,7 @@ using namespace trelm::test;
 
 void print_line(const std::string& text) { trelm_dbg_print(nullptr, text.c_str(), 0, 0, 1); }
 
-// Every test logs on a host of its own.
+// Every test logs on its own host.
 class Log : public ::testing::Test {
   protected:
     Log() {
@@ -99,7 +99,7 @@ TEST_F(Log, StampsLinesOfTheFileWithTheLocalTimeAndAppendsThem) {
     EXPECT_EQ(contents(kLogFile),
               "older\nNov 05 02:00:00: func(1): entered.\ntitle\nNov 05 02:00:00: " + end);
     EXPECT_EQ(log.take_text(), "on the terminal\nfunc(1): entered.\ntitle\n" + end);
-    what_time_it_is = INT64_MAX;  // no year that can be told: the line is dropped
+    what_time_it_is = INT64_MAX;  // the year is out of range: the line is dropped
     print_line("lost");
     what_time_it_is = mktime(&local_time);
     strcpy(trelmlog_path, "/tmp/own.log");  // as a host program may
@@ -113,7 +113,7 @@ TEST_F(Log, StampsLinesOfTheFileWithTheLocalTimeAndAppendsThem) {
 
 TEST_F(Log, LeavesInPiecesOf251CharactersAndWithoutMemoryNotAtAll) {
     int ends[2];
-    ASSERT_EQ(pipe2(ends, O_DIRECT | O_CLOEXEC), 0);  // one read gives what one write wrote
+    ASSERT_EQ(pipe2(ends, O_DIRECT | O_CLOEXEC), 0);  // one read returns the bytes of one write
     set_debug_flags(kErrorLines);
     dup2(ends[1], 2);
     print_line(std::string(300, 'y'));
@@ -128,7 +128,7 @@ TEST_F(Log, LeavesInPiecesOf251CharactersAndWithoutMemoryNotAtAll) {
     EXPECT_THAT(pieces, ElementsAre(251, 50, 4));
 }
 
-TEST_F(Log, GoesOnWithoutFileOrSemaphoreAndLeavesErrnoAlone) {
+TEST_F(Log, WorksWithoutFileOrSemaphoreAndPreservesErrno) {
     set_debug_flags(7);
     std::ofstream("/tmp/victim") << "mine";
     for (const auto& place :

@@ -1,5 +1,5 @@
-// Discovery of each driver's ports: what is kept, dropped or passed over, in which order it ends up,
-// and what a driver that answers badly can do.
+// Discovery of the ports of each driver: which ports are kept, dropped or passed over, their order, and the
+// effects of wrong answers of a driver.
 
 #include "support/failing_allocation.h"
 #include "support/port_calls.h"
@@ -10,7 +10,7 @@ namespace {
 
 using namespace trelm::test;
 
-constexpr uint32_t kBefore = 5;  // ports that others have found
+constexpr uint32_t kBefore = 5;  // ports that were found before
 
 class Discovery : public testing::TestWithParam<DriverKind> {
   protected:
@@ -26,7 +26,7 @@ class Discovery : public testing::TestWithParam<DriverKind> {
         host_ = std::make_unique<hostsim::Host>(std::move(model));
     }
     hostsim::Host& host() { return *host_; }
-    // Native discoveries give the number of their ports, the legacy one goes on counting.
+    // Native discoveries return the number of their ports. The legacy one adds to the counter.
     uint32_t discover() {
         const size_t descriptors = open_descriptors();
         counter = kBefore;
@@ -66,7 +66,8 @@ TEST_P(Discovery, FillsBothRecordsAndPutsPhysicalPortsInFront) {
         lines(name("find_all_instances: "),
               native ? Lines{"Got hba_count=6", "found 6 instances, exiting rval=0"}
                      : Lines{"entered for dorfc", "Got hba_count=6", "found Bh instances, exiting ret=0"}));
-    // A virtual port looks up its parent, behind which the next record goes: physical ports end up in front.
+    // A virtual port looks up its parent, and the next record goes after the parent. So physical ports are in
+    // front.
     ASSERT_THAT(instances(), ElementsAre(0, 3, 5, 4, 2, 1));
     const std::vector<trelm_priv_db*> ports = registry();
     const trelm_hw_info& hw = *ports[1]->hw_info;
@@ -95,15 +96,17 @@ TEST_P(Discovery, DropsPhysicalPortsOfUnknownDevices) {
         if (device == 0x16B0) device = 0x8070;
         if (known.contains(device)) kept.push_back(static_cast<uint32_t>(model.adapters.size()));
         hostsim::Adapter& adapter = hostsim::hosts::add_adapter(model, GetParam(), 1);
-        adapter.device_id = static_cast<uint16_t>(device), adapter.vendor_id = 0xABCD;  // any vendor's
+        adapter.device_id = static_cast<uint16_t>(device),
+        adapter.vendor_id = 0xABCD;  // the vendor does not matter
     }
     start(model);
-    if (!native) Failure{.status = 1}.of(host(), Operation::port_info);  // nor is any link state read
+    if (!native)
+        DriverFailure{.status = 1}.of(host(), Operation::port_info);  // then no link state is read either
     expect_found(12);
     EXPECT_THAT(instances(), testing::UnorderedElementsAreArray(kept));
     EXPECT_EQ(trelm_phy_info->count, 12U);
 
-    // A record that goes leaves the cursor behind the last one, that is in front of the first.
+    // After the removal of a record the cursor is at the sentinel, so the next record goes to the front.
     model = hostsim::hosts::ports(GetParam(), 0);
     for (int i = 0; i < 4; ++i) hostsim::hosts::add_adapter(model, GetParam(), 1);
     model.adapters[1].device_id = 0x8070;
@@ -112,8 +115,8 @@ TEST_P(Discovery, DropsPhysicalPortsOfUnknownDevices) {
     EXPECT_THAT(instances(), ElementsAre(2, 3, 0));
 }
 
-// One virtual port is listed before its physical port, and two physical ports lie at one location.
-TEST_P(Discovery, AVirtualPortBelongsToTheFirstPhysicalPortAtItsLocation) {
+// One virtual port comes before its physical port, and two physical ports have the same location.
+TEST_P(Discovery, AttachesAVirtualPortToTheFirstPhysicalPortAtItsLocation) {
     hostsim::Model model = hostsim::hosts::ports(GetParam(), 2, 1);
     model.port(0, 0).pci_function = model.port(0, 1).pci_function = 2;
     model.driver(GetParam()).order = {"port0.0/1", "port0.0", "port0.1", "port0.1/1"};
@@ -135,9 +138,9 @@ TEST_P(Discovery, AVirtualPortBelongsToTheFirstPhysicalPortAtItsLocation) {
                   lines(name("get_parent_port: "), {"entered.", "exiting."}));
 }
 
-// The pyx driver counts without a sign, so that a negative number is a large one to it.
-TEST_P(Discovery, FollowsACountThatIsNonsenseOnlySoFar) {
-    using Asked = std::array<uint32_t, 3>;  // for host numbers, each kind of driver
+// The port count of the pyx driver is unsigned, so a negative number is a large one.
+TEST_P(Discovery, BoundsANonsensicalPortCount) {
+    using Asked = std::array<uint32_t, 3>;  // requests for host numbers, by kind of driver
     for (const auto& [count, asked_for] : {std::pair<int64_t, Asked>{0, {0, 0, 0}},
                                            {-1, {0, 65536, 0}},
                                            {1, {1, 1, 1}},
@@ -152,7 +155,7 @@ TEST_P(Discovery, FollowsACountThatIsNonsenseOnlySoFar) {
         EXPECT_EQ(host().count_calls(Operation::hostno), asked);
     }
     forget();
-    host().tamper = [](Answer& answer) {  // a success begins the legacy driver's count of failures anew
+    host().tamper = [](Answer& answer) {  // a success resets the count of failures in a row
         if (answer.call.operation == Operation::hostno) answer.status = answer.call.port % 256 != 0;
     };
     expect_found(native ? 1 : 256);
@@ -162,7 +165,7 @@ TEST_P(Discovery, FollowsACountThatIsNonsenseOnlySoFar) {
     expect_found(300);
 }
 
-TEST_P(Discovery, SkipsPortsWithoutHostNumberAndTheNativeDriversThoseWithoutInformation) {
+TEST_P(Discovery, SkipsPortsWithMissingInformation) {
     for (const auto& [operation, of_legacy] :
          {std::pair{Operation::hostno, 2U}, {Operation::port_info, 3U}, {Operation::pci_info, 3U}}) {
         start(hostsim::hosts::ports(GetParam(), 3));
@@ -171,17 +174,17 @@ TEST_P(Discovery, SkipsPortsWithoutHostNumberAndTheNativeDriversThoseWithoutInfo
     }
 }
 
-// One port has no host number, which is made up for; one no port information, which leaves it without names;
-// one no PCI information, which leaves it without hardware and so never open.
-TEST(LegacyDiscovery, KeepsPortsThatDoNotTellEverything) {
+// One port has no host number, so another index is tried. One has no port information and thus no names. One
+// has no PCI information and thus no hardware record, so it can never be opened.
+TEST(LegacyDiscovery, KeepsPortsWithMissingInformation) {
     hostsim::Model model = hostsim::hosts::legacy_ports(5);
     model.driver(DriverKind::legacy).reported_port_count = 4;
     model.faults = {fault(Operation::hostno, {.status = 9}, 2),
                     fault(Operation::port_info, {.status = 42}, 2),
                     fault(Operation::pci_info, {.error = EIO}, 3)};
-    Loaded library(hostsim::hosts::empty());
+    LoadedLibrary library(hostsim::hosts::empty());
     library.host.model() = model;
-    library.host.tamper = [](Answer& answer) {  // what comes with a failure is not used
+    library.host.tamper = [](Answer& answer) {  // the payload of a failed request is not used
         if (answer.status == 42) std::fill(answer.payload.begin(), answer.payload.end(), 'x');
     };
     LogCapture log(kErrorLines);
@@ -195,7 +198,7 @@ TEST(LegacyDiscovery, KeepsPortsThatDoNotTellEverything) {
                     testing::MatchesRegex(at + "port info ioctl failed\\. stat=2Ah errno=[0-9A-F]+h?"),
                     "trelm_get_pci_info: Get pci info ioctl function failed, errno=5",
                     testing::MatchesRegex(at + "pci info ioctl failed\\. stat=0 errno=5")));
-    ASSERT_THAT(instances(), ElementsAre(2, 3, 4, 0)) << "as behind a port that was dropped";
+    ASSERT_THAT(instances(), ElementsAre(2, 3, 4, 0)) << "the port after a dropped one is in front";
     const std::vector<trelm_priv_db*> ports = registry();
     EXPECT_STREQ(ports[0]->hw_info->model_name, "");
     EXPECT_STREQ(ports[0]->hw_info->model_desc, "Calvexa 10G FCoE Adapter");
@@ -209,7 +212,7 @@ TEST(LegacyDiscovery, KeepsPortsThatDoNotTellEverything) {
     EXPECT_EQ(TRELM_GetVNPortInfo(4, 9, &info), TRELM_STATUS_FAILED);
 }
 
-// Whichever list has no room, nothing of the legacy driver's stays beside the ports of the kron driver.
+// If either list cannot grow, no port of the legacy driver remains beside the ports of the kron driver.
 TEST(LegacyDiscovery, LeavesNothingBehindWhereMemoryRunsOut) {
     hostsim::Model model = hostsim::hosts::legacy_ports(4, 1);
     hostsim::hosts::add_adapter(model, DriverKind::kron, 2);
@@ -224,6 +227,32 @@ TEST(LegacyDiscovery, LeavesNothingBehindWhereMemoryRunsOut) {
         EXPECT_EQ(count, 2U);
         EXPECT_EQ(trelm_phy_info->count, 2U);
         EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
+    }
+}
+
+TEST_P(Discovery, FindsTheFirstPhysicalPortAtAVirtualPortsLocation) {
+    const size_t count = native ? 72 : 12;  // link-state files take time
+    hostsim::Model model = hostsim::hosts::ports(GetParam(), count, 1);
+    uint32_t id = 0;
+    for (uint16_t i = 0; i < 6; ++i) {
+        hostsim::Adapter& adapter = model.adapters[i];
+        adapter.pci_bus = 5, adapter.pci_domain = i / 4, adapter.pci_device = i / 2 % 2;
+        // Both ports of every other adapter are at one location. The ports of the first adapters are found
+        // first.
+        for (hostsim::PhysicalPort& port : adapter.ports) {
+            port.pci_function = i % 2 ? 2 : static_cast<uint16_t>(id % 2);
+            port.port_id = ++id;
+            port.virtual_ports[0].port_id = i % 2 ? adapter.ports[0].port_id : id;
+            if (i < 4) model.driver(GetParam()).order.push_back(port.name);
+        }
+    }
+    start(model);
+    expect_found(2 * count);
+    for (const trelm_priv_db* pdb : registry()) {
+        if (pdb->port_type != FC_PORTTYPE_NPIV || pdb->port_id > id) continue;
+        ASSERT_NE(pdb->parent, nullptr);
+        EXPECT_EQ(pdb->parent->port_id, pdb->port_id);
+        EXPECT_EQ(pdb->parent->hw_info, pdb->hw_info);
     }
 }
 

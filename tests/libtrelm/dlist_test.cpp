@@ -1,5 +1,5 @@
-// dlist_test.cpp - the list container where sequences of operations do not reach: what it refuses, what it
-// releases, and how it does without memory. Random sequences are a fuzz target's.
+// dlist_test.cpp - the list container: refused arguments, released elements, and behaviour without memory. A
+// fuzz target tests random sequences.
 #include "trelm_dlist.h"
 
 #include <gmock/gmock.h>
@@ -19,7 +19,7 @@ int by_key(void* a, void* b) { return key(a) - key(b); }
 int is_same(void* target, void* element) { return key(target) == key(element); }
 int is_odd(void* element) { return key(element) % 2; }
 
-// A list of the keys, which outlive it; what it releases is seen.
+// A list of keys that outlive it. Records which elements it releases.
 struct List {
     explicit List(Keys& keys) {
         for (int& key : keys) trelm_dlist_push(list, &key);

@@ -1,5 +1,4 @@
-// How calls end: the lines of the way that each goes, what it refuses, what becomes of a request that goes
-// wrong, and which memory ran out.
+// The results and log lines of calls: invalid arguments, failed requests and exhausted memory.
 #include "support/failing_allocation.h"
 #include "support/port_calls.h"
 
@@ -7,15 +6,15 @@ namespace {
 
 using namespace trelm::test;
 
-// A call, and how its lines begin: with its function and handle.
-struct Call {
+// A call. Its lines begin with its function and handle.
+struct PublicCall {
     std::string text;
     std::function<uint32_t()> make;
 
     std::string line(const std::string& end) const { return text.substr(0, text.find(',')) + "): " + end; }
     std::string function() const { return text.substr(0, text.find('(')); }
 };
-#define CALL(...) (Call{#__VA_ARGS__, [&] { return __VA_ARGS__; }})
+#define CALL(...) (PublicCall{#__VA_ARGS__, [&] { return __VA_ARGS__; }})
 
 TRELM_SCSI_CMND scsi_command(uint8_t direction, uint8_t cdb_length) {
     TRELM_SCSI_CMND command{};
@@ -38,48 +37,48 @@ class Calls : public OnEachDriver {
     uint32_t length = 96, one = 1, two = 2, zero = 0;
     TRELM_TGT_INFO *tgts = targets->data(), *no_tgts = nullptr;
     TRELM_LUN_INFO *lun_array = luns.data(), *no_luns = nullptr;
-    const Call get_port = CALL(TRELM_GetVNPortInfo(1, 0, port.get()));
-    const Call get_stats = CALL(TRELM_GetPortStats(1, 0, stats.get()));
-    const Call send = CALL(TRELM_SendScsiCommand(1, 0, &read, &length, data.data()));
-    const Call get_targets = CALL(TRELM_GetTgtInfo(1, 0, &two, &tgts));
-    const Call get_luns = CALL(TRELM_GetLunInfo(1, 0, 3, &two, &lun_array));
+    const PublicCall get_port = CALL(TRELM_GetVNPortInfo(1, 0, port.get()));
+    const PublicCall get_stats = CALL(TRELM_GetPortStats(1, 0, stats.get()));
+    const PublicCall send = CALL(TRELM_SendScsiCommand(1, 0, &read, &length, data.data()));
+    const PublicCall get_targets = CALL(TRELM_GetTgtInfo(1, 0, &two, &tgts));
+    const PublicCall get_luns = CALL(TRELM_GetLunInfo(1, 0, 3, &two, &lun_array));
     LogCapture log;
 };
 TRELM_ON_EACH_DRIVER(Calls);
 
-TEST_P(Calls, RefuseWhatMakesNoSenseInTheirOrder) {
+TEST_P(Calls, RefuseInvalidArgumentsInOrder) {
     TRELM_SCSI_CMND long_cdb = scsi_command(0, 17), write = scsi_command(2, 6), none = scsi_command(255, 6);
     uint32_t too_long = 262145;
-    std::vector<Call> invalid{CALL(TRELM_GetFcoeInfo(1, nullptr)),
-                              CALL(TRELM_GetVNPortInfo(9, 0, nullptr)),
-                              CALL(TRELM_GetPortStats(9, 0, nullptr)),
-                              CALL(TRELM_SendScsiCommand(9, 0, nullptr, &length, data.data())),
-                              CALL(TRELM_SendScsiCommand(9, 0, &long_cdb, &length, data.data())),
-                              CALL(TRELM_SendScsiCommand(9, 0, &write, nullptr, data.data())),
-                              CALL(TRELM_SendScsiCommand(9, 0, &read, &length, nullptr)),
-                              CALL(TRELM_GetTgtInfo(9, 0, nullptr, &tgts)),
-                              CALL(TRELM_GetTgtInfo(1, 0, &two, &no_tgts)),
-                              CALL(TRELM_GetTgtInfo(1, 0, &two, nullptr)),
-                              CALL(TRELM_GetLunInfo(9, 0, 128, &two, &lun_array)),
-                              CALL(TRELM_GetLunInfo(9, 0, 3, &zero, &lun_array)),
-                              CALL(TRELM_GetLunInfo(9, 0, 3, nullptr, &lun_array)),
-                              CALL(TRELM_GetLunInfo(9, 0, 3, &two, &no_luns)),
-                              CALL(TRELM_GetLunInfo(9, 0, 3, &two, nullptr))};
+    std::vector<PublicCall> invalid{CALL(TRELM_GetFcoeInfo(1, nullptr)),
+                                    CALL(TRELM_GetVNPortInfo(9, 0, nullptr)),
+                                    CALL(TRELM_GetPortStats(9, 0, nullptr)),
+                                    CALL(TRELM_SendScsiCommand(9, 0, nullptr, &length, data.data())),
+                                    CALL(TRELM_SendScsiCommand(9, 0, &long_cdb, &length, data.data())),
+                                    CALL(TRELM_SendScsiCommand(9, 0, &write, nullptr, data.data())),
+                                    CALL(TRELM_SendScsiCommand(9, 0, &read, &length, nullptr)),
+                                    CALL(TRELM_GetTgtInfo(9, 0, nullptr, &tgts)),
+                                    CALL(TRELM_GetTgtInfo(1, 0, &two, &no_tgts)),
+                                    CALL(TRELM_GetTgtInfo(1, 0, &two, nullptr)),
+                                    CALL(TRELM_GetLunInfo(9, 0, 128, &two, &lun_array)),
+                                    CALL(TRELM_GetLunInfo(9, 0, 3, &zero, &lun_array)),
+                                    CALL(TRELM_GetLunInfo(9, 0, 3, nullptr, &lun_array)),
+                                    CALL(TRELM_GetLunInfo(9, 0, 3, &two, &no_luns)),
+                                    CALL(TRELM_GetLunInfo(9, 0, 3, &two, nullptr))};
     if (native) invalid.push_back(CALL(TRELM_SendScsiCommand(1, 0, &write, &too_long, data.data())));
-    std::vector<Call> nowhere{CALL(TRELM_GetFcoeInfo(9, nullptr)),
-                              CALL(TRELM_GetVNPortInfo(1, 78, port.get())),
-                              CALL(TRELM_GetPortStats(1, 3, stats.get())),
-                              CALL(TRELM_SendScsiCommand(9, 0, &write, &too_long, data.data())),
-                              CALL(TRELM_SendScsiCommand(9, 0, &read, &zero, nullptr)),
-                              CALL(TRELM_SendScsiCommand(9, 0, &none, nullptr, nullptr)),
-                              CALL(TRELM_GetTgtInfo(9, 0, &zero, &no_tgts))};
-    std::vector<Call> too_small{CALL(TRELM_GetTgtInfo(1, 0, &one, &tgts))};
+    std::vector<PublicCall> nowhere{CALL(TRELM_GetFcoeInfo(9, nullptr)),
+                                    CALL(TRELM_GetVNPortInfo(1, 78, port.get())),
+                                    CALL(TRELM_GetPortStats(1, 3, stats.get())),
+                                    CALL(TRELM_SendScsiCommand(9, 0, &write, &too_long, data.data())),
+                                    CALL(TRELM_SendScsiCommand(9, 0, &read, &zero, nullptr)),
+                                    CALL(TRELM_SendScsiCommand(9, 0, &none, nullptr, nullptr)),
+                                    CALL(TRELM_GetTgtInfo(9, 0, &zero, &no_tgts))};
+    std::vector<PublicCall> too_small{CALL(TRELM_GetTgtInfo(1, 0, &one, &tgts))};
     host.clear_calls();
     for (const auto& [calls, code, end] :
          {std::tuple{&invalid, TRELM_STATUS_INVALID_PARAMETER, "invalid parameter."},
           {&nowhere, TRELM_STATUS_FAILED, "get pdb failed."},
           {&too_small, TRELM_STATUS_INSUFFICIENT_BUFFER, "API tgt count greater than apps tgt count."}}) {
-        for (const Call& call : *calls) {
+        for (const PublicCall& call : *calls) {
             EXPECT_EQ(call.make(), code) << call.text;
             EXPECT_EQ(log.take_of(call.function()).back(), call.line(end)) << call.text;
         }
@@ -88,11 +87,12 @@ TEST_P(Calls, RefuseWhatMakesNoSenseInTheirOrder) {
     EXPECT_EQ(std::pair(one, zero), std::pair(2U, 0U)) << "as many targets as there are";
 }
 
-// The status of a driver counts before what its call returns. The last of each goes well.
+// The status of the driver takes precedence over the result of the call. The last row of each succeeds.
 TEST_P(Calls, AreTracedAndTranslateFailuresOfTheDriver) {
-    const Lines callin{"callin native port info.", "callin native fcf info."};  // on kron alone
+    const Lines callin{"callin native port info.", "callin native fcf info."};  // only over kron
     const auto* const scsi = std::array{"scsi cmd native", "scsi cmd PYX native", "scsi cmd ioctl"}[kind];
-    std::vector<Failure> ends{{0, EIO}, {5, EIO}, {99, EIO}, {255, 0}, {0x80000000, 0}, {0xFFFFFFFF, 0}};
+    std::vector<DriverFailure> ends{{0, EIO}, {5, EIO},        {99, EIO},
+                                    {255, 0}, {0x80000000, 0}, {0xFFFFFFFF, 0}};
     for (uint32_t status = 1; status <= 14; ++status) ends.push_back({status, 0});
     ends.push_back({});
     for (const auto& [operation, call, request, calls_in] :
@@ -106,7 +106,7 @@ TEST_P(Calls, AreTracedAndTranslateFailuresOfTheDriver) {
             if ((!fails && (calls_in == 1 || is_target)) || (status == 13 && is_target)) continue;
             SCOPED_TRACE(fmt::format("{}: status {}, errno {}", request, status, error));
             const uint32_t code = !fails ? 0 : 0x60000000 + (status >= 1 && status <= 13 ? status : 11);
-            Failure{status, error}.of(host, operation);
+            DriverFailure{status, error}.of(host, operation);
             log.take();
             errno = 77;
             EXPECT_EQ(call->make(), code);
@@ -125,12 +125,12 @@ TEST_P(Calls, AreTracedAndTranslateFailuresOfTheDriver) {
 }
 
 TEST_P(Calls, SayWhatTheyCouldNotAllocate) {
-    // What requests are kept in; the second request of a call finds the block of its first.
+    // The sizes of pooled blocks. The second request of a call uses the block of the first.
     constexpr size_t kSmall = 520;
     constexpr size_t kLarge = 262444;
     const auto of_driver = [this](auto... texts) { return std::array{texts...}[kind]; };
     const std::string own = transport(GetParam());
-    std::vector<std::tuple<size_t, unsigned, const Call*, std::string>> rows{
+    std::vector<std::tuple<size_t, unsigned, const PublicCall*, std::string>> rows{
         {kSmall, 0, &get_stats, get_stats.line(of_driver("nqstats", "nstats", "stats"))},
         {native ? kLarge : kSmall, 0, &send, send.line(of_driver("nqcmd", "ncmd", "cmd"))},
         {16384, 0, &get_targets, get_targets.line("pdata")},
@@ -143,7 +143,7 @@ TEST_P(Calls, SayWhatTheyCouldNotAllocate) {
         {kSmall, 0, &get_targets, own + "get_tgt_info(1): ptgt_cb"}};
     if (!native) rows.resize(5);
     for (const auto& [size, after, call, line] : rows) {
-        TRELM_FreeLibrary();  // with what is kept for the next command
+        TRELM_FreeLibrary();  // also frees the blocks kept for the next command
         TRELM_LoadLibrary();
         open_port();
         log.take();
@@ -165,36 +165,6 @@ TEST_P(Calls, SayWhatTheyCouldNotAllocate) {
         TRELM_FreeLibrary();
         EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
     }
-}
-
-class Discovery : public testing::TestWithParam<DriverKind> {};
-TRELM_ON_EACH_DRIVER(Discovery);
-
-TEST_P(Discovery, FindsTheFirstPhysicalPortAtAVirtualPortsLocation) {
-    const size_t count = GetParam() == DriverKind::legacy ? 12 : 72;  // link-state files take time
-    hostsim::Model model = hostsim::hosts::ports(GetParam(), count, 1);
-    uint32_t id = 0;
-    for (uint16_t i = 0; i < 6; ++i) {
-        hostsim::Adapter& adapter = model.adapters[i];
-        adapter.pci_bus = 5, adapter.pci_domain = i / 4, adapter.pci_device = i / 2 % 2;
-        // Every other one has both its ports at one location; those of the first are there before others ask.
-        for (hostsim::PhysicalPort& port : adapter.ports) {
-            port.pci_function = i % 2 ? 2 : static_cast<uint16_t>(id % 2);
-            port.port_id = ++id;
-            port.virtual_ports[0].port_id = i % 2 ? adapter.ports[0].port_id : id;
-            if (i < 4) model.driver(GetParam()).order.push_back(port.name);
-        }
-    }
-    const hostsim::Host host(model);
-    EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
-    EXPECT_EQ(registry().size(), 2 * count);
-    for (const trelm_priv_db* pdb : registry()) {
-        if (pdb->port_type != FC_PORTTYPE_NPIV || pdb->port_id > id) continue;
-        ASSERT_NE(pdb->parent, nullptr);
-        EXPECT_EQ(pdb->parent->port_id, pdb->port_id);
-        EXPECT_EQ(pdb->parent->hw_info, pdb->hw_info);
-    }
-    TRELM_FreeLibrary();
 }
 
 }  // namespace

@@ -1,9 +1,9 @@
-// golden_log_test.cpp - the log of one story over each driver: load, every call when it works and when it fails, free, and
-// loads that fail. Each file of golden/ holds the calls of the story, what they returned, and their lines: with trace lines
-// alone (DRIVER_trace.txt) or error lines alone (DRIVER_error.txt). Numbers are large enough to show the base in which they are
-// written.
+// golden_log_test.cpp - the log of one scenario over each driver: a load, every call with success and
+// failure, a free, and loads that fail. Each file in golden/ has the calls of the scenario, their results and
+// their lines, with only trace lines (DRIVER_trace.txt) or only error lines (DRIVER_error.txt). Numbers are
+// large enough to show their base.
 //
-// After a change that is meant, `./dev golden` writes the files anew; read the difference before it is committed.
+// After an intended change `./dev golden` writes the files again. Read the difference before you commit it.
 #include <fcntl.h>
 
 #include <fstream>
@@ -23,9 +23,10 @@ using namespace trelm::test;
 
 constexpr uint32_t kTraceLines = 2;
 constexpr uint32_t kInstance = 10, kHandle = 11, kTarget = 12;
-constexpr Failure kRefused{.status = 12, .error = ENOSPC}, kUnheard{.error = ENOSPC};
+constexpr DriverFailure kRefused{.status = 12, .error = ENOSPC}, kUnheard{.error = ENOSPC};
 
-// Of sixteen ports one has no host number, two belong to an unknown device, one does not tell where it lies.
+// One of sixteen ports has no host number, two belong to an unknown device, and one does not report its
+// location.
 hostsim::Model described(DriverKind kind) {
     hostsim::Model model = hostsim::hosts::ports(kind, 16);
     model.adapters[2].device_id = 0x1234;
@@ -42,7 +43,7 @@ hostsim::Model described(DriverKind kind) {
     return model;
 }
 
-// While it lives, descriptors begin at 100.
+// While the object lives, new descriptors are 100 and above.
 class HighDescriptors {
   public:
     HighDescriptors() {
@@ -66,8 +67,8 @@ class GoldenLog : public testing::TestWithParam<std::tuple<DriverKind, uint32_t>
   protected:
     using Call = std::function<uint32_t()>;
 
-    // Text of the call, what it returns and what it logs. The first dump of a port is whole; of the others, and of the
-    // records that are added and removed, other tests tell.
+    // The text of the call, its result and its lines. Only the first dump of a port is kept whole. Other
+    // tests check the other dumps, and the lines for added and removed records.
     void tell(const std::string& text, const Call& call) {
         const uint32_t result = call();
         story += fmt::format("# {} = {:#x}\n", text, result);
@@ -80,9 +81,9 @@ class GoldenLog : public testing::TestWithParam<std::tuple<DriverKind, uint32_t>
         replace_all(story, "sem_id=" + std::to_string(trelm_db_sem_id), "sem_id=<id>");
     }
 #define TELL(...) tell(#__VA_ARGS__, [&] { return static_cast<uint32_t>(__VA_ARGS__); })
-    // With its requests refused by the driver, and failing on the way to it.
+    // With requests that the driver refuses, and requests that fail before they reach it.
     void tell_failing(Operation operation, const std::string& text, const Call& call) {
-        for (const Failure& failure : {kRefused, kUnheard}) {
+        for (const DriverFailure& failure : {kRefused, kUnheard}) {
             failure.of(host, operation);
             tell(fmt::format("{}, status {}, errno {}", text, failure.status, failure.error), call);
         }
@@ -187,7 +188,7 @@ void GoldenLog::tell_close() {
     TELL(TRELM_CloseAdapter(kHandle));
     TELL(TRELM_CloseAdapter(kHandle));
     TELL(TRELM_CloseAdapter(kHandle));
-    // Of a port that is closed, and of none.
+    // For a closed port, and for no port.
     for (trelm_priv_db* of : {pdb, static_cast<trelm_priv_db*>(nullptr)}) {
         if (kind == DriverKind::kron) TELL(trelmnt_close_adapter(of));
         if (kind == DriverKind::pyx) TELL(trelm_pyxnt_close_adapter(of));
@@ -241,7 +242,7 @@ TEST_P(GoldenLog, IsWhatTheFileHolds) {
     tell_close();
     tell_failing_loads();
     TRELM_FreeLibrary();
-    const hostsim::OwnCalls own;  // the file lies on the machine, even where that is below its /tmp
+    const hostsim::OwnCalls own;  // the file is on the machine, even if it is below /tmp
     const std::filesystem::path file =
         std::filesystem::path(source_dir()) / "tests/libtrelm/golden" / (file_name({GetParam(), 0}) + ".txt");
     if (getenv("TRELM_REFRESH_GOLDEN")) std::ofstream(file) << story;

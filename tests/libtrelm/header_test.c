@@ -1,12 +1,12 @@
 /*
- * The public header as a C99 program sees it: its records have their sizes, and every function can be called
- * and fails without a load. interface_test calls what is here.
+ * The public header in a C99 program: the records have their sizes, and every function can be called and
+ * fails without a load. interface_test calls this function.
  */
 #include <stddef.h>
 
 #include "trelm_mgmt.h"
 
-/* Returns the number of surprises. */
+/* Returns the number of unexpected results. */
 int call_everything_from_c(void) {
     const uint32_t failed = TRELM_STATUS_FAILED;
     uint32_t one = 1;

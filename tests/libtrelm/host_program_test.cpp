@@ -1,5 +1,5 @@
-// host_program_test.cpp - what the library leaves alone in the program that loads it: its standard descriptors, its
-// signals, and what is another process's after a fork.
+// host_program_test.cpp - what the library does not disturb in its host program: standard descriptors,
+// signals, and the state of the parent after a fork.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -10,14 +10,14 @@
 
 #include "shared_db.h"
 #include "support/child.h"
+#include "support/libc_replacements.h"
 #include "support/loaded_host.h"
 #include "support/log_capture.h"
-#include "support/stand_before.h"
 
-static int lowest = INT_MAX;  // of the descriptors that the library used, but for standard error
+static int lowest = INT_MAX;  // descriptor that the library used, except standard error
 
 #define SEEN(result, name, parameters, arguments, descriptor)                \
-    STANDS_BEFORE(result, name, parameters) {                                \
+    REPLACES_LIBC(result, name, parameters) {                                \
         if (CALLED_BY_LIBRARY()) lowest = std::min<int>(lowest, descriptor); \
         return NEXT_OF(name) arguments;                                      \
     }
@@ -79,7 +79,7 @@ TEST(Signals, OfWritesThatFailDoNotReachTheProgram) {
 }
 
 TEST(ForkedChild, OwnsNothingUntilItLoadsTheLibraryItself) {
-    const Loaded library(two_port_host(hostsim::DriverKind::legacy));
+    const LoadedLibrary library(two_port_host(hostsim::DriverKind::legacy));
     const auto parent_is_as_before = [slots = trelm_shared_data->libinst_flags] {
         EXPECT_EQ(slots[0], 5U);
         EXPECT_EQ(slots[1], 0U);

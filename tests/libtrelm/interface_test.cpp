@@ -1,5 +1,5 @@
-// What libtrelm.so looks like from outside: the names that it exports, the libraries that it needs, its
-// header in C, and the process-wide variables before anything has happened.
+// libtrelm.so from outside: its exported names, the libraries that it needs, its header in C, and its
+// variables before the first call.
 #include <gmock/gmock.h>
 
 #include "load.h"
@@ -12,7 +12,7 @@ extern "C" int call_everything_from_c(void);
 
 namespace {
 
-// What a command says of the library, what matters of each line picked by a pattern of sed's.
+// The output of a command about the library. A sed pattern selects the relevant part of each line.
 std::string told_by(const std::string& command, const std::string& pattern) {
     const std::string line = "LC_ALL=C; " + command + " " + trelm::test::binary_dir() +
                              "/lib/libtrelm.so | sed -n 's/" + pattern + "/\\1/p' | sort | tr '\\n' ' '";

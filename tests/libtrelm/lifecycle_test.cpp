@@ -1,21 +1,21 @@
-// From load to free: the order of discovery, who may load, what every call answers and says in each state,
-// which driver serves a port, and that nothing is left behind.
+// From load to free: the order of discovery, the conditions of a load, the results and lines of every call in
+// each state, the choice of the driver, and complete cleanup.
 #include <sys/utsname.h>
 
 #include "load.h"
+#include "support/libc_replacements.h"
 #include "support/port_calls.h"
-#include "support/stand_before.h"
 
 static bool opens_fail_silently = false;  // without an error number
 
 static bool uname_fails = false;
 
-STANDS_BEFORE(int, uname, (utsname * names)) {
+REPLACES_LIBC(int, uname, (utsname * names)) {
     const int result = NEXT_OF(uname)(names);
     return uname_fails ? -1 : result;
 }
 
-STANDS_BEFORE(int, open, (const char* path, int flags, mode_t mode)) {
+REPLACES_LIBC(int, open, (const char* path, int flags, mode_t mode)) {
     const int fd = NEXT_OF(open)(path, flags, mode);
     if (fd == -1 && opens_fail_silently) errno = 0;
     return fd;
@@ -35,8 +35,8 @@ std::string asked(const hostsim::Host& host) {
 
 TEST(Load, TriesPyxOrLegacyAndThenKron) {
     struct Row {
-        std::array<int, 3> ports;  // of the kron, pyx and legacy driver, -1 where it is absent
-        uint32_t status, found;    // the library stays unloaded where nothing is found
+        std::array<int, 3> ports;  // of the kron, pyx and legacy driver; -1: absent
+        uint32_t status, found;    // if nothing is found, the library stays unloaded
         std::string asked;
     };
     for (const Row& row : {Row{{1, 1, 2}, 0, 2, "pyx kron "},
@@ -122,7 +122,7 @@ TEST(Load, WithoutASharedDatabaseFindsNothing) {
 using Lifecycle = OnEachDriver;
 TRELM_ON_EACH_DRIVER(Lifecycle);
 
-TEST_P(Lifecycle, ReadsTheDebugFlagsAtLoadsAndOpensAlone) {
+TEST_P(Lifecycle, ReadsTheDebugFlagsOnlyAtLoadsAndOpens) {
     uint32_t handle = 0, count = 0;
     const std::pair<const char*, std::function<void()>> calls[] = {
         {"4", [&] { TRELM_GetPortCount(&count); }},
@@ -139,24 +139,28 @@ TEST_P(Lifecycle, ReadsTheDebugFlagsAtLoadsAndOpensAlone) {
     EXPECT_THAT(flags, ElementsAre(0, 0x10, 0x20, 0x20, 0x20));
 }
 
-TEST_P(Lifecycle, WithoutTheDatabaseNothingIsLoadedAndCleaningUpClosesEveryPort) {
+TEST_P(Lifecycle, LoadsNothingWithoutTheDatabase) {
     const auto fildes = std::exchange(trelm_shm_fildes, -1);
     uint32_t count = 4711;
     EXPECT_EQ(TRELM_GetPortCount(&count), TRELM_STATUS_FAILED);
     EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_FAILED);
     EXPECT_EQ(count, 4711U);
     trelm_shm_fildes = fildes;
+}
+
+TEST_P(Lifecycle, CleanupClosesEveryPort) {
     for (const uint32_t instance : {0U, 1U, 1U}) open_port(instance);
     trelm_cleanup_hbas();
     for (const trelm_priv_db* pdb : registry()) {
         const trelm_hw_info& hw = *pdb->hw_info;
         EXPECT_EQ(hw.oshandle, -1);
-        EXPECT_EQ(hw.apihandle + hw.open_cnt, 0U);
+        EXPECT_EQ(hw.apihandle, 0U);
+        EXPECT_EQ(hw.open_cnt, 0U);
         EXPECT_STREQ(hw.phys_path, "");
     }
 }
 
-TEST_P(Lifecycle, ManyLoadsAndOpensInAnyOrderKeepTheirCountsAndLeaveNoDescriptorBehind) {
+TEST_P(Lifecycle, CountsOpensOverManyLoadsAndLeavesNoDescriptorBehind) {
     TRELM_FreeLibrary();
     const size_t unloaded = open_descriptors();
     std::mt19937 random(20);
@@ -181,8 +185,8 @@ TEST_P(Lifecycle, ManyLoadsAndOpensInAnyOrderKeepTheirCountsAndLeaveNoDescriptor
     }
 }
 
-TEST(LegacyPort, WhoseNodeCannotBeOpenedOrClosedGivesTheSystemsError) {
-    Loaded library(two_port_host(DriverKind::legacy));
+TEST(LegacyPort, ReturnsTheSystemsErrorIfItsNodeCannotBeOpenedOrClosed) {
+    LoadedLibrary library(two_port_host(DriverKind::legacy));
     LogCapture log(kErrorLines);
     library.host.inject(fault(Operation::open, {.error = EACCES}));
     uint32_t handle = 0;
@@ -204,14 +208,14 @@ TEST(LegacyPort, WhoseNodeCannotBeOpenedOrClosedGivesTheSystemsError) {
     EXPECT_EQ(TRELM_CloseAdapter(2), TRELM_STATUS_OK) << "what could not be closed stays open";
 }
 
-// Of the ports of native drivers each is served by the one that its device belongs to.
+// The device of a native port decides which driver serves it.
 TEST(DriverOfAPort, FollowsFromItsDevice) {
     hostsim::Model model = hostsim::hosts::empty();
     for (const DriverKind kind : {DriverKind::kron, DriverKind::pyx}) {
         for (const uint16_t device : {0x8080, 0x8180, 0x165C, 0x1662, 0x16A1})
             hostsim::hosts::add_adapter(model, kind, 1).device_id = device;
     }
-    const Loaded library(model);
+    const LoadedLibrary library(model);
     LogCapture log;
     for (uint32_t instance = 0; instance < 10; ++instance) {
         const uint16_t device = trelm_get_pdb_from_user_instance(instance)->hw_info->device_id;

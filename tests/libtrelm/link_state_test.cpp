@@ -1,5 +1,5 @@
-// The link state of a legacy port, read from text files: which files name a port ready, and the limits of the
-// reader. What is listed of a directory is a fuzz target's.
+// The link state of a legacy port from text files: which files say that a port is ready, and the limits of
+// the reader. A fuzz target tests the directory listing.
 #include <fstream>
 
 #include "support/places.h"
@@ -9,7 +9,7 @@ namespace {
 
 using namespace trelm::test;
 
-// Files of a test, in a directory that no simulated host puts elsewhere.
+// Files of a test in a directory that the simulated host does not redirect.
 class LinkStateFiles : public testing::Test {
   protected:
     LinkStateFiles() {
@@ -37,13 +37,15 @@ TEST_F(LinkStateFiles, NameAPortReadyOverThreeLinesInOrder) {
     const std::string ready = "state = LPORT_ST_READY.\n", line = "some other line\n", gap(255, ' ');
     for (const auto& [text, expected] : std::vector<std::pair<std::string, bool>>{
              {line + section + line + line + name + line + ready + line, true},
-             {"a" + section + "b" + name + "c LPORT_ST_READY", true},  // the last line may lack its end
-             {section + name + "LPORT_ST_DOWN\n" + section + "WWPN 1\n" + ready, true},  // another's word
+             {"a" + section + "b" + name + "c LPORT_ST_READY", true},  // the last line may have no line break
+             {section + name + "LPORT_ST_DOWN\n" + section + "WWPN 1\n" + ready,
+              true},  // the word for another port
              {"", false},
              {section + ready + name, false},
              {name + section + ready, false},
              {section + "WWPN 2000001B21ABCDEF\n" + ready, false},
-             {section + "2000001b21abcdef LPORT_ST_READY\n", false},  // each of the three wants its own line
+             {section + "2000001b21abcdef LPORT_ST_READY\n",
+              false},  // the three texts must be on lines of their own
              {"SCSI Device Information: 2000001b21abcdef\n" + ready, false},
              // Long lines are read in pieces of 255, which count as lines.
              {section + name + std::string(241, '.') + ready.substr(8) + gap, true},

@@ -1,5 +1,5 @@
 // TRELM_GetFcoeInfo, TRELM_GetVNPortInfo and TRELM_GetPortStats: every byte of their records over every
-// driver, and what a refresh keeps.
+// driver, and which values a refresh keeps.
 #include "support/port_calls.h"
 
 namespace {
@@ -13,12 +13,12 @@ constexpr uint64_t kFabricName = 0x2000'0005'3378'9ABC;
 constexpr char kFullText[] = "a model name that fills its room";
 constexpr char kHbaName[] = "vmhba-of-the-second-port-32-byte";
 
-// A host whose second port has a value of its own in every field.
+// A host whose second port has a distinct value in every field.
 hostsim::Model described(DriverKind kind) {
     hostsim::Model model = two_port_host(kind);
     hostsim::Driver& driver = model.driver(kind);
     driver.name = "drv-of-16-bytes!", driver.version = "1.2.3.4", driver.date = "Jan 02 2020";
-    driver.loaded = false;  // that it answers shows that it is
+    driver.loaded = false;  // the library derives this from the answer
     hostsim::Adapter& adapter = model.adapters[0];
     adapter.model = kFullText, adapter.description = "an adapter for tests", adapter.pci_device = 0x1E;
     adapter.firmware_version = "9.8.7", adapter.management_firmware = 0x0825FF00, adapter.revision = 0x21;
@@ -45,7 +45,7 @@ class PortInfo : public OnEachDriver {
     bool native() const { return GetParam() != DriverKind::legacy; }
     bool kron() const { return GetParam() == DriverKind::kron; }
 
-    // Calls with records of every version. All but version 2 end early.
+    // Calls with records of every version. Records of versions other than 2 are shorter.
     template <typename Record>
     static void expect_record(Bytes expected, size_t early, const std::function<uint32_t(Record*)>& call) {
         for (const uint32_t version : {2U, 0U, 1U, 3U, 0xFFFFFFFFU}) {
@@ -62,49 +62,53 @@ class PortInfo : public OnEachDriver {
 };
 TRELM_ON_EACH_DRIVER(PortInfo);
 
-TEST_P(PortInfo, OfTheAdapterIsWhatDiscoveryStored) {
-    const uint64_t device_ids[]{0x8080, 0x16A1, 0x168E};
-    Bytes expected = Bytes::initial(508);
-    expected.text(4, kFullText, 32)
-        .text(36, native() ? "an adapter for tests" : "Calvexa 10G FCoE Adapter", 128)
-        .text(164, "1.2.3.4", 32)
-        .text(196, "Jan 02 2020", 32)
-        .text(228, "drv-of-16-bytes!", 16)
-        .copy(245, "\x02\x11\x22\x33\x44\x55", 6)
-        .wwn(251, kNodeName)
-        .wwn(259, kPortName)
-        .text(424, "9.8.7", 32)
-        .put(Field{244, 1, 1}, Field{267, 4, 0x00091234}, Field{400, 4, 0x000A03EA}, Field{404, 2, 0x81},
-             Field{406, 2, 0x1E}, Field{408, 2, 5}, Field{410, 2, 0x1077},
-             Field{412, 2, device_ids[static_cast<size_t>(GetParam())]}, Field{414, 2, 0x1234},
-             Field{416, 2, 0x5678}, Field{418, 2, 0x0102}, Field{420, 2, 0x21},
-             Field{422, 2, kron() ? 2U : 7U}, Field{456, 4, 0x01020304}, Field{460, 4, 50}, Field{464, 4, 5},
-             Field{468, 4, native() ? 0xC0FFEE01 : 0}, Field{472, 4, 4});
-    if (kron()) expected.text(476, "08.37.255.00", 32);
+TEST_P(PortInfo, OfTheAdapterIsThatOfTheLoad) {
+    const uint16_t device_ids[]{0x8080, 0x16A1, 0x168E};
+    Bytes expected = Bytes::initial(sizeof(TRELM_FCOE_INFO));
+    auto& info = expected.as<TRELM_FCOE_INFO>();
+    set_text(info.ModelName, kFullText);
+    set_text(info.ModelDesc, native() ? "an adapter for tests" : "Calvexa 10G FCoE Adapter");
+    set_text(info.DriverVersion, "1.2.3.4");
+    set_text(info.DriverDate, "Jan 02 2020");
+    set_text(info.DriverName, "drv-of-16-bytes!");
+    set_text(info.MAC, "\x02\x11\x22\x33\x44\x55");
+    set_text(info.FWVersion, "9.8.7");
+    set_wwn(info.WWNN, kNodeName);
+    set_wwn(info.WWPN, kPortName);
+    info.DriverLoaded = 1, info.MTU = 0x00091234, info.VlanID = 0x000A03EA;
+    info.PciDomainNum = 0x0102, info.PciBusNum = 0x81, info.PciDeviceNum = 0x1E, info.PciFunctionNum = 5;
+    info.VendorID = 0x1077, info.DeviceID = device_ids[static_cast<size_t>(GetParam())];
+    info.SubVendorID = 0x1234, info.SubSystemID = 0x5678, info.PciRevision = 0x21;
+    info.PhyPortNum = kron() ? 2 : 7, info.NpivCount = 0x01020304;
+    info.PCIESpeed = 50, info.PCIEWidth = 5, info.ChipRevId = native() ? 0xC0FFEE01 : 0, info.MediaType = 4;
+    if (kron()) set_text(info.MFWVersion, "08.37.255.00");
     host.clear_calls();
-    expect_record<TRELM_FCOE_INFO>(expected, 460,
-                                   [](TRELM_FCOE_INFO* info) { return TRELM_GetFcoeInfo(2, info); });
+    expect_record<TRELM_FCOE_INFO>(expected, offsetof(TRELM_FCOE_INFO, PCIESpeed),
+                                   [](TRELM_FCOE_INFO* filled) { return TRELM_GetFcoeInfo(2, filled); });
     EXPECT_TRUE(host.calls().empty()) << "the driver was asked for what discovery stored";
 }
 
-TEST_P(PortInfo, OfAPortIsLiveWhereItChangesAndAsDiscoveryFoundItWhereNot) {
+TEST_P(PortInfo, OfAPortHasLiveFieldsAndFieldsOfTheLoad) {
     hostsim::PhysicalPort& port = host.model().port(0, 1);
     port.port_id = 0xABCDEF, port.speed = 0x8004, port.supported_speed = 0x8124;
     port.reported_target_count = 0x01000002;
     port.vlan = 5, port.mtu = 6, port.wwnn = 7, port.hba_name = "changed", port.reported_fcf_count = 1;
-    Bytes expected = Bytes::initial(168);
-    expected.wwn(4, kNodeName)
-        .wwn(12, kPortName)
-        .wwn(20, kPortName)
-        .wwn(50, kFabricName)
-        .copy(58, "\x06\x05\x04\x03\x02\x01", 6)
-        .wwn(104, kSwitchName)
-        .text(136, kHbaName, 32)
-        .put(Field{80, 4, 0xABCDEF}, Field{84, 4, 0x0EFC12}, Field{88, 2, 0x03EA}, Field{90, 1, 200},
-             Field{91, 1, 0}, Field{92, 4, 0x12345678}, Field{96, 8, 0x8004}, Field{112, 4, 8},
-             Field{116, 8, 0x8124}, Field{124, 4, 0x01000002}, Field{128, 4, 2}, Field{132, 4, 77});
+    Bytes expected = Bytes::initial(sizeof(TRELM_VNPORT_INFO));
+    auto& record = expected.as<TRELM_VNPORT_INFO>();
+    set_wwn(record.WWNN, kNodeName);
+    set_wwn(record.WWPN, kPortName);
+    set_wwn(record.ParentWWPN, kPortName);
+    set_wwn(record.FabricName, kFabricName);
+    set_wwn(record.SwitchName, kSwitchName);
+    set_text(record.FcfMAC, "\x06\x05\x04\x03\x02\x01");
+    set_text(record.HbaName, kHbaName);
+    record.PortFCID = 0xABCDEF, record.PortType = TRELM_PORTTYPE_PHYSICAL, record.PortState = 8;
+    record.FCMap = 0x0EFC12, record.FabricVlan = 0x03EA, record.FabricPriority = 200;
+    record.KeepAliveTimeout = 0x12345678, record.PortSpeed = 0x8004, record.PortSupportedSpeed = 0x8124;
+    record.TgtCount = 0x01000002, record.FcfCount = 2, record.NpivIndex = 77;
     expect_record<TRELM_VNPORT_INFO>(
-        expected, 136, [](TRELM_VNPORT_INFO* info) { return TRELM_GetVNPortInfo(2, 77, info); });
+        expected, offsetof(TRELM_VNPORT_INFO, HbaName),
+        [](TRELM_VNPORT_INFO* filled) { return TRELM_GetVNPortInfo(2, 77, filled); });
     TRELM_VNPORT_INFO info{};
     for (const uint32_t state : {2U, 7U, 0U, 1U, 3U, 6U, 8U, 0xFFFFFFFFU}) {
         port.link_state = state;
@@ -113,27 +117,37 @@ TEST_P(PortInfo, OfAPortIsLiveWhereItChangesAndAsDiscoveryFoundItWhereNot) {
     }
 }
 
-TEST_P(PortInfo, OfAVirtualPortNamesItsParentAndWithoutFcfAsksForNone) {
+TEST_P(PortInfo, OfAVirtualPortNamesItsParentAndAsksForNoMissingFcf) {
     host.clear_calls();
     TRELM_VNPORT_INFO info{};
     EXPECT_EQ(TRELM_GetVNPortInfo(2, 300, &info), TRELM_STATUS_OK);
     EXPECT_EQ(host.calls().size(), 1U);
-    const Bytes names = Bytes(54).wwn(0, kNodeName + 1).wwn(8, kPortName + 1).wwn(16, kPortName);
-    EXPECT_EQ(memcmp(info.WWNN, names.data(), 54), 0) << "and no fabric";
-    EXPECT_EQ(info.FabricVlan + info.PortType * 0x10000, 0x1BEEF);
-    EXPECT_EQ(info.FCMap + info.FcfCount + info.KeepAliveTimeout, 0U);
+    TRELM_VNPORT_INFO names{};  // without a fabric
+    set_wwn(names.WWNN, kNodeName + 1);
+    set_wwn(names.WWPN, kPortName + 1);
+    set_wwn(names.ParentWWPN, kPortName);
+    constexpr size_t kNames = offsetof(TRELM_VNPORT_INFO, WWNN);
+    constexpr size_t kEnd = offsetof(TRELM_VNPORT_INFO, PortFCID);
+    EXPECT_EQ(memcmp(info.WWNN, names.WWNN, kEnd - kNames), 0);
+    EXPECT_EQ(+info.FabricVlan, 0xBEEF);
+    EXPECT_EQ(info.PortType, TRELM_PORTTYPE_NPIV);
+    EXPECT_THAT((std::array{+info.FCMap, +info.FcfCount, +info.KeepAliveTimeout}), Each(0U));
 }
 
-TEST_P(PortInfo, CountsArriveUnchangedEachAtItsPlace) {
-    Bytes expected = Bytes::initial(244);
+TEST_P(PortInfo, PassesEveryCounterOnUnchanged) {
+    constexpr size_t kFirst = offsetof(TRELM_PORT_STATS, RxFCoEFrames);
+    Bytes expected = Bytes::initial(sizeof(TRELM_PORT_STATS));
     for (size_t i = 0; i < 30; ++i) {
         const uint64_t value = 0xF000'0001'0000'0000 + 0x0101'0101 * i;
         host.model().port(0, 1).virtual_ports[0].counters[i].start = value;
-        expected.put(4 + 8 * i, value);
+        expected.put(kFirst + sizeof value * i, value);
     }
-    host.tamper = [](Answer& answer) { memset(answer.payload.data() + 240, 0xEE, 272); };
-    expect_record<TRELM_PORT_STATS>(
-        expected, 244, [](TRELM_PORT_STATS* stats) { return TRELM_GetPortStats(2, 300, stats); });
+    host.tamper = [](Answer& answer) {
+        memset(answer.as<dorfc_port_stats>().reserved, 0xEE, sizeof(dorfc_port_stats::reserved));
+    };
+    expect_record<TRELM_PORT_STATS>(expected, sizeof(TRELM_PORT_STATS), [](TRELM_PORT_STATS* stats) {
+        return TRELM_GetPortStats(2, 300, stats);
+    });
 }
 
 TEST_P(PortInfo, PcieSpeedsAndWidthsAreConverted) {

@@ -1,22 +1,22 @@
-// semaphores_test.cpp - the semaphores that processes share: what they are at first, and what befalls those
-// who wait. The set of the debug log stands for both; the library makes it when the flags are first read.
-// Crowds that come all at once are the soak's.
+// semaphores_test.cpp - the semaphores that processes share: initial value, waiting, and recovery. Most cases
+// use the set of the debug log, which is created when the flags are first read. The soak tests crowds of
+// processes.
 #include <sys/sem.h>
 
 #include "support/child.h"
+#include "support/libc_replacements.h"
 #include "support/log_capture.h"
-#include "support/stand_before.h"
 #include "trelm_mgmt.h"
 
-static bool semctl_fails = false;  // as a seccomp filter makes it
-static int failing_releases = 0;   // so many of the next ones
+static bool semctl_fails = false;  // as under a seccomp filter
+static int failing_releases = 0;   // this many of the next releases fail
 
-STANDS_BEFORE(int, semctl, (int set, int number, int command, void* argument)) {
+REPLACES_LIBC(int, semctl, (int set, int number, int command, void* argument)) {
     if (!semctl_fails || !CALLED_BY_LIBRARY()) return NEXT_OF(semctl)(set, number, command, argument);
     errno = EPERM;
     return -1;
 }
-STANDS_BEFORE(int, semop, (int set, sembuf* steps, size_t count)) {
+REPLACES_LIBC(int, semop, (int set, sembuf* steps, size_t count)) {
     if (steps->sem_op < 0 || failing_releases == 0) return NEXT_OF(semop)(set, steps, count);
     --failing_releases;
     errno = ENOSPC;
@@ -34,7 +34,7 @@ constexpr uid_t kNobody = 65534;
 int value(int set) { return semctl(set, 0, GETVAL); }
 int waiters(int set) { return semctl(set, 0, GETNCNT); }
 
-// A set that is held by nobody who lives.
+// A set whose holder is dead.
 int make_held(key_t key, int count, uid_t owner) {
     const int set = semget(key, count, IPC_CREAT | IPC_EXCL | 0666);
     sembuf take{0, -1, 0};
@@ -45,7 +45,7 @@ int make_held(key_t key, int count, uid_t owner) {
     return semop(set, &take, 1) + semctl(set, 0, IPC_SET, &status);
 }
 
-// The set that this process gets for the debug log.
+// The set of the debug log for this process.
 int get_set() {
     trelm_dbg_sem_id = -1;
     set_debug_flags(kErrorLines);
@@ -58,7 +58,7 @@ class Semaphores : public ::testing::Test {
     LogCapture log{kSilent};
 };
 
-TEST_F(Semaphores, AreSetsOfOneThatBeginFreeAndNobodyElses) {
+TEST_F(Semaphores, AreFreeSetsOfOneThatNobodyElseMade) {
     const int foreign = semget(kDebugKey, 3, IPC_CREAT | 0644);
     EXPECT_EQ(get_set(), -1) << "another program's";
     EXPECT_EQ(semctl(foreign, 0, IPC_RMID), 0);
@@ -90,7 +90,7 @@ TEST_F(Semaphores, LoseASurplusForGood) {
     EXPECT_EQ(value(set), 1) << "what the signaller's end takes back must not be taken off twice";
 }
 
-// Anyone can make a set under the keys, take it, and never let it go.
+// Anyone can create a set under these keys, take it and never release it.
 TEST_F(Semaphores, OfOthersAreReplaced) {
     if (!can_be(kNobody)) GTEST_SKIP() << "this user cannot act for another";
     for (const auto& [creator, owner, count] :
@@ -115,7 +115,8 @@ TEST_F(Semaphores, ThatCannotBeAskedAboutAreDoneWithout) {
     ASSERT_TRUE(find_library());
     EXPECT_EQ(in_child([] {
                   semctl_fails = true;
-                  for (int time = 0; time < 2; ++time) {  // the second finds what the first could not remove
+                  for (int time = 0; time < 2;
+                       ++time) {  // the second load finds the set that the first could not remove
                       EXPECT_EQ(get_set(), -1);
                       trelm_dbg_print(nullptr, "a line", 0, 0, 1);
                       EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_FAILED);
@@ -131,7 +132,7 @@ TEST_F(Semaphores, ThatCannotBeReleasedStayHeldUntilTheirSetIsRemoved) {
                   const int set = get_set();
                   for (int time = 0; time < 3; ++time) {
                       set_debug_flags(kSilent);
-                      failing_releases = 1;  // of the database's, whose set is then removed
+                      failing_releases = 1;  // the release of the database fails, so its set is removed
                       EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
                       EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
                       set_debug_flags(kErrorLines);
@@ -161,7 +162,7 @@ TEST_F(Semaphores, WarnOfFailuresButNotOfTheLogsOwn) {
               "trelm_sem_signal:libtrelm: WARNING - semaphore signal operation failed. errno=16h\n");
 }
 
-TEST_F(Semaphores, AreStillWaitedForAfterASignalAndComeFreeWhereAHolderIsKilled) {
+TEST_F(Semaphores, AreWaitedForDespiteSignalsAndFreedWhenTheHolderIsKilled) {
     static auto& signals = make_common<std::atomic<int>>();
     const int set = get_set();
     Child holder([&] { return trelm_sem_wait(set) + pause(); });

@@ -1,6 +1,6 @@
-// shared_db_test.cpp - the file that processes with the library loaded share: joining it, leaving it, and
-// every way in which that fails. The host's process listing is a script here, so that a test says how many
-// copies are loaded.
+// shared_db_test.cpp - the file that processes with the library loaded share: joining, leaving, and all
+// failures of both. The process listing of the host is a script, so each test chooses how many copies are
+// loaded.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/sem.h>
@@ -14,7 +14,7 @@
 
 namespace {
 std::set<std::string_view> failing_calls;  // each fails once
-int flushes = 0;                           // of the whole file, waited for
+int flushes = 0;                           // synchronous ones of the whole file
 }  // namespace
 
 #define FAILING(type, name, parameters, arguments, failure)                                     \
@@ -62,7 +62,7 @@ std::string contents() {
 }
 void write_file(const std::string& bytes) { std::ofstream(kFile, std::ios::binary) << bytes; }
 
-// The marks of slots as they stand in the file.
+// The flags of the slots in the file.
 std::string marks(std::initializer_list<uint32_t> slots) {
     return {reinterpret_cast<const char*>(slots.begin()), 4 * slots.size()};
 }
@@ -71,7 +71,7 @@ class SharedDatabase : public ::testing::Test {
   protected:
     SharedDatabase() { set_listing(2); }
 
-    // So many lines of the host's process listing name the library.
+    // Makes this many lines of the process listing name the library.
     void set_listing(unsigned lines) const {
         const fs::path lsof = host.root() / ".hostsim/bin/lsof";
         fs::remove(lsof);
@@ -79,7 +79,8 @@ class SharedDatabase : public ::testing::Test {
                             << lines;
         fs::permissions(lsof, fs::perms::all);
     }
-    // In a process that has the library newly loaded; a fork begins with what its parent has open.
+    // Opens the database as a process does that has just loaded the library. A fork would start with what its
+    // parent has open.
     static uint8_t open_anew() {
         trelm_db_sem_id = trelm_shm_fildes = -1;
         trelm_shared_data = nullptr;
@@ -89,7 +90,7 @@ class SharedDatabase : public ::testing::Test {
         EXPECT_EQ(fd, trelm_shm_fildes);
         return trelm_library_instance;
     }
-    // What the log says where the first allocation of a size fails, or something else.
+    // The log if the first allocation of a size, or something else, fails.
     std::string fail_to_open(size_t allocation) {
         const FailingAllocation fail(allocation);
         int32_t fd = -77;
@@ -98,7 +99,7 @@ class SharedDatabase : public ::testing::Test {
         EXPECT_EQ(trelm_shm_fildes, -1);
         return log.take_text();
     }
-    // What the log says of one function.
+    // The log lines of one function.
     Lines said(const std::string& function) {
         Lines lines = log.take_of(function);
         for (std::string& line : lines) line.erase(0, function.size() + 2);
@@ -166,8 +167,8 @@ TEST_F(SharedDatabase, IsCreatedByTheFirstProcessJoinedByOthersAndRemovedByTheLa
     EXPECT_EQ(the_set(), -1);
 }
 
-TEST_F(SharedDatabase, TakesAFileOfAnySizeAndFreesSlotsOfTheDeadWhenAllEightAreTaken) {
-    // What the file begins with (other bytes are not 0), its size, the slot, the marks afterwards, the log.
+TEST_F(SharedDatabase, AcceptsAFileOfAnySizeAndFreesSlotsWhenAllAreTaken) {
+    // The first bytes of the file (other bytes are not 0), its size, the slot, the flags afterwards, the log.
     const std::tuple<std::string, size_t, uint8_t, std::string, const char*> cases[] = {
         {"", 0, 0, marks({5}), "done upgrading shared data file."},
         {std::string(3, '\0'), 3, 0, marks({5}), "done upgrading shared data file."},
@@ -192,7 +193,7 @@ TEST_F(SharedDatabase, TakesAFileOfAnySizeAndFreesSlotsOfTheDeadWhenAllEightAreT
     }
 }
 
-// Whoever made it could cut it while it is mapped, or have another file written to.
+// Its creator could truncate it while it is mapped, or redirect writes to another file.
 TEST_F(SharedDatabase, ReplacesWhatAnotherUserMadeOrGaveASecondName) {
     const std::pair<void (*)(), uid_t> cases[] = {
         {[] { fs::create_hard_link("/tmp/victim", kFile); }, 0},
@@ -223,7 +224,7 @@ TEST_F(SharedDatabase, ReplacesWhatAnotherUserMadeOrGaveASecondName) {
     EXPECT_EQ(fs::status(kFile).permissions(), static_cast<fs::perms>(0644)) << "nobody else may cut it";
 }
 
-TEST_F(SharedDatabase, CountsTwoListedLinesAsOneProcessAndLeavesTheFileWhereItCannotTellOrRemove) {
+TEST_F(SharedDatabase, CountsTwoLinesOfTheListingAsOneProcess) {
     for (const auto& [lines, count] :
          {std::pair{1U, 0}, {2, 1}, {5, 2}, {511, 255}, {512, 255}, {5000, 255}}) {
         set_listing(lines);
@@ -232,6 +233,9 @@ TEST_F(SharedDatabase, CountsTwoListedLinesAsOneProcessAndLeavesTheFileWhereItCa
     failing_calls = {"popen"};
     EXPECT_EQ(trelm_get_total_libinst_count(), 0);
     EXPECT_THAT(log.take(), ElementsAre("trelm_get_total_libinst_count: popen failed."));
+}
+
+TEST_F(SharedDatabase, KeepsItsFileIfItCannotCountProcessesOrRemoveIt) {
     open_anew();
     set_listing(0);
     EXPECT_THAT(close(), IsSupersetOf(Lines{"delete_sem=1", "keeping shared db file."}));
@@ -247,13 +251,13 @@ TEST_F(SharedDatabase, CountsTwoListedLinesAsOneProcessAndLeavesTheFileWhereItCa
     EXPECT_THAT(close(), ElementsAre("close db file.", "keeping shared db file.", "exiting, ret=0"));
 }
 
-TEST_F(SharedDatabase, GivesUpAtTheFirstFaultAndLeavesWhatWasThere) {
+TEST_F(SharedDatabase, FailsAtTheFirstFaultAndKeepsTheFormerContents) {
     const auto nothing = [] {};
     const auto old = [] { write_file(std::string(1000, 'o')); };
     const std::string cannot_create = "Unable to create shared data file. errno=";
     const std::string unremoved = "\ntrelm_open_database: Unable to remove shared data file. errno=5";
-    // What stands in the file's place, what fails, the allocation of which size fails, what is said, and the
-    // size of the file afterwards or -1.
+    // What is at the path, the failing call, the size of the failing allocation, the log, and the size of the
+    // file afterwards or -1.
     const std::tuple<void (*)(), std::set<std::string_view>, size_t, std::string, ssize_t> faults[] = {
         {[] { mkdir(kFile, 0755); }, {}, 1, cannot_create + to_string(EISDIR), -1},
         {[] { fs::create_symlink("/tmp/victim", kFile); }, {}, 1, cannot_create + to_string(ELOOP), -1},

@@ -1,5 +1,5 @@
-// TRELM_GetTgtInfo and TRELM_GetLunInfo: which targets and LUNs are listed and how, the commands that each
-// costs, and lists that lie or fail.
+// TRELM_GetTgtInfo and TRELM_GetLunInfo: which targets and LUNs are listed, the commands for that, and lists
+// that are wrong or fail.
 #include "support/port_calls.h"
 
 namespace {
@@ -19,40 +19,44 @@ class Targets : public testing::TestWithParam<DriverKind> {
     Targets() { open_port(); }
 
     hostsim::Port& port() { return host.model().port(0, 0); }
-    // Number, blocks and their size of each LUN of the third target.
+    // Number, block count and block size of each LUN of the third target.
     hostsim::Target& set_luns(const std::vector<std::array<uint64_t, 3>>& luns) {
         port().targets[2].luns.clear();
         for (const auto& [number, blocks, size] : luns)
             hostsim::hosts::add_lun(port().targets[2], uint32_t(number), blocks, uint32_t(size));
         return port().targets[2];
     }
-    // Ask for a list in an array of so many elements.
+    // Request a list into an array of this many elements.
     uint32_t list_targets(uint32_t elements) {
         array = GuardedBytes(34 * size_t{elements});
         auto* to = reinterpret_cast<TRELM_TGT_INFO*>(array.data());
         return TRELM_GetTgtInfo(1, 0, &(count = elements), &to);
     }
     uint32_t list_luns(uint32_t elements, uint32_t version = 2) {
-        array = GuardedBytes(size_t{elements} * (version == 2 ? 217 : 213));
+        array = GuardedBytes(size_t{elements} * TRELM_LUN_INFO_STRIDE(version));
         memcpy(array.data(), &version, sizeof version);
         auto* to = reinterpret_cast<TRELM_LUN_INFO*>(array.data());
         return TRELM_GetLunInfo(1, 0, 3, &(count = elements), &to);
     }
-    // The first targets, each with so many LUNs.
+    const TRELM_LUN_INFO& listed_lun(size_t index) const {
+        return reinterpret_cast<const TRELM_LUN_INFO*>(array.data())[index];
+    }
+    // The first targets, each with this many LUNs.
     void expect_targets(const std::vector<uint32_t>& luns) {
         Bytes expected = Bytes::initial(array.size());
         for (size_t i = 0; i < luns.size(); ++i) {
             const hostsim::Target& target = port().targets.at(i);
-            expected.wwn(34 * i + 8, target.wwnn)
-                .wwn(34 * i + 16, target.wwpn)
-                .put(Field{34 * i + 4, 4, target.index},
-                     Field{34 * i + 24, 4, __builtin_bswap32(target.port_id)},
-                     Field{34 * i + 28, 2, target.state}, Field{34 * i + 30, 4, luns[i]});
+            auto& listed = expected.as<TRELM_TGT_INFO>(i * sizeof(TRELM_TGT_INFO));
+            set_wwn(listed.WWNN, target.wwnn);
+            set_wwn(listed.WWPN, target.wwpn);
+            listed.ScsiTgtNum = target.index, listed.PortState = target.state, listed.LunCount = luns[i];
+            const uint32_t port_id = __builtin_bswap32(target.port_id);
+            memcpy(listed.PortID, &port_id, sizeof port_id);
         }
         EXPECT_EQ(contents(array), expected.all());
         EXPECT_TRUE(array.guards_intact());
     }
-    // What a list of LUNs says of its length, and its entries where they are given.
+    // The length field of a list of LUNs, and its entries if they are given.
     void report(uint32_t length, const std::string& entries = {}) {
         answer_scsi(host, [=](Answer& answer, dorfc_scsi_cmd& record) {
             const uint32_t header = __builtin_bswap32(length);
@@ -62,7 +66,7 @@ class Targets : public testing::TestWithParam<DriverKind> {
         });
     }
 
-    Loaded library{described()};
+    LoadedLibrary library{described()};
     hostsim::Host& host = library.host;
     LogCapture log;
     GuardedBytes array{0};
@@ -90,7 +94,7 @@ TEST_P(Targets, AreListedInOrderUntilTheLastThatIsCounted) {
     }
 }
 
-TEST_P(Targets, OneThatDoesNotReportItsLunsHasNoneAndOneThatIsNotToldEndsTheList) {
+TEST_P(Targets, HaveNoLunsWithoutAnAnswerAndEndAtAFailedRequest) {
     hostsim::Fault deaf = fault(Operation::scsi, {.status = 9});
     deaf.target = 2;
     host.inject(deaf);
@@ -104,25 +108,27 @@ TEST_P(Targets, OneThatDoesNotReportItsLunsHasNoneAndOneThatIsNotToldEndsTheList
                      "send scsi cmd failed, rval=60000009h", "tgt info ioctl failed, stat=0 errno=5"}));
 }
 
-TEST_P(Targets, AListOfLunsHasEveryFieldInPlaceInBothLayouts) {
+TEST_P(Targets, ListLunsWithEveryFieldInBothLayouts) {
     hostsim::Target& target = set_luns({{0, 0x2'0000'0000, 512}, {5, 1, 4096}, {31, 0xFFFFFFFF, 512}});
     hostsim::hosts::add_lun(target, 300, 0x1'0000'0000);
     target.luns[0].device_type = 0x7F;
     const uint64_t rows[][3]{
         {0, 0x7F, 0x400'0000'0000}, {5, 0, 4096}, {31, 0, 0x1FF'FFFF'FE00}, {0x412C, 0, 0x200'0000'0000}};
     for (const uint32_t version : {2U, 1U, 0U, 3U}) {
-        const size_t stride = version == 2 ? 217 : 213;
+        const size_t stride = TRELM_LUN_INFO_STRIDE(version);
         host.clear_calls();
         log.take();
         ASSERT_EQ(list_luns(5, version), TRELM_STATUS_OK);
-        Bytes expected = Bytes::initial(5 * stride).put(Field{0, 4, version});
+        Bytes expected = Bytes::initial(5 * stride).put(0, version);
         size_t at = 0;
         for (const auto& [number, type, capacity] : rows) {
-            expected.text(at + 17, "CALVEXA ", 8)
-                .text(at + 33, "ULVARD VOLUME   ", 16)
-                .text(at + 65, "0500", 4);
-            expected.put(Field{at + 4, 4, number}, Field{at + 8, 1, type}, Field{at + 9, 8, capacity});
-            if (version == 2) expected.put(Field{at + 213, 4, 0});
+            auto& lun = expected.as<TRELM_LUN_INFO>(at);
+            memcpy(lun.VendorName, "CALVEXA ", 8);
+            memcpy(lun.ProductName, "ULVARD VOLUME   ", 16);
+            memcpy(lun.ProductRevision, "0500", 4);
+            lun.ScsiLunNum = static_cast<uint32_t>(number), lun.DeviceType = static_cast<uint8_t>(type);
+            lun.Capacity = capacity;
+            if (version == 2) lun.ScsiLunNumExt = 0;
             at += stride;
         }
         EXPECT_EQ(contents(array), expected.all());
@@ -141,17 +147,19 @@ TEST_P(Targets, AListOfLunsHasEveryFieldInPlaceInBothLayouts) {
           {8, 6, "\x12\0\0\0\xFF\0\0\0\0\0\0\0\0\0\0", 256},
           {9, 10, "\x25\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 32},
           {10, 16, "\x9E\x10\0\0\0\0\0\0\0\0\0\0\0\x20\0", 32}}) {
+        Bytes expected(offsetof(dorfc_scsi_cmd, data_addr));
+        auto& command = expected.as<dorfc_scsi_cmd>();
+        memcpy(command.cdb, cdb, sizeof command.cdb);
+        command.tgt = 3, command.lun = call == 0 ? 0 : 0x412C;
+        command.direction = 1, command.cdb_len = static_cast<uint8_t>(cdb_length);
+        command.sense_len = 256, command.data_len = room;
         std::vector<uint8_t> sent = payload_of(calls[call]);
-        sent.resize(292);
-        EXPECT_EQ(sent, Bytes(292)
-                            .copy(14, cdb, 16)
-                            .put(Field{4, 4, 3}, Field{8, 4, call == 0 ? 0U : 0x412C}, Field{12, 1, 1},
-                                 Field{13, 1, cdb_length}, Field{30, 2, 256}, Field{288, 4, room})
-                            .all());
+        sent.resize(expected.size());
+        EXPECT_EQ(sent, expected.all());
     }
 }
 
-TEST_P(Targets, ACommandThatFailsEndsTheListOfLunsAndIsNamed) {
+TEST_P(Targets, EndALunListAtTheFirstFailedCommand) {
     set_luns({{0, 1, 512}, {0x1F, 1, 512}, {0x20, 0x2'0000'0000, 512}});
     for (const auto& [opcode, occurrence, filled, line] :
          {std::tuple{0xA0, 1U, 0U, "send scsi report luns cmd failed, rval=60000006h"},
@@ -163,12 +171,12 @@ TEST_P(Targets, ACommandThatFailsEndsTheListOfLunsAndIsNamed) {
         host.edit([&fails](hostsim::Model& model) { model.faults = {fails}; });
         EXPECT_EQ(list_luns(3), 0x60000006U);
         EXPECT_EQ(log.take_of("TRELM_GetLunInfo").back(), std::string("TRELM_GetLunInfo(1): ") + line);
-        EXPECT_TRUE(array.only_written(std::max(4U, filled * 217)));
+        EXPECT_TRUE(array.only_written(std::max(4U, filled * TRELM_LUN_INFO_STRIDE(2))));
         EXPECT_EQ(count, 3U);
     }
 }
 
-TEST_P(Targets, AListOfLunsIsTakenAtItsWordNoFurtherThanItsBuffer) {
+TEST_P(Targets, LimitALunListToItsBuffer) {
     for (const uint32_t length : {0U, 7U, 25U, 16376U, 16384U, 0x7FFFFFF8U, 0xFFFFFFFFU}) {
         report(length);
         ASSERT_EQ(list_targets(4), TRELM_STATUS_OK);
@@ -185,22 +193,18 @@ TEST_P(Targets, AListOfLunsIsTakenAtItsWordNoFurtherThanItsBuffer) {
     set_luns({{0, 8, 512}}).luns[0].count = 2100;
     ASSERT_EQ(list_luns(2047), TRELM_STATUS_OK);
     EXPECT_TRUE(array.guards_intact());
-    const auto number = [](const uint8_t* at) {
-        uint32_t value = 0;
-        memcpy(&value, at, sizeof value);
-        return value;
-    };
-    EXPECT_EQ(number(array.data() + 2046 * 217 + 4), 0x4000U | 2046);
-    // An address has four levels, and entries that did not come read as zero.
+    EXPECT_EQ(+listed_lun(2046).ScsiLunNum, 0x4000U | 2046);
+    // An address has four levels. Entries that were not received are zero.
     set_luns({{0, 8, 512}});
     report(24, "\1\2\3\4\5\6\7\10");
     host.clear_calls();
     ASSERT_EQ(list_luns(3), TRELM_STATUS_OK);
     const std::vector<uint8_t> sent = payload_of(host.calls().at(1));
-    const uint8_t* const first = array.data();
-    EXPECT_THAT((std::array{number(&sent[0]), number(&sent[8]), number(first + 4), number(first + 213)}),
-                ElementsAre(0x07080506, 0x03040102, 0x03040102, 0x07080506));
-    EXPECT_EQ(number(first + 2 * 217 + 4) + number(first + 2 * 217 + 213), 0U);
+    const auto& command = *reinterpret_cast<const dorfc_scsi_cmd*>(sent.data());
+    EXPECT_EQ(std::pair(+command.lun, +command.lun_ext), std::pair(0x03040102U, 0x07080506U));
+    EXPECT_EQ(std::pair(+listed_lun(0).ScsiLunNum, +listed_lun(0).ScsiLunNumExt),
+              std::pair(0x03040102U, 0x07080506U));
+    EXPECT_EQ(std::pair(+listed_lun(2).ScsiLunNum, +listed_lun(2).ScsiLunNumExt), std::pair(0U, 0U));
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The library and several threads: who waits for whom, and what cancellation, signals and forks leave behind.
-// Drivers are made to wait at a command of the test's choice.
+// The library with several threads: who waits for whom, and the effects of cancellation, signals and forks.
+// Drivers wait at a command that the test chooses.
 #include <gmock/gmock.h>
 
 #include <atomic>
@@ -10,23 +10,23 @@
 
 #include "support/child.h"
 #include "support/leaks.h"
+#include "support/libc_replacements.h"
 #include "support/loaded_host.h"
 #include "support/programs.h"
-#include "support/stand_before.h"
 
 namespace {
 
-// What happens in the driver when a SCSI command arrives, before it is answered.
+// The action of the driver when a SCSI command arrives, before it answers.
 std::function<void()> in_driver;
 
 }  // namespace
 
-STANDS_BEFORE(int, vmk_MgmtUserCallbackInvokeInt,
+REPLACES_LIBC(int, vmk_MgmtUserCallbackInvokeInt,
               (uint64_t handle, uint64_t instance, uint64_t callback, uint32_t count, void* payload)) {
     if (callback == 23 && in_driver) in_driver();
     return NEXT_OF(vmk_MgmtUserCallbackInvokeInt)(handle, instance, callback, count, payload);
 }
-STANDS_BEFORE(int, ioctl, (int fd, unsigned long request, void* argument)) {
+REPLACES_LIBC(int, ioctl, (int fd, unsigned long request, void* argument)) {
     if (CALLED_BY_LIBRARY() && (request & 0xFF) == 8 && in_driver) in_driver();
     return NEXT_OF(ioctl)(fd, request, argument);
 }
@@ -59,7 +59,7 @@ uint32_t count_ports() {
     return TRELM_GetPortCount(&count);
 }
 
-// A driver that keeps SCSI commands until it is told to go on.
+// A driver that holds SCSI commands until it is released.
 class Waiting {
   public:
     Waiting() {
@@ -69,7 +69,7 @@ class Waiting {
         };
     }
     ~Waiting() { in_driver = nullptr; }
-    // Sends a command in a thread of its own, and comes back when the driver has it.
+    // Sends a command in a new thread, and returns when the driver has it.
     std::future<uint32_t> send_to(uint32_t handle) {
         auto sent = std::async(std::launch::async, send, handle);
         EXPECT_TRUE(eventually([this] { return arrived_ != 0; }));
@@ -153,7 +153,7 @@ TEST_P(Threads, ThatAreCancelledOrEndInAHandlerLeaveNothingLocked) {
     std::atomic<pthread_t> victim = 0;
     in_driver = [&] {
         victim = pthread_self();
-        for (int i = 0; i < 100; ++i) usleep(1000);  // where a thread may be cancelled
+        for (int i = 0; i < 100; ++i) usleep(1000);  // a cancellation point
     };
     std::thread cancelled([&] {
         send(handle);
@@ -171,7 +171,7 @@ TEST_P(Threads, ThatAreCancelledOrEndInAHandlerLeaveNothingLocked) {
     signal(SIGUSR1, [](int) { pthread_exit(nullptr); });
     in_driver = [] { raise(SIGUSR1); };
     std::thread([&] {
-        const LeaksAllowed until_it_ends;  // a handler that ends its thread ends a call that holds memory
+        const LeaksAllowed until_it_ends;  // the handler ends its thread inside a call that holds memory
         send(reopened);
     }).join();
     in_driver = nullptr;
@@ -240,7 +240,7 @@ TEST_F(Guests, CallFromSixteenThreadsWhileTheHostFileIsEdited) {
         std::filesystem::rename(at("new.json"), at("host.json"));
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
-    const Outcome outcome = finish(guest);
+    const ProgramResult outcome = finish(guest);
     EXPECT_EQ(outcome.status, 0) << outcome.errors;
     EXPECT_THAT(outcome.out, testing::ContainsRegex("16 threads, [1-9][0-9]* changes of links, 0 failures"));
 }

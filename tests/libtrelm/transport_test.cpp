@@ -1,5 +1,5 @@
-// The transports to the three drivers, called directly: what goes out byte by byte, how each request ends and
-// what it then says, and what the legacy driver's node has to be.
+// The transports to the three drivers, called directly: the bytes that are sent, the result and log of each
+// request, and the requirements for the node of the legacy driver.
 
 #include <fstream>
 
@@ -13,26 +13,49 @@ using namespace trelm::test;
 
 constexpr uint32_t kHostNo = 0x11223344;
 
+// The block of a request to the legacy driver.
+std::vector<uint8_t> block(uint16_t subcode, uint16_t port, const void* payload) {
+    return Bytes(sizeof(dorfc_ioctl))
+        .text(offsetof(dorfc_ioctl, signature), "DORFC", 8)
+        .put(offsetof(dorfc_ioctl, addrmode), uint16_t{2})
+        .put(offsetof(dorfc_ioctl, version), uint16_t{1})
+        .put(offsetof(dorfc_ioctl, subcode), subcode)
+        .put(offsetof(dorfc_ioctl, hbaselect), port)
+        .put(offsetof(dorfc_ioctl, ioctlstructaddr), reinterpret_cast<uint64_t>(payload))
+        .all();
+}
+
+// A request as the functions of a transport make it: what is sent, and what is logged.
+struct RequestCase {
+    Operation operation;
+    uint64_t number;  // of the legacy driver's ioctl; callback ids are 15 more
+    const char *function, *text;
+    size_t size;
+    bool shows_result;
+    std::function<uint32_t(void*)> call;
+};
+
 class Transport : public OnEachDriver {
   protected:
-    using Request = std::function<uint32_t(void*)>;
+    using Invocation = std::function<uint32_t(void*)>;
 
     Transport() {
         open_port(1);
         pdb = trelm_get_pdb_from_user_handle(2);
         pdb->host_no = kHostNo;
+        pdb->drvr_inst |= 0x12340000;  // 16 bits select a port
     }
     template <typename Record>
-    Request over(uint32_t (*function)(trelm_priv_db*, Record*, uint32_t*)) {
+    Invocation over(uint32_t (*function)(trelm_priv_db*, Record*, uint32_t*)) {
         return [=, this](void* to) { return function(pdb, static_cast<Record*>(to), &stat); };
     }
     template <typename Record>
-    Request over(uint32_t (*function)(int32_t, trelm_priv_db*, Record*, uint32_t*)) {
+    Invocation over(uint32_t (*function)(int32_t, trelm_priv_db*, Record*, uint32_t*)) {
         return [=, this](void* to) {
             return function(pdb->hw_info->oshandle, pdb, static_cast<Record*>(to), &stat);
         };
     }
-    std::vector<Request> requests() {
+    std::vector<Invocation> invocations() {
         if (GetParam() == DriverKind::kron)
             return {over(trelmnt_get_port_info), over(trelmnt_get_port_stats), over(trelmnt_get_tgt_info),
                     over(trelmnt_get_fcf_info), over(trelmnt_send_scsi_cmd)};
@@ -43,6 +66,56 @@ class Transport : public OnEachDriver {
         return {over(trelm_get_port_info), over(trelm_get_port_stats), over(trelm_get_tgt_info),
                 over(trelm_get_fcf_info),  over(trelm_send_scsi_cmd),  over(trelm_get_pci_info)};
     }
+    std::vector<RequestCase> requests() {
+        std::vector<RequestCase> cases{
+            {Operation::port_info, 4, "get_port_info", "Get port info", 512, own == "trelmnt_", {}},
+            {Operation::port_stats, 5, "get_port_stats", "Get port stats", 512, native, {}},
+            {Operation::tgt_info, 6, "get_tgt_info", "Get tgt info", 64, false, {}},
+            {Operation::fcf_info, 7, "get_fcf_info", "Get fcf info", 64, native, {}},
+            {Operation::scsi,
+             8,
+             "send_scsi_cmd",
+             "send scsi cmd",
+             native ? sizeof(kronfc_scsi_cmd) : sizeof(dorfc_scsi_cmd),
+             false,
+             {}},
+            {Operation::pci_info, 3, "get_pci_info", "Get pci info", 64, false, {}}};
+        const std::vector<Invocation> calls = invocations();
+        cases.resize(calls.size());
+        for (size_t i = 0; i < calls.size(); ++i) cases[i].call = calls[i];
+        return cases;
+    }
+    // The first fields are the same in the records of all drivers.
+    static dorfc_scsi_cmd& command_in(GuardedBytes& record) {
+        return *reinterpret_cast<dorfc_scsi_cmd*>(record.data());
+    }
+    // The caller's record; that of a SCSI command has a CDB of ten bytes and no data phase.
+    static GuardedBytes record_for(const RequestCase& request) {
+        GuardedBytes record(request.size);
+        if (request.operation != Operation::scsi) return record;
+        command_in(record).direction = 3;
+        command_in(record).cdb_len = kCdbLength;
+        command_in(record).data_len = 0;
+        return record;
+    }
+    // Makes the request, and checks its result, its status and its lines. `failure` is the end of an error line.
+    void expect_end(const RequestCase& request, GuardedBytes& record, uint32_t result, uint32_t status,
+                    const std::string& failure) {
+        LogCapture log;
+        EXPECT_EQ(request.call(record.data()), result);
+        EXPECT_EQ(stat, status);
+        const std::string name = own + request.function;
+        const std::string kind = !native                                     ? " ioctl"
+                                 : request.operation == Operation::port_info ? " callback"
+                                                                             : " native";
+        Lines said{name + "(2): entered."};
+        if (result) said.push_back(name + ": " + request.text + kind + failure);
+        if (native || !result) said.push_back(name + "(2): exiting.");
+        if (request.shows_result) said.back() += fmt::format(" ret={}", result);
+        EXPECT_EQ(log.take(), said);
+    }
+
+    static constexpr uint8_t kCdbLength = 10;
     const bool native = GetParam() != DriverKind::legacy;
     const std::string own = transport(GetParam());
     trelm_priv_db* pdb;
@@ -50,93 +123,90 @@ class Transport : public OnEachDriver {
 };
 TRELM_ON_EACH_DRIVER(Transport);
 
-TEST_P(Transport, RequestsGoOutWholeAndTheirStatusCountsBeforeTheirResult) {
-    struct Row {
-        Operation operation;
-        uint64_t number;
-        const char *function, *text;
-        size_t size;
-        bool shows_result;
-    };
-    const Row rows[]{{Operation::port_info, 4, "get_port_info", "Get port info", 512, own == "trelmnt_"},
-                     {Operation::port_stats, 5, "get_port_stats", "Get port stats", 512, native},
-                     {Operation::tgt_info, 6, "get_tgt_info", "Get tgt info", 64, false},
-                     {Operation::fcf_info, 7, "get_fcf_info", "Get fcf info", 64, native},
-                     {Operation::scsi, 8, "send_scsi_cmd", "send scsi cmd",
-                      native ? sizeof(kronfc_scsi_cmd) : sizeof(dorfc_scsi_cmd), false},
-                     {Operation::pci_info, 3, "get_pci_info", "Get pci info", 64, false}};
-    const std::vector<Request> calls = requests();
-    LogCapture log;
-    pdb->drvr_inst |= 0x12340000;  // 16 bits select a port
-    for (size_t i = 0; i < calls.size(); ++i) {
-        const Row& row = rows[i];
-        SCOPED_TRACE(row.function);
-        GuardedBytes record(row.size);
-        const bool scsi = row.operation == Operation::scsi;
-        if (scsi) memcpy(record.data() + 12, "\x03\x0A", 2);  // no direction, ten bytes of a CDB
-        if (scsi) memset(record.data() + 288, 0, 4);          // and of data none
+TEST_P(Transport, SendsEveryByteOfARequest) {
+    constexpr size_t kHeader = sizeof(native_cb_header);
+    constexpr size_t kTarget = offsetof(dorfc_tgt_info, scsi_tgt_num);
+    constexpr size_t kSense = offsetof(dorfc_scsi_cmd, sense_len);
+    for (const RequestCase& request : requests()) {
+        SCOPED_TRACE(request.function);
+        GuardedBytes record = record_for(request);
         const std::vector<uint8_t> before = contents(record);
-        const std::string name = own + row.function;
-        const std::string kind = !native                                 ? " ioctl"
-                                 : row.operation == Operation::port_info ? " callback"
-                                                                         : " native";
-        const auto expect_end = [&](uint32_t result, uint32_t status, const std::string& end) {
-            log.take();
-            EXPECT_EQ(calls[i](record.data()), result);
-            EXPECT_EQ(stat, status);
-            Lines said{name + "(2): entered."};
-            if (result) said.push_back(name + ": " + row.text + kind + end);
-            if (native || !result) said.push_back(name + "(2): exiting.");
-            if (row.shows_result) said.back() += fmt::format(" ret={}", result);
-            EXPECT_EQ(log.take(), said);
-        };
+        const bool scsi = request.operation == Operation::scsi;
+        DriverFailure{.status = 20}.of(host, request.operation);
         host.clear_calls();
-        Failure{.status = 20, .error = EIO}.of(host, row.operation);
-        expect_end(1, 20, native ? " failed, status=20" : " failed, ioctl_status=20");
-        Failure{.error = EIO}.of(host, row.operation);
-        expect_end(1, 0, " function failed, errno=5");
-        EXPECT_TRUE(contents(record) == before);
-
+        request.call(record.data());
         const hostsim::Call call = host.calls().at(0);
-        EXPECT_EQ(call.number, row.number + (native ? 15 : 0xC0406200));
         if (native) {
-            Bytes expected = Bytes(scsi ? 1024 : 8 + row.size).put(Field{0, 4, kHostNo});
-            if (row.operation == Operation::tgt_info) expected.copy(12, record.data() + 4, 4);
-            if (scsi) expected.copy(8, record.data(), 24).copy(38, record.data() + 30, 2);
+            Bytes expected = Bytes(scsi ? 1024 : kHeader + request.size).put(Field{0, 4, kHostNo});
+            if (request.operation == Operation::tgt_info)
+                expected.copy(kHeader + kTarget, record.data() + kTarget, 4);
+            if (scsi)
+                expected.copy(kHeader, record.data(), offsetof(dorfc_scsi_cmd, cdb) + kCdbLength)
+                    .copy(kHeader + kSense, record.data() + kSense, 2);
+            EXPECT_EQ(call.number, request.number + 15);
             EXPECT_EQ(call.payload, expected.all());
         } else {
+            EXPECT_EQ(call.number, request.number + 0xC0406200);
             EXPECT_EQ(call.payload, before);
-            Bytes block = Bytes(64).text(0, "DORFC", 8).put(20, reinterpret_cast<uint64_t>(record.data()));
-            EXPECT_EQ(call.block, block.put(Field{8, 2, 2}, Field{10, 2, 1}, Field{18, 2, 3}).all());
-        }
-        host.tamper = [](Answer& answer) {
-            answer.status = 0, answer.result = 0;
-            std::fill(answer.payload.begin(), answer.payload.end(), 0x6B);
-        };
-        expect_end(0, 0, "");
-        EXPECT_TRUE(contents(record) == std::vector<uint8_t>(row.size, 0x6B)) << "the driver's answer, whole";
-        EXPECT_TRUE(record.guards_intact());
-        if (!native || !scsi) continue;
-        host.clear_calls();
-        for (const auto& [direction, cdb_length, length, sent] :
-             {std::tuple<uint8_t, uint8_t, uint32_t, bool>{0, 17, 0, false},
-              {1, 16, 262145, false},
-              {2, 16, 262145, false},
-              {0, 16, 262145, true},
-              {3, 16, 262145, true}}) {
-            host.clear_calls();
-            record.data()[12] = direction, record.data()[13] = cdb_length;
-            memcpy(record.data() + 288, &length, 4);
-            EXPECT_EQ(calls[i](record.data()), sent ? 0U : 1U);
-            EXPECT_EQ(stat, sent ? 0U : 4U);
-            ASSERT_EQ(host.calls().size(), sent ? 1U : 0U) << "what no record can carry is refused unsent";
-            if (!sent) continue;
-            EXPECT_EQ(memcmp(&host.calls()[0].payload[8 + 288], "\0\0\0", 4), 0) << "no data";
+            EXPECT_EQ(call.block, block(0, 3, record.data()));
         }
     }
 }
 
-TEST(LegacyNode, IsACharacterDeviceThatTakesBlocksOfRequests) {
+TEST_P(Transport, ReportsTheStatusOfTheDriverBeforeTheResultOfTheCall) {
+    for (const RequestCase& request : requests()) {
+        SCOPED_TRACE(request.function);
+        GuardedBytes record = record_for(request);
+        const std::vector<uint8_t> before = contents(record);
+        DriverFailure{.status = 20, .error = EIO}.of(host, request.operation);
+        expect_end(request, record, 1, 20, native ? " failed, status=20" : " failed, ioctl_status=20");
+        DriverFailure{.error = EIO}.of(host, request.operation);
+        expect_end(request, record, 1, 0, " function failed, errno=5");
+        EXPECT_TRUE(contents(record) == before);
+    }
+}
+
+TEST_P(Transport, FillsTheRecordWithTheWholeAnswer) {
+    host.tamper = [](Answer& answer) {
+        answer.status = 0, answer.result = 0;
+        std::fill(answer.payload.begin(), answer.payload.end(), 0x6B);
+    };
+    for (const RequestCase& request : requests()) {
+        SCOPED_TRACE(request.function);
+        GuardedBytes record = record_for(request);
+        expect_end(request, record, 0, 0, "");
+        EXPECT_TRUE(contents(record) == std::vector<uint8_t>(request.size, 0x6B));
+        EXPECT_TRUE(record.guards_intact());
+    }
+}
+
+class NativeTransport : public Transport {};
+INSTANTIATE_TEST_SUITE_P(, NativeTransport, testing::Values(DriverKind::kron, DriverKind::pyx), driver_name);
+
+TEST_P(NativeTransport, RefusesACommandThatNoRecordCanCarry) {
+    const RequestCase request = requests()[4];
+    GuardedBytes record = record_for(request);
+    dorfc_scsi_cmd& command = command_in(record);
+    for (const auto& [direction, cdb_length, data_length, is_sent] :
+         {std::tuple<uint8_t, uint8_t, uint32_t, bool>{0, 17, 0, false},
+          {1, 16, kScsiMaxData + 1, false},
+          {2, 16, kScsiMaxData + 1, false},
+          {0, 16, kScsiMaxData + 1, true},
+          {3, 16, kScsiMaxData + 1, true}}) {
+        host.tamper = [](Answer& answer) { answer.status = 0, answer.result = 0; };
+        host.clear_calls();
+        command.direction = direction, command.cdb_len = cdb_length, command.data_len = data_length;
+        EXPECT_EQ(request.call(record.data()), is_sent ? 0U : 1U);
+        EXPECT_EQ(stat, is_sent ? 0U : uint32_t{DRIVER_STATUS_INVALID});
+        ASSERT_EQ(host.calls().size(), is_sent ? 1U : 0U);
+        if (!is_sent) continue;
+        uint32_t sent_length = 0;
+        memcpy(&sent_length, &payload_of(host.calls()[0])[offsetof(dorfc_scsi_cmd, data_len)], 4);
+        EXPECT_EQ(sent_length, 0U);
+    }
+}
+
+TEST(LegacyNode, IsACharacterDevice) {
     const hostsim::Host host(hostsim::hosts::legacy_ports(1));
     const std::string directory = host.root(), file = directory + "/file";
     std::ofstream(file) << "text";
@@ -152,16 +222,15 @@ TEST(LegacyNode, IsACharacterDeviceThatTakesBlocksOfRequests) {
         EXPECT_EQ(log.take(), lines("trelm_charnode_exist: ", {"entered.", line}));
     }
     EXPECT_EQ(open_descriptors(), before);
-    Guarded<dorfc_ioctl> block;
+}
+
+TEST(LegacyNode, TakesRequestsInABlockWithTheAddressOfThePayload) {
+    Guarded<dorfc_ioctl> request;
     trelm_priv_db pdb{};
-    pdb.drvr_inst = 0x12345;
-    EXPECT_EQ(trelm_setup_ioctl_struct(0xABCD, &pdb, &pdb, block.get()), 0U);
-    EXPECT_EQ(contents(block),
-              Bytes(64)
-                  .text(0, "DORFC", 8)
-                  .put(20, reinterpret_cast<uint64_t>(&pdb))
-                  .put(Field{8, 2, 2}, Field{10, 2, 1}, Field{12, 2, 0xABCD}, Field{18, 2, 0x2345})
-                  .all());
+    pdb.drvr_inst = 0x12345;  // 16 bits select a port
+    EXPECT_EQ(trelm_setup_ioctl_struct(0xABCD, &pdb, &pdb, request.get()), 0U);
+    EXPECT_EQ(contents(request), block(0xABCD, 0x2345, &pdb));
+    EXPECT_TRUE(request.guards_intact());
     EXPECT_EQ(trelm_setup_ioctl_struct(0, nullptr, nullptr, nullptr), 1U);
 }
 

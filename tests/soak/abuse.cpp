@@ -1,4 +1,4 @@
-// abuse.cpp - what others may have put where the library's shared file and semaphores belong.
+// abuse.cpp - hostile objects at the places of the shared file and semaphores of the library.
 #include "crowd.h"
 
 #include <sys/sem.h>
@@ -31,8 +31,8 @@ bool victim_is_whole() {
 struct Abuse {
     const char* what;
     void (*prepare)();
-    bool refused;     // a clear failure; otherwise the library recovers
-    bool (*holds)();  // afterwards
+    bool refused;     // the load fails clearly; otherwise the library recovers
+    bool (*holds)();  // checked afterwards
 };
 
 constexpr Abuse kAbuses[] = {

@@ -1,11 +1,11 @@
-// crowd.cpp - the library's calls as the crowd watches them, and the points at which processes are killed:
-// before and after each of these calls.
+// crowd.cpp - the calls of the library as the crowd observes them. Processes are killed before or after each
+// of these calls.
 #include "crowd.h"
 
 #include <sys/sem.h>
 
 #include "../support/child.h"
-#include "../support/stand_before.h"
+#include "../support/libc_replacements.h"
 
 namespace trelm::soak {
 
@@ -17,10 +17,10 @@ constexpr int64_t kDawdling = 10'000'000'000;  // at most
 constexpr uint32_t kTaken = 0x4;
 
 struct Self {
-    User user;  // of number 0: no process of the crowd
+    User user;  // number 0: not in the crowd
     uint64_t calls = 0;
-    const uint8_t* instance = nullptr;  // the library's slot
-    int32_t set = -1;                   // the database's semaphore
+    const uint8_t* instance = nullptr;  // the slot variable of the library
+    int32_t set = -1;                   // the semaphore of the database
     const uint32_t* flags = nullptr;    // of the slots, in the mapped file
     uint32_t before[kSlots] = {};       // the flags as they were when the file was mapped
     bool joining = false;
@@ -51,7 +51,8 @@ void enter() {
     if (killed_at != 0) crowd->longest_wait = std::max<int64_t>(crowd->longest_wait, now() - killed_at);
 }
 
-// Its holder, or one whom a reset of all slots displaced, has taken the mark off or found it off.
+// The holder, or a process that lost its slot in a reset of all slots, has cleared the mark or found it
+// cleared.
 void forget_holder(unsigned slot) {
     crowd->holders[slot] = 0;
     crowd->doubtful &= ~(1U << slot);
@@ -156,9 +157,9 @@ void join_crowd(const User& user, const uint8_t* library_instance) {
 
 // ---- The library's calls
 
-// A call that is watched, with a point to be killed at before and after it.
+// An observed call. The process may be killed before and after it.
 #define WATCHED(result, name, parameters, arguments, before, after)          \
-    STANDS_BEFORE(result, name, parameters) {                                \
+    REPLACES_LIBC(result, name, parameters) {                                \
         if (me == 0 || !CALLED_BY_LIBRARY()) return NEXT_OF(name) arguments; \
         kill_point();                                                        \
         before;                                                              \
@@ -173,7 +174,7 @@ static bool is_shared_file(const char* path) { return strcmp(path, kSharedFile) 
 static void before_semctl(int32_t set, int command) {
     if (command != IPC_RMID || set != self.set || crowd->inside != me) return;
     crowd->removing = self.user.dawdles;
-    // Lets newcomers find the set and wait for it.
+    // Gives newcomers time to find the set and wait for it.
     const int64_t end = now() + kDawdling;
     while (self.user.dawdles && semctl(set, 0, GETNCNT) == 0 && now() < end) usleep(1000);
     leave();

@@ -1,5 +1,5 @@
-// log_threads.cpp - several threads that write the log at once while the process forks: every line is whole,
-// and ThreadSanitizer, where this is built with it, finds nothing to say.
+// log_threads.cpp - several threads write the log while the process forks: every line must be whole, and a
+// build with ThreadSanitizer must report nothing.
 #include <fmt/format.h>
 
 #include <fstream>
@@ -36,7 +36,7 @@ void write_lines(uint64_t writer) {
     }
 }
 
-// Whole lines of the log file; a stamp of the time stands before each.
+// Checks that the lines of the log file are whole. Each begins with a time stamp.
 uint64_t count_whole_lines() {
     const std::regex whole_line(".{15}: writer\\(\\d\\): a line in two pieces, number \\d+");
     std::ifstream file("/var/tmp/libtrelm.log");  // of the simulated host
@@ -55,7 +55,7 @@ int main() {
     std::vector<std::thread> threads;
     for (uint64_t writer = 0; writer < kThreads; ++writer) threads.emplace_back(write_lines, writer);
     unsigned failures = 0;
-    // Children that log while the threads of their parent do.
+    // Forks children that log while the threads of their parent log.
     for (unsigned i = 0; i < kForks; ++i)
         failures += trelm::test::in_child([i] { return write_line(kThreads, i); }) != 0;
     for (std::thread& thread : threads) thread.join();

@@ -1,6 +1,6 @@
-// soak.cpp - crowds of processes that load the library, work, free it and are killed, on one simulated host
-// with real semaphores and the real process listing. A crowd has its time, then its last processes end by
-// themselves; one that comes alone after it must find everything in order and leave nothing behind.
+// soak.cpp - crowds of processes load the library, work, free it and are killed, on one simulated host with
+// real semaphores and the real process listing. After its time the last processes of a crowd end by
+// themselves. A single process then must find everything in order and leave nothing behind.
 #include <sys/sem.h>
 #include <sys/wait.h>
 
@@ -21,15 +21,15 @@ namespace fs = std::filesystem;
 constexpr char kLogFile[] = "/var/tmp/libtrelm.log";
 constexpr int64_t kSecond = 1'000'000'000;
 constexpr int64_t kCrowdTime = kSecond;
-// Without a step of anyone's for so long, nobody goes on. What counts is that somebody steps, not how fast.
+// If no process makes a step for this long, the crowd hangs. Only progress counts, not its speed.
 constexpr int64_t kPatience = 60 * kSecond;
-constexpr unsigned kLargestCrowd = 6;  // small ones often have a last process
-// A round has about so many calls to be killed at, the more so with the log on.
+constexpr unsigned kLargestCrowd = 6;  // small crowds often have a last process
+// The approximate number of calls in a round at which a process can be killed; more with the log on.
 constexpr unsigned kFatalCalls = 60;
 constexpr unsigned kFatalCallsWithLog = 2000;
 
-// Of a process: one that may be killed, one that is not, and one that lets others come before it removes the
-// semaphore.
+// Kinds of process: one that may be killed, one that may not, and one that waits for others before it removes
+// the semaphore.
 enum class Part { mortal, survivor, dawdler };
 
 class Soak {
@@ -48,7 +48,7 @@ class Soak {
         see_all_end();
     }
 
-    // Newcomers wait for the semaphore that the last process is about to remove.
+    // Newcomers wait for the semaphore while the last process is about to remove it.
     void run_meeting() {
         crowd->removing = false;
         start(Part::dawdler);
@@ -57,7 +57,7 @@ class Soak {
         see_all_end();
     }
 
-    // What the crowd left: whole lines in the log, and nothing that would hinder one who comes alone.
+    // Checks the remains of the crowd: whole lines in the log, and nothing that hinders a single process.
     void look_after_crowd() {
         forget_all_processes();
         check_log();
@@ -70,7 +70,7 @@ class Soak {
         fs::remove(kLogFile, ignored);
     }
 
-    // Whether all was well.
+    // True if there was no failure.
     bool report(unsigned abuses) const {
         if (crowd->slots_checked < crowd->rounds)
             fail("{} slots were checked in {} rounds", crowd->slots_checked.load(), crowd->rounds.load());
@@ -140,8 +140,8 @@ class Soak {
         stepped_at_ = now();
     }
 
-    // "Nov 22 21:05:09: text", with one stamp. A process that is killed while it writes may leave one line
-    // broken.
+    // "Nov 22 21:05:09: text", with one stamp. A process that is killed while it writes may leave one
+    // incomplete line.
     static bool is_whole(const std::string& line) {
         static const std::regex stamp("[A-Z][a-z]{2} [ \\d]\\d \\d\\d:\\d\\d:\\d\\d: ");
         const std::sregex_iterator first(line.begin(), line.end(), stamp), end;

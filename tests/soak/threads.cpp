@@ -1,11 +1,12 @@
-// threads.cpp - threads that use every public function at once, with loads and frees in between, and a model
-// that knows what each call may answer. Drivers of this program's own answer without a lock, so that nothing but the
-// library keeps the threads apart.
+// threads.cpp - threads use every public function at once, with loads and frees in between. A model knows the
+// allowed results of each call. The drivers of this program answer without a lock, so only the library keeps
+// the threads apart.
 //
-// As a guest (--guest) of the host that trelm-hostsim runs it on, it calls what that host's own drivers answer.
+// As a guest (--guest) of a host that trelm-hostsim runs, the program calls the drivers of that host.
 //
-// While no load or free is under way every answer is known: a port that a thread has open must answer, and
-// the library counts exactly the opens that the threads have made. While one is, a call may come before or after it.
+// While no load or free is running, every result is known: an open port must answer, and the library must
+// count exactly the opens that the threads have made. While one is running, a call may come before or after
+// it.
 #include <fmt/format.h>
 #include <sys/ioctl.h>
 
@@ -17,14 +18,14 @@
 #include <random>
 #include <thread>
 
-#include "../support/stand_before.h"
+#include "../support/libc_replacements.h"
 #include "host.h"
 #include "host_builders.h"
 #include "trelm_core.h"
 #include "trelm_mgmt.h"
 #include "vmkmgmt.h"
 
-// Neither threads nor their locks outlive this program.
+// Threads and their locks end with this program.
 extern "C" [[gnu::visibility("default")]] const char* __tsan_default_options();
 const char* __tsan_default_options() { return "halt_on_error=1"; }
 
@@ -46,10 +47,10 @@ void demand(bool fulfilled, fmt::format_string<Values...> complaint, Values&&...
 
 bool is_guest = false;
 std::atomic<int> requests_under_way = 0;
-std::array<std::atomic<int>, 4096> node_users;  // of a descriptor of the legacy node; kNoNode: it is none
+std::array<std::atomic<int>, 4096> node_users;  // by descriptor of the legacy node; kNoNode: another file
 constexpr int kNoNode = -1'000'000;
 
-// What a port answers, told from its number.
+// The answers of a port, derived from its number.
 void answer_stats(uint64_t* counters, uint64_t port) {
     for (uint64_t i = 0; i < kCounters; ++i) counters[i] = port * 1000 + i;
 }
@@ -70,13 +71,13 @@ void answer_scsi(Command& command, uint8_t* data, uint64_t port) {
     if (command.cdb[0] == 0xA0) memcpy(data, "\0\0\0\x08\0\0\0\0\0\x01\0\0\0\0\0\0", 16);  // one LUN
 }
 
-// The answer to a request that discovery does not make; false for one that it does.
+// The answer to a request that discovery does not make; false for requests of discovery.
 bool answer_target(dorfc_tgt_info& target) {
     target.port_state = 1;
     return target.scsi_tgt_num < 2;
 }
 
-STANDS_BEFORE(int, vmk_MgmtUserCallbackInvokeInt,
+REPLACES_LIBC(int, vmk_MgmtUserCallbackInvokeInt,
               (uint64_t handle, uint64_t instance, uint64_t callback, uint32_t count, void* payload)) {
     auto* const header = static_cast<native_cb_header*>(payload);
     void* const record = header + 1;
@@ -104,7 +105,7 @@ STANDS_BEFORE(int, vmk_MgmtUserCallbackInvokeInt,
     return 0;
 }
 
-STANDS_BEFORE(int, ioctl, (int fd, unsigned long number, void* argument)) {
+REPLACES_LIBC(int, ioctl, (int fd, unsigned long number, void* argument)) {
     const auto request = static_cast<uint32_t>(number & 0xFF);
     if (is_guest || !CALLED_BY_LIBRARY() || number != dorfc_request(request))
         return NEXT_OF(ioctl)(fd, number, argument);
@@ -138,13 +139,13 @@ STANDS_BEFORE(int, ioctl, (int fd, unsigned long number, void* argument)) {
     return 0;
 }
 
-STANDS_BEFORE(int, open, (const char* path, int flags, mode_t mode)) {
+REPLACES_LIBC(int, open, (const char* path, int flags, mode_t mode)) {
     const int fd = NEXT_OF(open)(path, flags, mode);
     if (CALLED_BY_LIBRARY() && fd >= 0 && strncmp(path, "/dev/char/", 10) == 0) node_users[fd] = 0;
     return fd;
 }
 
-STANDS_BEFORE(int, close, (int fd)) {
+REPLACES_LIBC(int, close, (int fd)) {
     if (CALLED_BY_LIBRARY() && fd >= 0) {
         const int users = node_users[fd].exchange(kNoNode);
         demand(users <= 0, "the node was closed under {} requests", users);
@@ -152,19 +153,19 @@ STANDS_BEFORE(int, close, (int fd)) {
     return NEXT_OF(close)(fd);
 }
 
-// Who has the library alone asks for the processes that have it loaded.
-STANDS_BEFORE(FILE*, popen, (const char* command, const char* mode)) {
+// Only an Exclusive counts the processes that have the library loaded.
+REPLACES_LIBC(FILE*, popen, (const char* command, const char* mode)) {
     if (is_guest || !CALLED_BY_LIBRARY()) return NEXT_OF(popen)(command, mode);
     demand(requests_under_way == 0, "the library was freed under {} requests", requests_under_way.load());
     return fmemopen(const_cast<char*>("2\n"), 2, "r");
 }
-STANDS_BEFORE(int, pclose, (FILE * file)) {
+REPLACES_LIBC(int, pclose, (FILE * file)) {
     return !is_guest && CALLED_BY_LIBRARY() ? fclose(file) : NEXT_OF(pclose)(file);
 }
 
 // ---- The model
 
-// Whether the library is loaded, and the how-manieth load or free that comes of.
+// Whether the library is loaded, and the number of loads and frees so far.
 class Lifecycle {
   public:
     struct State {
@@ -176,7 +177,7 @@ class Lifecycle {
         const uint64_t value = value_;
         return {value / 4, (value & 1) != 0, (value & 2) != 0};
     }
-    // Loads or frees, unless another thread is about to.
+    // Loads or frees, unless another thread is about to do so.
     void toggle() {
         const std::unique_lock lock(mutex_, std::try_to_lock);
         if (!lock) return;
@@ -191,8 +192,8 @@ class Lifecycle {
         const std::unique_lock lock(mutex_, std::try_to_lock);
         if (lock && now().loaded) demand(TRELM_LoadLibrary() == TRELM_STATUS_OK, "a second load failed");
     }
-    // Whether an open or a close took effect before or after a load or a free cannot be told: until the next, opens
-    // are not counted.
+    // An open or close may take effect before or after a load or free. Until the next load or free, opens are
+    // not counted.
     void forgo_counting() {
         const State state = now();
         const uint64_t until = state.number + (state.changing ? 2 : 1);
@@ -208,7 +209,7 @@ class Lifecycle {
 };
 Lifecycle lifecycle;
 
-std::array<uint64_t, kPorts> tags;  // what a port's counters begin with
+std::array<uint64_t, kPorts> tags;  // the first counters of each port
 
 class Caller {
   public:
@@ -263,7 +264,7 @@ class Caller {
                 return ask_stats(port);
         }
     }
-    // What no model foresees: loads and frees of several threads at once.
+    // Cases without a model: loads and frees of several threads at once.
     void call_wildly() {
         if (pick(500) == 0) pick(2) == 0 ? TRELM_FreeLibrary() : TRELM_LoadLibrary();
         uint32_t handle = 0;
@@ -281,7 +282,7 @@ class Caller {
     uint32_t pick(uint32_t below) { return static_cast<uint32_t>(random_() % below); }
     bool is_certain() const { return !before_.changing && lifecycle.now() == before_; }
 
-    // Judges what a call for a port returned, and says whether it worked.
+    // Checks the result of a call for a port. Returns whether it succeeded.
     bool judge(const char* function, uint32_t code, uint32_t port) {
         const bool worked = code == TRELM_STATUS_OK;
         demand(worked || code == TRELM_STATUS_FAILED, "{} returned {:#x}", function, code);
@@ -377,7 +378,8 @@ class Caller {
 
 const trelm_priv_db* physical_port(uint32_t instance) { return trelm_get_pdb_from_user_instance(instance); }
 
-// Nobody is at work. The library counts what its callers have open, and a port's record is of one answer.
+// No other thread is working. The library must count the opens of its callers, and a record of a port must
+// come from one answer.
 void check_registry(const std::vector<Caller>& callers) {
     const Lifecycle::State state = lifecycle.now();
     if (!state.loaded) return;
@@ -422,7 +424,7 @@ void check_end() {
     demand(requests_under_way == 0, "requests were under way at the end");
 }
 
-// One round of a guest's thread: all of it works, whatever the host's file says meanwhile.
+// One round of a thread of a guest: every call must succeed, whatever the file of the host says meanwhile.
 void work_as_guest(uint32_t port, unsigned long long& link_changes) {
     uint32_t handle = 0;
     TRELM_VNPORT_INFO info{};

@@ -1,4 +1,4 @@
-// user.cpp - one process that uses the library.
+// user.cpp - a process that uses the library.
 #include <dlfcn.h>
 #include <sys/stat.h>
 
@@ -8,7 +8,7 @@
 namespace trelm::soak {
 namespace {
 
-// The library, loaded by this process for itself.
+// The library, loaded by this process itself.
 void* load_library(uint32_t log_flags) {
     setenv("TRELM_API_DEBUG", std::to_string(log_flags).c_str(), 1);
     void* const library = dlopen(TRELM_LIBRARY, RTLD_NOW);

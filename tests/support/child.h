@@ -1,6 +1,6 @@
-// child.h - real processes for tests: a fork that runs a function and reports by its exit status and in
-// shared memory, and never outlives the test. Waiting is bounded, generously, so that a process that hangs
-// fails a test instead of stopping all of them.
+// child.h - child processes for tests: a fork that runs a function, reports by its exit status and in shared
+// memory, and never outlives the test. Waits have a generous limit, so a process that hangs fails a test
+// instead of blocking all of them.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -16,7 +16,7 @@
 
 namespace trelm::test {
 
-// Whether `condition` comes true while one waits.
+// Waits for `condition`. False if it stays false.
 template <typename Condition>
 bool eventually(const Condition& condition) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(120);
@@ -27,7 +27,7 @@ bool eventually(const Condition& condition) {
     return true;
 }
 
-// A value that this process and the children it makes later see alike, as long as any of them lives.
+// A value in memory that this process shares with the children it creates later.
 template <typename Value>
 Value& make_common() {
     return *new (mmap(nullptr, sizeof(Value), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))
@@ -36,7 +36,7 @@ Value& make_common() {
 
 class Child {
   public:
-    // Runs work() in a new process; what it returns is the exit status.
+    // Runs work() in a new process, whose exit status is the result.
     template <typename Work>
     explicit Child(const Work& work) : id_(fork()) {
         if (id_ != 0) return;
@@ -52,7 +52,8 @@ class Child {
     Child(Child&&) = delete;
 
     pid_t id() const { return id_; }
-    // The exit status, or the signal that ended it as a negative number; one that hangs is killed.
+    // The exit status, or the negative number of the signal that ended the process. A process that hangs is
+    // killed.
     int wait() {
         int status = 0;
         if (!eventually([&] { return waitpid(id_, &status, WNOHANG) == id_; })) {
@@ -71,13 +72,13 @@ class Child {
     pid_t id_;
 };
 
-// Runs work() in a process of its own and gives its exit status.
+// Runs work() in a new process and returns its exit status.
 template <typename Work>
 int in_child(const Work& work) {
     return Child(work).wait();
 }
 
-// Whether a process of this one's can become that user.
+// Whether a child process can become that user.
 inline bool can_be(uid_t user) {
     return in_child([user] { return setuid(user) == 0 ? 0 : 1; }) == 0;
 }

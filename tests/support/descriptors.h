@@ -1,4 +1,4 @@
-// descriptors.h - the descriptors that this process has open, so that a test can say that a call left none
+// descriptors.h - the open descriptors of this process, so that a test can check that a call leaves none
 // behind.
 #pragma once
 
@@ -16,8 +16,7 @@ inline size_t open_descriptors() {
     return static_cast<size_t>(std::distance(begin(entries), end(entries)));
 }
 
-// Fills the place of a descriptor that a failed close has closed all the same, so that closing it again
-// works.
+// Reopens a descriptor that a failed close has closed, so that closing it again works.
 inline void put_back(int descriptor) {
     const int other = open("/dev/null", O_RDWR | O_CLOEXEC);
     if (other == descriptor) return;

@@ -1,5 +1,5 @@
-// failing_allocation.h - makes one allocation of this thread fail. Included by a test executable once: it
-// stands before the C allocator (or the sanitizer's) of every library in the process.
+// failing_allocation.h - makes one allocation of this thread fail. A test executable includes it once: it
+// replaces the C allocator, or that of the sanitizer, for all libraries in the process.
 #pragma once
 
 #include <cerrno>
@@ -20,7 +20,7 @@ inline constinit thread_local bool allocation_is_to_fail = false;
 inline constinit thread_local size_t failing_size = kAnySize;
 inline constinit thread_local unsigned passing = 0;
 
-// A sanitizer's runtime allocates before its checks can work, so these functions do without them.
+// The runtime of a sanitizer allocates before its checks work, so these functions are built without checks.
 #define TRELM_UNCHECKED __attribute__((no_sanitize("address", "undefined", "thread")))
 
 TRELM_UNCHECKED inline bool allocation_fails(size_t size) {
@@ -31,7 +31,7 @@ TRELM_UNCHECKED inline bool allocation_fails(size_t size) {
     return true;
 }
 
-// While it lives, the first allocation of that size fails, after so many others of it.
+// While the object lives, one allocation of that size fails, after `after` others of the same size.
 class FailingAllocation {
   public:
     explicit FailingAllocation(size_t size = kAnySize, unsigned after = 0) {

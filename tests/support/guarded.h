@@ -1,6 +1,5 @@
-// guarded.h - a caller's record or buffer between guard bytes. Everything starts as a pattern in which no
-// byte is like its neighbours, so that a test can say which bytes a function wrote and that it wrote no
-// others.
+// guarded.h - a record or buffer of a caller between guard bytes. Everything starts with a pattern in which
+// neighbouring bytes differ, so that a test can check which bytes a function wrote.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -19,10 +18,10 @@ class GuardedBytes {
     uint8_t* data() { return bytes_.data() + kGuard; }
     const uint8_t* data() const { return bytes_.data() + kGuard; }
     size_t size() const { return bytes_.size() - 2 * kGuard; }
-    // What a byte of the contents held at first.
+    // The initial value of a byte of the contents.
     static uint8_t initial(size_t offset) { return pattern(kGuard + offset); }
 
-    // Whether everything behind the first bytes of the contents holds what it held at first, the guards too.
+    // Whether everything after the first bytes of the contents is unchanged, including the guards.
     ::testing::AssertionResult only_written(size_t first) const {
         for (size_t i = 0; i < bytes_.size(); ++i) {
             if (bytes_[i] == pattern(i) || (i >= kGuard && i < kGuard + first)) continue;
@@ -32,7 +31,7 @@ class GuardedBytes {
         return ::testing::AssertionSuccess();
     }
     ::testing::AssertionResult untouched() const { return only_written(0); }
-    // Whether the bytes before and after the contents are as they were.
+    // Whether the bytes before and after the contents are unchanged.
     ::testing::AssertionResult guards_intact() const { return only_written(size()); }
 
   private:
@@ -42,8 +41,7 @@ class GuardedBytes {
     std::vector<uint8_t> bytes_;
 };
 
-// A record between guards. Only for records that are bytes; its fields are read and set through it as through
-// a pointer.
+// A record between guards, accessed like through a pointer. Only for records without constructors.
 template <typename Record>
 class Guarded : public GuardedBytes {
     static_assert(std::is_trivially_copyable_v<Record>);

@@ -1,4 +1,5 @@
-// leaks.h - for tests that jump out of a call: what it held is lost, and a leak checker is not to say so.
+// leaks.h - for tests that jump out of a call: the memory of the call is lost, and the leak checker must not
+// report it.
 #pragma once
 
 #ifdef __SANITIZE_ADDRESS__
@@ -7,7 +8,7 @@
 
 namespace trelm::test {
 
-// What this thread allocates while one lives may leak.
+// Allocations of this thread may leak while an object lives.
 #ifdef __SANITIZE_ADDRESS__
 using LeaksAllowed = __lsan::ScopedDisabler;
 #else

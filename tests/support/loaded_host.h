@@ -10,8 +10,8 @@
 
 namespace trelm::test {
 
-// One host described for one driver: a dual-port adapter, two virtual ports on each port; every port has two
-// FCFs, and targets 0 and 3 with two LUNs each.
+// A host for one driver: a dual-port adapter with two virtual ports on each port. Every port has two FCFs,
+// and targets 0 and 3 with two LUNs each.
 inline hostsim::Model two_port_host(hostsim::DriverKind kind) {
     hostsim::Model model = hostsim::hosts::ports(kind, 2, 2);
     const auto equip = [](hostsim::Port& port) {
@@ -25,13 +25,13 @@ inline hostsim::Model two_port_host(hostsim::DriverKind kind) {
     return model;
 }
 
-// The library loaded on a host, and freed at the end.
-class Loaded {
+// Loads the library on a host, and frees it at the end.
+class LoadedLibrary {
   public:
-    explicit Loaded(hostsim::Model model) : host(std::move(model)) {
+    explicit LoadedLibrary(hostsim::Model model) : host(std::move(model)) {
         EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
     }
-    ~Loaded() { EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK); }
+    ~LoadedLibrary() { EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK); }
 
     hostsim::Host host;
 };
@@ -40,13 +40,13 @@ inline std::string driver_name(const ::testing::TestParamInfo<hostsim::DriverKin
     return std::string(hostsim::kDriverKindNames.at(static_cast<size_t>(info.param)));
 }
 
-// Tests that hold for each driver alike.
+// Tests that run on each driver.
 class OnEachDriver : public ::testing::TestWithParam<hostsim::DriverKind> {
   protected:
     explicit OnEachDriver(hostsim::Model model) : library(std::move(model)) {}
     OnEachDriver() : OnEachDriver(two_port_host(GetParam())) {}
 
-    Loaded library;
+    LoadedLibrary library;
     hostsim::Host& host = library.host;
 };
 

@@ -1,6 +1,5 @@
-// log_capture.h - what the library writes to standard error, by lines. While a capture lives, standard error
-// of this process and of its children goes into a file of memory; what a failed test captured is shown when
-// the capture goes.
+// log_capture.h - the lines that the library writes to standard error. While a capture lives, standard error
+// of this process and its children goes to a file in memory. If the test fails, the captured lines are shown.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -22,7 +21,7 @@ using testing::ElementsAre;
 
 inline constexpr uint32_t kSilent = 0, kErrorLines = 4, kAllLines = 6;
 
-// Sets the debug flags as a user does, in the environment, where every load and open reads them again.
+// Sets the debug flags in the environment, as a user does. Every load and open reads them again.
 inline void set_debug_flags(uint32_t flags) {
     setenv("TRELM_API_DEBUG", std::to_string(flags).c_str(), 1);
     trelm_set_debug_level();
@@ -30,7 +29,7 @@ inline void set_debug_flags(uint32_t flags) {
 
 class LogCapture {
   public:
-    // Needs a host: its semaphores guard the log.
+    // Needs a host, because semaphores of the host guard the log.
     explicit LogCapture(uint32_t flags = kAllLines)
         : file_(memfd_create("log", MFD_CLOEXEC)), stderr_(dup(2)) {
         dup2(file_, 2);
@@ -46,7 +45,7 @@ class LogCapture {
     }
     LogCapture(LogCapture&&) = delete;
 
-    // What was written since the last take.
+    // The lines since the last take.
     std::string take_text() {
         std::string text(static_cast<size_t>(lseek(file_, 0, SEEK_CUR) - taken_), '\0');
         taken_ += pread(file_, text.data(), text.size(), taken_);
@@ -58,7 +57,7 @@ class LogCapture {
         for (std::string line; std::getline(stream, line);) lines.push_back(line);
         return lines;
     }
-    // Of those, the lines of some functions: what stands before the first ':' or '('.
+    // The lines of some functions among these. The name of the function ends at the first ':' or '('.
     Lines take_of(const std::set<std::string>& functions) {
         Lines kept = take();
         std::erase_if(kept, [&](const std::string& line) {

@@ -1,4 +1,4 @@
-// places.h - where the build tree and the source tree lie.
+// places.h - the paths of the build tree and the source tree.
 #pragma once
 
 #include <string>

@@ -1,5 +1,5 @@
-// port_calls.h - what tests of the library's functions share: records written down byte by byte, the lines
-// that each transport logs, the registry as a list, and the ways in which a driver request can fail.
+// port_calls.h - helpers for tests of the library: records byte by byte, the lines of each transport, the
+// registry as a list, and failing driver requests.
 #pragma once
 
 #include <fmt/format.h>
@@ -20,7 +20,7 @@ using hostsim::DriverKind;
 using hostsim::Operation;
 using testing::Each;
 
-// Lines that begin alike.
+// Lines with the same beginning.
 inline Lines lines(const std::string& beginning, Lines texts) {
     for (std::string& text : texts) text.insert(0, beginning);
     return texts;
@@ -36,11 +36,11 @@ struct Field {
     uint64_t value;
 };
 
-// A record as bytes, each field put at its offset.
+// A record as bytes; each field is set at its offset.
 class Bytes : public std::vector<uint8_t> {
   public:
     explicit Bytes(size_t size) : vector(size) {}
-    // What a guarded record of this size holds before a call.
+    // The initial contents of a guarded record of this size.
     static Bytes initial(size_t size) {
         Bytes bytes(size);
         for (size_t i = 0; i < size; ++i) bytes[i] = GuardedBytes::initial(i);
@@ -60,8 +60,6 @@ class Bytes : public std::vector<uint8_t> {
         text.resize(width);
         return copy(offset, text.data(), width);
     }
-    // Most significant byte first.
-    Bytes& wwn(size_t offset, uint64_t name) { return put(Field{offset, 8, __builtin_bswap64(name)}); }
     Bytes& fill(size_t offset, int byte, size_t size) {
         return copy(offset, std::string(size, static_cast<char>(byte)).data(), size);
     }
@@ -70,15 +68,32 @@ class Bytes : public std::vector<uint8_t> {
         std::copy_n(static_cast<const uint8_t*>(from), size, data() + offset);
         return *this;
     }
-    // So that records are compared, and shown, as bytes.
+    // The record at an offset. Only fields that lie within the bytes may be accessed.
+    template <typename Record>
+    Record& as(size_t offset = 0) {
+        return *reinterpret_cast<Record*>(data() + offset);
+    }
+    // Lets records be compared and printed as bytes.
     const std::vector<uint8_t>& all() const { return *this; }
 };
+
+// A text field, zero-padded to its width.
+template <size_t width>
+void set_text(uint8_t (&field)[width], std::string text) {
+    text.resize(width);
+    memcpy(field, text.data(), width);
+}
+// A name field, most significant byte first.
+inline void set_wwn(uint8_t (&field)[8], uint64_t name) {
+    const uint64_t bytes = __builtin_bswap64(name);
+    memcpy(field, &bytes, sizeof bytes);
+}
 
 inline std::vector<uint8_t> contents(const GuardedBytes& record) {
     return {record.data(), record.data() + record.size()};
 }
 
-// With what the functions of a driver's transport begin.
+// The prefix of the functions of a transport.
 inline std::string transport(DriverKind kind) {
     static constexpr const char* kPrefixes[hostsim::kDriverKinds]{"trelmnt_", "trelm_pyxnt_", "trelm_"};
     return kPrefixes[static_cast<size_t>(kind)];
@@ -106,7 +121,7 @@ inline std::vector<uint32_t> instances() {
     return numbers;
 }
 
-// The payload of a request without what the driver's interface puts before it.
+// The payload of a request without the header of the driver interface.
 inline std::vector<uint8_t> payload_of(const hostsim::Call& call) {
     const ptrdiff_t header = call.driver == DriverKind::legacy ? 0 : 8;
     return {call.payload.begin() + header, call.payload.end()};
@@ -118,8 +133,8 @@ inline std::vector<hostsim::Call> calls_of(const hostsim::Host& host, Operation 
     return calls;
 }
 
-// A driver that answers one kind of request with a status, with a failing call, or with both.
-struct Failure {
+// Makes a driver answer one operation with a status, a failing call, or both.
+struct DriverFailure {
     uint32_t status = 0;
     int error = 0;
 
@@ -133,13 +148,13 @@ struct Failure {
     }
 };
 
-// One request that goes wrong, the `occurrence`-th of its kind.
-inline hostsim::Fault fault(Operation operation, Failure failure, uint64_t occurrence = 1) {
+// A fault of one request, the `occurrence`-th of its kind.
+inline hostsim::Fault fault(Operation operation, DriverFailure failure, uint64_t occurrence = 1) {
     return {
         .operation = operation, .occurrence = occurrence, .status = failure.status, .error = failure.error};
 }
 
-// Lets `work` have the answer to every SCSI command, which then has a good status unless it says otherwise.
+// Passes the answer to every SCSI command to `work`. Its status is good unless `work` changes it.
 template <typename Work>
 void answer_scsi(hostsim::Host& host, const Work& work) {
     host.tamper = [work](Answer& answer) {

@@ -1,4 +1,4 @@
-// programs.h - a directory that goes with its test, and programs that are run in it with their output in
+// programs.h - a directory that is removed with its test, and programs that run in it. Their output goes to
 // files, so that neither stream can block the other.
 #pragma once
 
@@ -35,8 +35,8 @@ inline std::string text_of(const std::filesystem::path& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-struct Outcome {
-    int status = -1;  // as a shell tells it
+struct ProgramResult {
+    int status = -1;  // as in a shell
     std::string out, errors;
 };
 
@@ -49,7 +49,7 @@ class Programs : public ::testing::Test {
     std::string at(const std::string& name) const { return directory_ / name; }
     void write(const std::string& name, const std::string& text) const { std::ofstream(at(name)) << text; }
 
-    // Its output goes to the files "out" and "errors" unless it is to go elsewhere.
+    // The output goes to the files "out" and "errors", or standard output to the given file.
     pid_t start(const Words& words, const std::string& out = "") const {
         std::vector<char*> arguments;
         for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
@@ -64,12 +64,12 @@ class Programs : public ::testing::Test {
         execv(arguments[0], arguments.data());
         _exit(99);
     }
-    Outcome finish(pid_t child) const {
+    ProgramResult finish(pid_t child) const {
         int status = 0;
         if (waitpid(child, &status, 0) != child || !WIFEXITED(status)) return {};
         return {WEXITSTATUS(status), text_of(at("out")), text_of(at("errors"))};
     }
-    Outcome execute(const Words& words, const std::string& out = "") const {
+    ProgramResult execute(const Words& words, const std::string& out = "") const {
         return finish(start(words, out));
     }
 

@@ -1,5 +1,5 @@
-// failing_calls.cpp - the functions that can fail, in a table. A failing call does nothing, but for the
-// closing ones: those close and say that they failed, as the kernel does.
+// failing_calls.cpp - a table of the functions that can fail. A failing call does nothing. Closing functions
+// close and then report a failure, as the kernel does.
 #include <dirent.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <atomic>
 
-#include "../support/stand_before.h"
+#include "../support/libc_replacements.h"
 #include "sweep.h"
 #include "vmkmgmt.h"
 
@@ -18,7 +18,7 @@ namespace {
 
 constinit Failing failing_calls = Failing::none;
 constinit uint64_t failing_from = 0;
-constinit thread_local Trail* run = nullptr;  // null: nothing of this thread is counted
+constinit thread_local Trail* run = nullptr;  // null: calls of this thread are not counted
 
 bool fails(const char* name, int error) {
     if (run == nullptr) return false;
@@ -54,7 +54,7 @@ void __libc_free(void* block);
 [[gnu::visibility("default")]] void before_free(void* block) __asm__("free");
 }
 
-// The library's live blocks. There are never many.
+// The live blocks of the library. There are never many.
 static constinit size_t block_count = 0;
 static constinit void* blocks[4096] = {};
 static constinit std::atomic_flag blocks_are_taken{};
@@ -86,7 +86,7 @@ void* before_calloc(size_t count, size_t size) {
     return fails("calloc", ENOMEM) ? nullptr : remember(__libc_calloc(count, size));
 }
 
-// Whoever frees: a list of the library's is emptied through a pointer to this function.
+// Any caller of free(): a list of the library is emptied through a pointer to this function.
 void before_free(void* block) {
     if (block != nullptr) {
         const BlocksLock lock;
@@ -101,13 +101,13 @@ void before_free(void* block) {
 // ---- Everything else
 
 #define CAN_FAIL(result, name, parameters, arguments, failure, error)                            \
-    STANDS_BEFORE(result, name, parameters) {                                                    \
+    REPLACES_LIBC(result, name, parameters) {                                                    \
         return CALLED_BY_LIBRARY() && fails(#name, error) ? (failure) : NEXT_OF(name) arguments; \
     }
 
-// For what lets something go: that is done in any case.
+// For functions that release something, which they do in any case.
 #define CAN_FAIL_AFTERWARDS(name, type, error)                            \
-    STANDS_BEFORE(int, name, (type held)) {                               \
+    REPLACES_LIBC(int, name, (type held)) {                               \
         const int outcome = NEXT_OF(name)(held);                          \
         return CALLED_BY_LIBRARY() && fails(#name, error) ? -1 : outcome; \
     }
@@ -149,9 +149,9 @@ CAN_FAIL(int, vmk_MgmtUserCallbackInvokeInt,
          (uint64_t handle, uint64_t instance, uint64_t callback, uint32_t count, void* parameter),
          (handle, instance, callback, count, parameter), -1, EIO)
 
-// The process listing, without the processes that make it: this one alone has the library loaded. Its pipe is
-// a descriptor that has to be closed all the same.
-STANDS_BEFORE(FILE*, popen, (const char* command, const char* mode)) {
+// The output of the process listing without starting processes: only this process has the library loaded. Its
+// pipe has a descriptor that must be closed.
+REPLACES_LIBC(FILE*, popen, (const char* command, const char* mode)) {
     if (!CALLED_BY_LIBRARY()) return NEXT_OF(popen)(command, mode);
     if (fails("popen", EMFILE)) return nullptr;
     int ends[2];
@@ -160,7 +160,7 @@ STANDS_BEFORE(FILE*, popen, (const char* command, const char* mode)) {
     return fdopen(ends[0], "r");
 }
 
-STANDS_BEFORE(int, pclose, (FILE * file)) {
+REPLACES_LIBC(int, pclose, (FILE * file)) {
     if (!CALLED_BY_LIBRARY()) return NEXT_OF(pclose)(file);
     fclose(file);
     return fails("pclose", ECHILD) ? -1 : 0;

@@ -1,5 +1,5 @@
-// scenario.cpp - what a program does with the library from load to free: every public function, with the
-// records and arrays of a caller between guard bytes. What no failure may bring about is a complaint.
+// scenario.cpp - a program that uses every public function from load to free, with its records and arrays
+// between guard bytes. Results that no failure may cause are reported as complaints.
 #include <fmt/format.h>
 
 #include <atomic>
@@ -33,7 +33,7 @@ hostsim::Model host_of(std::initializer_list<DriverKind> kinds) {
     return model;
 }
 
-// What a function may return besides success.
+// The codes that a function may return besides success.
 using Codes = bool (*)(uint32_t code);
 bool nothing(uint32_t) { return false; }
 bool failed(uint32_t code) { return code == TRELM_STATUS_FAILED; }
@@ -52,7 +52,7 @@ struct Run {
     void demand(bool fulfilled, fmt::format_string<Values...> complaint, Values&&... values) {
         if (!fulfilled) complain(trail, fmt::format(complaint, std::forward<Values>(values)...));
     }
-    // Judges what a function returned, which comes back, and the guards of what it was given.
+    // Checks the result of a function, which is returned, and the guards of its arguments.
     uint32_t judge(const char* function, uint32_t code, Codes allowed,
                    std::initializer_list<const GuardedBytes*> given = {}) {
         demand(code == TRELM_STATUS_OK || allowed(code), "{} returned {:#x}", function, code);
@@ -72,7 +72,7 @@ struct Run {
         const uint32_t number = TRELM_GetVersion(version.data(), 13);
         demand(number == TRELM_VERSION_NUMBER && version.guards_intact(), "the version was {:#x}", number);
         for (int time = 0; time < 2; ++time) CHECK(TRELM_LoadLibrary, (), failed);
-        // A virtual port whose driver does not say what it is counts as a physical one.
+        // A virtual port counts as physical if the driver does not report its type.
         if (CHECK(TRELM_GetPortCount, (count.get()), failed, {&count}) == TRELM_STATUS_OK)
             demand(*count <= 2 * host.ports, "{} ports were counted", *count);
     }
@@ -124,7 +124,7 @@ struct Run {
         demand(moved == length, "a data length was changed");
     }
 
-    // With an instance that may not be there.
+    // With an instance that may not exist.
     void work(uint32_t instance) {
         const uint32_t handle = open(instance);
         open(instance);
@@ -139,7 +139,7 @@ struct Run {
         for (int time = 0; time < 2; ++time) CHECK(TRELM_CloseAdapter, (handle), of_close);
     }
 
-    // With the log on, some of whose calls can fail as well. It takes its flags when a port is opened.
+    // With the log on, whose calls can fail too. Its flags are read when a port is opened.
     void use_log() {
         setenv("TRELM_API_DEBUG", "5", 1);
         const uint32_t handle = open(0);
@@ -149,7 +149,7 @@ struct Run {
         setenv("TRELM_API_DEBUG", "0", 1);
     }
 
-    // Where nothing fails.
+    // A run in which nothing fails.
     void work_well() {
         uint32_t count = 0;
         CHECK(TRELM_LoadLibrary, (), nothing);
@@ -170,7 +170,7 @@ struct Run {
     }
 };
 
-// A thread that calls all the while, whatever fails for the other.
+// A thread that calls continuously while calls of the other thread fail.
 class Bystander {
   public:
     ~Bystander() {

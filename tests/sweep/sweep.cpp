@@ -1,6 +1,6 @@
-// sweep.cpp - makes every call of the library that can fail do so, one run each: first the n-th call alone,
-// then all from the n-th on. Each run is a process of its own with a time limit; workers share the runs. A
-// run is named by host, n and manner, and can be repeated alone by that name.
+// sweep.cpp - makes every call of the library that can fail do so, in one run each: first only the n-th call,
+// then all from the n-th on. Each run is a process with a time limit. Workers share the runs. The host, n and
+// the manner of failure identify a run, which can be repeated alone.
 #include "sweep.h"
 
 #include <fmt/format.h>
@@ -12,7 +12,7 @@
 
 #include "../support/child.h"
 #include "../support/descriptors.h"
-#include "../support/stand_before.h"
+#include "../support/libc_replacements.h"
 #include "host.h"
 
 namespace {
@@ -21,7 +21,7 @@ using namespace trelm::sweep;
 using trelm::test::make_common;
 
 constexpr const char* kManners[] = {"none", "one", "onwards"};
-constexpr unsigned kSeconds = 60;  // after which a run counts as hung
+constexpr unsigned kSeconds = 60;  // a run that takes longer has hung
 
 struct Chore {
     size_t host;
@@ -29,12 +29,12 @@ struct Chore {
     uint64_t n;
 };
 
-// What workers report to the whole.
+// The reports of the workers.
 struct Tally {
     std::atomic<uint64_t> runs, failures;
 };
 
-// What the library must not have kept once it is freed.
+// What the library must have released after the free.
 void check_nothing_is_kept(Trail& trail, size_t descriptors) {
     if (live_blocks() != 0) complain(trail, fmt::format("{} blocks were not freed", live_blocks()));
     const size_t open = trelm::test::open_descriptors();
@@ -61,7 +61,7 @@ int run_in_child(const Chore& chore, Trail& trail) {
     return 0;
 }
 
-// Puts the host's shared things back to nothing.
+// Resets what the processes of the host share.
 void clear_host() {
     std::error_code ignored;
     for (const char* path : {"/tmp/trelm_shared.dat", "/var/tmp/libtrelm.log"})
@@ -71,7 +71,7 @@ void clear_host() {
     }
 }
 
-// One run on the host that is there; says what was wrong with it. Whether nothing was.
+// One run on the present host. Prints what was wrong. Returns whether nothing was.
 bool run(const Chore& chore, Trail& trail) {
     trail = {};
     const int status = trelm::test::in_child([&] { return run_in_child(chore, trail); });
@@ -105,7 +105,7 @@ void work_off_in_processes(const std::vector<Chore>& chores, Tally& tally) {
     if (tally.runs != chores.size()) ++tally.failures;
 }
 
-// Every call of a run without failures, or every so manieth from a random one on.
+// Every call of a run without failures, or every n-th from a random one on.
 std::vector<Chore> plan(uint64_t every, uint64_t& calls) {
     const uint64_t first = 1 + std::random_device{}() % every;
     std::vector<Chore> chores;

@@ -1,15 +1,13 @@
-// golden_test.cpp - what the tool prints, command by command. Each file of golden/ holds command lines and what
-// they print:
+// golden_test.cpp - the output of the tool. Each file in golden/ has command lines and their output:
 //
-//     $ lab.json: trelmctl list          the host, from hosts/ or from the simulated host's samples, or '-' for
-//                                        the machine itself; and a shell command, which finds the host's
-//                                        file as host.json and may edit it
+//     $ lab.json: trelmctl list          the host, from hosts/ or from the samples of the simulator, or '-'
+//                                        for the machine itself; then a shell command, which finds the file
+//                                        of the host as host.json and may edit it
 //     (standard output)
 //     ! (a line of standard error)
 //     => 0                               the exit status
 //
-// After a change that is meant, `./dev golden` writes the files anew; the difference is then read before it is
-// committed.
+// After an intended change `./dev golden` writes the files again. Read the difference before you commit it.
 #include "support/programs.h"
 
 namespace {
@@ -32,7 +30,7 @@ class Golden : public Programs, public testing::WithParamInterface<std::string> 
                   text_of(fs::exists(own) ? own : fs::path(source_dir()) / "hostsim/hosts" / host));
             words = words + Words{kLauncher, "run", at("host.json"), "--"};
         }
-        const Outcome outcome =
+        const ProgramResult outcome =
             execute(words + Words{"/bin/sh", "-c", "cd " + at("") + "; " + line.substr(colon + 2)});
 
         std::string lines = line + "\n" + outcome.out;

@@ -1,4 +1,5 @@
-// scsi_decoding_test.cpp - sense data and vital product data pages of devices that the simulated host has none of.
+// scsi_decoding_test.cpp - sense data and vital product data pages that no device of the simulated host
+// returns.
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
@@ -49,7 +50,7 @@ TEST(SenseData, IsDecodedFromBothFormatsWithEveryFieldThatItHolds) {
     }
     for (const char* none : {"", "70 00 05", "00 00 00 00 00 00 00 00", "7f 00 00 00 00 00 00 00"})
         EXPECT_FALSE(decode_sense(bytes(none))) << none;
-    // Nothing beyond its own length is looked at.
+    // Bytes beyond its own length are ignored.
     EXPECT_EQ(decode_sense(bytes("70 00 05 00 00 00 00 02 01 02 03 04 20 00"))->bytes.size(), 10u);
 }
 

@@ -1,5 +1,5 @@
-// trelmctl_test.cpp - the tool and its standard streams: closed, full, without reader, and a terminal. What it
-// prints in all other cases is held by golden_test.cpp.
+// trelmctl_test.cpp - the tool with standard streams that are closed, full, without reader, or a terminal.
+// golden_test.cpp tests its output in all other cases.
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
@@ -20,7 +20,7 @@ const std::string kLab = source_dir() + "/hostsim/hosts/lab.json";
 class Trelmctl : public Programs {
   protected:
     void expect(const std::string& script, int status, const std::string& errors) const {
-        const Outcome outcome =
+        const ProgramResult outcome =
             execute({kLauncher, "run", kLab, "--", "/bin/sh", "-c", "cd /tmp; tool=$0; " + script, kTool});
         EXPECT_EQ(outcome.status, status) << script;
         EXPECT_EQ(outcome.errors, errors) << script;
@@ -37,12 +37,12 @@ TEST_F(Trelmctl, EndsWithADocumentedStatusWhateverItsStandardStreamsAre) {
     expect("$tool show 2>/dev/full", 2, "");
     expect("$tool show 2>&-", 2, "");
     expect("mkfifo pipe; exec 3<>pipe 4>pipe 3<&-; $tool tree >&4", 1, "");
-    // Its text must not go to the file that the library opens next.
+    // Its text must not go to the next file that the library opens.
     expect("$tool tree <&- >&-", 1, cannot_write("Bad file descriptor"));
     expect("$tool tree <&- >&- 2>&-", 1, "");
 }
 
-// A program on a terminal of its own.
+// A program on its own terminal.
 class Terminal {
   public:
     Terminal(Words words, uint16_t columns, uint16_t lines) {
@@ -63,7 +63,7 @@ class Terminal {
         winsize size{lines, columns, 0, 0};
         ioctl(fd_, TIOCSWINSZ, &size);
     }
-    // The lines of the next screen that is drawn whole: from the first line to the clearing of the rest.
+    // The lines of the next complete screen: from the first line to the clearing of the rest.
     std::vector<std::string> screen() {
         const std::string start = "\033[H";
         const std::string end = "\033[J";
@@ -81,7 +81,7 @@ class Terminal {
     void type(const std::string& keys) const {
         EXPECT_EQ(write(fd_, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
     }
-    // Whether the text appears on the terminal; what came before it is done with.
+    // Waits for the text on the terminal. Output before it is dropped.
     bool shows(const std::string& text) {
         while (seen_.find(text) == std::string::npos) {
             if (!read_more()) return false;
@@ -89,7 +89,7 @@ class Terminal {
         seen_.erase(0, seen_.find(text) + text.size());
         return true;
     }
-    // The exit status, once the program ends by itself.
+    // The exit status, after the program has ended by itself.
     int finish() {
         while (read_more()) {
         }

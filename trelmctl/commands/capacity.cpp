@@ -1,4 +1,4 @@
-// capacity.cpp - `trelmctl capacity`: how large a LUN is.
+// capacity.cpp - `trelmctl capacity`: the size of a LUN.
 #include "capacity.h"
 
 #include <fmt/format.h>

@@ -24,7 +24,7 @@ namespace {
 
 constexpr std::size_t kLeastCdb = 6;
 
-// Options and arguments whose text another function checks and puts in its place.
+// Options and arguments whose text is checked and stored by another function.
 template <typename Take>
 CLI::Option* add_value(CLI::App& command, const char* name, const char* type, const char* help, Take take) {
     return command.add_option_function<std::string>(name, take, help)->type_name(type);
@@ -238,7 +238,7 @@ struct Parser {
                   [this](const std::string& given) { options.timeout = seconds_value("--timeout", given); });
     }
 
-    // Null where there is no such command.
+    // Null if there is no such command.
     const CLI::App* find(const std::string& command) const {
         const auto named =
             app.get_subcommands([&](const CLI::App* sub) { return sub->get_name() == command; });
@@ -253,10 +253,10 @@ void check_metrics(const metrics::Settings& settings) {
     if (settings.listen.empty() && !settings.web_config.empty())
         wrong_usage("--web-config requires --listen");
     if (!settings.listen.empty() && (settings.format || !settings.output.empty()))
-        wrong_usage("--listen goes without --format and --output: who asks names the format");
+        wrong_usage("--listen excludes --format and --output: each client chooses its format");
 }
 
-// What no single option can check.
+// Checks that concern several options.
 void check_together(const Options& options) {
     const bool reads = options.data_in > 0;
     if (options.samples && !options.watch && options.command->run == run_stats)
@@ -267,14 +267,14 @@ void check_together(const Options& options) {
     if (options.json && options.raw) wrong_usage("--raw and --json exclude each other");
     check_metrics(options.metrics);
     if (options.json && options.command->run == run_metrics)
-        wrong_usage("metrics are no JSON: --format says in which of their formats they are written");
+        wrong_usage("--json is not available for metrics; choose a format with --format");
     if (options.command->run != run_scsi) return;
     if (options.cdb.empty()) wrong_usage("CDB is missing");
     if (options.cdb.size() < kLeastCdb)
         wrong_usage(fmt::format("a command has at least {} bytes", kLeastCdb));
 }
 
-// The first argument of the command that is missing.
+// The first missing argument of the command.
 std::string missing_argument(const CLI::App& app) {
     const auto commands = app.get_subcommands();
     if (commands.empty()) return "no command was given";
@@ -285,7 +285,7 @@ std::string missing_argument(const CLI::App& app) {
     return "an argument is missing";
 }
 
-// The parser's errors in the tool's own words.
+// Words the errors of the parser.
 std::string what_is_wrong(const CLI::App& app, const CLI::ParseError& error) {
     const auto left_over = app.remaining(true);
     if (!left_over.empty()) {
@@ -296,7 +296,7 @@ std::string what_is_wrong(const CLI::App& app, const CLI::ParseError& error) {
     }
     if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr) return missing_argument(app);
     if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr) {
-        // The option's name is to be had only as the start of the text, without dashes where it is a flag.
+        // The parser gives the name of the option only at the start of its text; a flag has no dashes there.
         const std::string text = error.what();
         const std::string name = escaped(text.substr(0, text.find_first_of(": ")));
         return name.starts_with("-") ? fmt::format("{} requires a value", name)
@@ -313,7 +313,7 @@ void show_text(const char* key, const std::string& text, Output& output) {
     }
 }
 
-// `before` is what stands before the name in the usage line.
+// `before` comes before the name in the usage line.
 std::string fitted_help(const CLI::App& app, const std::string& before = "") {
     constexpr std::size_t kColumnOfDescriptions = 30;
     std::istringstream lines(app.help(before));
@@ -335,7 +335,7 @@ void run_tool_version(Output& output) {
     if (!output.json()) output.print("trelmctl " TRELMCTL_VERSION "\n");
 }
 
-// The words of another command line, which are not options of this one.
+// The words are those of another command line, not options of this one.
 std::optional<Options> words_to_complete(int argc, char** argv) {
     static constexpr Command command{"complete", "", Addressing::none, run_complete};
     if (argc < 2 || std::strcmp(argv[1], command.name) != 0) return std::nullopt;

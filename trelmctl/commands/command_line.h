@@ -1,4 +1,4 @@
-// command_line.h - takes the command line apart, checks it, and says what each command takes.
+// command_line.h - parses and checks the command line, and lists the options of each command.
 #pragma once
 
 #include <string>
@@ -10,21 +10,22 @@ namespace trelmctl {
 
 class Output;
 
-// Throws CommandFailed where the command line is wrong. Without a command, what was asked for (help or the
-// version) has been printed.
+// Throws CommandFailed if the command line is wrong. The result has no command if help or the version was
+// requested and has been printed.
 Options parse_options(int argc, char** argv, Output& output);
 
-// Asked for before the command line is understood, so that a mistake in it is told in JSON, too.
+// Whether JSON is wanted. Needed before the command line is parsed, so that a usage error is reported in JSON
+// too.
 bool asks_for_json(int argc, char** argv);
 
-// Of the tool, or of a command; throws CommandFailed where there is no such command.
+// Help for the tool or for a command. Throws CommandFailed if there is no such command.
 std::string help_text(const std::string& command);
 
 struct OptionName {
     std::string name;  // with its dashes
     bool takes_value;
 };
-// What a command takes besides its arguments; nothing for a name that is no command.
+// The options of a command; empty for an unknown name.
 std::vector<OptionName> option_names(const std::string& command);
 
 }  // namespace trelmctl

@@ -1,5 +1,4 @@
-// commands.h - the commands of the tool, as a table: what each is called, what it takes and what carries it
-// out.
+// commands.h - the commands of the tool as a table: name, arguments, and the function that carries it out.
 #pragma once
 
 #include <span>
@@ -9,7 +8,7 @@
 
 namespace trelmctl {
 
-// How much of PORT, TARGET and LUN, in this order, stands behind a command's name.
+// How many of the arguments PORT, TARGET and LUN a command takes, in this order.
 enum class Addressing { none, port, target, lun };
 
 struct Command {
@@ -37,7 +36,7 @@ void run_capacity(const Options& options, Output& output);
 void run_version(const Options& options, Output& output);
 void run_help(const Options& options, Output& output);
 void run_completion(const Options& options, Output& output);
-// Called by completion scripts, and not among the commands that are listed.
+// Called by completion scripts; not listed among the commands.
 void run_complete(const Options& options, Output& output);
 
 }  // namespace trelmctl

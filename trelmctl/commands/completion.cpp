@@ -1,5 +1,5 @@
-// completion.cpp - words that a shell can complete. The scripts only ask `trelmctl complete`, which knows the
-// commands and options, and asks the host for its ports, targets and LUNs.
+// completion.cpp - words for the completion of shells. The scripts only call `trelmctl complete`, which knows
+// the commands and options and asks the host for its ports, targets and LUNs.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -38,7 +38,7 @@ constexpr std::string_view kFish = R"sh(complete -c trelmctl -f -a '(
 )'
 )sh";
 
-// ---- What stands before the word to complete ----
+// ---- The words before the one to complete ----
 
 struct Line {
     const Command* command = nullptr;
@@ -69,7 +69,7 @@ Line line_of(const Words& words) {
     return line;
 }
 
-// ---- What can stand in its place ----
+// ---- Candidates for the word ----
 
 Words port_names(bool with_virtual) {
     Words names;
@@ -147,7 +147,7 @@ void run_completion(const Options& options, Output& output) {
     output.print(options.shell == "bash" ? kBash : options.shell == "zsh" ? kZsh : kFish);
 }
 
-// A word that cannot be completed is no failure that anybody wants to read at a prompt.
+// A failure to complete a word must print nothing at the prompt.
 void run_complete(const Options& options, Output& output) {
     Words found;
     try {

@@ -26,7 +26,7 @@ std::vector<std::string> lines_of(const TopologyNode& node) {
     return lines;
 }
 
-// Each character that stands for something in the language is replaced.
+// Replaces each character that has a meaning in the language.
 std::string replaced(std::string_view text, std::span<const std::pair<char, std::string_view>> replacements) {
     std::string out;
     for (const char c : text) {
@@ -40,7 +40,7 @@ std::string replaced(std::string_view text, std::span<const std::pair<char, std:
 constexpr std::array<std::pair<char, std::string_view>, 2> kDotEscapes{{{'\\', "\\\\"}, {'"', "\\\""}}};
 constexpr std::array<std::pair<char, std::string_view>, 4> kMarkupEscapes{
     {{'&', "&amp;"}, {'<', "&lt;"}, {'>', "&gt;"}, {'"', "&quot;"}}};
-// Mermaid's entities begin with '#', so that character is one, too.
+// Entities of Mermaid begin with '#', so that character is replaced too.
 constexpr std::array<std::pair<char, std::string_view>, 4> kMermaidEscapes{
     {{'#', "#35;"}, {'"', "#quot;"}, {'<', "#lt;"}, {'>', "#gt;"}}};
 
@@ -103,7 +103,7 @@ int height_of(const TopologyNode& node) {
     return 2 * kPadding + static_cast<int>(lines_of(node).size()) * kLineHeight;
 }
 
-// A column for each layer that has nodes, each in the middle of the height.
+// Lays out a column for each layer that has nodes, centred vertically.
 Layout layout_of(const Topology& topology) {
     std::array<int, kLayers> heights{};
     for (const TopologyNode& node : topology.nodes())

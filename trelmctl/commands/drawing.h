@@ -1,4 +1,4 @@
-// drawing.h - a topology in the languages of drawing tools, and as a picture.
+// drawing.h - draws a topology as SVG or in the languages of drawing tools.
 #pragma once
 
 #include <string>

@@ -3,16 +3,16 @@
 
 namespace trelmctl {
 
-// From here on an interrupt ends a wait, not the process, so that the library is left in order.
+// From now on an interrupt ends a wait and not the process, so that the library can be freed.
 void catch_interrupts();
 
-// From here on a change of the terminal's size ends a wait, too.
+// From now on a change of the size of the terminal ends a wait too.
 void wake_on_resize();
 
 // Whether the user has ended the command.
 bool interrupted();
 
-// Ends early where a signal ends it.
+// Returns early if a signal arrives.
 void wait_for(double seconds);
 
 }  // namespace trelmctl

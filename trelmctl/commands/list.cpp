@@ -1,4 +1,4 @@
-// list.cpp - `trelmctl list`: a line for each physical port, also for one that fails.
+// list.cpp - `trelmctl list`: a line for each physical port, including those that fail.
 #include <fmt/format.h>
 
 #include <nlohmann/json.hpp>
@@ -12,7 +12,7 @@
 namespace trelmctl {
 namespace {
 
-// A port as far as it could be asked.
+// What could be read of a port.
 struct Listed {
     uint32_t instance = 0;
     std::optional<TRELM_FCOE_INFO> adapter;
@@ -66,7 +66,7 @@ std::vector<std::string> row(const Listed& listed) {
     return cells;
 }
 
-// Every member is there for every port, null where it is not known.
+// Every port has all members; unknown values are null.
 Json to_json(const Listed& listed) {
     const TRELM_FCOE_INFO* adapter = listed.adapter ? &*listed.adapter : nullptr;
     const TRELM_VNPORT_INFO* port = listed.port && listed.port->info ? &*listed.port->info : nullptr;

@@ -1,4 +1,4 @@
-// luns.cpp - `trelmctl luns`: a line for each LUN of a target, also for one that fails.
+// luns.cpp - `trelmctl luns`: a line for each LUN of a target, including those that fail.
 #include "luns.h"
 
 #include <nlohmann/json.hpp>

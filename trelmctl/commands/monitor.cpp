@@ -1,6 +1,6 @@
-// monitor.cpp - `trelmctl monitor`: a line for each change of a state. The library tells of no events, so the host
-// is asked again and again. What the library finds only at load, such as ports and FCFs that appear, is found by
-// loading it anew from time to time.
+// monitor.cpp - `trelmctl monitor`: a line for each change of a state. The library reports no events, so the
+// host is polled. New ports and FCFs show only after a load, so the library is loaded again from time to
+// time.
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
@@ -66,7 +66,7 @@ void tell_changes(const Snapshot& before, const Snapshot& after, Output& output)
     output.flush();
 }
 
-// Nothing is there while the library cannot be loaded.
+// The host has nothing while the library cannot be loaded.
 Snapshot look(FreshHost& fresh, const PortFilter& filter, const Snapshot& before) {
     const LoadedHost* host = fresh.get();
     return host != nullptr ? take_snapshot(*host, filter, before) : Snapshot();

@@ -1,5 +1,5 @@
-// option_values.h - the values of options and arguments: from text, checked. What is not sound ends the command
-// with the status of wrong usage and says what would be right.
+// option_values.h - values of options and arguments: parsed from text and checked. A wrong value ends the
+// command with the exit status of a usage error and a message that says what is allowed.
 #pragma once
 
 #include <cstdint>
@@ -23,9 +23,9 @@ uint8_t page_value(const std::string& given);
 DrawingFormat drawing_value(const std::string& given);
 metrics::Format metrics_format_value(const std::string& given);
 
-// Bytes in hexadecimal, apart or together; at most as many as a command has.
+// Bytes in hexadecimal, with or without separators; at most as many as a CDB has.
 void append_cdb(std::vector<uint8_t>& cdb, const std::string& word);
-// The same from a file, with remarks from a '#' to the end of its line.
+// The same from a file, in which a comment begins with a '#'.
 void append_cdb_file(std::vector<uint8_t>& cdb, const std::string& path);
 
 }  // namespace trelmctl

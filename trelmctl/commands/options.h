@@ -1,5 +1,4 @@
-// options.h - the command line, taken apart and checked: what is here is sound, and every command reads only
-// what is its own.
+// options.h - the parsed and checked command line. Each command reads only its own options.
 #pragma once
 
 #include <cstdint>
@@ -28,15 +27,15 @@ struct Options {
     bool wide = false;
     std::vector<uint8_t> cdb;
     uint32_t data_in = 0;  // bytes to read
-    std::string out_file;  // that takes the bytes read; empty: none
+    std::string out_file;  // receives the bytes that are read; empty: none
     std::string data_out;  // file to send; empty: none
     bool raw = false;
     std::optional<uint8_t> page;      // vital product data page
     std::optional<double> watch;      // seconds
     std::optional<uint64_t> samples;  // of a watch
-    double every = 1;                 // seconds between two looks of a monitor or of top
-    double rescan = 60;               // and between two loads of the library
-    bool sixteen = false;             // READ CAPACITY(16) in any case
+    double every = 1;                 // seconds between two polls of monitor or top
+    double rescan = 60;               // seconds between two loads of the library
+    bool sixteen = false;             // always use READ CAPACITY(16)
     DrawingFormat drawing = DrawingFormat::dot;
     metrics::Settings metrics;
     std::string topic;               // command to explain

@@ -1,5 +1,5 @@
-// show.cpp - `trelmctl show`: all that the information records of a port say, in groups. Each fact is written
-// down once and comes out as a line of text and as members of the JSON document.
+// show.cpp - `trelmctl show`: all information records of a port, in groups. Each fact is written once in the
+// code and printed as a line of text and as members of the JSON document.
 #include <fmt/format.h>
 
 #include <nlohmann/json.hpp>
@@ -16,8 +16,8 @@ struct Fact {
     const char* key;    // of the JSON member
     const char* label;  // of the line
     std::string words;
-    Json raw;           // of a value that is worded: what the record holds
-    bool bare = false;  // the words are the number itself
+    Json raw;           // the value in the record, if `words` is a text for it
+    bool bare = false;  // the text is the number itself
 };
 
 Fact words(const char* key, const char* label, std::string text, Json raw = {}) {
@@ -121,7 +121,7 @@ std::string to_text(const std::vector<Group>& groups) {
         out += fmt::format("{}{}\n", out.empty() ? "" : "\n", group.title);
         for (const Fact& fact : group.facts) {
             out += fmt::format("  {:<20} {}", fact.label, fact.words.empty() ? "-" : fact.words);
-            // A word hides its number, a formatted number does not.
+            // Words do not show the number; formatted numbers do.
             const bool hidden = fact.raw.is_number() && !fact.bare && !fact.words.starts_with("0x");
             out += hidden ? fmt::format(" ({})\n", fact.raw.dump()) : "\n";
         }

@@ -1,4 +1,4 @@
-// stats.cpp - `trelmctl stats`: the counters of a port as they are now; watch.cpp follows them.
+// stats.cpp - `trelmctl stats`: the current counters of a port. watch.cpp implements --watch.
 #include "counters.h"
 
 #include <fmt/format.h>

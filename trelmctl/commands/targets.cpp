@@ -1,5 +1,4 @@
-// targets.cpp - `trelmctl targets`: a line for each target that answers; the drivers leave out those that are
-// offline.
+// targets.cpp - `trelmctl targets`: a line for each target. Drivers leave out targets that are offline.
 #include "targets.h"
 
 #include <fmt/format.h>

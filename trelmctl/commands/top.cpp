@@ -1,4 +1,4 @@
-// top.cpp - `trelmctl top`: all ports on the whole terminal, with rates and graphs of the last minutes; and a page
+// top.cpp - `trelmctl top`: all ports on a full screen, with rates and graphs of the last minutes, and a page
 // for each port with its counters and targets.
 #include <curses.h>
 #include <fmt/chrono.h>
@@ -31,7 +31,7 @@ constexpr short kTroubleColour = 1;
 constexpr int kEscape = 27;
 constexpr double kGraphSeconds = 300;
 
-// The terminal in the state that drawing needs, and as it was at the end of the scope.
+// Puts the terminal into the state for drawing, and restores it at the end of the scope.
 class CursesTerminal {
   public:
     CursesTerminal()
@@ -239,8 +239,8 @@ class Top {
     TopOrder order_ = TopOrder::port;
     bool detail_ = false;
     bool quit_ = false;
-    int scrolled_ = 0;     // lines of a port's page
-    bool is_cut_ = false;  // the page goes on below
+    int scrolled_ = 0;     // by which the page of a port is scrolled
+    bool is_cut_ = false;  // the page continues below
     CursesTerminal terminal_;
 };
 

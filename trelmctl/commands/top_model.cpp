@@ -129,7 +129,7 @@ std::string graph(const std::deque<double>& history, std::size_t span, std::size
     const double highest = columns.empty() ? 0 : *std::max_element(columns.begin(), columns.end());
     std::string out(width - columns.size(), ' ');
     for (auto value = columns.rbegin(); value != columns.rend(); ++value) {
-        // Any traffic at all is seen.
+        // Any traffic at all shows as at least one step.
         const double height = highest > 0 ? std::ceil(*value / highest * (heights.size() - 1)) : 0;
         out += heights[static_cast<std::size_t>(height)];
     }

@@ -1,4 +1,5 @@
-// top_model.h - what `trelmctl top` knows of each port: its state now, and its traffic over the last minutes.
+// top_model.h - the data of `trelmctl top` for each port: its current state and its traffic over the last
+// minutes.
 #pragma once
 
 #include <deque>
@@ -15,7 +16,7 @@ namespace trelmctl {
 struct PortTraffic {
     std::string label;  // "0" or "0/1"
     std::string hba_name;
-    std::string state;  // in words; "failed" where the port does not answer
+    std::string state;  // in words; "failed" if the port does not answer
     std::string trouble;
     uint32_t instance = 0;
     uint32_t npiv_index = 0;
@@ -35,7 +36,7 @@ class TopModel {
   public:
     explicit TopModel(PortFilter filter) : filter_(std::move(filter)) {}
 
-    // Asks every port once. Ports that fail stay, with what was known of them; none answers without a host.
+    // Asks every port once. A port that fails stays with its last values; without a host no port answers.
     void sample(const LoadedHost* host);
 
     std::vector<const PortTraffic*> ports(TopOrder order) const;
@@ -49,7 +50,8 @@ class TopModel {
     std::map<std::pair<uint32_t, uint32_t>, PortTraffic> ports_;  // by instance and place on the adapter
 };
 
-// A line of characters whose heights are the means of the last `span` values of a history, the newest on the right.
+// A line of characters whose heights are the means of the last `span` values of a history, the newest on the
+// right.
 std::string graph(const std::deque<double>& history, std::size_t span, std::size_t width);
 
 }  // namespace trelmctl

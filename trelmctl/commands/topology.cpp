@@ -1,4 +1,4 @@
-// topology.cpp - `trelmctl topology`: a drawing of what the host is connected to.
+// topology.cpp - `trelmctl topology`: a drawing of the fabric, targets and LUNs of the host.
 #include "topology.h"
 
 #include <sys/utsname.h>

@@ -1,5 +1,5 @@
-// tree.cpp - `trelmctl tree`: the physical ports with their targets, their virtual ports with theirs, and the
-// LUNs. What fails is told at its place, and the rest is shown.
+// tree.cpp - `trelmctl tree`: the physical ports with their targets and LUNs, and their virtual ports with
+// theirs. A failure is shown at its place, and the rest is shown too.
 #include <fmt/format.h>
 
 #include <nlohmann/json.hpp>

@@ -1,6 +1,6 @@
-// watch.cpp - rates per second between one sample and the next. A terminal shows all counters in place; a pipe
-// gets a line for each sample, with the counters that people look at first, or a JSON document. A sample that
-// fails is told in its place, and the next is taken all the same.
+// watch.cpp - rates per second between two samples. A terminal shows all counters in place. A pipe gets a
+// line for each sample, with the most important counters, or a JSON document. A failed sample is reported in
+// its place, and sampling continues.
 #include "watch.h"
 
 #include <fmt/chrono.h>
@@ -33,7 +33,7 @@ class View {
     virtual void show(const Failure& failure) = 0;
 };
 
-// The whole terminal, drawn again from its first line for each sample, so that it follows the size.
+// Draws a full screen, from its first line for each sample, so that it follows the size of the terminal.
 class Screen : public View {
   public:
     Screen(std::string heading, Output& output) : heading_(std::move(heading)), output_(output) {}
@@ -60,7 +60,7 @@ class Screen : public View {
         std::size_t lines = 0;
         for (std::size_t at = 0; at < text.size() && lines < size.lines; ++lines) {
             const std::size_t end = text.find('\n', at);
-            // No line break behind the last line: it would move the screen.
+            // The last line has no line break, which would scroll the screen.
             screen += fmt::format("{}{}\033[K", lines > 0 ? "\r\n" : "",
                                   fitted(std::string_view(text).substr(at, end - at), size.columns));
             at = end + 1;

@@ -1,4 +1,4 @@
-// counter_rates.h - counters at a moment, and what they rose by per second between two moments.
+// counter_rates.h - counters at a moment, and their growth per second between two moments.
 #pragma once
 
 #include <chrono>
@@ -18,7 +18,7 @@ struct CounterSample {
 // Throws trelm::Error.
 CounterSample sample_counters(const trelm::Adapter& adapter, uint32_t npiv_index);
 
-// Two samples in a row. A counter that went back was reset in between and has no rate.
+// Two successive samples. A counter that decreased was reset in between and has no rate.
 struct CounterInterval {
     const CounterSample& before;
     const CounterSample& after;
@@ -29,7 +29,7 @@ struct CounterInterval {
 
 const Counter& counter_named(std::string_view key);
 
-// With a unit's prefix, in at most seven characters: "12.3M"; "reset" without a rate.
+// With a unit prefix, at most seven characters: "12.3M"; "reset" if there is no rate.
 std::string short_rate(std::optional<double> rate);
 
 }  // namespace trelmctl

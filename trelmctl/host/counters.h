@@ -1,4 +1,4 @@
-// counters.h - the counters of a port, as a table: which group each belongs to, its names and where it lies.
+// counters.h - the counters of a port as a table: group, names, and place in the record.
 #pragma once
 
 #include <array>
@@ -16,7 +16,7 @@ struct Counter {
     const char* label;
     std::size_t offset;
 
-    // The record is packed: its counters lie at odd places.
+    // The record is packed, so its counters are not aligned.
     uint64_t of(const TRELM_PORT_STATS& stats) const {
         uint64_t value = 0;
         std::memcpy(&value, reinterpret_cast<const char*>(&stats) + offset, sizeof value);

@@ -1,5 +1,5 @@
-// fresh_host.h - the library for commands that run for long: it finds ports, virtual ports and FCFs only at load, so
-// it is loaded anew from time to time.
+// fresh_host.h - the library for commands that run for a long time. It finds ports, virtual ports and FCFs
+// only at load, so it is loaded again from time to time.
 #pragma once
 
 #include <chrono>
@@ -11,10 +11,10 @@ namespace trelmctl {
 
 class FreshHost {
   public:
-    // Throws CommandFailed where the first load fails.
+    // Throws CommandFailed if the first load fails.
     explicit FreshHost(double most_age_in_seconds) : most_age_(most_age_in_seconds) { load(); }
 
-    // Null while a later load fails, as on a host whose drivers are gone.
+    // Null while a later load fails, for example because the drivers are gone.
     const LoadedHost* get();
 
   private:

@@ -1,5 +1,5 @@
-// host_tree.h - the physical ports of the host with their virtual ports, targets and LUNs, asked once from top to
-// bottom. What fails is kept at its place.
+// host_tree.h - the physical ports of the host with their virtual ports, targets and LUNs, read once from top
+// to bottom. A failure is kept at its place.
 #pragma once
 
 #include <cstdint>
@@ -31,7 +31,7 @@ struct AdapterBranch {
     std::optional<Failure> failure;
 };
 
-// None where the filter does not admit the port.
+// None if the filter excludes the port.
 std::optional<AdapterBranch> ask_branch(const LoadedHost& host, uint32_t instance, const PortFilter& filter,
                                         LunDetail detail, Progress& progress);
 

@@ -19,7 +19,7 @@ namespace {
 constexpr uint32_t kReportRoom = 16384;
 constexpr uint8_t kConnectedDisk = 0;
 
-// Runs what may fail for one LUN. Its first failure is kept.
+// Runs a step that may fail for one LUN. The first failure of the LUN is kept.
 template <typename Ask>
 void ask(ListedLun& listed, Ask ask_device) {
     try {
@@ -37,8 +37,8 @@ void take_capacity(const LunAddress& address, ListedLun& listed) {
     });
 }
 
-// A disk that refuses to tell its capacity comes out of the library's listing with none: asked again, it says
-// why.
+// The library lists a disk that refuses READ CAPACITY without a capacity. The tool sends the command again to
+// get the reason.
 void ask_more(const LunAddress& address, LunDetail detail, ListedLun& listed) {
     if (listed.failure) return;
     const bool named = detail == LunDetail::named;
@@ -58,7 +58,7 @@ ListedLun from_record(const TRELM_LUN_INFO& record) {
     return listed;
 }
 
-// An entry of a LUN list holds four levels, the first in front; as a number the first is the lowest.
+// An entry of a LUN list has four levels, first to last. In the number the first level is the lowest.
 uint64_t lun_of_entry(std::span<const uint8_t> entry) {
     uint64_t lun = 0;
     for (std::size_t level = 4; level-- > 0;) lun = lun << 16 | big_endian(entry, 2 * level, 2);
@@ -78,7 +78,7 @@ ListedLun ask_lun(const LunAddress& address) {
     return listed;
 }
 
-// What the library lists, or where that fails each LUN asked by itself.
+// The list of the library. If that fails, each LUN is asked separately.
 std::vector<ListedLun> list(const LunAddress& any, Progress& progress) {
     std::vector<ListedLun> listed;
     try {

@@ -1,4 +1,4 @@
-// port_filter.h - which ports a command is to show.
+// port_filter.h - selects the ports that a command shows.
 #pragma once
 
 #include <optional>
@@ -8,13 +8,13 @@
 
 namespace trelmctl {
 
-// Each part that is given must hold.
+// A port must match every given part.
 struct PortFilter {
     std::optional<PortSelector> port;  // a physical one
     std::string state;                 // a state in words, or "failed"
     std::string driver;
 
-    // Of an adapter with its physical port, as far as they could be asked.
+    // For an adapter and its physical port, with what could be read of them.
     bool admits(uint32_t instance, const std::optional<TRELM_FCOE_INFO>& adapter,
                 const std::optional<PortState>& physical) const;
 };

@@ -32,8 +32,8 @@ Failure not_found(std::string port, uint32_t code, std::string meaning) {
             .port = std::move(port)};
 }
 
-// The code of a failed load does not tell a host without FCoE ports from other causes, but the error lines of
-// the library's log do. So this loads again with standard error going to a file.
+// The code of a failed load does not distinguish a host without FCoE ports from other causes. The error lines
+// in the log of the library do. So this loads again with standard error redirected to a file.
 bool load_finds_no_port() {
     const char* variable = "TRELM_API_DEBUG";
     const char* given = std::getenv(variable);
@@ -59,7 +59,7 @@ bool load_finds_no_port() {
 
 uint32_t physical_index(const trelm::Adapter& adapter) {
     const PortState port = ask_physical(adapter);
-    // One that exists and does not answer may still carry out what is asked of it.
+    // An existing port that does not answer may still carry out commands.
     if (port.failure && !adapter.has_port(port.npiv_index)) throw CommandFailed(*port.failure);
     return port.npiv_index;
 }
@@ -68,12 +68,13 @@ bool is_named(const TRELM_VNPORT_INFO& port, const PortSelector& selector) {
     return selector.wwpn ? same(port.WWPN, *selector.wwpn) : field_text(port.HbaName) == selector.hba_name;
 }
 
-// The NPIV index of the port of this adapter that the selector means, by what the drivers say of each.
+// The NPIV index of the port of this adapter that the selector means, from what the drivers report for each
+// port.
 std::optional<uint32_t> find_on(const trelm::Adapter& adapter, const PortSelector& selector) {
     const TRELM_FCOE_INFO info = ask_adapter_info(adapter);
     if (selector.wwpn && same(info.WWPN, *selector.wwpn))
         return selector.npiv_index ? *selector.npiv_index : physical_index(adapter);
-    // With an NPIV index the WWPN is the physical port's.
+    // If an NPIV index is given, the WWPN is that of the physical port.
     if (selector.wwpn && (selector.npiv_index || info.NpivCount == 0)) return std::nullopt;
     for (const uint32_t index : adapter.port_indexes()) {
         const PortState port = ask_port(adapter, index);
@@ -88,7 +89,7 @@ SelectedPort select_by_name(const LoadedHost& host, const PortSelector& selector
             trelm::Adapter adapter = open_adapter(host, instance);
             if (const auto index = find_on(adapter, selector)) return {std::move(adapter), *index};
         } catch (const trelm::Error&) {
-            continue;  // a port that cannot be asked may still not be the one looked for
+            continue;  // another port may be the one that is searched for
         }
     }
     const bool by_wwpn = selector.wwpn.has_value();

@@ -1,5 +1,5 @@
-// ports.h - finding the port that the command line names. A physical port and its virtual ports are told
-// apart by NPIV indexes that the driver gave them, the physical port's own included, which need not be 0.
+// ports.h - finds the port that the command line names. A physical port and its virtual ports are
+// distinguished by NPIV indexes, which the driver assigns. The index of the physical port need not be 0.
 #pragma once
 
 #include <array>
@@ -22,7 +22,7 @@ struct PortSelector {
 };
 std::optional<PortSelector> parse_port(const std::string& text);
 
-// Loads the library; a failure is told in the words of the machine at hand, and so is a host without ports.
+// Loads the library. A failure, or a host without ports, is explained for the machine at hand.
 class LoadedHost {
   public:
     LoadedHost();
@@ -35,29 +35,29 @@ class LoadedHost {
     uint32_t port_count_ = 0;
 };
 
-// A physical or virtual port as the driver answers for it now.
+// A physical or virtual port with the current answer of its driver.
 struct PortState {
     uint32_t npiv_index = 0;
     std::optional<TRELM_VNPORT_INFO> info;
-    std::optional<Failure> failure;  // why there is no info
+    std::optional<Failure> failure;  // why `info` is missing
 
     bool is_virtual() const { return info && info->PortType == TRELM_PORTTYPE_NPIV; }
 };
 
 PortState ask_port(const trelm::Adapter& adapter, uint32_t npiv_index);
 
-// The physical port. Where none of the adapter's ports says that it is physical, the first that says nothing
+// The physical port. If no port of the adapter reports that it is physical, the first one without an answer
 // is taken for it.
 PortState ask_physical(const trelm::Adapter& adapter);
 
 // The physical port first, then the virtual ones by their index.
 std::vector<PortState> ask_ports(const trelm::Adapter& adapter);
 
-// Opens a physical port and reads what was found of it at load.
+// Opens a physical port and reads its information of load time.
 trelm::Adapter open_adapter(const LoadedHost& host, uint32_t instance);
 TRELM_FCOE_INFO ask_adapter_info(const trelm::Adapter& adapter);
 
-// The port that a selector names, opened.
+// Opens the port that a selector names.
 struct SelectedPort {
     trelm::Adapter adapter;
     uint32_t npiv_index;

@@ -25,7 +25,7 @@ class PortScope {
              std::string value) {
         snapshot_[{scope_, kind, name, attribute}] = std::move(value);
     }
-    // What was known of this kind stands.
+    // Keeps the earlier entries of this kind.
     void keep(const std::string& kind) {
         for (const auto& [name, value] : before_) {
             if (name.scope == scope_ && name.kind == kind) snapshot_.emplace(name, value);
@@ -73,7 +73,8 @@ void add_port(const trelm::Adapter& adapter, const PortState& port, PortScope sc
     add_targets(adapter, port.npiv_index, scope);
 }
 
-// Whether an attribute comes and goes only with its object, whose first attribute tells of that.
+// Whether an attribute appears and disappears only together with its object. The first attribute of the
+// object reports that.
 bool is_detail(const StateName& name) {
     return name.attribute == kSpeed || name.attribute == kIdentifier || name.attribute == kLuns;
 }

@@ -1,5 +1,5 @@
-// snapshot.h - the states of everything on the host at one moment, as pairs of name and value, and what differs
-// between two of them.
+// snapshot.h - the states of all objects of the host at a moment, as names and values, and the differences
+// between two snapshots.
 #pragma once
 
 #include <compare>
@@ -12,7 +12,7 @@
 
 namespace trelmctl {
 
-// What is asked of the host: "port 1" its "state". The scope is the port that the answer came from.
+// An attribute of the host: "port 1" has a "state". The scope is the port that reported it.
 struct StateName {
     std::string scope;
     std::string kind;  // port, virtual port, FCF, target, LUN, driver
@@ -24,13 +24,13 @@ struct StateName {
 
 using Snapshot = std::map<StateName, std::string>;
 
-// Where a port cannot be asked, what `before` holds of its targets and LUNs stands.
+// If a port does not answer, the entries for its targets and LUNs in `before` are kept.
 Snapshot take_snapshot(const LoadedHost& host, const PortFilter& filter, const Snapshot& before);
 
 struct StateChange {
     StateName name;
-    std::optional<std::string> before;  // none: it has appeared
-    std::optional<std::string> after;   // none: it is gone
+    std::optional<std::string> before;  // none: the object has appeared
+    std::optional<std::string> after;   // none: the object is gone
 };
 std::vector<StateChange> changes_between(const Snapshot& before, const Snapshot& after);
 

@@ -1,4 +1,4 @@
-// targets.h - the targets of a port, as far as they could be listed.
+// targets.h - the targets of a port, up to the first failure of the listing.
 #pragma once
 
 #include <cstdint>

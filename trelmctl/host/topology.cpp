@@ -15,7 +15,7 @@ Health health_of(bool failed, const std::string& state) {
     return state == "online" ? Health::good : Health::degraded;
 }
 
-// Empty where the port has no FCF.
+// Empty if the port has no FCF.
 std::string fcf_mac(const PortState& port) {
     if (!port.info || number(port.info->FcfCount) == 0) return {};
     const bool unset = std::all_of(std::begin(port.info->FcfMAC), std::end(port.info->FcfMAC),
@@ -42,7 +42,7 @@ std::size_t Topology::add_node(const std::string& key, TopologyNode node) {
     if (is_new) {
         nodes_.push_back(std::move(node));
     } else {
-        // On one of its ways it may be worse than on another.
+        // The state may differ between paths. The worst one is shown.
         TopologyNode& known = nodes_[place->second];
         if (node.health > known.health) known.health = node.health, known.state = std::move(node.state);
     }
@@ -73,7 +73,7 @@ std::size_t Topology::add_port(std::size_t above, const AdapterBranch& adapter, 
     return node;
 }
 
-// What stands above the port's targets: its FCF, or itself.
+// The parent node of the targets of a port: its FCF, or the port itself.
 std::size_t Topology::add_fcf(std::size_t port, const PortBranch& branch) {
     const std::string mac = fcf_mac(branch.port);
     if (mac.empty()) return port;

@@ -1,5 +1,6 @@
-// topology.h - the host as a graph: the host, its ports, the FCFs that they log in to, targets and LUNs. What is
-// reached in several ways is one node: an FCF by its MAC address, a target by its WWPN, a LUN by its name.
+// topology.h - the host as a graph: the host, its ports, the FCFs that they log in to, targets and LUNs. An
+// object that is reached over several paths is one node: an FCF by its MAC address, a target by its WWPN, a
+// LUN by its name.
 #pragma once
 
 #include <cstddef>
@@ -17,8 +18,8 @@ enum class Health { good, degraded, failed };
 struct TopologyNode {
     Layer layer;
     Health health;
-    std::string state;               // in words; empty where there is no state
-    std::vector<std::string> lines;  // what else there is to say
+    std::string state;               // in words; empty if there is no state
+    std::vector<std::string> lines;  // further text
 };
 
 struct TopologyEdge {

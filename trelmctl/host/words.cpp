@@ -36,7 +36,7 @@ constexpr std::array kTargetStates{
     Word{8, "error"},   Word{9, "loopback"},    Word{10, "deleted"},
 };
 
-// In ascending order of speed, which is not that of the bits.
+// In ascending order of speed, which differs from the order of the bits.
 constexpr std::array kSpeeds{
     Word{0x1, "1"},   Word{0x2, "2"},    Word{0x8, "4"},    Word{0x10, "8"},
     Word{0x4, "10"},  Word{0x20, "16"},  Word{0x80, "20"},  Word{0x800, "25"},

@@ -1,5 +1,4 @@
-// words.h - what the coded values of the records mean, in words. A value without a word is shown as its
-// number.
+// words.h - coded values of the records in words. A value without a word is shown as its number.
 #pragma once
 
 #include <cstdint>
@@ -11,9 +10,9 @@ namespace trelmctl {
 
 std::string port_state_words(uint32_t state);
 std::string port_type_words(uint32_t type);
-// Targets carry the states of Fibre Channel ports.
+// Targets have the states of Fibre Channel ports.
 std::string target_state_words(uint16_t state);
-// One speed or several, as bits: "10 Gbit/s", "1, 10 Gbit/s".
+// Speeds as bits: "10 Gbit/s", "1, 10 Gbit/s".
 std::string speed_words(uint64_t bits);
 // Domain, bus, device and function.
 std::string pci_address(const TRELM_FCOE_INFO& info);

@@ -14,7 +14,7 @@
 namespace trelmctl {
 namespace {
 
-// Composed beforehand: a signal handler may only write.
+// Composed in advance: a signal handler may only write.
 std::string message;
 int message_fd = STDERR_FILENO;
 

@@ -1,10 +1,11 @@
-// deadline.h - an end for a command whose driver or device does not answer.
+// deadline.h - a time limit for commands whose driver or device does not answer.
 #pragma once
 
 namespace trelmctl {
 
-// Ends the process with the status of a failure after so many seconds, and says so: in JSON, or on standard error.
-// The library cannot give up a request, so it is left as it is; what it shares with other processes stands that.
+// Ends the process with the exit status of a failure after this many seconds, with a message in JSON or on
+// standard error. The library cannot abort a request, so it is not freed. The data that it shares with other
+// processes tolerates that.
 void set_deadline(double seconds, bool json);
 
 }  // namespace trelmctl

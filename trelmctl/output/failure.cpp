@@ -19,8 +19,8 @@ constexpr std::string_view kSimulate =
     "to try it out, use a simulated host: trelm-hostsim run HOST.json -- trelmctl list";
 constexpr std::string_view kTrace = "run again with TRELM_API_DEBUG=4 to see what failed inside the library";
 
-// What a code means when a certain operation returns it. The first row that fits counts; an empty operation
-// fits any.
+// The meaning of a code that an operation returned. The first matching row counts. An empty operation matches
+// any.
 struct Meaning {
     uint32_t code;
     std::string_view operation;
@@ -64,7 +64,7 @@ std::string system_name() {
     return uname(&names) == 0 ? names.sysname : "unknown";
 }
 
-// Codes below the library's own are system error numbers.
+// Codes below those of the library are system error numbers.
 void explain_system_error(Failure& failure) {
     const int number = static_cast<int>(*failure.code);
     const char* name = strerrorname_np(number);

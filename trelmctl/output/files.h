@@ -1,4 +1,4 @@
-// files.h - files that the user names, read and written whole.
+// files.h - reads and writes files that the user names, each as a whole.
 #pragma once
 
 #include <cstdint>
@@ -8,11 +8,11 @@
 
 namespace trelmctl {
 
-// Bytes that one command may move, so that a slip of the keyboard does not ask for gigabytes. Drivers may
+// The most bytes that one command may move, so that a typing error does not allocate gigabytes. Drivers may
 // allow fewer.
 inline constexpr uint32_t kMostData = 64u << 20;
 
-// "-" is standard input. Throws CommandFailed, also where there are more than kMostData bytes.
+// "-" is standard input. Throws CommandFailed, also if there are more than kMostData bytes.
 std::vector<uint8_t> file_contents(const std::string& path);
 
 // Throws CommandFailed.

@@ -27,7 +27,7 @@ std::string hexdump(std::span<const uint8_t> bytes) {
     bool skipping = false;
     for (std::size_t at = 0; at < bytes.size(); at += kPerLine) {
         const auto row = bytes.subspan(at, std::min(kPerLine, bytes.size() - at));
-        // Equal rows in a row are a single star, as in other dumps; the last row is always there.
+        // Repeated rows are replaced with a single star, as in other dumps. The last row is always shown.
         const bool repeated =
             at > 0 && at + kPerLine < bytes.size() &&
             std::equal(row.begin(), row.end(), bytes.begin() + static_cast<std::ptrdiff_t>(at - kPerLine));

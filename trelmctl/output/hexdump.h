@@ -1,4 +1,4 @@
-// hexdump.h - bytes for people: offset, sixteen bytes in hexadecimal, the same as characters.
+// hexdump.h - a hexadecimal dump: offset, sixteen bytes, and the same bytes as characters.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// json.h - the JSON of the tool: members keep the order in which they are set. Headers name the type; files
-// that build documents include the library itself, which is what takes long to compile.
+// json.h - the JSON type of the tool; members keep their order of insertion. Headers only name the type.
+// Files that build documents include the library itself, which takes long to compile.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>

@@ -15,7 +15,7 @@
 namespace trelmctl {
 namespace {
 
-// Texts are escaped where they are put in. A byte that is no UTF-8 all the same must not cost the document.
+// Texts are escaped before they come here. If a byte is still no valid UTF-8, the document must not be lost.
 std::string dumped(const Json& json, int indent) {
     return json.dump(indent, ' ', false, Json::error_handler_t::replace) + "\n";
 }
@@ -49,7 +49,7 @@ void Output::fail(Failure failure) { failures_.push_back(std::move(failure)); }
 
 ExitStatus Output::finish() {
     if (json_ && !streams_) {
-        // One error stands for all: those of single ports are at their places in the document as well.
+        // The document has one error for all. Those of single ports are at their places too.
         if (!failures_.empty()) document()["error"] = to_json(failures_.front());
         print(dumped(document(), 2));
     }

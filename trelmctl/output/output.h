@@ -1,5 +1,5 @@
-// output.h - where a command puts what it found: text as it comes, one JSON document at the end, or a stream of
-// them. Failures are collected and told last, so that one port that fails hides nothing of the others.
+// output.h - the output of a command: text as it comes, one JSON document at the end, or a stream of
+// documents. Failures are collected and reported last, so that a port that fails hides nothing of the others.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +13,7 @@
 
 namespace trelmctl {
 
-// Standard output cannot take more: its reader is gone, its disk is full. There is nobody left to write for.
+// Standard output accepts no more data: its reader is gone or its disk is full. The command ends.
 struct WriteFailed {
     int error;  // an errno value
 
@@ -30,22 +30,22 @@ class Output {
     bool json() const { return json_; }
     Json& document() { return *document_; }
 
-    // Text and raw data, for commands that are not asked for JSON.
+    // Text and raw data, if JSON is not wanted.
     void print(std::string_view text);
     void flush();
-    // Columns that a line of text may have.
+    // The most columns of a line of text.
     static std::size_t width();
 
-    // From here on documents come as a stream, each on a line of its own, and none at the end.
+    // From now on documents are written as a stream, one per line, with none at the end.
     void begin_stream() { streams_ = true; }
     void stream(const Json& document);
 
     void fail(Failure failure);
 
-    // Ends with the status of a failure that has been told already.
+    // Ends with the status of a failure that was already reported.
     void end_failed() { failed_ = true; }
 
-    // Ends the output: the document with its error, or the failures on standard error.
+    // Ends the output: writes the document with its error, or the failures to standard error.
     ExitStatus finish();
 
   private:

@@ -1,4 +1,5 @@
-// requests.h - with --verbose, every request to the library and to a device as a line on standard error.
+// requests.h - with --verbose, prints every request to the library or to a device as a line on standard
+// error.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +10,7 @@ namespace trelmctl {
 
 void show_requests();
 
-// `what` is the library's function, and for a SCSI command what it asks of which LUN.
+// `what` is the function of the library; for a SCSI command it also names the command and the LUN.
 void note_request(std::string_view what, std::optional<uint32_t> instance = {},
                   std::optional<uint32_t> npiv_index = {});
 

@@ -1,5 +1,5 @@
-// table.h - text in columns: as wide as their widest cell, numbers to the right, no blanks at the end of a
-// line. A table that is too wide loses columns.
+// table.h - text in columns, each as wide as its widest cell. Numbers are aligned to the right. Lines have no
+// trailing blanks. A table that is too wide loses columns.
 #pragma once
 
 #include <cstddef>
@@ -15,7 +15,7 @@ struct Column {
 
     std::string title;
     Align align = Align::left;
-    unsigned dispensable = 0;  // where room is short the highest goes first; 0 stays
+    unsigned dispensable = 0;  // the highest is dropped first if room is short; 0 is never dropped
 };
 
 class Table {
@@ -23,9 +23,9 @@ class Table {
     explicit Table(std::vector<Column> columns) : columns_(std::move(columns)) {}
 
     void add(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }
-    // With titles, in at most so many columns of the terminal.
+    // With titles, in at most that many columns of the terminal.
     std::string text(std::size_t width = SIZE_MAX) const;
-    // The rows alone, as wide as they are.
+    // Only the rows, at their full width.
     std::vector<std::string> lines() const;
 
   private:

@@ -1,5 +1,4 @@
-// terminal.h - what the tool knows of the terminal: how wide and high it is, which characters it has, and a
-// line that says what is being waited for.
+// terminal.h - properties of the terminal: size and character set, and a progress line.
 #pragma once
 
 #include <cstddef>
@@ -12,22 +11,22 @@ struct TerminalSize {
     std::size_t lines;
 };
 
-// Of the terminal that a descriptor is; the largest numbers where it is none. The variable COLUMNS goes before
-// the terminal's own width.
+// The size of the terminal of a descriptor; the largest numbers if it is no terminal. The variable COLUMNS
+// takes precedence over the width of the terminal.
 TerminalSize terminal_size(int fd);
 
 bool is_terminal(int fd);
-// Whether nobody is at the other end any longer: the window was closed, the connection lost.
+// Whether the terminal was hung up: its window was closed or its connection lost.
 bool hung_up(int fd);
 
-// Whether the terminal's character set has the line-drawing characters.
+// Whether the character set of the terminal has line-drawing characters.
 bool utf8_locale();
 
-// Writes to standard error as far as that takes it.
+// Writes to standard error as much as it accepts.
 void tell(std::string_view text);
 
-// A line on the terminal that says what is being waited for. It is gone when its owner is. Silent where standard
-// error is no terminal.
+// A line on the terminal that says what the tool waits for. Destroying the object removes the line. Prints
+// nothing if standard error is no terminal.
 class Progress {
   public:
     Progress();

@@ -32,7 +32,7 @@ std::string human_size(uint64_t bytes) {
     static constexpr std::array units{"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
     std::size_t unit = 0;
     auto value = static_cast<double>(bytes);
-    // 1023.95 would be rounded to 1024.0 of its unit.
+    // 1023.95 would be printed as 1024.0 of its unit.
     for (; value >= (unit == 0 ? 1024 : 1023.95) && unit + 1 < units.size(); ++unit) value /= 1024;
     std::string digits = fmt::format("{:.1f}", value);
     if (digits.ends_with(".0")) digits.resize(digits.size() - 2);
@@ -70,7 +70,7 @@ std::optional<std::array<uint8_t, 8>> parse_wwn(std::string_view text) {
 std::string fitted(std::string_view line, std::size_t columns) {
     const auto starts_character = [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; };
     std::size_t seen = 0;
-    std::size_t cut = 0;  // in front of the last character that may stay beside the mark
+    std::size_t cut = 0;  // before the last character that fits beside the mark
     for (std::size_t i = 0; i < line.size(); ++i) {
         if (!starts_character(line[i])) continue;
         if (++seen == columns) cut = i;

@@ -1,5 +1,5 @@
-// text.h - how values of the records are written: names, addresses, sizes, and what a device says about
-// itself. Nothing that a device or driver sent reaches a terminal or a JSON document unescaped.
+// text.h - text forms of values in the records: names, addresses, sizes, and texts of devices. Texts of
+// devices and drivers are always escaped.
 #pragma once
 
 #include <array>
@@ -12,7 +12,7 @@
 
 namespace trelmctl {
 
-// A field of a packed record by value: nothing may hold a reference to one.
+// A field of a packed record by value, because no reference to it may exist.
 template <typename Number>
 constexpr Number number(Number field) {
     return field;
@@ -41,17 +41,17 @@ std::string hex32(uint32_t value);
 // A size in the largest binary unit that keeps it at 1 or more: "512 B", "1.5 GiB".
 std::string human_size(uint64_t bytes);
 
-// A LUN as people and the command line write it: small numbers in decimal, others, which name an addressing
-// method or several levels, in hexadecimal.
+// A LUN in text form: small numbers in decimal, others, which have an addressing method or several levels, in
+// hexadecimal.
 std::string lun_text(uint64_t lun);
 
 std::optional<uint64_t> parse_number(std::string_view text, uint64_t most);
 std::optional<std::array<uint8_t, 8>> parse_wwn(std::string_view text);
 
-// A line, cut where it is longer than `columns`; a mark takes the place of what is missing.
+// A line of at most `columns` columns. A mark replaces the part that was cut.
 std::string fitted(std::string_view line, std::size_t columns);
 
-// A line broken at blanks where it is longer than `columns`; what follows a break is indented.
+// A line broken at blanks if it is longer than `columns`. Continuation lines are indented.
 std::string wrapped(std::string_view line, std::size_t columns, std::size_t indent);
 
 }  // namespace trelmctl

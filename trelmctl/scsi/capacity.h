@@ -1,4 +1,4 @@
-// capacity.h - READ CAPACITY: how large a LUN is.
+// capacity.h - READ CAPACITY: the size of a LUN.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@ namespace trelmctl {
 struct Capacity {
     uint64_t last_block = 0;
     uint32_t block_size = 0;
-    bool sixteen = false;  // from READ CAPACITY(16), which tells the rest
+    bool sixteen = false;  // READ CAPACITY(16) was used, which reports the other fields
     uint32_t blocks_per_physical_block = 0;
     bool thin = false;
 
@@ -18,7 +18,7 @@ struct Capacity {
     uint64_t bytes() const { return blocks() * block_size; }
 };
 
-// The short command, and the long one where the short one cannot say or where it is asked for. Throws
+// Sends the short command, and the long one if the short one cannot tell or if it is wanted. Throws
 // CommandFailed.
 Capacity read_capacity(const LunAddress& address, bool sixteen = false);
 

@@ -1,4 +1,4 @@
-// inquiry.h - INQUIRY: what a LUN says about itself.
+// inquiry.h - INQUIRY: how a LUN describes itself.
 #pragma once
 
 #include <cstdint>
@@ -16,14 +16,14 @@ struct StandardInquiry {
     std::string vendor;
     std::string product;
     std::string revision;
-    std::vector<std::string> standards;  // that the device says it follows
+    std::vector<std::string> standards;  // that the device claims to follow
     std::vector<uint8_t> data;
 };
 
 // Throws CommandFailed.
 StandardInquiry read_inquiry(const LunAddress& address);
 
-// INQUIRY byte 0: device type, and the qualifier where it is not 'connected'.
+// INQUIRY byte 0: device type, and the qualifier if it is not 'connected'.
 std::string device_type_words(uint8_t inquiry_byte);
 // INQUIRY byte 2: the version of the primary commands.
 std::string version_words(uint8_t version);

@@ -30,7 +30,7 @@ void note(const LunAddress& address, std::span<const uint8_t> cdb, std::size_t l
         address.adapter.instance(), address.npiv_index);
 }
 
-// The device's own refusal, which the library leaves for the caller to see.
+// A CHECK CONDITION of the device, which the library does not treat as a failure.
 std::optional<Failure> refusal(const LunAddress& address, std::span<const uint8_t> bytes) {
     const auto sense = decode_sense(bytes);
     if (!sense || !sense->is_failure()) return std::nullopt;
@@ -46,8 +46,8 @@ std::optional<Failure> refusal(const LunAddress& address, std::span<const uint8_
                        {});
 }
 
-// A driver reports a target that was never there as it reports one that went offline. The port's list tells
-// them apart.
+// A driver answers alike for a target that does not exist and one that went offline. The target list of the
+// port tells them apart.
 void name_missing_target(const LunAddress& address, Failure& failure) {
     std::vector<TRELM_TGT_INFO> targets;
     note_request("TRELM_GetTgtInfo", address.adapter.instance(), address.npiv_index);
@@ -92,7 +92,7 @@ ScsiAnswer write_command(const LunAddress& address, std::span<const uint8_t> cdb
 
 std::vector<uint8_t> read_or_throw(const LunAddress& address, std::span<const uint8_t> cdb, uint32_t length) {
     ScsiAnswer answer = read_command(address, cdb, length);
-    // A unit attention tells of an event, once, in place of the answer.
+    // A unit attention reports an event once, in place of the answer.
     const auto sense = decode_sense(answer.sense);
     if (answer.failure && sense && sense->key == kUnitAttention) answer = read_command(address, cdb, length);
     if (answer.failure) throw CommandFailed(*answer.failure);

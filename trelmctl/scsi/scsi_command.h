@@ -1,4 +1,4 @@
-// scsi_command.h - commands to one LUN, and what came back: data, and sense data where the device sent any.
+// scsi_command.h - commands to one LUN and their results: data and sense data.
 #pragma once
 
 #include <cstdint>
@@ -22,27 +22,27 @@ struct LunAddress {
 struct ScsiAnswer {
     std::vector<uint8_t> data;
     std::vector<uint8_t> sense;      // all 256 bytes
-    std::optional<Failure> failure;  // the library's, or the device's CHECK CONDITION
+    std::optional<Failure> failure;  // of the library, or a CHECK CONDITION of the device
 };
 
-// Reads `length` bytes with the command; what the device does not send is zero.
+// Reads `length` bytes with the command. Bytes that the device does not send are zero.
 ScsiAnswer read_command(const LunAddress& address, std::span<const uint8_t> cdb, uint32_t length);
-// Sends data, or nothing where there is none.
+// Sends data, if there is any.
 ScsiAnswer write_command(const LunAddress& address, std::span<const uint8_t> cdb, std::vector<uint8_t> data);
 
-// What a command needs done right; its failure ends the tool's command.
+// For a SCSI command that must succeed: its failure ends the command of the tool.
 std::vector<uint8_t> read_or_throw(const LunAddress& address, std::span<const uint8_t> cdb, uint32_t length);
 
-// A big-endian number of `width` bytes; 0 where the data ends before it.
+// A big-endian number of `width` bytes; 0 if the data ends before it.
 uint64_t big_endian(std::span<const uint8_t> data, std::size_t at, std::size_t width);
 
-// Text that fills a field of a device's answer, without padding, escaped.
+// Text in a field of an answer, without padding, escaped.
 std::string padded_text(std::span<const uint8_t> data, std::size_t at, std::size_t width);
 
-// A failure that concerns a LUN and has no code of the library.
+// A failure of a LUN without a code of the library.
 Failure lun_failure(const LunAddress& address, std::string name, std::string meaning, std::string advice);
 
-// Port, target and LUN in front of a JSON document about one LUN.
+// Adds port, target and LUN at the start of a JSON document about one LUN.
 void name_lun(const LunAddress& address, Json& document);
 
 }  // namespace trelmctl

@@ -23,7 +23,7 @@ enum class Key : uint8_t {
     completed = 15
 };
 
-constexpr std::size_t kSenseHeader = 8;  // in both formats; its last byte counts what follows
+constexpr std::size_t kSenseHeader = 8;  // in both formats; its last byte is the length of the rest
 
 std::string key_words(uint8_t key) {
     std::array<char, 64> text{};
@@ -40,7 +40,7 @@ std::string additional_words(uint8_t asc, uint8_t ascq) {
     return std::string(words);
 }
 
-// The three bytes whose meaning the sense key decides.
+// The three sense-key specific bytes.
 std::span<const uint8_t> key_specific(const Sense& sense) {
     constexpr std::size_t length = 3;
     constexpr uint8_t valid = 0x80;

@@ -18,7 +18,7 @@ constexpr std::size_t kPageHeader = 4;
 
 // ---- Pages of numbers ----
 
-// A number in a page. Where `bits` is not 0 it is that many bits of the byte, from `shift` on.
+// A number in a page. If `bits` is not 0, it is that many bits of the byte, from bit `shift`.
 struct NumberField {
     const char* key;
     const char* label;
@@ -89,7 +89,7 @@ std::string decode_serial_number(Bytes page, Json& json) {
     return fmt::format("  Serial number  {}\n", serial);
 }
 
-// What names a logical unit, a port or a device, and how it does.
+// A designator of a logical unit, port or device.
 struct Designator {
     uint8_t kind;
     uint8_t association;
@@ -179,8 +179,8 @@ std::optional<uint8_t> page_by_abbreviation(std::string_view abbreviation) {
     return std::nullopt;
 }
 
-// The first request stays below 256 bytes: devices whose ALLOCATION LENGTH has one byte take the upper one for
-// reserved.
+// The first request asks for less than 256 bytes: on devices with a one-byte ALLOCATION LENGTH the upper byte
+// is reserved.
 std::vector<uint8_t> read_page(const LunAddress& address, uint8_t number) {
     uint16_t room = 252;
     while (true) {

@@ -1,4 +1,4 @@
-// vpd_pages.h - the vital product data pages of a LUN: their names, and what is understood of them.
+// vpd_pages.h - the vital product data pages of a LUN: their names and contents.
 #pragma once
 
 #include <cstdint>
@@ -12,18 +12,18 @@
 
 namespace trelmctl {
 
-// The title of a page by its number, and a page's number by its abbreviation ("di").
+// The title of a page by its number, and the number of a page by its abbreviation ("di").
 std::string page_title(uint8_t number);
 std::optional<uint8_t> page_by_abbreviation(std::string_view abbreviation);
 
-// Reads a page whole, header included. Throws CommandFailed.
+// Reads a whole page with its header. Throws CommandFailed.
 std::vector<uint8_t> read_page(const LunAddress& address, uint8_t number);
 
-// The fields of a page as lines of text, which are also put into `json`. No lines for a page that is not understood.
+// The fields of a page as lines of text; they are also put into `json`. No lines for an unknown page.
 std::string decode_page(std::span<const uint8_t> page, Json& json);
 
-// The name by which hosts know the logical unit, as the device identification gives it: "naa.…", "eui.…" or
-// "t10.…"; empty where it has none.
+// The name of the logical unit from the device identification page: "naa.…", "eui.…" or "t10.…"; empty if it
+// has none.
 std::string lun_name(const LunAddress& address);
 
 }  // namespace trelmctl

@@ -25,7 +25,7 @@ _NAMES = {
 _HIGHEST_DRIVER_STATUS = 13
 DEVICE_OFFLINE = _c.STATUS_BASE + 13
 
-# Code, C function (empty: any), meaning, advice. The first row that fits counts.
+# Code, C function (empty: any), meaning, advice. The first matching row counts.
 _MEANINGS = (
     (
         _c.STATUS_FAILED,
@@ -131,7 +131,7 @@ class Error(Exception):
 
 
 class CheckCondition(Error):
-    """A command that the device refused; `sense` tells why. The call itself succeeded: its code is 0."""
+    """A command that the device refused; `sense` has the reason. The call itself succeeded: its code is 0."""
 
     def __init__(self, operation: str, port: str, sense: Sense) -> None:
         super().__init__(_c.STATUS_OK, operation, port)

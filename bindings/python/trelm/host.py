@@ -33,7 +33,7 @@ def load(library: Union[str, "os.PathLike[str]"] = DEFAULT_LIBRARY) -> Host:
 
 
 class _Loads:
-    """Counts the hosts of this process that use a library, for the C library is loaded once a process.
+    """Counts the hosts of this process that use a library, because the C library is loaded once per process.
 
     The first host loads it, the last one frees it. A forked child owns none of its parent's loads.
     """
@@ -79,13 +79,13 @@ class Host:
         self._closed = False
         _loads.acquire(self._library)
         count = c_uint32(0)
-        # Once a load has succeeded, a failure has one cause: no port was found.
+        # After a successful load this failure has one cause: no port was found.
         self._library.TRELM_GetPortCount(byref(count))
         self._ports = tuple(PhysicalPort(self, instance) for instance in range(count.value))
 
     @property
     def ports(self) -> Tuple[PhysicalPort, ...]:
-        """The physical ports, by instance number; empty where the host has none."""
+        """The physical ports, by instance number; empty if the host has none."""
         return self._ports
 
     @property
@@ -96,7 +96,7 @@ class Host:
         return bytes(buffer).split(b"\0", 1)[0].decode("ascii")
 
     def close(self) -> None:
-        """Closes the ports and gives the load back. Safe to repeat."""
+        """Closes the ports and releases the library. Safe to repeat."""
         if self._closed:
             return
         self._closed = True
@@ -124,7 +124,7 @@ class Port:
 
     @property
     def npiv_index(self) -> int:
-        """The index that tells the port from the others of its adapter."""
+        """The index that distinguishes the port from the others of its adapter."""
         raise NotImplementedError
 
     @property
@@ -154,8 +154,8 @@ class Port:
         except Error as error:
             if error.code != _c.STATUS_INSUFFICIENT_BUFFER:
                 raise
-        # As many elements as there are target numbers are all that can be filled. How many were filled is not
-        # told, so each starts with a target number that cannot be.
+        # There are at most as many targets as target numbers. The number of filled elements is not reported, so
+        # each starts with an invalid target number.
         array = (_c.TRELM_TGT_INFO * _c.MAX_TARGETS)()
         for element in array:
             element.ScsiTgtNum = _UNFILLED_TARGET
@@ -182,7 +182,7 @@ class Port:
                 return _luns_in(array)
             except Error as error:
                 error.found = _luns_in(array)
-                # Where the room was enough, this code is the driver's status 9 instead.
+                # If the array was large enough, this code is status 9 of the driver.
                 grown = error.code == _c.STATUS_INSUFFICIENT_BUFFER and count.value > room
                 if not grown or attempts_left == 0:
                     raise
@@ -292,7 +292,7 @@ class PhysicalPort(Port):
                 yield index
 
     def _has(self, index: int) -> bool:
-        """Whether there is a port with that index. A listing without room gets no further than the look-up."""
+        """Whether there is a port with that index. A target listing without room ends after the look-up."""
         count, none = c_uint32(0), ctypes.POINTER(_c.TRELM_TGT_INFO)()
         library = self._host._library
         code: int = library.TRELM_GetTgtInfo(self._open(), index, byref(count), byref(none))
@@ -356,7 +356,7 @@ def _targets_in(array: Any) -> Tuple[Target, ...]:
 
 
 def _mark_unfilled(element: _c.TRELM_LUN_INFO) -> None:
-    """How many LUNs were filled is not told, so each starts with values that no LUN has together."""
+    """The number of filled LUNs is not reported, so each starts with values that no LUN has together."""
     element.Version = _c.RECORD_VERSION
     element.ScsiLunNum = element.ScsiLunNumExt = 0xFFFFFFFF
     element.DeviceType = 0xFF

@@ -1,4 +1,4 @@
-"""What the library tells, as immutable values."""
+"""The reports of the library as immutable values."""
 
 from __future__ import annotations
 
@@ -11,7 +11,7 @@ from ._text import address, size_text, text
 
 
 class _OpenEnum(enum.IntEnum):
-    """An enumeration that keeps a value it has no name for."""
+    """An enumeration that keeps values without a name."""
 
     @classmethod
     def _missing_(cls, value: object) -> Any:
@@ -236,7 +236,7 @@ class Statistics:
         return cls(*(getattr(record, name) for name in _c.COUNTERS))
 
     def since(self, earlier: Statistics) -> Statistics:
-        """What was counted since `earlier`. A counter that fell was cleared meanwhile: it counts as it is."""
+        """The growth since `earlier`. A counter that decreased was cleared meanwhile: its value is taken as it is."""
         pairs = ((getattr(self, field.name), getattr(earlier, field.name)) for field in fields(self))
         return Statistics(*(now - then if now >= then else now for now, then in pairs))
 

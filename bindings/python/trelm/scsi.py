@@ -121,7 +121,7 @@ class Sense:
 
     @property
     def is_failure(self) -> bool:
-        """Whether the command that carried it was not done."""
+        """Whether the command failed."""
         return self.key not in _NO_FAILURE and not self.deferred
 
 
@@ -141,7 +141,7 @@ def _descriptor_information(raw: bytes) -> Optional[int]:
 
 
 def decode_sense(data: bytes) -> Optional[Sense]:
-    """Decodes sense data in fixed (70h, 71h) or descriptor format (72h, 73h); None where there is none."""
+    """Decodes sense data in fixed (70h, 71h) or descriptor format (72h, 73h); None if there is none."""
     if len(data) < 8:
         return None
     raw = data[: 8 + data[7]]  # both formats tell there how many bytes follow byte 7
@@ -158,7 +158,7 @@ def decode_sense(data: bytes) -> Optional[Sense]:
 
 @dataclass(frozen=True)
 class CommandResult:
-    """What a command brought: its data, and sense data if the device sent any.
+    """The result of a command: its data, and sense data if the device sent any.
 
     `data` has the length asked for; what did not arrive is zero, so its true length is told by the data
     itself.

@@ -1,7 +1,6 @@
-// stand_before.h - definitions of libc's functions in a test executable that come before everyone else's, and
-// the question whether it is the library that calls. With them a test makes a call of the library's fail, or
-// ends the process at it, in the very binary that ships. Every other caller's goes through untouched: to the
-// simulated host's definition, and from there to libc's.
+// libc_replacements.h - definitions in a test executable that replace functions of libc, and a test for calls
+// from the library. With them a test makes a call of the unmodified library fail, or ends the process there.
+// Calls of all others pass on to the simulated host and from there to libc.
 #pragma once
 
 #include <dlfcn.h>
@@ -12,11 +11,11 @@
 
 namespace trelm::test {
 
-// Where the library's code lies; nowhere before find_library.
+// The address range of the code of the library; empty before find_library.
 inline constinit uintptr_t library_begin = 0;
 inline constinit uintptr_t library_end = 0;
 
-// To be called once the library is in the process.
+// Call it when the library is in the process.
 inline bool find_library() {
     const auto look = [](dl_phdr_info* object, size_t, void*) {
         if (strstr(object->dlpi_name, "/libtrelm.so") == nullptr) return 0;
@@ -38,10 +37,10 @@ inline bool in_library(const void* code) {
 
 }  // namespace trelm::test
 
-// Begins the definition of a function that stands before the others of its name; NEXT_OF(name) is the next of
-// them. libc's own declarations carry attributes that are not true of a stand-in, so it has a C++ name of its
-// own.
-#define STANDS_BEFORE(result, name, parameters)                                                    \
+// Begins the definition of a replacement function. NEXT_OF(name) is the next definition of that name. The
+// function has a C++ name of its own, because the declarations of libc carry attributes that do not hold for
+// the replacement.
+#define REPLACES_LIBC(result, name, parameters)                                                    \
     extern "C" [[gnu::visibility("default")]] result before_##name parameters __asm__(#name);      \
     [[maybe_unused]] static auto next_##name() {                                                   \
         static auto* const next = reinterpret_cast<result(*) parameters>(dlsym(RTLD_NEXT, #name)); \
@@ -51,5 +50,5 @@ inline bool in_library(const void* code) {
 
 #define NEXT_OF(name) next_##name()
 
-// Whether the function that is being defined was called by the library. To be used in its body itself.
+// Whether the library called the replacement. Use it directly in the body of the replacement.
 #define CALLED_BY_LIBRARY() (::trelm::test::in_library(__builtin_return_address(0)))
