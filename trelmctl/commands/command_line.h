@@ -24,7 +24,7 @@ struct OptionName {
     std::string name;  // with its dashes
     bool takes_value;
 };
-// What a command takes besides its arguments; nothing for a name that is no command.
+// What a command takes besides its arguments, the tool itself for an empty name; nothing for a name that is no command.
 std::vector<OptionName> option_names(const std::string& command);
 
 }  // namespace trelmctl
