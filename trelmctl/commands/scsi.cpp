@@ -15,8 +15,8 @@ namespace trelmctl {
 namespace {
 
 void print_sense(const Sense& sense, Output& output) {
-    output.print(fmt::format("Sense: {}\n", sense.words()));
-    for (const std::string& detail : sense.details()) output.print(fmt::format("  {}\n", detail));
+    output.print_lines(fmt::format("Sense: {}\n", sense.words()), 4);
+    for (const std::string& detail : sense.details()) output.print_lines(fmt::format("  {}\n", detail), 4);
     output.print(hexdump(sense.bytes));
 }
 

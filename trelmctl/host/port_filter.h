@@ -3,10 +3,14 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "ports.h"
 
 namespace trelmctl {
+
+// What a list says that a filter left nothing of.
+constexpr std::string_view kNoPort = "No port matches.\n";
 
 // Each part that is given must hold.
 struct PortFilter {

@@ -32,6 +32,8 @@ class Output {
 
     // Text and raw data, for commands that are not asked for JSON.
     void print(std::string_view text);
+    // Lines of text for people, continued on the next line, with an indent, where the terminal ends.
+    void print_lines(std::string_view text, std::size_t indent);
     void flush();
     // Columns that a line of text may have.
     static std::size_t width();

@@ -25,6 +25,8 @@ bool utf8_locale();
 
 // Writes to standard error as far as that takes it.
 void tell(std::string_view text);
+// A line of text, in place of the one that says what is being waited for, and continued where the terminal ends.
+void tell_line(std::string_view text);
 
 // A line on the terminal that says what is being waited for. It is gone when its owner is. Silent where standard
 // error is no terminal.

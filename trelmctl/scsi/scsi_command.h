@@ -33,6 +33,10 @@ ScsiAnswer write_command(const LunAddress& address, std::span<const uint8_t> cdb
 // What a command needs done right; its failure ends the tool's command.
 std::vector<uint8_t> read_or_throw(const LunAddress& address, std::span<const uint8_t> cdb, uint32_t length);
 
+// INQUIRY data; a target that has no such LUN answers all the same, and that is a failure.
+std::vector<uint8_t> inquire_or_throw(const LunAddress& address, std::span<const uint8_t> cdb,
+                                      uint32_t length);
+
 // A big-endian number of `width` bytes; 0 where the data ends before it.
 uint64_t big_endian(std::span<const uint8_t> data, std::size_t at, std::size_t width);
 
