@@ -20,8 +20,8 @@ import time
 from pathlib import Path
 
 
-def run(*command: str | Path, env: dict[str, str], **options: object) -> str:
-    done = subprocess.run([str(word) for word in command], env=env, capture_output=True, text=True, **options)  # type: ignore
+def run(*command: str | Path, env: dict[str, str]) -> str:
+    done = subprocess.run([str(word) for word in command], env=env, capture_output=True, text=True)
     if done.returncode:
         raise SystemExit(f"{' '.join(map(str, command))}: exit status {done.returncode}\n{done.stdout}{done.stderr}")
     return done.stdout
