@@ -23,7 +23,7 @@ void show_page(const LunAddress& address, uint8_t number, Output& output) {
     document["data"] = hex_bytes(page.data(), page.size(), "");
     if (output.json()) return;
     output.print_lines(fmt::format("{} (page 0x{:02x})\n{}", page_title(number), number,
-                                   decoded.empty() ? hexdump(page) : decoded),
+                                   decoded.empty() ? hexdump(page, Output::width()) : decoded),
                        4);
 }
 

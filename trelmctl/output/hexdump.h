@@ -1,4 +1,5 @@
-// hexdump.h - bytes for people: offset, sixteen bytes in hexadecimal, the same as characters.
+// hexdump.h - bytes for people: offset, sixteen bytes in hexadecimal, the same as characters. Eight where the
+// terminal is narrower.
 #pragma once
 
 #include <cstdint>
@@ -7,6 +8,6 @@
 
 namespace trelmctl {
 
-std::string hexdump(std::span<const uint8_t> bytes);
+std::string hexdump(std::span<const uint8_t> bytes, std::size_t columns);
 
 }  // namespace trelmctl
