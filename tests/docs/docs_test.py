@@ -170,7 +170,7 @@ class ExamplesTest(unittest.TestCase):
         seen = 0
         for path in DOCUMENTS:
             for block in blocks(path):
-                for step in steps(block):
+                for step in [] if block.installed else steps(block):
                     seen += 1
                     with self.subTest(document=path.name, command=step.command):
                         prefix = ON_LAB if step.on_host else ()

@@ -14,6 +14,7 @@ class Block:
     language: str  # empty for a page's
     text: str
     example: str = ""  # the file of examples/ whose text it repeats
+    installed: bool = False  # needs the packages, and no source tree
 
 
 @dataclass
@@ -36,13 +37,15 @@ class Step:
 
 
 def blocks(path: Path) -> Iterator[Block]:
-    """The literal blocks of a page or a Markdown document. A comment "<!-- examples/NAME -->" names a file."""
+    """The literal blocks of a page or a Markdown document. A comment before one says what it is: "<!-- examples/NAME -->"
+    the text of a file, "<!-- installed -->" commands for a machine where the packages are installed."""
     text = path.read_text(encoding="utf-8")
-    for match in re.finditer(r"(?:<!-- (examples/\S+) -->\n)?^```(\w*)\n(.*?)^```$", text, re.MULTILINE | re.DOTALL):
-        example, language, body = match.groups()
+    for match in re.finditer(r"(?:<!-- (examples/\S+|installed) -->\n)?^```(\w*)\n(.*?)^```$", text, re.MULTILINE | re.DOTALL):
+        remark, language, body = match.groups()
         if path.suffix == ".scd":
             body = body.replace("\\\\", "\\")
-        yield Block(path.name, language, body, example or "")
+        installed = remark == "installed"
+        yield Block(path.name, language, body, "" if installed else remark or "", installed)
 
 
 def steps(block: Block) -> List[Step]:

@@ -10,22 +10,18 @@ from __future__ import annotations
 import argparse
 import json
 import os
+import pty
+import select
+import shutil
+import signal
 import subprocess
-import sys
 import tempfile
+import time
 from pathlib import Path
 
-PROJECT = """cmake_minimum_required(VERSION 3.25)
-project(agent LANGUAGES CXX)
-find_package(trelm {version} REQUIRED)
-add_executable(agent {source})
-set_target_properties(agent PROPERTIES CXX_STANDARD 20)
-target_link_libraries(agent PRIVATE trelm::trelm)
-"""
 
-
-def run(*command: str | Path, env: dict[str, str], **options: object) -> str:
-    done = subprocess.run([str(word) for word in command], env=env, capture_output=True, text=True, **options)  # type: ignore
+def run(*command: str | Path, env: dict[str, str]) -> str:
+    done = subprocess.run([str(word) for word in command], env=env, capture_output=True, text=True)
     if done.returncode:
         raise SystemExit(f"{' '.join(map(str, command))}: exit status {done.returncode}\n{done.stdout}{done.stderr}")
     return done.stdout
@@ -60,11 +56,12 @@ class Installation:
         return program
 
     def configure(self, version: str) -> Path:
-        project = self.work / f"project-{version}"
-        project.mkdir()
-        (project / "CMakeLists.txt").write_text(PROJECT.format(version=version, source=self.example("first_agent.cpp")))
-        run("cmake", "-S", project, "-B", project / "build", f"-DCMAKE_PREFIX_PATH={self.prefix}", env=self.env)
-        return project / "build"
+        examples = self.work / f"examples-{version}"
+        shutil.copytree(self.example("cmake").parent, examples)
+        project = examples / "cmake/CMakeLists.txt"
+        project.write_text(project.read_text().replace("find_package(trelm 5.0 ", f"find_package(trelm {version} "))
+        run("cmake", "-S", project.parent, "-B", examples / "build", f"-DCMAKE_PREFIX_PATH={self.prefix}", env=self.env)
+        return examples / "build"
 
     def cpp_program(self) -> Path:
         build = self.configure("5.0")
@@ -96,17 +93,78 @@ def check(installed: Installation, build: Path | None) -> None:
             raise SystemExit(f"the build tree is in reach:\n{linked}{loaded}")
 
 
-def check_completion(installed: Installation) -> None:
-    shell = f'. {installed.prefix}/share/bash-completion/completions/trelmctl; COMP_WORDS=(trelmctl targ); COMP_CWORD=1; '
-    proposed = run("bash", "-c", shell + '_trelmctl trelmctl; echo "${COMPREPLY[@]}"', env=installed.env)
-    if proposed != "targets\n":
-        raise SystemExit(f"bash completes 'trelmctl targ' to {proposed!r}")
+SHELLS = {"bash": "bash --norc -i", "zsh": "zsh -f -i", "fish": "fish -i"}
+# What a shell must read first. One whose own directories lie in the prefix finds the script by itself.
+PREPARED = {
+    "bash": "if [ -e {own} ]; then . {own}; else . {share}/bash-completion/completions/trelmctl; fi",
+    "zsh": "[ {share} = /usr/share ] || fpath=({share}/zsh/site-functions $fpath); autoload -Uz compinit; compinit -u -d dump",
+    "fish": "true",
+}
+# What is typed before the tabulator, and the last word after it.
+COMPLETED = {
+    "trelmctl sho": "show",
+    "trelmctl --ti": "--timeout",
+    "trelmctl topology --fo": "--format",
+    "trelmctl list --state on": "online",
+    "trelmctl show vmhba37": "vmhba37",
+    "trelmctl luns vmhba35 ": "0",
+    "trelmctl luns 20:01:02:ca:1e:08:04:21 ": "0",
+    "trelmctl scsi 0 0 ": "1",
+    "trelmctl scsi 0 0 1 12 --out-file agent_in": "agent_in_c",
+}
+
+
+class Terminal:
+    """A shell on a terminal of its own, on the lab host."""
+
+    def __init__(self, installed: Installation, shell: str) -> None:
+        self.answer = installed.work / "answer"
+        share = installed.prefix / "share"
+        environment = {**installed.env, "TERM": "vt100", "LC_ALL": "C.UTF-8", "XDG_DATA_DIRS": f"{share}:/usr/share"}
+        start = ["trelm-hostsim", "run", str(share / "trelm-hostsim/hosts/lab.json"), "--", *SHELLS[shell].split()]
+        self.pid, self.terminal = pty.fork()
+        if self.pid == 0:
+            os.chdir(installed.work)
+            os.execvpe(str(installed.prefix / "bin/trelm-hostsim"), start, environment)
+        prepared = PREPARED[shell].format(own="/usr/share/bash-completion/bash_completion", share=share)
+        self.type(f"{prepared}; echo ready >{self.answer}\n")
+
+    def type(self, keys: str) -> str:
+        """What the keys make the shell write as its answer."""
+        self.answer.unlink(missing_ok=True)
+        os.write(self.terminal, keys.encode())
+        shown, until = b"", time.monotonic() + 60
+        while not self.answer.exists() or not self.answer.read_text().endswith("\n"):
+            if time.monotonic() > until:
+                raise SystemExit(f"no answer to {keys!r}, but on the terminal\n{shown.decode(errors='replace')}")
+            if select.select([self.terminal], [], [], 0.05)[0]:
+                shown += os.read(self.terminal, 65536)
+        return self.answer.read_text()
+
+    def completed(self, line: str) -> str:
+        return self.type(f"{line}\t\x01echo >{self.answer} \n").split()[-1]
+
+    def close(self) -> None:
+        os.close(self.terminal)
+        os.kill(self.pid, signal.SIGKILL)
+        os.waitpid(self.pid, 0)
+
+
+def check_completion(installed: Installation, shell: str) -> None:
+    terminal = Terminal(installed, shell)
+    try:
+        wrong = {line: word for line, right in COMPLETED.items() if (word := terminal.completed(line)) != right}
+        if wrong:
+            raise SystemExit(f"{shell} completes wrongly: {wrong}")
+    finally:
+        terminal.close()
 
 
 def main() -> None:
     parser = argparse.ArgumentParser()
     parser.add_argument("--build", type=Path, help="a build tree to install and test")
     parser.add_argument("--prefix", type=Path, help="an installation to test")
+    parser.add_argument("--all-shells", action="store_true", help="fail where a shell that completes is not installed")
     arguments = parser.parse_args()
     with tempfile.TemporaryDirectory(prefix="trelm-installed-") as folder:
         work = Path(folder)
@@ -116,8 +174,10 @@ def main() -> None:
             prefix = (work / "first").rename(work / "moved")
         installed = Installation(prefix.resolve(), work)
         check(installed, arguments.build)
-        check_completion(installed)
-    print("programs in C, C++ and Python work with what is installed")
+        shells = [shell for shell in SHELLS if arguments.all_shells or shutil.which(shell)]
+        for shell in shells:
+            check_completion(installed, shell)
+    print(f"programs in C, C++ and Python work with what is installed, and so does completion in {', '.join(shells)}")
 
 
 if __name__ == "__main__":

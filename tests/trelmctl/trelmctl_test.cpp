@@ -148,6 +148,13 @@ TEST_F(Trelmctl, WatchFillsATerminalFollowsItsSizeAndEndsOnAnInterrupt) {
     EXPECT_EQ(terminal.finish(), 0);
 }
 
+TEST_F(Trelmctl, RequestsTakeThePlaceOfTheLineThatSaysWhatIsWaitedFor) {
+    Terminal terminal({kLauncher, "run", kLab, "--", kTool, "-v", "luns", "1", "0"}, 40, 24);
+    EXPECT_TRUE(terminal.shows("target 0: listing its LUNs"));
+    EXPECT_TRUE(terminal.shows("\r\033[Ktrelmctl: > port 1/0: TRELM_GetLunInfo\r\n    target 0"));
+    EXPECT_EQ(terminal.finish(), 0);
+}
+
 TEST_F(Trelmctl, TopShowsPortsTakesKeysAndLeavesTheTerminalAsItWas) {
     const Words top{"/usr/bin/env", "TERM=xterm", kLauncher, "run",     kLab,
                     "--",           kTool,        "top",     "--every", "0.1"};

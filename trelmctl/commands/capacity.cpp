@@ -10,6 +10,11 @@
 #include "text.h"
 
 namespace trelmctl {
+namespace {
+
+constexpr std::size_t kIndent = 12;  // of values
+
+}  // namespace
 
 void run_capacity(const Options& options, Output& output) {
     const LoadedHost host;
@@ -29,12 +34,14 @@ void run_capacity(const Options& options, Output& output) {
         document["thin_provisioned"] = capacity.sixteen ? Json(capacity.thin) : Json();
         return;
     }
-    output.print(fmt::format("Capacity    {} ({} bytes)\nBlocks      {} of {} bytes\nLast block  {}\n",
-                             human_size(capacity.bytes()), capacity.bytes(), capacity.blocks(),
-                             capacity.block_size, capacity.last_block));
+    output.print_lines(fmt::format("Capacity    {} ({} bytes)\nBlocks      {} of {} bytes\nLast block  {}\n",
+                                   human_size(capacity.bytes()), capacity.bytes(), capacity.blocks(),
+                                   capacity.block_size, capacity.last_block),
+                       kIndent);
     if (!capacity.sixteen) return;
-    output.print(fmt::format("Physical    {} blocks to a physical block\nThin        {}\n",
-                             capacity.blocks_per_physical_block, capacity.thin ? "yes" : "no"));
+    output.print_lines(fmt::format("Physical    {} blocks to a physical block\nThin        {}\n",
+                                   capacity.blocks_per_physical_block, capacity.thin ? "yes" : "no"),
+                       kIndent);
 }
 
 }  // namespace trelmctl

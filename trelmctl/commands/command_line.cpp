@@ -386,7 +386,7 @@ std::string help_text(const std::string& command) {
 
 std::vector<OptionName> option_names(const std::string& command) {
     const Parser parser;
-    const CLI::App* found = parser.find(command);
+    const CLI::App* found = command.empty() ? &parser.app : parser.find(command);
     std::vector<OptionName> names;
     if (found == nullptr) return names;
     for (const CLI::Option* option : found->get_options()) {

@@ -25,7 +25,7 @@ struct OptionName {
     std::string name;  // with its dashes
     bool takes_value;
 };
-// The options of a command; empty for an unknown name.
+// The options of a command, those of the tool itself for an empty name; empty for an unknown name.
 std::vector<OptionName> option_names(const std::string& command);
 
 }  // namespace trelmctl

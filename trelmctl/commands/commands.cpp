@@ -50,8 +50,9 @@ void run_version(const Options&, Output& output) {
         output.document()["library_description"] = escaped(trelm::Library::description());
         return;
     }
-    output.print(fmt::format("trelmctl  {}\nlibtrelm  {} ({}): {}\n", TRELMCTL_VERSION,
-                             trelm::Library::version(), hex32(number), trelm::Library::description()));
+    output.print_lines(fmt::format("trelmctl  {}\nlibtrelm  {} ({}): {}\n", TRELMCTL_VERSION,
+                                   trelm::Library::version(), hex32(number), trelm::Library::description()),
+                       10);
 }
 
 }  // namespace trelmctl

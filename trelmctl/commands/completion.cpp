@@ -18,24 +18,35 @@ namespace {
 
 using Words = std::vector<std::string>;
 
+// The words are taken from the line itself: bash cuts a WWPN at its colons. Where nothing is proposed, a word may
+// be the name of a file.
 constexpr std::string_view kBash = R"sh(_trelmctl() {
-    local IFS=$'\n' word=${COMP_WORDS[COMP_CWORD]}
-    COMPREPLY=($(compgen -W "$("$1" complete -- "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null)" -- "$word"))
+    local -a words
+    read -ra words <<<"${COMP_LINE:0:COMP_POINT}"
+    [[ ${COMP_LINE:0:COMP_POINT} != *[[:blank:]] ]] || words+=("")
+    mapfile -t COMPREPLY < <("$1" complete -- "${words[@]:1}" 2>/dev/null)
 }
 complete -o default -F _trelmctl trelmctl
 )sh";
+// Loaded on demand, the file is the body of the function that it defines, and must call it the first time.
 constexpr std::string_view kZsh = R"sh(#compdef trelmctl
 _trelmctl() {
     local -a found
-    found=("${(@f)$("${words[1]}" complete -- "${(@)words[2,CURRENT]}" 2>/dev/null)}")
-    compadd -a found
+    found=(${(f)"$("${words[1]}" complete -- "${(@)words[2,CURRENT]}" 2>/dev/null)"})
+    if (( $#found )); then compadd -a found; else _files; fi
 }
-if [[ $zsh_eval_context == *:loadautofunc ]]; then _trelmctl "$@"; else compdef _trelmctl trelmctl; fi
+if [[ ${funcstack[1]} == _trelmctl ]]; then _trelmctl "$@"; else compdef _trelmctl trelmctl; fi
 )sh";
-constexpr std::string_view kFish = R"sh(complete -c trelmctl -f -a '(
+constexpr std::string_view kFish = R"sh(function __trelmctl_complete
     set -l words (commandline -opc) (commandline -ct)
-    $words[1] complete -- $words[2..] 2>/dev/null
-)'
+    set -l found ($words[1] complete -- $words[2..] 2>/dev/null)
+    if set -q found[1]
+        printf '%s\n' $found
+    else
+        __fish_complete_path (commandline -ct)
+    end
+end
+complete -c trelmctl -f -a '(__trelmctl_complete)'
 )sh";
 
 // ---- The words before the one to complete ----
@@ -44,7 +55,7 @@ struct Line {
     const Command* command = nullptr;
     Words arguments;     // without options and their values
     std::string awaits;  // the option whose value the last word is; empty: none
-    std::vector<OptionName> options;
+    std::vector<OptionName> options = option_names("");
 };
 
 Line line_of(const Words& words) {
@@ -133,12 +144,13 @@ Words arguments_of(const Line& line) {
 
 Words candidates(const Words& words) {
     const Line line = line_of(words);
-    if (line.command == nullptr) return command_names();
-    if (!line.awaits.empty()) return values_of(*line.command, line.awaits);
-    if (words.empty() || !words.back().starts_with("-")) return arguments_of(line);
-    Words names;
-    for (const OptionName& option : line.options) names.push_back(option.name);
-    return names;
+    if (!words.empty() && line.awaits.empty() && words.back().starts_with("-")) {
+        Words names;
+        for (const OptionName& option : line.options) names.push_back(option.name);
+        return names;
+    }
+    if (line.command == nullptr) return line.awaits.empty() ? command_names() : Words();
+    return line.awaits.empty() ? arguments_of(line) : values_of(*line.command, line.awaits);
 }
 
 }  // namespace

@@ -22,8 +22,9 @@ void show_page(const LunAddress& address, uint8_t number, Output& output) {
     const std::string decoded = decode_page(page, document);
     document["data"] = hex_bytes(page.data(), page.size(), "");
     if (output.json()) return;
-    output.print(fmt::format("{} (page 0x{:02x})\n{}", page_title(number), number,
-                             decoded.empty() ? hexdump(page) : decoded));
+    output.print_lines(fmt::format("{} (page 0x{:02x})\n{}", page_title(number), number,
+                                   decoded.empty() ? hexdump(page, Output::width()) : decoded),
+                       4);
 }
 
 void show_standard(const LunAddress& address, Output& output) {
@@ -40,12 +41,15 @@ void show_standard(const LunAddress& address, Output& output) {
     document["standards"] = inquiry.standards;
     document["data"] = hex_bytes(inquiry.data.data(), inquiry.data.size(), "");
     if (output.json()) return;
-    output.print(fmt::format(
-        "Device type  {} (0x{:02x})\nRemovable    {}\nVersion      {} (0x{:02x})\nVendor       {}\n"
-        "Product      {}\nRevision     {}\nStandards    {}\n",
-        device_type_words(inquiry.device_type), inquiry.device_type, inquiry.removable ? "yes" : "no",
-        version_words(inquiry.version), inquiry.version, inquiry.vendor, inquiry.product, inquiry.revision,
-        inquiry.standards.empty() ? "-" : fmt::format("{}", fmt::join(inquiry.standards, ", "))));
+    output.print_lines(
+        fmt::format(
+            "Device type  {} (0x{:02x})\nRemovable    {}\nVersion      {} (0x{:02x})\nVendor       {}\n"
+            "Product      {}\nRevision     {}\nStandards    {}\n",
+            device_type_words(inquiry.device_type), inquiry.device_type, inquiry.removable ? "yes" : "no",
+            version_words(inquiry.version), inquiry.version, inquiry.vendor, inquiry.product,
+            inquiry.revision,
+            inquiry.standards.empty() ? "-" : fmt::format("{}", fmt::join(inquiry.standards, ", "))),
+        13);
 }
 
 }  // namespace

@@ -99,7 +99,8 @@ void run_list(const Options& options, Output& output) {
         ports.push_back(to_json(listed));
         if (listed.failure) output.fail(*listed.failure);
     }
-    if (!output.json()) output.print(table.text(Output::width()));
+    if (output.json()) return;
+    output.print(ports.empty() ? kNoPort : table.text(Output::width()));
 }
 
 }  // namespace trelmctl

@@ -15,6 +15,8 @@
 namespace trelmctl {
 namespace {
 
+constexpr std::size_t kIndent = 4;  // of a line that continues another
+
 std::string time_text() { return fmt::format("{:%Y-%m-%dT%H:%M:%S%z}", fmt::localtime(std::time(nullptr))); }
 
 std::string to_text(const StateChange& change) {
@@ -49,8 +51,9 @@ void tell_begin(const Options& options, std::size_t states, Output& output) {
                        {"every_seconds", options.every},
                        {"rescan_seconds", options.rescan}});
     } else {
-        output.print(fmt::format("{}  watching {} states, every {} s, for new ports every {} s\n",
-                                 time_text(), states, options.every, options.rescan));
+        output.print_lines(fmt::format("{}  watching {} states, every {} s, for new ports every {} s\n",
+                                       time_text(), states, options.every, options.rescan),
+                           kIndent);
     }
     output.flush();
 }
@@ -60,7 +63,7 @@ void tell_changes(const Snapshot& before, const Snapshot& after, Output& output)
         if (output.json()) {
             output.stream(to_json(change));
         } else {
-            output.print(fmt::format("{}  {}\n", time_text(), to_text(change)));
+            output.print_lines(fmt::format("{}  {}\n", time_text(), to_text(change)), kIndent);
         }
     }
     output.flush();

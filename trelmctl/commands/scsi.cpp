@@ -15,9 +15,9 @@ namespace trelmctl {
 namespace {
 
 void print_sense(const Sense& sense, Output& output) {
-    output.print(fmt::format("Sense: {}\n", sense.words()));
-    for (const std::string& detail : sense.details()) output.print(fmt::format("  {}\n", detail));
-    output.print(hexdump(sense.bytes));
+    output.print_lines(fmt::format("Sense: {}\n", sense.words()), 4);
+    for (const std::string& detail : sense.details()) output.print_lines(fmt::format("  {}\n", detail), 4);
+    output.print(hexdump(sense.bytes, Output::width()));
 }
 
 void print_answer(const Options& options, const ScsiAnswer& answer, Output& output) {
@@ -25,7 +25,7 @@ void print_answer(const Options& options, const ScsiAnswer& answer, Output& outp
     if (has_data && options.raw) {
         output.print({reinterpret_cast<const char*>(answer.data.data()), answer.data.size()});
     } else if (has_data && options.out_file.empty()) {
-        output.print(hexdump(answer.data));
+        output.print(hexdump(answer.data, Output::width()));
     }
     if (options.raw) return;
     if (const auto sense = decode_sense(answer.sense)) {

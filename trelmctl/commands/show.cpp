@@ -115,12 +115,14 @@ Group pci_group(const TRELM_FCOE_INFO& info) {
                Json{{"speed", number(info.PCIESpeed)}, {"width", number(info.PCIEWidth)}})}};
 }
 
+constexpr std::size_t kLabel = 20;  // columns of what stands before a value
+
 std::string to_text(const std::vector<Group>& groups) {
     std::string out;
     for (const Group& group : groups) {
         out += fmt::format("{}{}\n", out.empty() ? "" : "\n", group.title);
         for (const Fact& fact : group.facts) {
-            out += fmt::format("  {:<20} {}", fact.label, fact.words.empty() ? "-" : fact.words);
+            out += fmt::format("  {:<{}} {}", fact.label, kLabel, fact.words.empty() ? "-" : fact.words);
             // Words do not show the number; formatted numbers do.
             const bool hidden = fact.raw.is_number() && !fact.bare && !fact.words.starts_with("0x");
             out += hidden ? fmt::format(" ({})\n", fact.raw.dump()) : "\n";
@@ -164,7 +166,7 @@ void run_show(const Options& options, Output& output) {
     for (const auto& group : {adapter_group(info), driver_group(info), pci_group(info)})
         groups.push_back(group);
     for (const Group& group : groups) output.document()[group.key] = to_json(group);
-    if (!output.json()) output.print(to_text(groups));
+    if (!output.json()) output.print_lines(to_text(groups), kLabel + 3);
 }
 
 }  // namespace trelmctl

@@ -39,7 +39,7 @@ void run_stats(const Options& options, Output& output) {
 
     note_request("TRELM_GetPortStats", port.adapter.instance(), port.npiv_index);
     const TRELM_PORT_STATS stats = port.adapter.stats(port.npiv_index);
-    if (!output.json()) return output.print(to_text(stats));
+    if (!output.json()) return output.print_lines(to_text(stats), 4);
     for (const Counter& counter : kCounters)
         output.document()[counter.group][counter.key] = counter.of(stats);
 }

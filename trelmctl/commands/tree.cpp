@@ -163,11 +163,13 @@ Json to_json(const AdapterBranch& adapter) {
 void run_tree(const Options& options, Output& output) {
     const LoadedHost host;
     Progress progress;
+    bool none = true;
     Json& ports = output.document()["ports"] = Json::array();
     const LunDetail detail = options.wide ? LunDetail::named : LunDetail::listed;
     for (uint32_t instance = 0; instance < host.port_count(); ++instance) {
         const auto adapter = ask_branch(host, instance, options.filter, detail, progress);
         if (!adapter) continue;
+        none = false;
         for (Failure& failure : failures_of(*adapter)) output.fail(std::move(failure));
         if (output.json()) {
             ports.push_back(to_json(*adapter));
@@ -176,6 +178,7 @@ void run_tree(const Options& options, Output& output) {
             output.flush();
         }
     }
+    if (none && !output.json()) output.print(kNoPort);
 }
 
 }  // namespace trelmctl

@@ -3,10 +3,14 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "ports.h"
 
 namespace trelmctl {
+
+// What a list shows if no port matches the filter.
+constexpr std::string_view kNoPort = "No port matches.\n";
 
 // A port must match every given part.
 struct PortFilter {

@@ -1,4 +1,4 @@
-// hexdump.h - a hexadecimal dump: offset, sixteen bytes, and the same bytes as characters.
+// hexdump.h - a hexadecimal dump: offset, sixteen bytes (eight on a narrow terminal), and the same bytes as characters.
 #pragma once
 
 #include <cstdint>
@@ -7,6 +7,6 @@
 
 namespace trelmctl {
 
-std::string hexdump(std::span<const uint8_t> bytes);
+std::string hexdump(std::span<const uint8_t> bytes, std::size_t columns);
 
 }  // namespace trelmctl

@@ -1,8 +1,8 @@
 #include "output.h"
 
 #include <fmt/format.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -34,6 +34,14 @@ void Output::print(std::string_view text) {
     if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size()) throw WriteFailed{errno};
 }
 
+void Output::print_lines(std::string_view text, std::size_t indent) {
+    while (!text.empty()) {
+        const std::size_t end = std::min(text.find('\n'), text.size());
+        print(wrapped(text.substr(0, end), width(), indent) + "\n");
+        text.remove_prefix(std::min(end + 1, text.size()));
+    }
+}
+
 void Output::flush() {
     if (std::fflush(stdout) != 0) throw WriteFailed{errno};
 }
@@ -55,9 +63,7 @@ ExitStatus Output::finish() {
     }
     flush();
     if (!json_) {
-        const std::size_t columns =
-            is_terminal(STDERR_FILENO) ? terminal_size(STDERR_FILENO).columns : SIZE_MAX;
-        for (const Failure& failure : failures_) tell(wrapped(sentence(failure), columns, 4) + "\n");
+        for (const Failure& failure : failures_) tell_line(sentence(failure));
     }
     if (!failures_.empty()) return failures_.front().exit_status;
     return failed_ ? ExitStatus::failed : ExitStatus::done;

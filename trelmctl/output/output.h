@@ -32,6 +32,8 @@ class Output {
 
     // Text and raw data, if JSON is not wanted.
     void print(std::string_view text);
+    // Lines of text for people, continued on the next line, with an indent, where the terminal ends.
+    void print_lines(std::string_view text, std::size_t indent);
     void flush();
     // The most columns of a line of text.
     static std::size_t width();

@@ -18,8 +18,8 @@ void note_request(std::string_view what, std::optional<uint32_t> instance,
                   std::optional<uint32_t> npiv_index) {
     if (!shown) return;
     const std::string port = port_label(instance, npiv_index);
-    tell(port.empty() ? fmt::format("trelmctl: > {}\n", what)
-                      : fmt::format("trelmctl: > port {}: {}\n", port, what));
+    tell_line(port.empty() ? fmt::format("trelmctl: > {}", what)
+                           : fmt::format("trelmctl: > port {}: {}", port, what));
 }
 
 }  // namespace trelmctl

@@ -40,6 +40,12 @@ void tell(std::string_view text) {
     std::fflush(stderr);
 }
 
+void tell_line(std::string_view text) {
+    constexpr std::size_t kIndent = 4;
+    if (!is_terminal(STDERR_FILENO)) return tell(fmt::format("{}\n", text));
+    tell(fmt::format("\r\033[K{}\n", wrapped(text, terminal_size(STDERR_FILENO).columns, kIndent)));
+}
+
 Progress::Progress() : visible_(is_terminal(STDERR_FILENO)) {}
 
 void Progress::say(std::string_view text) {

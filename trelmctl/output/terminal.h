@@ -24,6 +24,8 @@ bool utf8_locale();
 
 // Writes to standard error as much as it accepts.
 void tell(std::string_view text);
+// A line of text, in place of the one that says what is being waited for, and continued where the terminal ends.
+void tell_line(std::string_view text);
 
 // A line on the terminal that says what the tool waits for. Destroying the object removes the line. Prints
 // nothing if standard error is no terminal.

@@ -44,7 +44,7 @@ std::vector<std::string> standards_of(std::span<const uint8_t> data) {
 
 StandardInquiry read_inquiry(const LunAddress& address) {
     StandardInquiry inquiry;
-    inquiry.data = read_or_throw(address, std::array<uint8_t, 6>{0x12, 0, 0, 0, kLength, 0}, kLength);
+    inquiry.data = inquire_or_throw(address, std::array<uint8_t, 6>{0x12, 0, 0, 0, kLength, 0}, kLength);
     inquiry.device_type = inquiry.data[0];
     inquiry.removable = (inquiry.data[1] & 0x80) != 0;
     inquiry.version = inquiry.data[2];

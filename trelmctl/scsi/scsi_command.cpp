@@ -30,16 +30,17 @@ void note(const LunAddress& address, std::span<const uint8_t> cdb, std::size_t l
         address.adapter.instance(), address.npiv_index);
 }
 
+Failure no_such_lun(const LunAddress& address, const std::string& why) {
+    return lun_failure(address, "NO_SUCH_LUN",
+                       fmt::format("target {} has no LUN {}: {}", address.target, lun_text(address.lun), why),
+                       fmt::format("'trelmctl luns {} {}' lists its LUNs", port_of(address), address.target));
+}
+
 // A CHECK CONDITION of the device, which the library does not treat as a failure.
 std::optional<Failure> refusal(const LunAddress& address, std::span<const uint8_t> bytes) {
     const auto sense = decode_sense(bytes);
     if (!sense || !sense->is_failure()) return std::nullopt;
-    if (sense->is_no_such_lun()) {
-        return lun_failure(
-            address, "NO_SUCH_LUN",
-            fmt::format("target {} has no LUN {}: {}", address.target, lun_text(address.lun), sense->words()),
-            fmt::format("'trelmctl luns {} {}' lists its LUNs", port_of(address), address.target));
-    }
+    if (sense->is_no_such_lun()) return no_such_lun(address, sense->words());
     return lun_failure(address, "CHECK_CONDITION",
                        fmt::format("target {} LUN {} refused the command: {}", address.target,
                                    lun_text(address.lun), sense->words()),
@@ -97,6 +98,15 @@ std::vector<uint8_t> read_or_throw(const LunAddress& address, std::span<const ui
     if (answer.failure && sense && sense->key == kUnitAttention) answer = read_command(address, cdb, length);
     if (answer.failure) throw CommandFailed(*answer.failure);
     return std::move(answer.data);
+}
+
+std::vector<uint8_t> inquire_or_throw(const LunAddress& address, std::span<const uint8_t> cdb,
+                                      uint32_t length) {
+    constexpr uint8_t kNoDevice = 0x7F;
+    std::vector<uint8_t> data = read_or_throw(address, cdb, length);
+    if (data.front() == kNoDevice)
+        throw CommandFailed(no_such_lun(address, "it answers INQUIRY with 'no device' (0x7f)"));
+    return data;
 }
 
 uint64_t big_endian(std::span<const uint8_t> data, std::size_t at, std::size_t width) {

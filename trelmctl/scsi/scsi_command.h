@@ -33,6 +33,10 @@ ScsiAnswer write_command(const LunAddress& address, std::span<const uint8_t> cdb
 // For a SCSI command that must succeed: its failure ends the command of the tool.
 std::vector<uint8_t> read_or_throw(const LunAddress& address, std::span<const uint8_t> cdb, uint32_t length);
 
+// INQUIRY data. A target answers INQUIRY for a LUN that it does not have, too; that is a failure here.
+std::vector<uint8_t> inquire_or_throw(const LunAddress& address, std::span<const uint8_t> cdb,
+                                      uint32_t length);
+
 // A big-endian number of `width` bytes; 0 if the data ends before it.
 uint64_t big_endian(std::span<const uint8_t> data, std::size_t at, std::size_t width);
 

@@ -186,7 +186,7 @@ std::vector<uint8_t> read_page(const LunAddress& address, uint8_t number) {
     while (true) {
         const std::array<uint8_t, 6> cdb{
             0x12, 0x01, number, static_cast<uint8_t>(room >> 8), static_cast<uint8_t>(room), 0};
-        std::vector<uint8_t> page = read_or_throw(address, cdb, room);
+        std::vector<uint8_t> page = inquire_or_throw(address, cdb, room);
         if (page[1] != number) {
             throw CommandFailed(lun_failure(
                 address, "WRONG_PAGE",
