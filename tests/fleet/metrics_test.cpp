@@ -101,7 +101,7 @@ TEST_F(Metrics, ReplaceAFileWholeAndNothingThatIsNoFile) {
     ASSERT_EQ(symlink("trelm.prom", at("link").c_str()), 0);
     EXPECT_EQ(metrics("--output " + at("link"), lab).status, 1);
     EXPECT_TRUE(std::filesystem::is_symlink(at("link")));
-    const Outcome absent = metrics("--output " + at("absent/file"), lab);
+    const ProgramResult absent = metrics("--output " + at("absent/file"), lab);
     EXPECT_EQ(absent.status, 1);
     EXPECT_THAT(absent.errors, HasSubstr("writing the metrics"));
     const std::filesystem::directory_iterator left(at(""));
