@@ -153,6 +153,14 @@ TEST_F(SharedDatabase, IsCreatedByTheFirstProcessJoinedByOthersAndRemovedByTheLa
     EXPECT_EQ(semctl(the_set(), 0, GETVAL), 1);
     EXPECT_THAT(close(), ElementsAre("keeping shared db file.", "exiting, ret=0")) << "closed already";
     EXPECT_EQ(open_anew(), 0) << "the slot that came free";
+    set_debug_flags(kErrorLines);
+    EXPECT_THAT(
+        close(),
+        ElementsAre("inst=0, going to clean up shared mem.", "inst=0, this is not last instance. load_inst=2",
+                    "inst=0, going to free up api instance.", "close db file.", "keeping shared db file."))
+        << "error lines alone";
+    set_debug_flags(kAllLines);
+    EXPECT_EQ(open_anew(), 0);
     semctl(the_set(), 0, IPC_RMID);
     close();
     EXPECT_EQ(contents().substr(0, 12), marks({0, 5, 0})) << "a set that is gone is made anew";
