@@ -47,7 +47,7 @@ class ExporterTest(unittest.TestCase):
         self.assertTrue(headers["Content-Type"].startswith("application/openmetrics-text; version=1.0.0"))
         self.assertTrue(text.endswith("# EOF\n"))
         self.assertEqual(exporter.get("/healthz")[::2], (200, "ok\n"))
-        self.assertRegex(exporter.get("/")[2], r"<tr><td>1</td><td>vmhba\d+</td><td>online</td>.*<td>Ulvard &lt;8042></td>")
+        self.assertRegex(exporter.get("/")[2], r"<tr><td>1</td><td>vmhba\d+</td><td>online</td>.*<td>Ulvard &lt;8042&gt;</td>")
         self.assertIn("<svg ", exporter.get("/")[2])
         self.assertEqual([exporter.get("/x")[0], exporter.get(method="POST")[0]], [404, 405])
 

@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <array>
-#include <span>
-#include <utility>
+
+#include "replaced.h"
 
 namespace trelmctl {
 namespace {
@@ -26,22 +26,9 @@ std::vector<std::string> lines_of(const TopologyNode& node) {
     return lines;
 }
 
-// Replaces each character that has a meaning in the language.
-std::string replaced(std::string_view text, std::span<const std::pair<char, std::string_view>> replacements) {
-    std::string out;
-    for (const char c : text) {
-        const auto found = std::find_if(replacements.begin(), replacements.end(),
-                                        [c](const auto& replacement) { return replacement.first == c; });
-        out += found == replacements.end() ? std::string(1, c) : std::string(found->second);
-    }
-    return out;
-}
-
-constexpr std::array<std::pair<char, std::string_view>, 2> kDotEscapes{{{'\\', "\\\\"}, {'"', "\\\""}}};
-constexpr std::array<std::pair<char, std::string_view>, 4> kMarkupEscapes{
-    {{'&', "&amp;"}, {'<', "&lt;"}, {'>', "&gt;"}, {'"', "&quot;"}}};
+constexpr std::array<Replacement, 2> kDotEscapes{{{'\\', "\\\\"}, {'"', "\\\""}}};
 // Entities of Mermaid begin with '#', so that character is replaced too.
-constexpr std::array<std::pair<char, std::string_view>, 4> kMermaidEscapes{
+constexpr std::array<Replacement, 4> kMermaidEscapes{
     {{'#', "#35;"}, {'"', "#quot;"}, {'<', "#lt;"}, {'>', "#gt;"}}};
 
 template <typename Escapes>

@@ -6,6 +6,7 @@
 #include <iterator>
 #include <string_view>
 
+#include "replaced.h"
 #include "text.h"
 #include "words.h"
 
@@ -32,19 +33,7 @@ tr.bad td {{ background: #fde0dc; }}
 <h1>FCoE ports of {0}</h1>
 )";
 
-std::string html(std::string_view text) {
-    std::string out;
-    for (const char c : text) {
-        if (c == '<') {
-            out += "&lt;";
-        } else if (c == '&') {
-            out += "&amp;";
-        } else {
-            out += c;
-        }
-    }
-    return out;
-}
+std::string html(std::string_view text) { return replaced(text, kMarkupEscapes); }
 
 std::string state_of(const PortSample& port) {
     if (port.late) return "no answer in time";
