@@ -145,9 +145,16 @@ class Terminal:
         return self.type(f"{line}\t\x01echo >{self.answer} \n").split()[-1]
 
     def close(self) -> None:
-        os.close(self.terminal)
+        """Ends the shell, which writes its history, before its directory goes."""
+        try:
+            os.write(self.terminal, b"\x15exit\n")
+            while select.select([self.terminal], [], [], 20)[0] and os.read(self.terminal, 65536):
+                pass
+        except OSError:  # the terminal's other end is closed
+            pass
         os.kill(self.pid, signal.SIGKILL)
         os.waitpid(self.pid, 0)
+        os.close(self.terminal)
 
 
 def check_completion(installed: Installation, shell: str) -> None:
