@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-namespace trelmctl::metrics {
+namespace trelmctl {
 namespace {
 
 // A task that runs longer waits rather than computes.
@@ -128,4 +128,4 @@ Workers::~Workers() { round_->end(); }
 void Workers::run(const Job& job, Clock::time_point deadline) { round_->run(job, deadline); }
 bool Workers::wait_idle(Clock::time_point deadline) { return round_->wait_idle(deadline); }
 
-}  // namespace trelmctl::metrics
+}  // namespace trelmctl
