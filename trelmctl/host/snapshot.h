@@ -8,27 +8,31 @@
 #include <string>
 #include <vector>
 
-#include "port_filter.h"
+#include "host_look.h"
 
 namespace trelmctl {
 
-// What is asked of the host: "port 1" its "state". The scope is the port that the answer came from.
+// What is asked of the host: "port 1" its "state". The scope is the key of the port that the answer came from.
 struct StateName {
     std::string scope;
-    std::string kind;  // port, virtual port, FCF, target, LUN, driver
-    std::string name;
+    std::string kind;  // library, port, virtual port, FCF, target, LUN, driver
+    std::string name;  // empty: the port itself
     std::string attribute;
 
     auto operator<=>(const StateName&) const = default;
 };
 
-using Snapshot = std::map<StateName, std::string>;
+struct Snapshot {
+    std::map<StateName, std::string> states;
+    std::map<std::string, std::string> labels;  // of ports, by scope
+};
 
-// Where a port cannot be asked, what `before` holds of its targets and LUNs stands.
-Snapshot take_snapshot(const LoadedHost& host, const PortFilter& filter, const Snapshot& before);
+// What cannot be asked now stands as it was before.
+Snapshot take_snapshot(const HostLook& host, const Snapshot& before);
 
 struct StateChange {
     StateName name;
+    std::string label;                  // of the port
     std::optional<std::string> before;  // none: it has appeared
     std::optional<std::string> after;   // none: it is gone
 };
