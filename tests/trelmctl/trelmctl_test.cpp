@@ -4,8 +4,12 @@
 #include <poll.h>
 #include <pty.h>
 
+#include <gmock/gmock.h>
+
 #include <algorithm>
 #include <csignal>
+#include <nlohmann/json.hpp>
+#include <optional>
 
 #include "support/child.h"
 #include "support/programs.h"
@@ -82,12 +86,18 @@ class Terminal {
         EXPECT_EQ(write(fd_, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
     }
     // Waits for the text on the terminal. Output before it is dropped.
-    bool shows(const std::string& text) {
-        while (seen_.find(text) == std::string::npos) {
-            if (!read_more()) return false;
-        }
-        seen_.erase(0, seen_.find(text) + text.size());
-        return true;
+    bool shows(const std::string& text) { return before(text).has_value(); }
+    // The whole screen, drawn again and again until the text is on it.
+    std::string screen_with(const std::string& text) {
+        std::string screen;
+        const bool found = eventually([&] {
+            type("\f");
+            shows("\033[H\033[2J");
+            screen = before("q quit").value_or("");
+            return screen.find(text) != std::string::npos;
+        });
+        EXPECT_TRUE(found) << text << " is not on\n" << screen;
+        return screen;
     }
     // The exit status, after the program has ended by itself.
     int finish() {
@@ -111,6 +121,14 @@ class Terminal {
         for (std::string line; std::getline(stream, line);)
             lines.push_back(line.substr(0, line.find("\033[K")));
         return lines;
+    }
+    std::optional<std::string> before(const std::string& text) {
+        while (seen_.find(text) == std::string::npos) {
+            if (!read_more()) return std::nullopt;
+        }
+        std::string found = seen_.substr(0, seen_.find(text));
+        seen_.erase(0, found.size() + text.size());
+        return found;
     }
     bool read_more() {
         pollfd waiting{fd_, POLLIN, 0};
@@ -172,7 +190,7 @@ TEST_F(Trelmctl, TopShowsPortsTakesKeysAndLeavesTheTerminalAsItWas) {
         terminal.type("\033");
         EXPECT_TRUE(terminal.shows("sort by: traffic"));
         terminal.resize(60, 12);
-        EXPECT_TRUE(terminal.shows("PORT"));
+        EXPECT_THAT(terminal.screen_with("PORT"), testing::Not(testing::HasSubstr("ERROR/S")));
         terminal.type("q");
         EXPECT_TRUE(terminal.shows(leaves_the_screen));
         EXPECT_EQ(terminal.finish(), 0);
@@ -187,6 +205,110 @@ TEST_F(Trelmctl, TopShowsPortsTakesKeysAndLeavesTheTerminalAsItWas) {
     Terminal closed(top, 80, 24);
     EXPECT_TRUE(closed.shows("vmhba32"));
     EXPECT_TRUE(closed.ends_when_hung_up());
+}
+
+// A host whose file a test edits while programs run on it.
+class TrelmctlTop : public Trelmctl {
+  protected:
+    using Json = nlohmann::json;
+
+    TrelmctlTop() { put(host_); }
+    void put(const Json& host) const {
+        write("new", host.dump());
+        std::filesystem::rename(at("new"), at("host.json"));
+    }
+    void put_with_fault(Json fault) const {
+        fault.update({{"count", "always"}, {"errno", "EIO"}});
+        Json host = host_;
+        host["faults"] = Json::array({fault});
+        put(host);
+    }
+    // The tool with these words on the host. Ports hang as long as there is a file "hang-HOSTNUMBER".
+    Words shell(const std::string& script) const {
+        const std::string prelude =
+            "cd $0; tool=$1; export TERM=xterm SLOW_DRIVER=$0 LD_PRELOAD=\"$2:$LD_PRELOAD\" "
+            "ASAN_OPTIONS=\"$ASAN_OPTIONS:verify_asan_link_order=0\"; ";
+        return {kLauncher,
+                "run",
+                at("host.json"),
+                "--",
+                "/bin/sh",
+                "-c",
+                prelude + script,
+                at(""),
+                kTool,
+                binary_dir() + "/lib/libslow_driver.so"};
+    }
+
+    Json host_ = Json::parse(text_of(kLab), nullptr, true, true);
+};
+
+TEST_F(TrelmctlTop, KeepsToItsPortWhileOthersComeAndGoAndSamplesFail) {
+    Terminal terminal(shell("exec $tool top --every 0.1 --rescan 0.3"), 80, 24);
+    terminal.screen_with("6 ports");
+    terminal.type("jj\n");
+    terminal.screen_with("Port 1  vmhba32  online");
+    Json fewer = host_;
+    fewer["adapters"].erase(1);
+    put(fewer);
+    terminal.screen_with("Port 0  vmhba32  online");
+    terminal.type("\033");
+    EXPECT_THAT(terminal.screen_with("4 ports"), testing::Not(testing::HasSubstr("vmhba36")));
+    put_with_fault({{"operation", "port_stats"}, {"port", "kron-b"}});
+    terminal.screen_with("\033[31m2      vmhba35   online");
+    put_with_fault({{"operation", "scsi"}, {"port", "kron-b"}});
+    terminal.type("jjj\n");
+    terminal.screen_with("online  no answer  50:00:02:ca:5d:00:00:11");
+    put_with_fault({{"operation", "init"}});
+    terminal.type("\033");
+    terminal.screen_with("the library cannot be loaded");
+    put(host_);
+    terminal.screen_with("6 ports");
+    terminal.type("q");
+    EXPECT_EQ(terminal.finish(), 0);
+}
+
+TEST_F(TrelmctlTop, FitsAPageToTheTerminalAndAsksNothingForAKey) {
+    Terminal terminal(shell("exec $tool -v top --every 1000 2>log"), 40, 12);
+    terminal.screen_with("vmhba35");
+    terminal.type("jj\n");
+    terminal.screen_with("2 LUNs");
+    const std::string asked = text_of(at("log"));
+    terminal.type("xxxxx\033[6~\033[6~\033[6~\033[6~\033[6~\033[6~\033[6~");
+    EXPECT_THAT(terminal.screen_with("Session-level recover>"), testing::HasSubstr("0.0/s"));
+    EXPECT_EQ(text_of(at("log")), asked);
+    terminal.type("j");
+    terminal.screen_with("Port 1/1");
+    terminal.type("q");
+    EXPECT_EQ(terminal.finish(), 0);
+    EXPECT_EQ(Terminal(shell("exec $tool -v top"), 80, 24).finish(), 2) << "requests would garble the screen";
+}
+
+TEST_F(TrelmctlTop, EndsInOrderWhileADriverHangs) {
+    for (const char* key : {"q", "\003"}) {
+        Terminal terminal(shell("exec $tool top --every 0.1"), 80, 24);
+        terminal.screen_with("6 ports");
+        write("hang-32", "");
+        terminal.screen_with("vmhba32   no answer");
+        EXPECT_THAT(terminal.screen_with("vmhba35   online"), testing::HasSubstr("vmhba36   online"));
+        terminal.type(key);
+        EXPECT_TRUE(terminal.shows("\033[?1049l"));
+        EXPECT_EQ(terminal.finish(), 0);
+        std::filesystem::remove(at("hang-32"));
+    }
+}
+
+TEST_F(TrelmctlTop, MonitorTellsOfADriverThatHangsAndOfOtherPorts) {
+    const std::string script =
+        "seen() { for i in $(seq 300); do grep -qs \"$1\" log && return; sleep 0.1; done; echo no $1; };"
+        "$tool monitor --every 0.1 >log & seen watching; touch hang-32; seen 'port 1: state online .> no "
+        "answer';"
+        "sed 's/50:00:02:ca:5d:00:00:13/50:00:02:ca:5d:00:00:77/' host.json >new; mv new host.json;"
+        "seen '00:77 at port 0: appeared'; kill $!; wait $!";
+    const Outcome outcome = execute(shell(script));
+    EXPECT_EQ(outcome.out + outcome.errors, "");
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_THAT(text_of(at("log")), testing::Not(testing::HasSubstr("port 1: gone")));
 }
 
 }  // namespace

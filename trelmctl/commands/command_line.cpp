@@ -266,6 +266,10 @@ void check_together(const Options& options) {
     if (!options.out_file.empty() && !reads) wrong_usage("--out-file requires --in");
     if (options.json && options.raw) wrong_usage("--raw and --json exclude each other");
     check_metrics(options.metrics);
+    const bool runs_on = options.command->run == run_top || options.command->run == run_monitor ||
+                         !options.metrics.listen.empty();
+    if (options.timeout && runs_on)
+        wrong_usage("top, monitor and metrics --listen run until they are ended: they go without --timeout");
     if (options.json && options.command->run == run_metrics)
         wrong_usage("--json is not available for metrics; choose a format with --format");
     if (options.command->run != run_scsi) return;

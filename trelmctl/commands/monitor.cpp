@@ -3,42 +3,55 @@
 // time.
 #include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <ctime>
 #include <nlohmann/json.hpp>
 
 #include "commands.h"
-#include "fresh_host.h"
 #include "interrupts.h"
+#include "lookout.h"
 #include "snapshot.h"
 
 namespace trelmctl {
 namespace {
 
 constexpr std::size_t kIndent = 4;  // of a line that continues another
+constexpr std::chrono::milliseconds kTick{50};  // how soon an interrupt is seen while drivers are asked
 
 std::string time_text() { return fmt::format("{:%Y-%m-%dT%H:%M:%S%z}", fmt::localtime(std::time(nullptr))); }
 
-std::string to_text(const StateChange& change) {
+std::string place(const StateChange& change) {
     const StateName& name = change.name;
-    const bool is_port = name.scope == name.name;
-    const std::string what =
-        fmt::format("{} {}{}", name.kind, name.name, is_port ? "" : " at port " + name.scope);
-    if (!change.before) return fmt::format("{}: appeared ({} {})", what, name.attribute, *change.after);
-    if (!change.after) return fmt::format("{}: gone ({} was {})", what, name.attribute, *change.before);
-    return fmt::format("{}: {} {} -> {}", what, name.attribute, *change.before, *change.after);
+    if (!name.name.empty()) return fmt::format("{} {} at port {}", name.kind, name.name, change.label);
+    if (name.kind != "port") return change.label.empty() ? name.kind : name.kind + " " + change.label;
+    // Numbers go from port to port when ports come and go.
+    const bool is_renamed = !change.before || !change.after || name.attribute == "number";
+    return fmt::format("port {}{}", change.label, is_renamed ? " (" + name.scope + ")" : "");
+}
+
+std::string to_text(const StateChange& change) {
+    const std::string& attribute = change.name.attribute;
+    const std::string what = place(change);
+    if (!change.before) return fmt::format("{}: appeared ({} {})", what, attribute, *change.after);
+    if (!change.after) return fmt::format("{}: gone ({} was {})", what, attribute, *change.before);
+    return fmt::format("{}: {} {} -> {}", what, attribute, *change.before, *change.after);
 }
 
 Json to_json(const StateChange& change) {
     const auto or_null = [](const std::optional<std::string>& value) {
         return value ? Json(*value) : Json();
     };
+    const StateName& name = change.name;
+    const Json port = change.label.empty() ? Json() : Json(change.label);
     return {{"format_version", 1},
             {"time", std::time(nullptr)},
-            {"port", change.name.scope},
-            {"kind", change.name.kind},
-            {"name", change.name.name},
-            {"attribute", change.name.attribute},
+            {"port", port},
+            {"parent_wwpn", name.scope.empty() ? Json() : Json(name.scope.substr(0, name.scope.find('/')))},
+            {"kind", name.kind},
+            {"name", name.name.empty() ? port : Json(name.name)},
+            {"attribute", name.attribute},
             {"before", or_null(change.before)},
             {"after", or_null(change.after)}};
 }
@@ -69,27 +82,48 @@ void tell_changes(const Snapshot& before, const Snapshot& after, Output& output)
     output.flush();
 }
 
-// The host has nothing while the library cannot be loaded.
-Snapshot look(FreshHost& fresh, const PortFilter& filter, const Snapshot& before) {
-    const LoadedHost* host = fresh.get();
-    return host != nullptr ? take_snapshot(*host, filter, before) : Snapshot();
+// None where the user ends the command before the drivers have answered.
+std::optional<HostLook> look(Lookout& lookout, const Options& options) {
+    while (!interrupted()) {
+        lookout.start({.filter = options.filter, .counters = false, .targets = true, .targets_of = {}});
+        if (auto host = lookout.take(kTick)) return host;
+    }
+    return std::nullopt;
+}
+
+bool is_awaited(const HostLook& host) {
+    return host.answer != Answer::here ||
+           std::any_of(host.adapters.begin(), host.adapters.end(),
+                       [](const AdapterLook& adapter) { return adapter.answer == Answer::awaited; });
+}
+
+void watch(Lookout& lookout, const Options& options, Output& output) {
+    std::optional<HostLook> host = look(lookout, options);
+    while (host && is_awaited(*host)) {
+        wait_for(std::chrono::duration<double>(kTick).count());
+        host = look(lookout, options);
+    }
+    if (!host) return;
+    Snapshot before = take_snapshot(*host, {});
+    tell_begin(options, before.states.size(), output);
+    for (uint64_t taken = 0; !options.samples || taken < *options.samples; ++taken) {
+        wait_for(options.every);
+        host = look(lookout, options);
+        if (!host) return;
+        Snapshot after = take_snapshot(*host, before);
+        tell_changes(before, after, output);
+        before = std::move(after);
+    }
 }
 
 }  // namespace
 
 void run_monitor(const Options& options, Output& output) {
     catch_interrupts();
-    FreshHost host(options.rescan);
-    Snapshot before = look(host, options.filter, {});
     output.begin_stream();
-    tell_begin(options, before.size(), output);
-    for (uint64_t taken = 0; !options.samples || taken < *options.samples; ++taken) {
-        wait_for(options.every);
-        if (interrupted()) return;
-        Snapshot after = look(host, options.filter, before);
-        tell_changes(before, after, output);
-        before = std::move(after);
-    }
+    Lookout lookout(options.rescan);
+    watch(lookout, options, output);
+    if (lookout.is_stuck()) _exit(static_cast<int>(output.finish()));
 }
 
 }  // namespace trelmctl

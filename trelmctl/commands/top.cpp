@@ -14,9 +14,8 @@
 #include <memory>
 
 #include "commands.h"
-#include "fresh_host.h"
 #include "interrupts.h"
-#include "targets.h"
+#include "lookout.h"
 #include "terminal.h"
 #include "text.h"
 #include "top_model.h"
@@ -25,11 +24,12 @@
 namespace trelmctl {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 constexpr short kTroubleColour = 1;
 constexpr int kEscape = 27;
+constexpr int kRedraw = 'L' & 0x1F;  // with Ctrl, as everywhere
 constexpr double kGraphSeconds = 300;
+constexpr std::chrono::milliseconds kTick{20};  // how soon a key is seen while drivers are asked
+constexpr int kWideLine = 66;                   // of a counter with its whole total
 
 // Puts the terminal into the state for drawing, and restores it at the end of the scope.
 class CursesTerminal {
@@ -79,41 +79,129 @@ std::string rate_of(const PortTraffic& port, const char* key) {
     return rate == port.rates.end() ? "-" : short_rate(rate->second);
 }
 
+struct Line {
+    std::string text;
+    attr_t look = A_NORMAL;
+};
+
+// ---- The page of a port ----
+
+Line target_line(const TargetLook& target) {
+    const std::string state = target_state_words(target.info.PortState);
+    const std::string luns = target.luns ? fmt::format("{} LUNs", target.luns->size()) : "no answer";
+    return {fmt::format("target {:>3}  {}  {}  {}", number(target.info.ScsiTgtNum), state, luns,
+                        address(target.info.WWPN)),
+            state == "online" && target.luns ? static_cast<attr_t>(A_NORMAL) : trouble_look()};
+}
+
+Line counter_line(const PortTraffic& port, const Counter& counter) {
+    const auto rate = port.rates.find(counter.key);
+    const bool is_wide = COLS >= kWideLine;
+    std::string total = "-";
+    if (port.last) {
+        const uint64_t value = counter.of(port.last->stats);
+        total = is_wide || value < 1000000 ? fmt::to_string(value) : short_rate(static_cast<double>(value));
+    }
+    const bool rises = counts_errors(counter) && rate != port.rates.end() && rate->second > 0;
+    const std::string values =
+        fmt::format("{:>{}}{:>{}}/s", total, is_wide ? 20 : 8, rate_of(port, counter.key), is_wide ? 12 : 8);
+    const auto room = static_cast<std::size_t>(std::max(std::min(COLS, kWideLine), 0));
+    const std::size_t width = room - std::min(room, values.size());
+    return {fmt::format("{:<{}}{}", fitted(counter.label, width), width, values),
+            rises ? trouble_look() : static_cast<attr_t>(A_NORMAL)};
+}
+
+std::vector<Line> page_of(const PortTraffic& port, std::size_t span) {
+    std::vector<Line> lines{{fmt::format("Port {}  {}  {}", port.label, port.hba_name, port.state),
+                             port.in_trouble() ? trouble_look() : static_cast<attr_t>(A_BOLD)}};
+    if (!port.trouble.empty()) lines.push_back({port.trouble, trouble_look()});
+    const auto room = static_cast<std::size_t>(std::max(COLS - 30, 1));
+    lines.push_back(
+        {"Traffic  " + short_rate(port.bytes()) + "B/s  " + graph(port.history, span, room), A_NORMAL});
+    if (port.targets) {
+        for (const TargetLook& target : port.targets->targets) lines.push_back(target_line(target));
+        if (port.targets->failure) lines.push_back({port.targets->failure->meaning, trouble_look()});
+    }
+    for (const Counter& counter : kCounters) lines.push_back(counter_line(port, counter));
+    return lines;
+}
+
 class Top {
   public:
-    explicit Top(const Options& options)
-        : options_(options), fresh_(options.rescan), model_(options.filter) {}
+    Top(const Options& options, Lookout& lookout) : options_(options), lookout_(lookout) {}
 
     void run() {
-        Clock::time_point next = Clock::now();
         while (!interrupted() && !quit_) {
-            if (Clock::now() >= next) {
-                host_ = fresh_.get();
-                model_.sample(host_);
-                next = Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                          std::chrono::duration<double>(options_.every));
-            }
+            if (Clock::now() >= next_) start_look();
+            if (lookout_.is_under_way()) take_look();
             draw();
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(next - Clock::now());
-            timeout(static_cast<int>(std::max<int64_t>(left.count(), 1)));
-            const int key = getch();
+            const int key = next_key();
             if (key == ERR && hung_up(STDIN_FILENO)) return;
             take_key(key);
         }
     }
 
   private:
+    // ---- Looks at the host ----
+
+    void start_look() {
+        Wishes wishes{.filter = options_.filter, .counters = true, .targets = false, .targets_of = {}};
+        if (detail_) wishes.targets_of = selected_key_;
+        lookout_.start(wishes);
+        next_ = Clock::now() +
+                std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(options_.every));
+    }
+
+    void take_look() {
+        const auto host = lookout_.take(kTick);
+        if (!host) return;
+        model_.take(*host);
+        find_selected();
+    }
+
+    // The port that is selected may have gone, or another be in its line.
+    void find_selected() {
+        ports_ = model_.ports(order_);
+        const auto found = std::find_if(ports_.begin(), ports_.end(),
+                                        [&](const PortTraffic* port) { return port->key == selected_key_; });
+        if (found != ports_.end()) {
+            selected_ = static_cast<std::size_t>(found - ports_.begin());
+        } else {
+            detail_ = false;
+            select(selected_);
+        }
+    }
+
+    void select(std::size_t index) {
+        selected_ = std::min(index, ports_.empty() ? 0 : ports_.size() - 1);
+        selected_key_ = ports_.empty() ? "" : ports_[selected_]->key;
+    }
+
+    // Nothing is asked for a key: what a page needs beyond the last look comes with a look of its own.
+    void open_page(std::size_t index) {
+        select(index);
+        scrolled_ = 0;
+        next_ = Clock::now();
+    }
+
+    int next_key() const {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(next_ - Clock::now());
+        const auto wait = lookout_.is_under_way() ? std::min(left, kTick) : left;
+        timeout(static_cast<int>(std::max<int64_t>(wait.count(), 1)));
+        return getch();
+    }
+
     // ---- Drawing ----
 
     // The samples that a graph shows.
     std::size_t span() const { return static_cast<std::size_t>(std::ceil(kGraphSeconds / options_.every)); }
 
+    static int room() { return std::max(LINES - 3, 1); }
+
     void draw() {
-        ports_ = model_.ports(order_);
-        selected_ = std::min(selected_, ports_.empty() ? 0 : ports_.size() - 1);
         erase();
+        detail_ ? draw_page() : draw_list();
         const std::string time = fmt::format("{:%H:%M:%S}", fmt::localtime(std::time(nullptr)));
-        detail_ && !ports_.empty() ? draw_port(*ports_[selected_]) : draw_list();
         CursesTerminal::put(
             0, fmt::format("trelmctl top  {}  every {} s  {} ports", time, options_.every, ports_.size()),
             A_BOLD);
@@ -134,14 +222,17 @@ class Top {
     }
 
     void draw_list() const {
-        CursesTerminal::put(
-            1,
-            fmt::format("{:<6} {:<9} {:<9} {:>8} {:>8} {:>8} {:>8} {:>8} {}", "PORT", "HBA", "STATE",
-                        "RX B/S", "TX B/S", "READ/S", "WRITE/S", "ERROR/S", "TRAFFIC"),
-            A_UNDERLINE);
-        const int room = std::max(LINES - 3, 1);
-        const int first = std::max(static_cast<int>(selected_) - room + 1, 0);
-        for (int line = 0; line < room && first + line < static_cast<int>(ports_.size()); ++line) {
+        if (model_.trouble().empty()) {
+            CursesTerminal::put(
+                1,
+                fmt::format("{:<6} {:<9} {:<9} {:>8} {:>8} {:>8} {:>8} {:>8} {}", "PORT", "HBA", "STATE",
+                            "RX B/S", "TX B/S", "READ/S", "WRITE/S", "ERROR/S", "TRAFFIC"),
+                A_UNDERLINE);
+        } else {
+            CursesTerminal::put(1, model_.trouble(), trouble_look());
+        }
+        const int first = std::max(static_cast<int>(selected_) - room() + 1, 0);
+        for (int line = 0; line < room() && first + line < static_cast<int>(ports_.size()); ++line) {
             const auto index = static_cast<std::size_t>(first + line);
             const PortTraffic& port = *ports_[index];
             std::string text = row(port);
@@ -152,43 +243,14 @@ class Top {
         }
     }
 
-    void draw_port(const PortTraffic& port) {
-        int line = 1 - scrolled_;
-        CursesTerminal::put(line++, fmt::format("Port {}  {}  {}", port.label, port.hba_name, port.state),
-                            port.in_trouble() ? trouble_look() : static_cast<attr_t>(A_BOLD));
-        if (!port.trouble.empty()) CursesTerminal::put(line++, port.trouble, trouble_look());
-        CursesTerminal::put(
-            line++, "Traffic  " + short_rate(port.bytes()) + "B/s  " +
-                        graph(port.history, span(), static_cast<std::size_t>(std::max(COLS - 30, 1))));
-        line = draw_targets(port, line);
-        for (const Counter& counter : kCounters) {
-            const bool is_error = std::string_view(counter.group) == "errors";
-            const auto rate = port.rates.find(counter.key);
-            const bool rises = is_error && rate != port.rates.end() && rate->second > 0;
-            CursesTerminal::put(line++,
-                                fmt::format("{:<32}{:>20}{:>12}/s", counter.label,
-                                            port.last ? fmt::to_string(counter.of(port.last->stats)) : "-",
-                                            rate_of(port, counter.key)),
-                                rises ? trouble_look() : static_cast<attr_t>(A_NORMAL));
+    void draw_page() {
+        const std::vector<Line> lines = page_of(*ports_[selected_], span());
+        const int most = std::max(static_cast<int>(lines.size()) - (LINES - 2), 0);
+        scrolled_ = std::min(scrolled_, most);
+        for (int line = 1; line < LINES - 1; ++line) {
+            const auto index = static_cast<std::size_t>(scrolled_ + line - 1);
+            if (index < lines.size()) CursesTerminal::put(line, lines[index].text, lines[index].look);
         }
-        is_cut_ = line > LINES - 1;
-    }
-
-    int draw_targets(const PortTraffic& port, int line) const {
-        if (host_ == nullptr) return line;
-        try {
-            const trelm::Adapter adapter = open_adapter(*host_, port.instance);
-            for (const TRELM_TGT_INFO& target : list_targets(adapter, port.npiv_index).targets) {
-                const std::string state = target_state_words(target.PortState);
-                CursesTerminal::put(line++,
-                                    fmt::format("target {:>3}  {}  {}  {} LUNs", number(target.ScsiTgtNum),
-                                                address(target.WWPN), state, number(target.LunCount)),
-                                    state == "online" ? static_cast<attr_t>(A_NORMAL) : trouble_look());
-            }
-        } catch (const trelm::Error& error) {
-            CursesTerminal::put(line++, explain(error).meaning, trouble_look());
-        }
-        return line;
     }
 
     // ---- Keys ----
@@ -201,29 +263,35 @@ class Top {
             case 's':
                 order_ = order_ == TopOrder::errors ? TopOrder::port
                                                     : static_cast<TopOrder>(static_cast<int>(order_) + 1);
+                find_selected();
                 break;
             case KEY_DOWN:
             case 'j':
-                ++selected_;
+                detail_ ? open_page(selected_ + 1) : select(selected_ + 1);
                 break;
             case KEY_UP:
             case 'k':
-                selected_ -= selected_ > 0 ? 1 : 0;
+                if (selected_ == 0) break;
+                detail_ ? open_page(selected_ - 1) : select(selected_ - 1);
                 break;
             case KEY_NPAGE:
-                scrolled_ += detail_ && is_cut_ ? std::max(LINES - 3, 1) : 0;
+                scrolled_ += detail_ ? room() : 0;
                 break;
             case KEY_PPAGE:
-                scrolled_ = std::max(scrolled_ - std::max(LINES - 3, 1), 0);
+                scrolled_ = std::max(scrolled_ - room(), 0);
                 break;
             case '\n':
             case KEY_ENTER:
+                if (detail_ || ports_.empty()) break;
                 detail_ = true;
-                scrolled_ = 0;
+                open_page(selected_);
                 break;
             case kEscape:
             case KEY_BACKSPACE:
                 detail_ = false;
+                break;
+            case kRedraw:
+                clearok(curscr, TRUE);
                 break;
             default:
                 break;
@@ -231,16 +299,16 @@ class Top {
     }
 
     const Options& options_;
-    FreshHost fresh_;
-    const LoadedHost* host_ = nullptr;
+    Lookout& lookout_;
+    Clock::time_point next_ = Clock::now();
     TopModel model_;
     std::vector<const PortTraffic*> ports_;
-    std::size_t selected_ = 0;
+    std::size_t selected_ = 0;  // the line of
+    std::string selected_key_;  // this port
     TopOrder order_ = TopOrder::port;
     bool detail_ = false;
     bool quit_ = false;
-    int scrolled_ = 0;     // by which the page of a port is scrolled
-    bool is_cut_ = false;  // the page continues below
+    int scrolled_ = 0;  // lines by which the page of a port is scrolled
     CursesTerminal terminal_;
 };
 
@@ -248,8 +316,13 @@ class Top {
 
 void run_top(const Options& options, Output& output) {
     if (output.json()) throw CommandFailed(usage_failure("top draws on a terminal and has no JSON"));
+    if (options.verbose && is_terminal(STDERR_FILENO))
+        throw CommandFailed(
+            usage_failure("top draws on the terminal: redirect standard error for --verbose"));
     catch_interrupts();
-    Top(options).run();
+    Lookout lookout(options.rescan);
+    Top(options, lookout).run();
+    if (lookout.is_stuck()) _exit(static_cast<int>(output.finish()));
 }
 
 }  // namespace trelmctl

@@ -4,6 +4,8 @@
 #include <array>
 #include <cmath>
 #include <numeric>
+#include <set>
+#include <tuple>
 
 #include "terminal.h"
 #include "text.h"
@@ -14,97 +16,129 @@ namespace {
 
 constexpr std::size_t kMostHistory = 3000;
 
+void add_to(std::deque<double>& history, double value) {
+    history.push_back(value);
+    if (history.size() > kMostHistory) history.pop_front();
+}
+
 }  // namespace
+
+bool counts_errors(const Counter& counter) {
+    const std::string_view group = counter.group;
+    return group == "errors" || group == "recovery";
+}
 
 double PortTraffic::errors() const {
     double sum = 0;
     for (const Counter& counter : kCounters) {
         const auto rate = rates.find(counter.key);
-        if (std::string_view(counter.group) == "errors" && rate != rates.end()) sum += rate->second;
+        if (counts_errors(counter) && rate != rates.end()) sum += rate->second;
     }
     return sum;
 }
 
 double PortTraffic::bytes() const { return history.empty() ? 0 : history.back(); }
 
-void TopModel::sample_port(const trelm::Adapter& adapter, const PortState& port, PortTraffic& traffic) {
-    traffic.instance = adapter.instance();
-    traffic.npiv_index = port.npiv_index;
+void TopModel::take_port(const PortLook& port, PortTraffic& traffic) {
     traffic.rates.clear();
     traffic.trouble.clear();
-    if (port.info) {
-        traffic.state = port_state_words(port.info->PortState);
-        traffic.hba_name = field_text(port.info->HbaName);
+    if (port.state.info) {
+        traffic.state = port_state_words(port.state.info->PortState);
+        traffic.hba_name = field_text(port.state.info->HbaName);
     } else {
         traffic.state = "failed";
-        traffic.trouble = port.failure->meaning;
+        traffic.trouble = port.state.failure->meaning;
     }
     double bytes = 0;
-    try {
-        const CounterSample now = sample_counters(adapter, port.npiv_index);
-        if (traffic.last) {
-            const CounterInterval interval{*traffic.last, now};
-            for (const Counter& counter : kCounters) {
-                if (const auto rate = interval.rate(counter)) traffic.rates[counter.key] = *rate;
-            }
-            bytes = traffic.rates["rx_fcoe_bytes"] + traffic.rates["tx_fcoe_bytes"];
+    if (port.counter_failure) traffic.trouble = port.counter_failure->meaning;
+    if (port.counters && traffic.last) {
+        const CounterInterval interval{*traffic.last, *port.counters};
+        for (const Counter& counter : kCounters) {
+            if (const auto rate = interval.rate(counter)) traffic.rates[counter.key] = *rate;
         }
-        traffic.last = now;
-    } catch (const trelm::Error& error) {
-        traffic.trouble = explain(error).meaning;
-        traffic.last.reset();
+        bytes = traffic.rates["rx_fcoe_bytes"] + traffic.rates["tx_fcoe_bytes"];
     }
-    traffic.history.push_back(bytes);
-    if (traffic.history.size() > kMostHistory) traffic.history.pop_front();
+    traffic.last = port.counters;
+    if (port.targets) traffic.targets = port.targets;
+    add_to(traffic.history, bytes);
 }
 
-void TopModel::fail(uint32_t instance, const std::string& trouble) {
-    ports_[{instance, 0}].label = port_label(instance);
-    for (auto& [place, traffic] : ports_) {
-        if (place.first != instance) continue;
-        traffic.state = "failed";
-        traffic.trouble = trouble;
-        traffic.rates.clear();
-        traffic.last.reset();
+void PortTraffic::fall_silent(const std::string& new_state, const std::string& why) {
+    state = new_state;
+    trouble = why;
+    rates.clear();
+    last.reset();
+    add_to(history, 0);
+}
+
+// What was known of the adapter's ports stands; of one that was never heard of there is the number.
+void TopModel::take_silence(const AdapterLook& adapter) {
+    if (!is_shown(adapter.key)) {
+        PortTraffic& traffic = ports_[adapter.key];
+        traffic.key = traffic.adapter = adapter.key;
+        traffic.label = port_label(adapter.instance);
+        traffic.state = "-";
+    }
+    for (auto& [key, traffic] : ports_) {
+        if (traffic.adapter != adapter.key) continue;
+        traffic.instance = adapter.instance;
+        if (adapter.answer == Answer::late) traffic.fall_silent("no answer", "the driver does not answer");
+        if (adapter.answer == Answer::failed) traffic.fall_silent("failed", adapter.failure->meaning);
     }
 }
 
-void TopModel::sample_adapter(const LoadedHost& host, uint32_t instance) {
-    const trelm::Adapter adapter = open_adapter(host, instance);
-    const TRELM_FCOE_INFO info = ask_adapter_info(adapter);
-    const std::vector<PortState> ports = ask_ports(adapter);
-    if (!filter_.admits(instance, info, ports.front())) return;
-    for (uint32_t i = 0; i < ports.size(); ++i) {
-        const std::string label = i == 0 ? port_label(instance) : port_label(instance, ports[i].npiv_index);
-        PortTraffic& traffic = ports_[{instance, i}];
-        if (traffic.label != label) traffic = PortTraffic();
-        traffic.label = label;
-        sample_port(adapter, ports[i], traffic);
+void TopModel::take_adapter(const AdapterLook& adapter) {
+    if (adapter.ports.empty()) return take_silence(adapter);
+    std::set<std::string> present;
+    for (std::size_t i = 0; i < adapter.ports.size(); ++i) {
+        const PortLook& port = adapter.ports[i];
+        PortTraffic& traffic = ports_[port.key];
+        traffic.key = port.key;
+        traffic.adapter = adapter.key;
+        traffic.instance = adapter.instance;
+        traffic.place = i;
+        traffic.label = port.label;
+        take_port(port, traffic);
+        present.insert(port.key);
     }
-    std::erase_if(ports_, [&](const auto& entry) {
-        return entry.first.first == instance && entry.first.second >= ports.size();
-    });
+    const auto is_missing = [&](const PortTraffic& traffic) {
+        return traffic.adapter == adapter.key && !present.contains(traffic.key);
+    };
+    if (!adapter.may_have_more_ports())
+        std::erase_if(ports_, [&](const auto& entry) { return is_missing(entry.second); });
+    for (auto& [key, traffic] : ports_) {
+        if (is_missing(traffic)) traffic.fall_silent("failed", "the driver did not list the port");
+    }
 }
 
-void TopModel::sample(const LoadedHost* host) {
-    uint32_t most = 0;
-    for (const auto& [place, traffic] : ports_) most = std::max(most, place.first + 1);
-    for (uint32_t instance = 0; instance < (host != nullptr ? host->port_count() : most); ++instance) {
-        try {
-            if (host == nullptr) {
-                fail(instance, "no driver answers");
-            } else {
-                sample_adapter(*host, instance);
-            }
-        } catch (const trelm::Error& error) {
-            if (filter_.admits(instance, {}, {})) fail(instance, explain(error).meaning);
-        }
+bool TopModel::is_shown(const std::string& adapter) const {
+    return std::any_of(ports_.begin(), ports_.end(),
+                       [&](const auto& entry) { return entry.second.adapter == adapter; });
+}
+
+void TopModel::take(const HostLook& host) {
+    if (host.answer == Answer::awaited) return;
+    trouble_.clear();
+    if (host.answer != Answer::here) {
+        trouble_ = host.answer == Answer::late ? "no driver answers" : "the library cannot be loaded";
+        for (auto& [key, traffic] : ports_) traffic.fall_silent("unknown", trouble_);
+        return;
     }
+    std::set<std::string> wanted;
+    for (const AdapterLook& adapter : host.adapters) {
+        if (!adapter.is_wanted(is_shown(adapter.key))) continue;
+        wanted.insert(adapter.key);
+        take_adapter(adapter);
+    }
+    std::erase_if(ports_, [&](const auto& entry) { return !wanted.contains(entry.second.adapter); });
 }
 
 std::vector<const PortTraffic*> TopModel::ports(TopOrder order) const {
     std::vector<const PortTraffic*> sorted;
-    for (const auto& [place, traffic] : ports_) sorted.push_back(&traffic);
+    for (const auto& [key, traffic] : ports_) sorted.push_back(&traffic);
+    std::sort(sorted.begin(), sorted.end(), [](const PortTraffic* a, const PortTraffic* b) {
+        return std::tie(a->instance, a->place) < std::tie(b->instance, b->place);
+    });
     if (order == TopOrder::port) return sorted;
     std::stable_sort(sorted.begin(), sorted.end(), [order](const PortTraffic* a, const PortTraffic* b) {
         return order == TopOrder::traffic ? a->bytes() > b->bytes() : a->errors() > b->errors();

@@ -8,46 +8,54 @@
 #include <string>
 #include <vector>
 
-#include "counter_rates.h"
-#include "port_filter.h"
+#include "host_look.h"
 
 namespace trelmctl {
 
 struct PortTraffic {
-    std::string label;  // "0" or "0/1"
+    std::string key;      // of the port, and
+    std::string adapter;  // of its physical port
+    uint32_t instance = 0;
+    std::size_t place = 0;  // on the adapter
+    std::string label;      // "0" or "0/1"
     std::string hba_name;
     std::string state;  // in words; "failed" if the port does not answer
     std::string trouble;
-    uint32_t instance = 0;
-    uint32_t npiv_index = 0;
     std::optional<CounterSample> last;
     std::map<std::string, double> rates;  // by the counter's key; none where it has no rate
     std::deque<double> history;           // bytes per second in both directions, the newest last
+    std::optional<TargetsLook> targets;   // where they were asked for
 
-    bool in_trouble() const { return state != "online" || errors() > 0; }
-    // Of the group of counters, per second.
+    bool in_trouble() const { return state != "online" || !trouble.empty() || errors() > 0; }
+    // Of the counters of errors and recovery, per second.
     double errors() const;
     double bytes() const;
+    void fall_silent(const std::string& new_state, const std::string& why);
 };
+
+// Whether a counter that rises tells of trouble.
+bool counts_errors(const Counter& counter);
 
 enum class TopOrder { port, traffic, errors };
 
 class TopModel {
   public:
-    explicit TopModel(PortFilter filter) : filter_(std::move(filter)) {}
+    // Ports that fail stay, with what was known of them.
+    void take(const HostLook& host);
 
-    // Asks every port once. A port that fails stays with its last values; without a host no port answers.
-    void sample(const LoadedHost* host);
+    // Why nothing is known of any port now; empty otherwise.
+    const std::string& trouble() const { return trouble_; }
 
     std::vector<const PortTraffic*> ports(TopOrder order) const;
 
   private:
-    void sample_adapter(const LoadedHost& host, uint32_t instance);
-    static void sample_port(const trelm::Adapter& adapter, const PortState& port, PortTraffic& traffic);
-    void fail(uint32_t instance, const std::string& trouble);
+    void take_adapter(const AdapterLook& adapter);
+    static void take_port(const PortLook& port, PortTraffic& traffic);
+    void take_silence(const AdapterLook& adapter);
+    bool is_shown(const std::string& adapter) const;
 
-    PortFilter filter_;
-    std::map<std::pair<uint32_t, uint32_t>, PortTraffic> ports_;  // by instance and place on the adapter
+    std::string trouble_;
+    std::map<std::string, PortTraffic> ports_;  // by key
 };
 
 // A line of characters whose heights are the means of the last `span` values of a history, the newest on the

@@ -1,22 +1,120 @@
 #include "fresh_host.h"
 
-namespace trelmctl {
+#include <fmt/format.h>
 
-const LoadedHost* FreshHost::get() {
-    if (std::chrono::steady_clock::now() - loaded_ >= most_age_) {
-        try {
-            load();
-        } catch (const CommandFailed&) {
-            host_.reset();
-        }
+#include <algorithm>
+#include <utility>
+
+#include "requests.h"
+#include "text.h"
+
+namespace trelmctl {
+namespace {
+
+// After this time a look goes on without the ports that have not answered.
+constexpr std::chrono::milliseconds kRoundTime{500};
+
+// A load that takes longer is late.
+constexpr std::chrono::seconds kLoadPatience{2};
+
+bool says_its_name(const PortProbe& probe) { return probe.wwpn() != std::array<uint8_t, 8>{}; }
+
+}  // namespace
+
+// What one load of the library found.
+struct FreshHost::Load {
+    Load() : library(load_library()), workers(library->port_count()) {
+        for (uint32_t instance = 0; instance < library->port_count(); ++instance)
+            probes.push_back(std::make_shared<PortProbe>(library, instance));
     }
-    return host_.get();
+
+    static std::shared_ptr<const trelm::Library> load_library() {
+        note_request("TRELM_LoadLibrary");
+        return std::make_shared<const trelm::Library>();
+    }
+
+    std::shared_ptr<const trelm::Library> library;
+    std::vector<std::shared_ptr<PortProbe>> probes;
+    Workers workers;
+};
+
+FreshHost::FreshHost(double most_age_in_seconds) : most_age_(most_age_in_seconds) {}
+FreshHost::~FreshHost() = default;
+
+// A free of the library waits for calls that have not come back, so it is not loaded anew before.
+void FreshHost::load(Clock::time_point deadline) {
+    const auto now = Clock::now();
+    const bool is_due = load_began_ == Clock::time_point{} || now - load_began_ >= most_age_;
+    if (!pending_ && is_due && (!load_ || load_->workers.wait_idle(now))) {
+        load_began_ = now;
+        // The job has the only reference to the old load: while it lives, the library stays as it is.
+        pending_ = std::make_shared<Pending>(Pending{std::move(load_)});
+        loader_.run(
+            [pending = pending_](std::size_t) {
+                pending->load.reset();
+                try {
+                    pending->load = std::make_unique<Load>();
+                } catch (const std::exception&) {
+                    // Tried again when the next load is due.
+                }
+            },
+            deadline);
+    }
+    if (!pending_ || !loader_.wait_idle(deadline)) return;
+    load_ = std::move(pending_->load);
+    pending_.reset();
+    if (load_) name_ports();
 }
 
-void FreshHost::load() {
-    loaded_ = std::chrono::steady_clock::now();
-    host_.reset();
-    host_ = std::make_unique<LoadedHost>();
+// A port is known by its WWPN. One whose driver refused even that during the load is taken for the one that had its
+// number, or for another that is missing.
+void FreshHost::name_ports() {
+    std::vector<std::string> keys;
+    const auto is_taken = [&](const std::string& key) {
+        return key.empty() || std::find(keys.begin(), keys.end(), key) != keys.end();
+    };
+    const auto name = [&](PortProbe& probe, std::string key) {
+        if (is_taken(key)) key += fmt::format("#{}", probe.instance());
+        probe.set_key(key);
+        keys.push_back(std::move(key));
+    };
+    for (const auto& probe : load_->probes) {
+        const std::array<uint8_t, 8> wwpn = probe->wwpn();
+        if (says_its_name(*probe)) name(*probe, hex_bytes(wwpn.data(), wwpn.size(), ":"));
+    }
+    for (const auto& probe : load_->probes) {
+        if (says_its_name(*probe)) continue;
+        std::string key = probe->instance() < keys_.size() ? keys_[probe->instance()] : "";
+        if (is_taken(key)) {
+            const auto missing = std::find_if_not(keys_.begin(), keys_.end(), is_taken);
+            key = missing == keys_.end() ? "" : *missing;
+        }
+        name(*probe, std::move(key));
+    }
+    keys_.clear();
+    for (const auto& probe : load_->probes) keys_.push_back(probe->key());
+}
+
+Answer FreshHost::missing_load() const {
+    if (!pending_) return Answer::failed;
+    return Clock::now() - load_began_ >= kLoadPatience ? Answer::late : Answer::awaited;
+}
+
+HostLook FreshHost::look(const Wishes& wishes) {
+    const auto deadline = Clock::now() + kRoundTime;
+    HostLook host;
+    load(deadline);
+    host.answer = load_ ? Answer::here : missing_load();
+    if (!load_) return host;
+    load_->workers.run([probes = load_->probes, wishes](std::size_t i) { probes[i]->ask(wishes); }, deadline);
+    for (const auto& probe : load_->probes) host.adapters.push_back(probe->take());
+    return host;
+}
+
+bool FreshHost::is_stuck() {
+    // A call that is about to end may do so.
+    const auto end = Clock::now() + kRoundTime;
+    return !loader_.wait_idle(end) || (load_ && !load_->workers.wait_idle(end));
 }
 
 }  // namespace trelmctl

@@ -46,10 +46,14 @@ bool load_finds_no_port() {
     dup2(fileno(log.get()), STDERR_FILENO);
     const bool failed = TRELM_LoadLibrary() != TRELM_STATUS_OK;
     TRELM_FreeLibrary();
+    // The library keeps the flags that it has read until it reads others, which an attempt to open a port does.
+    setenv(variable, before ? before->c_str() : "0", 1);
+    uint32_t none = 0;
+    TRELM_OpenAdapter(UINT32_MAX, &none);
+    if (!before) unsetenv(variable);
     std::fflush(stderr);
     dup2(standard_error, STDERR_FILENO);
     close(standard_error);
-    before ? setenv(variable, before->c_str(), 1) : unsetenv(variable);
 
     std::string lines(65536, '\0');
     std::rewind(log.get());

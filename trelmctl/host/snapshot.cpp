@@ -2,8 +2,6 @@
 
 #include <fmt/format.h>
 
-#include "luns.h"
-#include "targets.h"
 #include "text.h"
 #include "words.h"
 
@@ -11,27 +9,53 @@ namespace trelmctl {
 namespace {
 
 constexpr const char* kState = "state";
+constexpr const char* kNumber = "number";
 constexpr const char* kSpeed = "speed";
 constexpr const char* kIdentifier = "identifier";
 constexpr const char* kLuns = "LUNs";
+constexpr const char* kNoAnswer = "no answer";
+
+bool is_part_of(const std::string& scope, const std::string& adapter) {
+    return scope == adapter || scope.starts_with(adapter + "/");
+}
+
+std::string label_of(const Snapshot& snapshot, const std::string& scope) {
+    const auto label = snapshot.labels.find(scope);
+    return label == snapshot.labels.end() ? "" : label->second;
+}
+
+// Copies the states that the choice takes, where they are not known afresh.
+template <typename Choice>
+void keep(Snapshot& snapshot, const Snapshot& before, Choice is_kept) {
+    for (const auto& [name, value] : before.states) {
+        if (!is_kept(name)) continue;
+        snapshot.states.emplace(name, value);
+        snapshot.labels.emplace(name.scope, label_of(before, name.scope));
+    }
+}
 
 // The snapshot of one port of an adapter.
 class PortScope {
   public:
-    PortScope(Snapshot& snapshot, const Snapshot& before, std::string scope)
-        : snapshot_(snapshot), before_(before), scope_(std::move(scope)) {}
+    PortScope(Snapshot& snapshot, const Snapshot& before, const std::string& scope, const std::string& label)
+        : snapshot_(snapshot), before_(before), scope_(scope) {
+        snapshot.labels[scope] = label;
+    }
 
     void set(const std::string& kind, const std::string& name, const std::string& attribute,
              std::string value) {
-        snapshot_[{scope_, kind, name, attribute}] = std::move(value);
+        snapshot_.states[{scope_, kind, name, attribute}] = std::move(value);
     }
-    // Keeps the earlier entries of this kind.
-    void keep(const std::string& kind) {
-        for (const auto& [name, value] : before_) {
-            if (name.scope == scope_ && name.kind == kind) snapshot_.emplace(name, value);
-        }
+    void keep_kind(const std::string& kind) {
+        keep(snapshot_, before_,
+             [&](const StateName& name) { return name.scope == scope_ && name.kind == kind; });
     }
-    const std::string& label() const { return scope_; }
+    void keep_luns_of(const std::string& target) {
+        keep(snapshot_, before_, [&](const StateName& name) {
+            return name.scope == scope_ && ((name.kind == "LUN" && name.name.starts_with(target + " ")) ||
+                                            (name.name == target && name.attribute == kLuns));
+        });
+    }
 
   private:
     Snapshot& snapshot_;
@@ -39,82 +63,96 @@ class PortScope {
     std::string scope_;
 };
 
-void add_targets(const trelm::Adapter& adapter, uint32_t npiv_index, PortScope& scope) {
-    const TargetList list = list_targets(adapter, npiv_index);
-    if (list.failure) {
-        scope.keep("target");
-        scope.keep("LUN");
-    }
-    for (const TRELM_TGT_INFO& target : list.targets) {
-        const std::string name = address(target.WWPN);
-        scope.set("target", name, kState, target_state_words(target.PortState));
-        scope.set("target", name, kLuns, fmt::to_string(number(target.LunCount)));
-        try {
-            for (const uint64_t lun : report_luns(adapter, npiv_index, target.ScsiTgtNum))
-                scope.set("LUN", name + " " + lun_text(lun), kState, "listed");
-        } catch (const CommandFailed&) {
-            scope.keep("LUN");
+void add_targets(const TargetsLook& list, PortScope& scope) {
+    for (const TargetLook& target : list.targets) {
+        const std::string name = address(target.info.WWPN);
+        scope.set("target", name, kState, target_state_words(target.info.PortState));
+        if (!target.luns) {
+            scope.keep_luns_of(name);
+            continue;
         }
+        scope.set("target", name, kLuns, fmt::to_string(target.luns->size()));
+        for (const uint64_t lun : *target.luns)
+            scope.set("LUN", name + " " + lun_text(lun), kState, "listed");
     }
+    if (!list.failure) return;
+    scope.keep_kind("target");
+    scope.keep_kind("LUN");
 }
 
-void add_port(const trelm::Adapter& adapter, const PortState& port, PortScope scope) {
-    const char* kind = port.is_virtual() ? "virtual port" : "port";
-    if (!port.info) {
-        scope.set(kind, scope.label(), kState, "failed");
-        for (const char* kept : {"FCF", "target", "LUN"}) scope.keep(kept);
+void add_port(const PortLook& port, PortScope& scope) {
+    const char* kind = port.is_virtual ? "virtual port" : "port";
+    if (!port.is_virtual) scope.set(kind, "", kNumber, port.label);
+    if (!port.state.info) {
+        scope.set(kind, "", kState, "failed");
+        for (const char* kept : {kind, "FCF", "target", "LUN"}) scope.keep_kind(kept);
         return;
     }
-    const TRELM_VNPORT_INFO& info = *port.info;
-    scope.set(kind, scope.label(), kState, port_state_words(info.PortState));
-    scope.set(kind, scope.label(), kSpeed, speed_words(info.PortSpeed));
-    scope.set(kind, scope.label(), kIdentifier, fmt::format("0x{:06x}", number(info.PortFCID)));
+    const TRELM_VNPORT_INFO& info = *port.state.info;
+    scope.set(kind, "", kState, port_state_words(info.PortState));
+    scope.set(kind, "", kSpeed, speed_words(info.PortSpeed));
+    scope.set(kind, "", kIdentifier, fmt::format("0x{:06x}", number(info.PortFCID)));
     if (number(info.FcfCount) > 0) scope.set("FCF", address(info.FcfMAC), "fabric", address(info.FabricName));
-    add_targets(adapter, port.npiv_index, scope);
+    if (port.targets) add_targets(*port.targets, scope);
+}
+
+void add_adapter(const AdapterLook& adapter, Snapshot& snapshot, const Snapshot& before) {
+    PortScope scope(snapshot, before, adapter.key, port_label(adapter.instance));
+    const std::string driver = adapter.info ? field_text(adapter.info->DriverName) : "";
+    if (driver.empty()) {
+        scope.keep_kind("driver");
+    } else {
+        scope.set("driver", driver, "version", field_text(adapter.info->DriverVersion));
+    }
+    for (const PortLook& port : adapter.ports) {
+        PortScope own(snapshot, before, port.key, port.label);
+        add_port(port, own);
+    }
+    if (!adapter.may_have_more_ports()) return;
+    if (adapter.says_nothing()) scope.set("port", "", kNumber, port_label(adapter.instance));
+    if (adapter.answer == Answer::late) scope.set("port", "", kState, kNoAnswer);
+    if (adapter.answer == Answer::failed) scope.set("port", "", kState, "failed");
+    keep(snapshot, before, [&, present = snapshot.labels](const StateName& name) {
+        return is_part_of(name.scope, adapter.key) &&
+               (adapter.says_nothing() || !present.contains(name.scope));
+    });
 }
 
 // Whether an attribute appears and disappears only together with its object. The first attribute of the
 // object reports that.
 bool is_detail(const StateName& name) {
-    return name.attribute == kSpeed || name.attribute == kIdentifier || name.attribute == kLuns;
+    return name.attribute == kNumber || name.attribute == kSpeed || name.attribute == kIdentifier ||
+           name.attribute == kLuns;
 }
 
 }  // namespace
 
-Snapshot take_snapshot(const LoadedHost& host, const PortFilter& filter, const Snapshot& before) {
+Snapshot take_snapshot(const HostLook& host, const Snapshot& before) {
+    if (host.answer == Answer::awaited) return before;
     Snapshot snapshot;
-    for (uint32_t instance = 0; instance < host.port_count(); ++instance) {
-        const std::string label = port_label(instance);
-        try {
-            const trelm::Adapter adapter = open_adapter(host, instance);
-            const TRELM_FCOE_INFO info = ask_adapter_info(adapter);
-            const std::vector<PortState> ports = ask_ports(adapter);
-            if (!filter.admits(instance, info, ports.front())) continue;
-            PortScope scope(snapshot, before, label);
-            scope.set("driver", field_text(info.DriverName), "version", field_text(info.DriverVersion));
-            for (std::size_t i = 0; i < ports.size(); ++i) {
-                const std::string of = i == 0 ? label : port_label(instance, ports[i].npiv_index);
-                add_port(adapter, ports[i], {snapshot, before, of});
-            }
-        } catch (const trelm::Error&) {
-            if (filter.admits(instance, {}, {})) snapshot[{label, "port", label, kState}] = "failed";
-        }
+    const bool is_loaded = host.answer == Answer::here;
+    const char* unloaded = host.answer == Answer::late ? kNoAnswer : "cannot be loaded";
+    snapshot.states[{"", "library", "", kState}] = is_loaded ? "loaded" : unloaded;
+    if (!is_loaded) keep(snapshot, before, [](const StateName&) { return true; });
+    for (const AdapterLook& adapter : host.adapters) {
+        if (adapter.is_wanted(before.labels.contains(adapter.key))) add_adapter(adapter, snapshot, before);
     }
     return snapshot;
 }
 
 std::vector<StateChange> changes_between(const Snapshot& before, const Snapshot& after) {
     std::vector<StateChange> changes;
-    for (const auto& [name, value] : before) {
-        const auto now = after.find(name);
-        if (now == after.end()) {
-            if (!is_detail(name)) changes.push_back({name, value, {}});
+    for (const auto& [name, value] : before.states) {
+        const auto now = after.states.find(name);
+        if (now == after.states.end()) {
+            if (!is_detail(name)) changes.push_back({name, label_of(before, name.scope), value, {}});
         } else if (now->second != value) {
-            changes.push_back({name, value, now->second});
+            changes.push_back({name, label_of(after, name.scope), value, now->second});
         }
     }
-    for (const auto& [name, value] : after) {
-        if (!before.contains(name) && !is_detail(name)) changes.push_back({name, {}, value});
+    for (const auto& [name, value] : after.states) {
+        if (!before.states.contains(name) && !is_detail(name))
+            changes.push_back({name, label_of(after, name.scope), {}, value});
     }
     return changes;
 }

@@ -8,27 +8,31 @@
 #include <string>
 #include <vector>
 
-#include "port_filter.h"
+#include "host_look.h"
 
 namespace trelmctl {
 
-// An attribute of the host: "port 1" has a "state". The scope is the port that reported it.
+// An attribute of the host: "port 1" has a "state". The scope is the key of the port that reported it.
 struct StateName {
     std::string scope;
-    std::string kind;  // port, virtual port, FCF, target, LUN, driver
-    std::string name;
+    std::string kind;  // library, port, virtual port, FCF, target, LUN, driver
+    std::string name;  // empty: the port itself
     std::string attribute;
 
     auto operator<=>(const StateName&) const = default;
 };
 
-using Snapshot = std::map<StateName, std::string>;
+struct Snapshot {
+    std::map<StateName, std::string> states;
+    std::map<std::string, std::string> labels;  // of ports, by scope
+};
 
-// If a port does not answer, the entries for its targets and LUNs in `before` are kept.
-Snapshot take_snapshot(const LoadedHost& host, const PortFilter& filter, const Snapshot& before);
+// What cannot be read now keeps its state from `before`.
+Snapshot take_snapshot(const HostLook& host, const Snapshot& before);
 
 struct StateChange {
     StateName name;
+    std::string label;                  // of the port
     std::optional<std::string> before;  // none: the object has appeared
     std::optional<std::string> after;   // none: the object is gone
 };

@@ -9,7 +9,7 @@
 #include <functional>
 #include <memory>
 
-namespace trelmctl::metrics {
+namespace trelmctl {
 
 using Clock = std::chrono::steady_clock;
 
@@ -40,4 +40,4 @@ class Workers {
     std::shared_ptr<Round> round_;
 };
 
-}  // namespace trelmctl::metrics
+}  // namespace trelmctl

@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-namespace trelmctl::metrics {
+namespace trelmctl {
 namespace {
 
 // A task that runs longer waits rather than computes.
@@ -144,4 +144,4 @@ void Workers::run(const Job& job, Clock::time_point deadline) {
 
 bool Workers::wait_idle(Clock::time_point deadline) { return round_->wait_idle(deadline); }
 
-}  // namespace trelmctl::metrics
+}  // namespace trelmctl
