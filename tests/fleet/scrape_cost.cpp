@@ -15,6 +15,7 @@
 namespace {
 
 using namespace trelmctl::metrics;
+using trelmctl::Clock;
 
 double milliseconds(const std::function<void()>& work) {
     const auto begin = Clock::now();

@@ -305,7 +305,7 @@ TEST_F(TrelmctlTop, MonitorTellsOfADriverThatHangsAndOfOtherPorts) {
         "answer';"
         "sed 's/50:00:02:ca:5d:00:00:13/50:00:02:ca:5d:00:00:77/' host.json >new; mv new host.json;"
         "seen '00:77 at port 0: appeared'; kill $!; wait $!";
-    const Outcome outcome = execute(shell(script));
+    const ProgramResult outcome = execute(shell(script));
     EXPECT_EQ(outcome.out + outcome.errors, "");
     EXPECT_EQ(outcome.status, 0);
     EXPECT_THAT(text_of(at("log")), testing::Not(testing::HasSubstr("port 1: gone")));
