@@ -17,7 +17,7 @@
 namespace trelmctl {
 namespace {
 
-constexpr std::size_t kIndent = 4;  // of a line that continues another
+constexpr std::size_t kIndent = 4;              // of a line that continues another
 constexpr std::chrono::milliseconds kTick{50};  // how soon an interrupt is seen while drivers are asked
 
 std::string time_text() { return fmt::format("{:%Y-%m-%dT%H:%M:%S%z}", fmt::localtime(std::time(nullptr))); }
