@@ -45,25 +45,11 @@ FreshHost::~FreshHost() = default;
 void FreshHost::load(Clock::time_point deadline) {
     const auto now = Clock::now();
     const bool is_due = load_began_ == Clock::time_point{} || now - load_began_ >= most_age_;
-    if (!pending_ && is_due && (!load_ || load_->workers.wait_idle(now))) {
+    if (!load_.is_pending() && is_due && (!load_ || load_->workers.wait_idle(now))) {
         load_began_ = now;
-        // The job has the only reference to the old load: while it lives, the library stays as it is.
-        pending_ = std::make_shared<Pending>(Pending{std::move(load_)});
-        loader_.run(
-            [pending = pending_](std::size_t) {
-                pending->load.reset();
-                try {
-                    pending->load = std::make_unique<Load>();
-                } catch (const std::exception&) {
-                    // Tried again when the next load is due.
-                }
-            },
-            deadline);
+        load_.begin([] { return std::make_unique<Load>(); });
     }
-    if (!pending_ || !loader_.wait_idle(deadline)) return;
-    load_ = std::move(pending_->load);
-    pending_.reset();
-    if (load_) name_ports();
+    if (load_.finish(deadline) && load_) name_ports();
 }
 
 // A port is known by its WWPN. One whose driver refused even that during the load is taken for the one that had its
@@ -96,7 +82,7 @@ void FreshHost::name_ports() {
 }
 
 Answer FreshHost::missing_load() const {
-    if (!pending_) return Answer::failed;
+    if (!load_.is_pending()) return Answer::failed;
     return Clock::now() - load_began_ >= kLoadPatience ? Answer::late : Answer::awaited;
 }
 
@@ -114,7 +100,7 @@ HostLook FreshHost::look(const Wishes& wishes) {
 bool FreshHost::is_stuck() {
     // A call that is about to end may do so.
     const auto end = Clock::now() + kRoundTime;
-    return !loader_.wait_idle(end) || (load_ && !load_->workers.wait_idle(end));
+    return !load_.is_idle(end) || (load_ && !load_->workers.wait_idle(end));
 }
 
 }  // namespace trelmctl

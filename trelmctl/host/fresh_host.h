@@ -3,13 +3,12 @@
 // threads that may be left behind, and a look goes on without those that do not come back.
 #pragma once
 
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "host_look.h"
 #include "port_probe.h"
-#include "workers.h"
+#include "renewable.h"
 
 namespace trelmctl {
 
@@ -26,19 +25,13 @@ class FreshHost {
 
   private:
     struct Load;
-    // What the thread that loads works on: the old load, and then the new one.
-    struct Pending {
-        std::unique_ptr<Load> load;
-    };
 
     void load(Clock::time_point deadline);
     void name_ports();
     Answer missing_load() const;
 
     std::chrono::duration<double> most_age_;
-    Workers loader_{1};
-    std::shared_ptr<Pending> pending_;
-    std::unique_ptr<Load> load_;
+    Renewable<Load> load_;
     Clock::time_point load_began_{};
     std::vector<std::string> keys_;  // of the last load's ports, by instance number
 };

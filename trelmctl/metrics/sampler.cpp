@@ -1,6 +1,5 @@
 #include "sampler.h"
 
-#include <exception>
 #include <utility>
 
 #include "adapter_probe.h"
@@ -15,7 +14,7 @@ constexpr std::chrono::seconds kLeastLoadInterval{10};
 
 // What one load of the library found.
 struct Sampler::Load {
-    Load(bool luns) : library(std::make_shared<trelm::Library>()) {
+    explicit Load(bool luns) : library(std::make_shared<trelm::Library>()) {
         for (uint32_t instance = 0; instance < library->port_count(); ++instance)
             probes.push_back(std::make_shared<AdapterProbe>(library, instance, luns));
         workers = std::make_unique<Workers>(probes.size());
@@ -38,25 +37,8 @@ bool Sampler::is_due_for_load() const {
     return age >= settings_.reload || (!last_complete_ && age >= kLeastLoadInterval);
 }
 
-// A load may hang in a driver like everything else, and a free waits for calls that have not come back.
 void Sampler::begin_load() {
-    // The job has the only reference to the old load: while it lives, the library stays as it is.
-    pending_ = std::make_shared<Pending>(Pending{std::move(load_)});
-    loader_.begin([pending = pending_, luns = settings_.luns](std::size_t) {
-        pending->load.reset();
-        try {
-            pending->load = std::make_unique<Load>(luns);
-        } catch (const std::exception&) {
-            // The next sample tries again.
-        }
-    });
-}
-
-void Sampler::await_load(Clock::time_point deadline) {
-    if (!loader_.wait_idle(deadline)) return;
-    load_ = std::move(pending_->load);
-    pending_.reset();
-    loaded_at_ = Clock::now();
+    load_.begin([luns = settings_.luns] { return std::make_unique<Load>(luns); });
 }
 
 void Sampler::renew() {
@@ -77,15 +59,15 @@ std::vector<AdapterSample> Sampler::ask(Clock::time_point begin, Clock::time_poi
 HostSample Sampler::sample() {
     const auto begin = Clock::now();
     const auto deadline = begin + std::chrono::duration_cast<Clock::duration>(settings_.deadline);
-    if (!load_ && !pending_) begin_load();
-    if (pending_) await_load(deadline);
+    if (!load_ && !load_.is_pending()) begin_load();
+    if (load_.finish(deadline)) loaded_at_ = Clock::now();
     HostSample host;
-    host.loaded = load_ != nullptr;
+    host.loaded = static_cast<bool>(load_);
     if (host.loaded) {
         host.adapters = ask(begin, deadline);
     } else {
         for (const PortNames& ports : known_)
-            host.adapters.push_back(unanswered(ports, pending_ != nullptr, Clock::now() - begin));
+            host.adapters.push_back(unanswered(ports, load_.is_pending(), Clock::now() - begin));
     }
     last_complete_ = !host.adapters.empty();
     for (AdapterSample& adapter : host.adapters) {
@@ -99,7 +81,7 @@ HostSample Sampler::sample() {
 }
 
 bool Sampler::is_stuck() {
-    return !loader_.wait_idle(Clock::now()) || (load_ && !load_->workers->wait_idle(Clock::now()));
+    return !load_.is_idle(Clock::now()) || (load_ && !load_->workers->wait_idle(Clock::now()));
 }
 
 }  // namespace trelmctl::metrics

@@ -4,12 +4,11 @@
 
 #include <chrono>
 #include <cstdint>
-#include <memory>
 #include <vector>
 
 #include "counter_history.h"
+#include "renewable.h"
 #include "samples.h"
-#include "workers.h"
 
 namespace trelmctl::metrics {
 
@@ -38,20 +37,13 @@ class Sampler {
 
   private:
     struct Load;
-    // What the thread that loads works on: the old load, and then the new one.
-    struct Pending {
-        std::unique_ptr<Load> load;
-    };
 
     bool is_due_for_load() const;
     void begin_load();
-    void await_load(Clock::time_point deadline);
     std::vector<AdapterSample> ask(Clock::time_point begin, Clock::time_point deadline);
 
     SamplerSettings settings_;
-    Workers loader_{1};
-    std::shared_ptr<Pending> pending_;
-    std::unique_ptr<Load> load_;
+    Renewable<Load> load_;
     Clock::time_point loaded_at_{};
     bool last_complete_ = true;
     uint64_t round_ = 0;
