@@ -301,7 +301,8 @@ TEST_F(TrelmctlTop, EndsInOrderWhileADriverHangs) {
 TEST_F(TrelmctlTop, MonitorTellsOfADriverThatHangsAndOfOtherPorts) {
     const std::string script =
         "seen() { for i in $(seq 300); do grep -qs \"$1\" log && return; sleep 0.1; done; echo no $1; };"
-        "$tool monitor --every 0.1 >log & seen watching; touch hang-32; seen 'port 1: state online .> no "
+        "touch hang-0; $tool monitor --every 0.1 >log 2>&1 & seen 'do not list'; rm hang-0; seen watching; "
+        "touch hang-32; seen 'port 1: state online .> no "
         "answer';"
         "sed 's/50:00:02:ca:5d:00:00:13/50:00:02:ca:5d:00:00:77/' host.json >new; mv new host.json;"
         "seen '00:77 at port 0: appeared'; kill $!; wait $!";

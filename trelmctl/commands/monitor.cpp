@@ -8,11 +8,13 @@
 #include <algorithm>
 #include <ctime>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "commands.h"
 #include "interrupts.h"
 #include "lookout.h"
 #include "snapshot.h"
+#include "terminal.h"
 
 namespace trelmctl {
 namespace {
@@ -99,7 +101,9 @@ bool is_awaited(const HostLook& host) {
 
 void watch(Lookout& lookout, const Options& options, Output& output) {
     std::optional<HostLook> host = look(lookout, options);
-    while (host && is_awaited(*host)) {
+    for (bool told = false; host && is_awaited(*host);) {
+        if (host->answer == Answer::late && !std::exchange(told, true))
+            tell("trelmctl: the drivers do not list their ports; waiting for them\n");
         wait_for(std::chrono::duration<double>(kTick).count());
         host = look(lookout, options);
     }
