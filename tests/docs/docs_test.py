@@ -127,7 +127,7 @@ class PagesTest(unittest.TestCase):
 class ExamplesTest(unittest.TestCase):
     def setUp(self) -> None:
         # A directory with all that the tree has, where examples may write.
-        self.directory = Path(tempfile.mkdtemp(dir=BUILD))
+        self.directory = Path(tempfile.mkdtemp())
         self.addCleanup(shutil.rmtree, self.directory)
         for entry in SOURCE.iterdir():
             if entry.name not in ("build", ".git"):

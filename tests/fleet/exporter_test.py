@@ -20,8 +20,15 @@ from exporters import BUILD, PATIENCE, Exporter, small_host, wait_until
 # A port does not answer while there is a file "hang-NUMBER", with its host number, in the directory of its exporter.
 # A sanitizer's runtime wants to be the first library otherwise.
 SLOWLY = 'export ASAN_OPTIONS="$ASAN_OPTIONS:verify_asan_link_order=0"; '
-SLOWLY += f'export LD_PRELOAD="{os.environ["SLOW_DRIVER_LIBRARY"]}:$LD_PRELOAD" SLOW_DRIVER="$PWD"; '
+SLOWLY += 'export LD_PRELOAD="$LINKS/slow_driver:$LD_PRELOAD" SLOW_DRIVER="$PWD"; '
 REQUESTS = int(os.environ.get("REQUESTS", "1000"))  # of the test of the memory
+
+
+def setUpModule() -> None:
+    # A path in LD_PRELOAD cannot contain a space; that of the build tree may.
+    links = unittest.enterModuleContext(tempfile.TemporaryDirectory())
+    os.symlink(os.environ["SLOW_DRIVER_LIBRARY"], f"{links}/slow_driver")
+    os.environ["LINKS"] = links
 
 
 class ExporterTest(unittest.TestCase):

@@ -8,6 +8,7 @@ from __future__ import annotations
 import http.client
 import json
 import os
+import shlex
 import shutil
 import signal
 import socket
@@ -40,7 +41,7 @@ class Exporter:
         self.directory = Path(tempfile.mkdtemp(dir=BUILD))
         self.host = host
         self.write_host()
-        command = f"{before}exec trelmctl metrics --listen {address} {' '.join(options)}"
+        command = f"{before}exec {shlex.join(['trelmctl', 'metrics', '--listen', address, *options])}"
         with open(self.directory / "errors", "w", encoding="utf-8") as errors:
             self.process = subprocess.Popen(
                 [BUILD / "bin/trelm-hostsim", "run", self.host_file, "--", "sh", "-c", command],

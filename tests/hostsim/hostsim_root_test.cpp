@@ -176,7 +176,7 @@ TEST_F(HostsimRoot, OfAKilledHostGoesWithTheNextStartOrOnRequest) {
     EXPECT_FALSE(exists(second) || exists(third) || fs::exists(temporary));
     EXPECT_TRUE(fs::exists(at("root/tmp")));
     EXPECT_EQ(clean(root_option).out, "nothing to clear\n");
-    const ProgramResult busy = run(kLauncher + " clean --root $D/root", root_option);
+    const ProgramResult busy = run("'" + kLauncher + "' clean --root $D/root", root_option);
     EXPECT_EQ(busy.status, 1);
     EXPECT_THAT(busy.errors, HasSubstr(at("root") + ": a host runs here"));
 }

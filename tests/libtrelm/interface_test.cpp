@@ -14,8 +14,8 @@ namespace {
 
 // The output of a command about the library. A sed pattern selects the relevant part of each line.
 std::string told_by(const std::string& command, const std::string& pattern) {
-    const std::string line = "LC_ALL=C; " + command + " " + trelm::test::binary_dir() +
-                             "/lib/libtrelm.so | sed -n 's/" + pattern + "/\\1/p' | sort | tr '\\n' ' '";
+    const std::string line = "LC_ALL=C; " + command + " '" + trelm::test::binary_dir() +
+                             "/lib/libtrelm.so' | sed -n 's/" + pattern + "/\\1/p' | sort | tr '\\n' ' '";
     const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(line.c_str(), "r"), pclose);
     std::string text(10000, '\0');
     text.resize(fread(text.data(), 1, text.size(), pipe.get()));
