@@ -24,13 +24,17 @@
 namespace hostsim {
 namespace {
 
-// For a path that libc returns without a terminating zero.
-ssize_t show_target(char* text, ssize_t length) noexcept {
+// Reads the target of a link with `read(text, size)`. What the program's buffer has room for is cut from the
+// path that programs of the host use: the one below the root is longer.
+template <typename Read>
+ssize_t read_target(char* text, size_t size, const Read& read) noexcept {
     const State* state = serving_state();
-    if (length <= 0 || state == nullptr) return length;
-    const std::string_view seen = seen_path({text, static_cast<size_t>(length)}, state->root());
-    std::memmove(text, seen.data(), seen.size());
-    return static_cast<ssize_t>(seen.size());
+    PathBuffer whole;
+    if (state == nullptr || size == 0) return read(text, size);
+    const ssize_t length = read(whole, sizeof whole);
+    if (length < 0) return length;
+    const std::string_view seen = seen_path({whole, static_cast<size_t>(length)}, state->root());
+    return static_cast<ssize_t>(seen.copy(text, size));
 }
 
 char* shown(char* path) noexcept {
@@ -130,16 +134,21 @@ INTERPOSE(int, mkfifo, (const char* path, mode_t mode), (Path(path), mode))
 INTERPOSE(int, mkfifoat, (int dir, const char* path, mode_t mode), (dir, Path(path), mode))
 
 INTERPOSED(ssize_t, readlink, (const char* path, char* text, size_t size)) {
-    return show_target(text, NEXT(readlink)(Path(path), text, size));
+    return read_target(text, size,
+                       [&](char* to, size_t most) { return NEXT(readlink)(Path(path), to, most); });
 }
 INTERPOSED(ssize_t, readlinkat, (int dir, const char* path, char* text, size_t size)) {
-    return show_target(text, NEXT(readlinkat)(dir, Path(path), text, size));
+    return read_target(text, size,
+                       [&](char* to, size_t most) { return NEXT(readlinkat)(dir, Path(path), to, most); });
 }
+// Fortified programs call these with the size of their buffer; libc ends the program if `size` is larger.
 INTERPOSED(ssize_t, __readlink_chk, (const char* path, char* text, size_t size, size_t room)) {
-    return show_target(text, NEXT(__readlink_chk)(Path(path), text, size, room));
+    if (size > room) return NEXT(__readlink_chk)(path, text, size, room);
+    return hostsim_at_readlink(path, text, size);
 }
 INTERPOSED(ssize_t, __readlinkat_chk, (int dir, const char* path, char* text, size_t size, size_t room)) {
-    return show_target(text, NEXT(__readlinkat_chk)(dir, Path(path), text, size, room));
+    if (size > room) return NEXT(__readlinkat_chk)(dir, path, text, size, room);
+    return hostsim_at_readlinkat(dir, path, text, size);
 }
 INTERPOSED(char*, realpath, (const char* path, char* text)) {
     return shown(NEXT(realpath)(Path(path), text));
@@ -150,9 +159,18 @@ INTERPOSED(char*, __realpath_chk, (const char* path, char* text, size_t room)) {
 INTERPOSED(char*, canonicalize_file_name, (const char* path)) {
     return shown(NEXT(canonicalize_file_name)(Path(path)));
 }
-INTERPOSED(char*, getcwd, (char* text, size_t size)) { return shown(NEXT(getcwd)(text, size)); }
+// The path below the root is longer than the one that the program's buffer is for.
+INTERPOSED(char*, getcwd, (char* text, size_t size)) {
+    if (text == nullptr || serving_state() == nullptr) return shown(NEXT(getcwd)(text, size));
+    PathBuffer whole;
+    if (NEXT(getcwd)(whole, sizeof whole) == nullptr) return nullptr;
+    const size_t length = std::strlen(shown(whole)) + 1;
+    if (length <= size) return static_cast<char*>(std::memcpy(text, whole, length));
+    errno = size == 0 ? EINVAL : ERANGE;
+    return nullptr;
+}
 INTERPOSED(char*, __getcwd_chk, (char* text, size_t size, size_t room)) {
-    return shown(NEXT(__getcwd_chk)(text, size, room));
+    return size > room ? NEXT(__getcwd_chk)(text, size, room) : hostsim_at_getcwd(text, size);
 }
 INTERPOSED(char*, get_current_dir_name, ()) { return shown(NEXT(get_current_dir_name)()); }
 

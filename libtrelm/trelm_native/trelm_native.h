@@ -46,7 +46,7 @@ struct NativeDriver {
 };
 
 // The entry in the callback table of a signature for a kernel callback with one in/out payload.
-constexpr vmk_MgmtCallbackInfo native_callback_info(uint64_t id, uint64_t payload_size) {
+consteval vmk_MgmtCallbackInfo native_callback_info(uint64_t id, uint64_t payload_size) {
     return {.location = VMK_MGMT_CALLBACK_KERNEL,
             .callback = nullptr,
             .synchronous = 1,

@@ -3,9 +3,11 @@
 // names used here, so a call that is not redirected fails or leaves no file below the host's root.
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
+#include <glob.h>
+#include <gmock/gmock.h>
 #include <sys/ioctl.h>
 #include <sys/sem.h>
+#include <sys/syscall.h>
 
 #include <cstring>
 #include <fstream>
@@ -37,9 +39,25 @@ class HostsimPaths : public testing::Test {
 
 // The functions that fortified programs open files with.
 const auto kOpen2 = reinterpret_cast<int (*)(const char*, int)>(dlsym(RTLD_DEFAULT, "__open_2"));
+// Looked up, as the linker warns of programs that call it.
+const auto kMktemp = reinterpret_cast<char* (*)(char*)>(dlsym(RTLD_DEFAULT, "mktemp"));
 
 bool closes(int fd) { return fd >= 0 && close(fd) == 0; }
 bool closes(std::FILE* file) { return file != nullptr && std::fclose(file) == 0; }
+
+bool shows(char* shown, const fs::path& path) {
+    const std::unique_ptr<char, decltype(&free)> owned(shown, free);
+    return shown != nullptr && shown == path.lexically_normal();
+}
+template <typename Matches>
+bool finds(const char* path, int (*find)(const char*, int, int (*)(const char*, int), Matches*),
+           void (*release)(Matches*)) {
+    Matches matches{};
+    const bool found = find(path, 0, nullptr, &matches) == 0 &&
+                       fs::path(matches.gl_pathv[0]).lexically_normal() == fs::path(path).lexically_normal();
+    release(&matches);
+    return found;
+}
 
 using Call = std::function<bool(const char*)>;
 constexpr int kHere = AT_FDCWD;
@@ -59,6 +77,9 @@ TEST_F(HostsimPaths, EveryFamilyOfCallsIsRedirected) {
         {"__open_2", [](auto* p) { return closes(kOpen2(p, O_RDONLY)); }},
         {"access", [](auto* p) { return access(p, R_OK) == 0; }},
         {"realpath", [&](auto* p) { return realpath(p, text) && text == fs::path(p).lexically_normal(); }},
+        {"canonicalize_file_name", [](auto* p) { return shows(canonicalize_file_name(p), p); }},
+        {"glob", [](auto* p) { return finds(p, glob, globfree); }},
+        {"glob64", [](auto* p) { return finds(p, glob64, globfree64); }},
     };
     for (const auto& [name, call] : looks)
         for (const std::string& path : {in_tmp(), "/var/tmp/" + name_, "//tmp/.//x/../" + name_})
@@ -72,6 +93,7 @@ TEST_F(HostsimPaths, EveryFamilyOfCallsIsRedirected) {
         {"-symlink", [&](auto* p) { return symlink(old.c_str(), p) == 0 && access(p, R_OK) == 0; }},
         {"-rename", [](auto* p) { return closes(creat("/tmp/from", 0600)) && rename("/tmp/from", p) == 0; }},
         {"-XXXXXX", [](auto* p) { return closes(mkstemp(const_cast<char*>(p))) && !strstr(p, "XXX"); }},
+        {"-unique-XXXXXX", [](auto* p) { return *kMktemp(const_cast<char*>(p)) && mkdir(p, 0700) == 0; }},
     };
     for (const auto& [name, call] : makers) {
         std::string path = in_tmp(name);
@@ -89,10 +111,20 @@ TEST_F(HostsimPaths, ListsTheHostsDirectoriesAndKeepsTheMachinesPaths) {
     const fs::path before = fs::current_path();
     fs::current_path("/tmp");
     EXPECT_EQ(fs::current_path(), "/tmp");
+    EXPECT_TRUE(shows(get_current_dir_name(), "/tmp"));
+    char small[5];
+    EXPECT_STREQ(getcwd(small, sizeof small), "/tmp");
+    EXPECT_TRUE(getcwd(small, 4) == nullptr && errno == ERANGE);
     EXPECT_EQ(access(name_.c_str(), F_OK), 0);
     fs::current_path(before);
     fs::create_symlink("/tmp/aim", in_tmp("-link"));
     EXPECT_EQ(fs::read_symlink(in_tmp("-link")), "/tmp/aim");
+    for (const ssize_t size : {PATH_MAX, 8, 5}) {
+        char target[PATH_MAX]{};
+        EXPECT_EQ(readlinkat(kHere, in_tmp("-link").c_str(), target, static_cast<size_t>(size)),
+                  std::min<ssize_t>(size, 8));
+        EXPECT_EQ(target, std::string("/tmp/aim").substr(0, static_cast<size_t>(size)));
+    }
 
     EXPECT_EQ(access("/tmp/../etc/passwd", F_OK), 0);
     EXPECT_EQ(access("/tmpfile", F_OK), -1);
@@ -158,6 +190,11 @@ TEST_F(HostsimPaths, TheHostsUserOwnsWhatItsProgramsMake) {
     semid_ds status{};
     EXPECT_EQ(semctl(set, 0, IPC_STAT, &status), 0);
     EXPECT_EQ(semctl(set, 0, IPC_RMID), 0);
+    uid_t real, effective, saved;
+    EXPECT_EQ(getresuid(&real, &effective, &saved), 0);
+    EXPECT_THAT((std::array{real, effective, saved}), testing::Each(4711));
+    EXPECT_EQ(getresgid(&real, &effective, &saved), 0);
+    EXPECT_THAT((std::array{real, effective, saved}), testing::Each(getegid()));
     for (const uid_t id :
          {status.sem_perm.uid, status.sem_perm.cuid, status.sem_perm.gid, status.sem_perm.cgid})
         EXPECT_EQ(id, geteuid());
@@ -175,11 +212,23 @@ TEST_F(HostsimPaths, TheLegacyNodeIsACharacterDeviceThatRequestsReach) {
     const int copy = dup(fd);
     EXPECT_EQ(ioctl(copy, DORFC_GET_HBA_COUNT, &block), 0);
     EXPECT_EQ(+count.hba_cnt, 1);
+    const unsigned number = 1000;
+    const auto unused = static_cast<int>(number);
+    const std::pair<const char*, std::function<int()>> closers[]{
+        {"close", [&] { return close(unused); }},
+        {"__close", [&] { return reinterpret_cast<int (*)(int)>(dlsym(RTLD_DEFAULT, "__close"))(unused); }},
+        {"close_range", [&] { return close_range(number - 64, number + 64, 0); }},
+        {"closefrom", [&] { return closefrom(unused), 0; }}};
+    for (const auto& [name, closer] : closers) {
+        EXPECT_EQ(dup3(fd, unused, O_CLOEXEC), unused);
+        EXPECT_EQ(ioctl(unused, DORFC_GET_HBA_COUNT, &block), 0) << name;
+        EXPECT_EQ(closer(), 0) << name;
+        const int other = open("/dev/null", O_RDWR);
+        EXPECT_EQ(syscall(SYS_dup3, other, unused, 0), unused) << "the number is used again";
+        EXPECT_EQ(ioctl(unused, DORFC_GET_HBA_COUNT, &block), -1) << "and is no node after " << name;
+        EXPECT_TRUE(closes(unused) && closes(other));
+    }
     EXPECT_TRUE(closes(copy) && closes(fd));
-    const int other = open("/dev/null", O_RDWR);
-    EXPECT_EQ(other, fd) << "the number is used again";
-    EXPECT_EQ(ioctl(other, DORFC_GET_HBA_COUNT, &block), -1) << "and is no node any more";
-    close(other);
 
     host_.inject({.operation = hostsim::Operation::open, .occurrence = 2, .error = EBUSY});
     host_.inject({.operation = hostsim::Operation::close, .error = EIO});

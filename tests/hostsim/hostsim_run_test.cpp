@@ -160,6 +160,35 @@ TEST_F(HostsimRun, ShowsTheHostToEveryProgramAndChildAndFollowsEdits) {
         "esx-run\nesx-next\nesx-next\n");
 }
 
+// Each call starts uname with an environment that lacks the host's variables, as far as it takes one.
+TEST_F(HostsimRun, KeepsProgramsOnTheHostWhicheverCallStartsThem) {
+    write("start.py", R"(
+import ctypes, os
+libc = ctypes.CDLL(None)
+path, words, none = b"/bin/uname", [b"uname", b"-n"], ctypes.c_void_p(None)
+array = (ctypes.c_char_p * 3)(*words)
+other_preload = {"LD_PRELOAD": "libm.so.6"}
+starts = [
+    lambda: os.execve(path, words, {}), lambda: os.execve(path, words, other_preload),
+    lambda: os.execve(os.open(path, os.O_RDONLY), words, {}),
+    lambda: libc.execv(path, array), lambda: libc.execvp(b"uname", array), lambda: libc.execvpe(b"uname", array, none),
+    lambda: libc.execveat(-1, path, array, none, 0),
+    lambda: libc.execl(path, *words, none), lambda: libc.execlp(b"uname", *words, none),
+    lambda: libc.execle(path, *words, none, (ctypes.c_char_p * 1)(None))]
+for number, start in enumerate(starts):
+    child = os.fork()
+    if not child:
+        start()
+        os._exit(99)
+    assert os.waitpid(child, 0)[1] == 0, number
+for spawn, name in (os.posix_spawn, path), (os.posix_spawnp, b"uname"):
+    assert os.waitpid(spawn(name, words, {}), 0)[1] == 0, name
+)");
+    const ProgramResult outcome = run("exec /usr/bin/python3 $D/start.py");
+    EXPECT_EQ(outcome.status, 0) << outcome.errors;
+    EXPECT_EQ(words_of(outcome.out), Words(12, "esx-run"));
+}
+
 TEST_F(HostsimRun, LetsLibrariesAndModulesBeFoundBelowTheMachinesTmp) {
     const fs::path modules = fs::path(at("x")).parent_path().string() + "-modules";
     fs::create_directory(modules);

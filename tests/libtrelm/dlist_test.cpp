@@ -55,6 +55,34 @@ TEST(EmptyList, AndNothingToAddAreSafe) {
     trelm_dlist_destroy(nullptr);
 }
 
+TEST(NoList, IsLeftAloneByEveryOperation) {
+    int item = 3;
+    trelm_dl_node node{nullptr, nullptr, &item};
+    Keys none;
+    const List list(none);
+    for (void* nothing :
+         {trelm_dlist_mark(nullptr), _trelm_dlist_mark_move(nullptr, 1), trelm_dlist_push(nullptr, &item),
+          trelm_dlist_unshift(nullptr, &item), trelm_dlist_insert_sorted(nullptr, &item, is_same),
+          trelm_dlist_unshift_sorted(nullptr, &item, is_same), _trelm_dlist_remove(nullptr, &node, 1),
+          trelm_dlist_pop(nullptr), trelm_dlist_shift(nullptr),
+          trelm_dlist_find_custom(nullptr, &item, is_same)})
+        EXPECT_EQ(nothing, nullptr);
+    EXPECT_EQ(_trelm_dlist_insert_dlnode(nullptr, &node, 1), nullptr);
+    EXPECT_EQ(_trelm_dlist_merge(nullptr, list, 1, by_key), 0);
+    EXPECT_EQ(_trelm_dlist_merge(list, nullptr, 1, by_key), 0);
+    trelm_dlist_start(nullptr);
+    trelm_dlist_end(nullptr);
+    trelm_dlist_delete(nullptr, 1);
+    trelm_dlist_move(nullptr, list, &node, 1);
+    trelm_dlist_move(list, nullptr, &node, 1);
+    trelm_dlist_transform(nullptr, see);
+    trelm_dlist_sort_custom(nullptr, by_key);
+    trelm_dlist_filter_sort(nullptr, is_odd, by_key);
+    _trelm_dlist_swap(nullptr, nullptr, &node);
+    EXPECT_THAT(list.keys(), ElementsAre());
+    EXPECT_EQ(node.data, &item);
+}
+
 TEST(List, ReleasesWhatIsDeletedFilteredOutOrLeftAtItsEnd) {
     Keys keys{4, 3, 2, 1, 6};
     {

@@ -77,4 +77,13 @@ TEST(VitalProductData, IsDecodedAsFarAsThePageReaches) {
     EXPECT_EQ(page_title(0xBF), "Page without a known name");
 }
 
+TEST(NameOfALun, IsItsBestDesignatorAndNeverThatOfItsPortOrTarget) {
+    const std::string header = "00 83 00 00 ", t10 = "02 01 00 02 41 42 ", eui = "01 02 00 02 0a 0b ",
+                      naa = "01 03 00 02 60 01 ", of_port = "01 13 00 02 60 02 ";
+    EXPECT_EQ(lun_name(bytes(header + t10)), "t10.AB");
+    EXPECT_EQ(lun_name(bytes(header + t10 + eui)), "eui.0a0b");
+    EXPECT_EQ(lun_name(bytes(header + of_port + t10 + eui + naa)), "naa.6001");
+    EXPECT_EQ(lun_name(bytes(header + of_port)), "");
+}
+
 }  // namespace

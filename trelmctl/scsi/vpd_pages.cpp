@@ -208,14 +208,14 @@ std::string decode_page(std::span<const uint8_t> page, Json& json) {
     return known != nullptr && known->decode != nullptr ? known->decode(page, json) : std::string();
 }
 
-std::string lun_name(const LunAddress& address) {
+std::string lun_name(Bytes identification) {
     struct Scheme {
         uint8_t kind;
         std::string_view prefix;
     };
     static constexpr std::array schemes{Scheme{3, "naa."}, Scheme{2, "eui."}, Scheme{1, "t10."}};
     constexpr uint8_t of_logical_unit = 0;
-    const std::vector<Designator> designators = designators_of(read_page(address, 0x83));
+    const std::vector<Designator> designators = designators_of(identification);
     for (const Scheme& scheme : schemes) {
         for (const Designator& designator : designators) {
             if (designator.kind == scheme.kind && designator.association == of_logical_unit)
@@ -224,5 +224,7 @@ std::string lun_name(const LunAddress& address) {
     }
     return {};
 }
+
+std::string lun_name(const LunAddress& address) { return lun_name(read_page(address, 0x83)); }
 
 }  // namespace trelmctl

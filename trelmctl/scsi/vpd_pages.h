@@ -22,8 +22,9 @@ std::vector<uint8_t> read_page(const LunAddress& address, uint8_t number);
 // The fields of a page as lines of text; they are also put into `json`. No lines for an unknown page.
 std::string decode_page(std::span<const uint8_t> page, Json& json);
 
-// The name of the logical unit from the device identification page: "naa.…", "eui.…" or "t10.…"; empty if it
-// has none.
+// The name of the logical unit from the device identification page, which is given or read: "naa.…", else
+// "eui.…", else "t10.…"; empty if it has none.
+std::string lun_name(std::span<const uint8_t> identification);
 std::string lun_name(const LunAddress& address);
 
 }  // namespace trelmctl
