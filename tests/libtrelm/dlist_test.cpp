@@ -44,7 +44,8 @@ TEST(EmptyList, AndNothingToAddAreSafe) {
     for (void* nothing :
          {trelm_dlist_mark(list), _trelm_dlist_mark_move(list, 1), trelm_dlist_pop(list),
           _trelm_dlist_remove(list, nullptr, 1), trelm_dlist_find_custom(list, &item, is_same),
-          trelm_dlist_insert(nullptr, &item, 1), trelm_dlist_push(list, nullptr)})
+          trelm_dlist_insert(list, nullptr, 1), trelm_dlist_push(list, nullptr),
+          trelm_dlist_unshift(list, nullptr), trelm_dlist_insert_sorted(list, nullptr, is_same)})
         EXPECT_EQ(nothing, nullptr);
     EXPECT_EQ(_trelm_dlist_insert_dlnode(list, nullptr, 1), nullptr);
     EXPECT_EQ(_trelm_dlist_merge(list, list, 1, by_key), 0);
@@ -61,7 +62,8 @@ TEST(NoList, IsLeftAloneByEveryOperation) {
     Keys none;
     const List list(none);
     for (void* nothing :
-         {trelm_dlist_mark(nullptr), _trelm_dlist_mark_move(nullptr, 1), trelm_dlist_push(nullptr, &item),
+         {trelm_dlist_mark(nullptr), _trelm_dlist_mark_move(nullptr, 1),
+          trelm_dlist_insert(nullptr, &item, 1), trelm_dlist_push(nullptr, &item),
           trelm_dlist_unshift(nullptr, &item), trelm_dlist_insert_sorted(nullptr, &item, is_same),
           trelm_dlist_unshift_sorted(nullptr, &item, is_same), _trelm_dlist_remove(nullptr, &node, 1),
           trelm_dlist_pop(nullptr), trelm_dlist_shift(nullptr),

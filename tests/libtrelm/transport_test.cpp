@@ -206,6 +206,43 @@ TEST_P(NativeTransport, RefusesACommandThatNoRecordCanCarry) {
     }
 }
 
+TEST_P(NativeTransport, FindsTheRecordsOfAPciFunction) {
+    const bool kron = GetParam() == DriverKind::kron;
+    const auto find_adapter = kron ? trelmnt_get_hw_info_inst : trelm_pyxnt_get_hw_info_inst;
+    const auto find_port = kron ? trelmnt_get_parent_port : trelm_pyxnt_get_parent_port;
+    const trelm_hw_info& adapter = *pdb->hw_info;
+    dorfc_pci_info at{};
+    at.domain_num = adapter.pci_domain, at.bus_num = adapter.pci_bus;
+    at.device_num = adapter.pci_dev, at.function_num = adapter.pci_func;
+    LogCapture log;
+    EXPECT_EQ(find_adapter(&at), &adapter);
+    EXPECT_EQ(find_port(&at), pdb);
+    for (uint16_t dorfc_pci_info::*part : {&dorfc_pci_info::domain_num, &dorfc_pci_info::bus_num,
+                                           &dorfc_pci_info::device_num, &dorfc_pci_info::function_num}) {
+        dorfc_pci_info elsewhere = at;
+        elsewhere.*part = 0xFFFF;
+        EXPECT_EQ(find_adapter(&elsewhere), nullptr);
+        EXPECT_EQ(find_port(&elsewhere), nullptr);
+    }
+    EXPECT_EQ(log.take().front(), own + "get_hw_info_inst: entered.");
+}
+
+TEST_P(NativeTransport, OpensAnAdapterUnderTheNumberAfterItsInstance) {
+    const auto open = GetParam() == DriverKind::kron ? trelmnt_open_adapter : trelm_pyxnt_open_adapter;
+    uint32_t handle = 0;
+    trelm_priv_db without_adapter{};
+    LogCapture log;
+    for (trelm_priv_db* none : {static_cast<trelm_priv_db*>(nullptr), &without_adapter})
+        EXPECT_EQ(open(none, 6, &handle), 1U);
+    EXPECT_EQ(log.take(), lines(own + "open_adapter: ", {"entered.", "pdb not found, exiting", "entered.",
+                                                         "pdb not found, exiting"}));
+    const auto opened = pdb->hw_info->open_cnt;
+    EXPECT_EQ(open(pdb, 6, &handle), 0U);
+    EXPECT_EQ(handle, 7U);
+    EXPECT_EQ(pdb->hw_info->apihandle, 7U);
+    EXPECT_EQ(pdb->hw_info->open_cnt, opened + 1);
+}
+
 TEST(LegacyNode, IsACharacterDevice) {
     const hostsim::Host host(hostsim::hosts::legacy_ports(1));
     const std::string directory = host.root(), file = directory + "/file";
