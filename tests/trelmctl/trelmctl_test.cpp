@@ -256,7 +256,7 @@ TEST_F(TrelmctlTop, KeepsToItsPortWhileOthersComeAndGoAndSamplesFail) {
     terminal.type("jjj\n");
     terminal.screen_with("online  no answer  50:00:02:ca:5d:00:00:11");
     put_with_fault({{"operation", "port_info"}, {"port", "kron-b"}});
-    terminal.screen_with("failed\033[3dthe driver failed the request without a known status");
+    terminal.screen_with("the driver failed the request without a known status");
     put_with_fault({{"operation", "init"}});
     terminal.type("\033");
     terminal.screen_with("the library cannot be loaded");
