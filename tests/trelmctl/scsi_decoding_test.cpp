@@ -62,8 +62,17 @@ TEST(VitalProductData, IsDecodedAsFarAsThePageReaches) {
          "  Threshold exponent                    10\n  UNMAP                                 1\n"
          "  WRITE SAME (16) unmaps                1\n  WRITE SAME (10) unmaps                1\n"
          "  Unmapped blocks read as zeros         1\n  Provisioning type (1: full, 2: thin)  2\n"},
-        {"00 b1 00 03 1c 20 00",
-         "  Rotation rate, rpm (1: not rotating)  7200\n  Product type                          0\n"},
+        {"00 b0 00 28 00 01 00 02 00 00 00 03 00 00 00 04 00 00 00 05 00 00 00 06 00 00 00 07 00 00 00 08 "
+         "00 00 00 00 00 00 00 00 00 00 01 02",
+         "  Largest COMPARE AND WRITE, blocks     1\n  Optimal transfer granularity, blocks  2\n"
+         "  Largest transfer, blocks              3\n  Optimal transfer, blocks              4\n"
+         "  Largest prefetch, blocks              5\n  Largest UNMAP, blocks                 6\n"
+         "  Most UNMAP descriptors                7\n  Optimal UNMAP granularity, blocks     8\n"
+         "  Largest WRITE SAME, blocks            258\n"},
+        {"00 b1 00 05 1c 20 02 a3 25",
+         "  Rotation rate, rpm (1: not rotating)  7200\n  Product type                          2\n"
+         "  Form factor                           3\n  Zoned                                 2\n"},
+        {"00 b1 00 02 00 01", "  Rotation rate, rpm (1: not rotating)  1\n"},
         {"00 83 00 0c 61 a8 00 04 00 00 01 02 02 01 00 09",
          "  SCSI name string: 00000102\n    of: Target device that contains addressed lu\n"},
         {"00 80 00 04 20 41 42 20", "  Serial number  AB\n"},

@@ -36,11 +36,14 @@ constexpr std::array kTargetStates{
     Word{8, "error"},   Word{9, "loopback"},    Word{10, "deleted"},
 };
 
+struct Speed {
+    uint64_t bit;
+    unsigned gigabits;
+};
 // In ascending order of speed, which differs from the order of the bits.
 constexpr std::array kSpeeds{
-    Word{0x1, "1"},   Word{0x2, "2"},    Word{0x8, "4"},    Word{0x10, "8"},
-    Word{0x4, "10"},  Word{0x20, "16"},  Word{0x80, "20"},  Word{0x800, "25"},
-    Word{0x40, "32"}, Word{0x100, "40"}, Word{0x200, "50"}, Word{0x400, "100"},
+    Speed{0x1, 1},   Speed{0x2, 2},    Speed{0x8, 4},   Speed{0x10, 8},   Speed{0x4, 10},   Speed{0x20, 16},
+    Speed{0x80, 20}, Speed{0x800, 25}, Speed{0x40, 32}, Speed{0x100, 40}, Speed{0x200, 50}, Speed{0x400, 100},
 };
 
 constexpr std::array kPcieWidths{
@@ -55,15 +58,22 @@ std::string target_state_words(uint16_t state) { return word(kTargetStates, stat
 
 std::string speed_words(uint64_t bits) {
     std::string out;
-    for (const Word& speed : kSpeeds) {
-        if ((bits & speed.value) == 0) continue;
-        if (!out.empty()) out += ", ";
-        out += speed.text;
-        bits &= ~speed.value;
+    for (const Speed& speed : kSpeeds) {
+        if ((bits & speed.bit) == 0) continue;
+        out += fmt::format("{}{}", out.empty() ? "" : ", ", speed.gigabits);
+        bits &= ~speed.bit;
     }
     if (!out.empty()) out += " Gbit/s";
     if (bits != 0) out += fmt::format("{}unknown (0x{:x})", out.empty() ? "" : ", ", bits);
     return out.empty() ? "unknown" : out;
+}
+
+unsigned fastest_gigabits(uint64_t bits) {
+    unsigned fastest = 0;
+    for (const Speed& speed : kSpeeds) {
+        if ((bits & speed.bit) != 0) fastest = speed.gigabits;
+    }
+    return fastest;
 }
 
 std::string pci_address(const TRELM_FCOE_INFO& info) {

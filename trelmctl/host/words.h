@@ -14,6 +14,8 @@ std::string port_type_words(uint32_t type);
 std::string target_state_words(uint16_t state);
 // Speeds as bits: "10 Gbit/s", "1, 10 Gbit/s".
 std::string speed_words(uint64_t bits);
+// The fastest of them; 0 if no bit has a known speed.
+unsigned fastest_gigabits(uint64_t bits);
 // Domain, bus, device and function.
 std::string pci_address(const TRELM_FCOE_INFO& info);
 // The rate in tenths of GT/s and the code of the width: "8.0 GT/s x8".

@@ -82,25 +82,12 @@ void emit_target_states(const PortSample& port, Exposition& out) {
     }
 }
 
-// The fastest of the speeds that the bits name, in bytes a second; 0 where they name none.
-double fastest(uint64_t bits) {
-    struct Speed {
-        uint64_t bit;
-        double gigabits;
-    };
-    static constexpr std::array speeds{
-        Speed{0x400, 100}, Speed{0x200, 50}, Speed{0x100, 40}, Speed{0x40, 32},
-        Speed{0x800, 25},  Speed{0x80, 20},  Speed{0x20, 16},  Speed{0x4, 10},
-        Speed{0x10, 8},    Speed{0x8, 4},    Speed{0x2, 2},    Speed{0x1, 1},
-    };
-    for (const Speed& speed : speeds) {
-        if (bits & speed.bit) return speed.gigabits * 1e9 / 8;
-    }
-    return 0;
-}
+constexpr uint64_t kBytesPerGigabit = 1'000'000'000 / 8;
 
+// In bytes a second; nothing where the bits name no speed.
 void emit_speed(const PortSample& port, Exposition& out, uint64_t bits) {
-    if (const double speed = fastest(bits); speed > 0) out.add(port.labels, static_cast<uint64_t>(speed));
+    if (const unsigned gigabits = fastest_gigabits(bits); gigabits > 0)
+        out.add(port.labels, gigabits * kBytesPerGigabit);
 }
 
 void emit_nonzero(std::string_view labels, Exposition& out, uint64_t value) {
