@@ -58,7 +58,8 @@ class ExporterTest(unittest.TestCase):
         self.assertTrue(headers["Content-Type"].startswith("application/openmetrics-text; version=1.0.0"))
         self.assertTrue(text.endswith("# EOF\n"))
         self.assertEqual(exporter.get("/healthz")[::2], (200, "ok\n"))
-        self.assertEqual([exporter.get("/x")[0], exporter.get(method="POST")[0]], [404, 405])
+        self.assertEqual(exporter.get("/healthz")[1]["Content-Type"], "text/plain; charset=utf-8")
+        self.assertEqual([exporter.get("/x")[::2], exporter.get(method="POST")[0]], [(404, "There are /metrics, /healthz and /.\n"), 405])
 
     def test_shows_people_a_page_with_all_ports_and_a_picture(self) -> None:
         host = json.loads(re.sub(r"//.*", "", HOST_FILE.read_text(encoding="utf-8")))

@@ -67,9 +67,9 @@ uint8_t page_value(const std::string& given) {
     if (const auto page = page_by_abbreviation(given)) return *page;
     const auto page = parse_number(given.starts_with("0x") ? given : "0x" + given, UINT8_MAX);
     if (!page) {
-        refuse(
-            "--page", given,
-            "a page number from 00 to ff in hexadecimal, or an abbreviation such as di; 00 lists the pages");
+        refuse("--page", given,
+               "a page number from 00 to ff in hexadecimal, or one of " + page_abbreviations() +
+                   "; 00 lists the pages");
     }
     return static_cast<uint8_t>(*page);
 }

@@ -179,6 +179,13 @@ std::optional<uint8_t> page_by_abbreviation(std::string_view abbreviation) {
     return std::nullopt;
 }
 
+std::string page_abbreviations() {
+    std::string list;
+    for (const KnownPage& page : kKnownPages)
+        list += fmt::format("{}{}", list.empty() ? "" : ", ", page.abbreviation);
+    return list;
+}
+
 // The first request asks for less than 256 bytes: on devices with a one-byte ALLOCATION LENGTH the upper byte
 // is reserved.
 std::vector<uint8_t> read_page(const LunAddress& address, uint8_t number) {

@@ -15,6 +15,8 @@ namespace trelmctl {
 // The title of a page by its number, and the number of a page by its abbreviation ("di").
 std::string page_title(uint8_t number);
 std::optional<uint8_t> page_by_abbreviation(std::string_view abbreviation);
+// All of them: "sv, sn, di".
+std::string page_abbreviations();
 
 // Reads a whole page with its header. Throws CommandFailed.
 std::vector<uint8_t> read_page(const LunAddress& address, uint8_t number);
