@@ -107,8 +107,8 @@ int upgrade(const char* func, int fd, size_t old_size) {
 // Uses an existing file. The descriptor, or -1.
 int take_over(const char* func, Descriptor& fd, const struct stat& status) {
     // A process that may write to the file could truncate it while it is mapped.
-    constexpr mode_t others_write = S_IWGRP | S_IWOTH;
-    if (status.st_mode & others_write) fchmod(fd.get(), status.st_mode & ~others_write & ALLPERMS);
+    constexpr mode_t kOthersWrite = S_IWGRP | S_IWOTH;
+    if (status.st_mode & kOthersWrite) fchmod(fd.get(), status.st_mode & ~kOthersWrite & ALLPERMS);
     const auto size = static_cast<size_t>(status.st_size);
     return size < kFileSize && upgrade(func, fd.get(), size) == -1 ? -1 : fd.let_go();
 }

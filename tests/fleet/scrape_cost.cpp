@@ -43,7 +43,7 @@ void ask(uint32_t handle, uint32_t npiv_index) {
 }  // namespace
 
 int main() {
-    constexpr int rounds = 21;
+    constexpr int kRounds = 21;
     Sampler sampler({.deadline = std::chrono::minutes(1), .reload = std::chrono::hours(1)});
     HostSample host = sampler.sample();
     std::vector<uint32_t> handles(host.adapters.size());
@@ -52,7 +52,7 @@ int main() {
 
     std::vector<double> bare, sampled, written;
     std::string text;
-    for (int round = 0; round < rounds; ++round) {
+    for (int round = 0; round < kRounds; ++round) {
         bare.push_back(milliseconds([&] {
             for (std::size_t i = 0; i < handles.size(); ++i) {
                 for (const PortSample& port : host.adapters[i].ports) ask(handles[i], port.npiv_index);

@@ -46,9 +46,9 @@ TEST_P(AnyDriver, AppliesFaultsAndAnswersForLunsAsDescribed) {
 // A correct signature, which tests then change.
 struct Signature {
     explicit Signature(DriverKind kind) : cookie(kind == DriverKind::kron ? 501 : 601) {
-        constexpr uint64_t sizes[]{8, 16, 72, 520, 520, 72, 72, 262444, 24, 262172};
+        constexpr uint64_t kSizes[]{8, 16, 72, 520, 520, 72, 72, 262444, 24, 262172};
         for (size_t i = 0; i < 10; ++i)
-            callbacks[i] = {VMK_MGMT_CALLBACK_KERNEL,  nullptr, 1, 1, {sizes[i]},
+            callbacks[i] = {VMK_MGMT_CALLBACK_KERNEL,  nullptr, 1, 1, {kSizes[i]},
                             {VMK_MGMT_PARMTYPE_INOUT}, 16 + i};
         std::strcpy(api.name.string, kind == DriverKind::kron ? "kronnativefc" : "cx_fcoe");
         api.numCallbacks = kind == DriverKind::kron ? 10 : 8;

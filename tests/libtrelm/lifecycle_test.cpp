@@ -100,11 +100,13 @@ TEST(Load, WantsRootOnAnEsxiHost) {
     }
 }
 
-TEST(Load, WantsToBeToldTheSystem) {
+TEST(Load, FailsWhereTheSystemDoesNotTellItsName) {
     const hostsim::Host host(hostsim::hosts::kron_ports(1));
     uname_fails = true;
+    LogCapture log(kErrorLines);
     EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_FAILED);
     EXPECT_EQ(trelm_os_type, 2);
+    EXPECT_THAT(log.take(), testing::Contains(testing::HasSubstr("uname() failed.")));
     uname_fails = false;
 }
 
@@ -142,8 +144,10 @@ TEST_P(Lifecycle, ReadsTheDebugFlagsOnlyAtLoadsAndOpens) {
 TEST_P(Lifecycle, LoadsNothingWithoutTheDatabase) {
     const auto fildes = std::exchange(trelm_shm_fildes, -1);
     uint32_t count = 4711;
+    LogCapture log(kErrorLines);
     EXPECT_EQ(TRELM_GetPortCount(&count), TRELM_STATUS_FAILED);
     EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_FAILED);
+    EXPECT_THAT(log.take(), testing::Contains("TRELM_LoadLibrary: shared db setup failed."));
     EXPECT_EQ(count, 4711U);
     trelm_shm_fildes = fildes;
 }

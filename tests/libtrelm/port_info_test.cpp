@@ -117,6 +117,46 @@ TEST_P(PortInfo, OfAPortHasLiveFieldsAndFieldsOfTheLoad) {
     }
 }
 
+TEST_P(PortInfo, ThatFailsLeavesTheRecordAndTheLastTargetCount) {
+    Bytes before = Bytes::initial(sizeof(TRELM_VNPORT_INFO)).put(0, uint32_t{2});
+    GuardedBytes record(before.size());
+    memcpy(record.data(), before.data(), before.size());
+    uint32_t reported = 5;
+    for (const Operation failing : {Operation::fcf_info, Operation::port_info}) {
+        host.model().port(0, 1).reported_target_count = reported;
+        DriverFailure{.status = 5}.of(host, failing);
+        EXPECT_EQ(TRELM_GetVNPortInfo(2, 77, reinterpret_cast<TRELM_VNPORT_INFO*>(record.data())),
+                  0x60000005U);
+        EXPECT_EQ(contents(record), before.all());
+        uint32_t count = 0;
+        TRELM_TGT_INFO* nowhere = nullptr;
+        EXPECT_EQ(TRELM_GetTgtInfo(2, 77, &count, &nowhere), TRELM_STATUS_INSUFFICIENT_BUFFER);
+        EXPECT_EQ(count, 5U) << "port information came, then the FCF request failed; nothing came since";
+        reported = 9;
+    }
+}
+
+TEST_P(PortInfo, RequestsHoldNothingOfEarlierAnswers) {
+    std::array<TRELM_TGT_INFO, 2> targets{};
+    TRELM_TGT_INFO* to_targets = targets.data();
+    host.clear_calls();
+    for (int repeat = 0; repeat < 2; ++repeat) {
+        TRELM_VNPORT_INFO port{};
+        TRELM_PORT_STATS stats{};
+        uint32_t count = 2;
+        EXPECT_EQ(TRELM_GetVNPortInfo(2, 77, &port), TRELM_STATUS_OK);
+        EXPECT_EQ(TRELM_GetPortStats(2, 77, &stats), TRELM_STATUS_OK);
+        EXPECT_EQ(TRELM_GetTgtInfo(2, 77, &count, &to_targets), TRELM_STATUS_OK);
+    }
+    for (const hostsim::Call& call : host.calls()) {
+        if (call.operation == Operation::scsi) continue;
+        std::vector<uint8_t> payload = payload_of(call);
+        if (call.operation == Operation::tgt_info)
+            std::fill_n(payload.begin() + offsetof(dorfc_tgt_info, scsi_tgt_num), 4, uint8_t{0});
+        EXPECT_THAT(payload, Each(0)) << hostsim::kOperationNames.at(static_cast<size_t>(call.operation));
+    }
+}
+
 TEST_P(PortInfo, OfAVirtualPortNamesItsParentAndAsksForNoMissingFcf) {
     host.clear_calls();
     TRELM_VNPORT_INFO info{};

@@ -97,6 +97,7 @@ TEST_P(Scsi, ReturnsOnlyWhatArrivedAndFits) {
             uint32_t length = 100;
             EXPECT_EQ(TRELM_SendScsiCommand(1, 0, sent.get(), &length, data.data()),
                       status == 0 ? TRELM_STATUS_OK : 0x60000009U);
+            EXPECT_EQ(length, 100U);
             // The answer of a native driver to a failed command is ignored: the sense data stays zero.
             const bool taken = status == 0 || !native();
             Bytes expected = command;

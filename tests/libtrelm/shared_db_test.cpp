@@ -14,14 +14,15 @@
 
 namespace {
 std::set<std::string_view> failing_calls;  // each fails once
-int flushes = 0;                           // synchronous ones of the whole file
+int failing_error = EIO;
+int flushes = 0;  // synchronous ones of the whole file
 }  // namespace
 
 #define FAILING(type, name, parameters, arguments, failure)                                     \
     extern "C" [[gnu::visibility("default")]] type name parameters {                            \
         static const auto next = reinterpret_cast<type(*) parameters>(dlsym(RTLD_NEXT, #name)); \
         if (failing_calls.empty() || !failing_calls.erase(#name)) return next arguments;        \
-        errno = EIO;                                                                            \
+        errno = failing_error;                                                                  \
         return failure;                                                                         \
     }
 
@@ -114,6 +115,19 @@ class SharedDatabase : public ::testing::Test {
     hostsim::Host host{hostsim::hosts::empty()};
     LogCapture log{kAllLines};
 };
+
+TEST_F(SharedDatabase, IsUpgradedThoughSignalsInterruptReadsAndWrites) {
+    write_file(std::string(1000, 'o'));
+    failing_error = EINTR;
+    failing_calls = {"read", "write"};
+    open_anew();
+    EXPECT_TRUE(failing_calls.empty());
+    const std::string upgraded = contents();
+    EXPECT_EQ(upgraded.size(), kSize);
+    EXPECT_EQ(upgraded.substr(900, 200), std::string(100, 'o') + std::string(100, '\0'));
+    failing_error = EIO;
+    close();
+}
 
 TEST_F(SharedDatabase, IsCreatedByTheFirstProcessJoinedByOthersAndRemovedByTheLast) {
     umask(0);

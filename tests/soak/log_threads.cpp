@@ -29,10 +29,10 @@ int write_line(uint64_t writer, uint64_t number) {
 }
 
 void write_lines(uint64_t writer) {
-    constexpr uint8_t bytes[] = {1, 2, 3, 4};
+    constexpr uint8_t kBytes[] = {1, 2, 3, 4};
     for (uint64_t i = 0; i < kLines; ++i) {
         write_line(writer, i);
-        if (i % 16 == 0) trelm_dbg_dump("dump", bytes, 8, sizeof bytes);
+        if (i % 16 == 0) trelm_dbg_dump("dump", kBytes, 8, sizeof kBytes);
     }
 }
 

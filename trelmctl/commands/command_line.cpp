@@ -341,10 +341,10 @@ void run_tool_version(Output& output) {
 
 // The words are those of another command line, not options of this one.
 std::optional<Options> words_to_complete(int argc, char** argv) {
-    static constexpr Command command{"complete", "", Addressing::none, run_complete};
-    if (argc < 2 || std::strcmp(argv[1], command.name) != 0) return std::nullopt;
+    static constexpr Command kCommand{"complete", "", Addressing::none, run_complete};
+    if (argc < 2 || std::strcmp(argv[1], kCommand.name) != 0) return std::nullopt;
     Options options;
-    options.command = &command;
+    options.command = &kCommand;
     const int first = argc > 2 && std::strcmp(argv[2], "--") == 0 ? 3 : 2;
     options.words.assign(argv + first, argv + argc);
     return options;

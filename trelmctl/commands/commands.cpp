@@ -13,7 +13,7 @@ namespace trelmctl {
 
 std::span<const Command> commands() {
     using enum Addressing;
-    static constexpr std::array table{
+    static constexpr std::array kTable{
         Command{"list", "List the FCoE ports of this host with their present state", none, run_list},
         Command{"show", "Show all that is known of a port and its adapter", port, run_show},
         Command{"stats", "Show the counters of a port, or watch their rates", port, run_stats},
@@ -33,7 +33,7 @@ std::span<const Command> commands() {
         Command{"completion", "Print a script that completes words of trelmctl in a shell", none,
                 run_completion},
     };
-    return table;
+    return kTable;
 }
 
 void run_metrics(const Options& options, Output& output) {

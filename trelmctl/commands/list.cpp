@@ -34,7 +34,6 @@ Listed ask(const LoadedHost& host, uint32_t instance) {
     return listed;
 }
 
-constexpr Column::Align kRight = Column::Align::right;
 const std::vector<Column> kColumns{{"PORT", kRight},
                                    {"STATE"},
                                    {"HBA"},

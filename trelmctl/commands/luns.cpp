@@ -12,11 +12,10 @@ namespace trelmctl {
 namespace {
 
 Table table_of(const std::vector<ListedLun>& listed, bool wide) {
-    constexpr Column::Align right = Column::Align::right;
-    std::vector<Column> columns{{"LUN", right}, {"TYPE"}, {"VENDOR"},
-                                {"PRODUCT"},    {"REV"},  {"CAPACITY", right}};
+    std::vector<Column> columns{{"LUN", kRight}, {"TYPE"}, {"VENDOR"},
+                                {"PRODUCT"},     {"REV"},  {"CAPACITY", kRight}};
     if (wide) {
-        columns.push_back({"BLOCK", right});
+        columns.push_back({"BLOCK", kRight});
         columns.push_back({"NAME"});
     }
     Table table(columns);

@@ -88,13 +88,13 @@ metrics::Format metrics_format_value(const std::string& given) {
 }
 
 void append_cdb(std::vector<uint8_t>& cdb, const std::string& given) {
-    constexpr std::string_view right = "hexadecimal bytes, apart (12 00 ...) or together (1200...)";
+    constexpr std::string_view kRightForm = "hexadecimal bytes, apart (12 00 ...) or together (1200...)";
     std::string word = given.starts_with("0x") ? given.substr(2) : given;
     if (word.size() == 1) word.insert(0, "0");
-    if (word.empty() || word.size() % 2 != 0) refuse("CDB", given, right);
+    if (word.empty() || word.size() % 2 != 0) refuse("CDB", given, kRightForm);
     for (std::size_t i = 0; i < word.size(); i += 2) {
         const auto byte = parse_number("0x" + word.substr(i, 2), UINT8_MAX);
-        if (!byte) refuse("CDB", given, right);
+        if (!byte) refuse("CDB", given, kRightForm);
         cdb.push_back(static_cast<uint8_t>(*byte));
     }
     if (cdb.size() > kMostCdb) refuse("CDB", given, fmt::format("a command has at most {} bytes", kMostCdb));

@@ -19,13 +19,12 @@ void run_targets(const Options& options, Output& output) {
     const TargetList list = list_targets(port.adapter, port.npiv_index);
     if (list.failure) output.fail(*list.failure);
 
-    using Align = Column::Align;
-    Table table({{"TARGET", Align::right},
+    Table table({{"TARGET", kRight},
                  {"STATE"},
                  {"WWPN"},
-                 {"WWNN", Align::left, 1},
+                 {"WWNN", Column::Align::left, 1},
                  {"PORT ID"},
-                 {"LUNS", Align::right}});
+                 {"LUNS", kRight}});
     output.document()["instance"] = port.adapter.instance();
     output.document()["npiv_index"] = port.npiv_index;
     Json& targets = output.document()["targets"] = Json::array();

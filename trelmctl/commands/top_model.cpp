@@ -147,9 +147,9 @@ std::vector<const PortTraffic*> TopModel::ports(TopOrder order) const {
 }
 
 std::string graph(const std::deque<double>& history, std::size_t span, std::size_t width) {
-    static constexpr std::array<std::string_view, 9> blocks{" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
-    static constexpr std::array<std::string_view, 9> ascii{" ", ".", ".", ":", ":", "|", "|", "#", "#"};
-    const auto& heights = utf8_locale() ? blocks : ascii;
+    static constexpr std::array<std::string_view, 9> kBlocks{" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
+    static constexpr std::array<std::string_view, 9> kAscii{" ", ".", ".", ":", ":", "|", "|", "#", "#"};
+    const auto& heights = utf8_locale() ? kBlocks : kAscii;
     if (width == 0) return {};
     const std::size_t group = std::max<std::size_t>((std::min(span, kMostHistory) + width - 1) / width, 1);
     std::vector<double> columns;  // the newest first

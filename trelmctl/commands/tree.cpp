@@ -66,8 +66,7 @@ class Siblings {
 };
 
 std::vector<Node> lun_nodes(const TargetBranch& target, bool wide) {
-    constexpr Column::Align right = Column::Align::right;
-    Siblings siblings({{}, {"", right}, {}, {}, {}, {}, {"", right}, {"", right}, {}});
+    Siblings siblings({{}, {"", kRight}, {}, {}, {}, {}, {"", kRight}, {"", kRight}, {}});
     for (const ListedLun& lun : target.luns) {
         std::vector<Node> failed;
         add_failure(lun.failure, failed);
@@ -81,7 +80,7 @@ std::vector<Node> lun_nodes(const TargetBranch& target, bool wide) {
 }
 
 std::vector<Node> target_nodes(const PortBranch& port, bool wide) {
-    Siblings siblings({{}, {"", Column::Align::right}, {}, {}});
+    Siblings siblings({{}, {"", kRight}, {}, {}});
     for (const TargetBranch& target : port.targets) {
         siblings.add({"target", fmt::to_string(number(target.info.ScsiTgtNum)), address(target.info.WWPN),
                       target_state_words(target.info.PortState)},

@@ -39,8 +39,7 @@ class Screen : public View {
     Screen(std::string heading, Output& output) : heading_(std::move(heading)), output_(output) {}
 
     void show(const CounterInterval& interval) override {
-        const Column::Align right = Column::Align::right;
-        Table table({{"COUNTER"}, {"TOTAL", right}, {"PER SECOND", right}});
+        Table table({{"COUNTER"}, {"TOTAL", kRight}, {"PER SECOND", kRight}});
         for (const Counter& counter : kCounters) {
             const auto rate = interval.rate(counter);
             table.add({counter.label, fmt::format("{:>20}", counter.of(interval.after.stats)),

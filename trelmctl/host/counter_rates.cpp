@@ -32,11 +32,11 @@ const Counter& counter_named(std::string_view key) {
 
 std::string short_rate(std::optional<double> rate) {
     if (!rate) return "reset";
-    static constexpr std::string_view units = " kMGTPE";
+    static constexpr std::string_view kUnits = " kMGTPE";
     double value = *rate;
     std::size_t unit = 0;
-    for (; value >= (unit == 0 ? 9999.95 : 999.95) && unit + 1 < units.size(); ++unit) value /= 1000;
-    return unit == 0 ? fmt::format("{:.1f}", value) : fmt::format("{:.1f}{}", value, units[unit]);
+    for (; value >= (unit == 0 ? 9999.95 : 999.95) && unit + 1 < kUnits.size(); ++unit) value /= 1000;
+    return unit == 0 ? fmt::format("{:.1f}", value) : fmt::format("{:.1f}{}", value, kUnits[unit]);
 }
 
 }  // namespace trelmctl

@@ -101,13 +101,13 @@ void Topology::add_target(std::size_t above, const TargetBranch& target) {
 }
 
 void Topology::add(const AdapterBranch& adapter) {
-    constexpr std::size_t host = 0;
+    constexpr std::size_t kHost = 0;
     if (adapter.ports.empty()) {
         const std::string label = "port " + port_label(adapter.instance);
-        connect(host, add_node(label, {Layer::port, Health::failed, "failed", {label}}));
+        connect(kHost, add_node(label, {Layer::port, Health::failed, "failed", {label}}));
         return;
     }
-    std::size_t physical = host;
+    std::size_t physical = kHost;
     for (std::size_t i = 0; i < adapter.ports.size(); ++i) {
         const PortBranch& branch = adapter.ports[i];
         const std::size_t port =

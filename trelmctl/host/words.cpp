@@ -46,8 +46,12 @@ constexpr std::array kSpeeds{
     Speed{0x80, 20}, Speed{0x800, 25}, Speed{0x40, 32}, Speed{0x100, 40}, Speed{0x200, 50}, Speed{0x400, 100},
 };
 
+struct PcieWidth {
+    uint32_t code;
+    unsigned lanes;
+};
 constexpr std::array kPcieWidths{
-    Word{3, "x1"}, Word{4, "x2"}, Word{5, "x4"}, Word{6, "x8"}, Word{8, "x16"}, Word{9, "x32"},
+    PcieWidth{3, 1}, PcieWidth{4, 2}, PcieWidth{5, 4}, PcieWidth{6, 8}, PcieWidth{8, 16}, PcieWidth{9, 32},
 };
 
 }  // namespace
@@ -81,9 +85,18 @@ std::string pci_address(const TRELM_FCOE_INFO& info) {
                        +info.PciFunctionNum);
 }
 
+unsigned pcie_lanes(uint32_t width) {
+    for (const PcieWidth& known : kPcieWidths) {
+        if (known.code == width) return known.lanes;
+    }
+    return 0;
+}
+
 std::string pcie_words(uint32_t speed, uint32_t width) {
     const std::string rate = speed == 0 ? "unknown speed" : fmt::format("{}.{} GT/s", speed / 10, speed % 10);
-    return rate + " " + (width == 0 ? "unknown width" : word(kPcieWidths, width));
+    if (width == 0) return rate + " unknown width";
+    const unsigned lanes = pcie_lanes(width);
+    return rate + (lanes != 0 ? fmt::format(" x{}", lanes) : fmt::format(" unknown (0x{:x})", width));
 }
 
 }  // namespace trelmctl

@@ -20,5 +20,7 @@ unsigned fastest_gigabits(uint64_t bits);
 std::string pci_address(const TRELM_FCOE_INFO& info);
 // The rate in tenths of GT/s and the code of the width: "8.0 GT/s x8".
 std::string pcie_words(uint32_t speed, uint32_t width);
+// The number of lanes by the code of the width; 0 if the code is unknown.
+unsigned pcie_lanes(uint32_t width);
 
 }  // namespace trelmctl

@@ -38,10 +38,10 @@ void emit_counter(const PortSample& port, Exposition& out, std::size_t place, ui
 constexpr uint64_t kMegabyte = 1'000'000;
 
 // What is counted in units of so many.
-#define TRELM_COUNTER_OF(field, unit)                                   \
-    [](const PortSample& port, Exposition& out) {                       \
-        constexpr std::size_t place = place_of(offsetof(Stats, field)); \
-        emit_counter(port, out, place, (unit));                         \
+#define TRELM_COUNTER_OF(field, unit)                                    \
+    [](const PortSample& port, Exposition& out) {                        \
+        constexpr std::size_t kPlace = place_of(offsetof(Stats, field)); \
+        emit_counter(port, out, kPlace, (unit));                         \
     }
 #define TRELM_COUNTER(field) TRELM_COUNTER_OF(field, 1)
 
@@ -288,9 +288,8 @@ const auto& table() {
             }),
         row("trelm_pcie_lanes", gauge, "", "port", "Lanes of the adapter's PCI Express link.",
             [](const AdapterSample& adapter, Exposition& out) {
-                static constexpr std::array<uint8_t, 10> lanes{0, 0, 0, 1, 2, 4, 8, 0, 16, 32};
-                if (adapter.info && adapter.info->PCIEWidth < lanes.size())
-                    emit_nonzero(physical_labels(adapter), out, lanes[adapter.info->PCIEWidth]);
+                if (adapter.info)
+                    emit_nonzero(physical_labels(adapter), out, pcie_lanes(adapter.info->PCIEWidth));
             }),
         row("trelm_pcie_transfers_per_second", gauge, "transfers_per_second", "port",
             "Rate of a lane of the adapter's PCI Express link.",

@@ -142,8 +142,8 @@ bool ListenSocket::is_open_to_others() const {
     getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
     if (address.ss_family == AF_INET6)
         return !IN6_IS_ADDR_LOOPBACK(&reinterpret_cast<const sockaddr_in6&>(address).sin6_addr);
-    constexpr uint32_t loopback_network = 127;
-    return ntohl(reinterpret_cast<const sockaddr_in&>(address).sin_addr.s_addr) >> 24 != loopback_network;
+    constexpr uint32_t kLoopbackNetwork = 127;
+    return ntohl(reinterpret_cast<const sockaddr_in&>(address).sin_addr.s_addr) >> 24 != kLoopbackNetwork;
 }
 
 }  // namespace trelmctl::metrics

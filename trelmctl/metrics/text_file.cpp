@@ -48,8 +48,8 @@ class NewFile {
         }
     }
     void take_place() {
-        constexpr mode_t readable_by_all = 0644;
-        if (fchmod(fd_, readable_by_all) != 0 || fsync(fd_) != 0) fail(path_, errno);
+        constexpr mode_t kReadableByAll = 0644;
+        if (fchmod(fd_, kReadableByAll) != 0 || fsync(fd_) != 0) fail(path_, errno);
         if (rename(name_.c_str(), path_.c_str()) != 0) fail(path_, errno);
         close(fd_);
         fd_ = -1;

@@ -97,9 +97,9 @@ bool Users::is_right(const Question& question) const {
 }
 
 void Users::remember(const Question& question) {
-    constexpr unsigned long rounds = 1000;  // the fewest that there are
+    constexpr unsigned long kRounds = 1000;  // the fewest that there are
     char setting[CRYPT_GENSALT_OUTPUT_SIZE];
-    if (!crypt_gensalt_rn("$5$", rounds, nullptr, 0, setting, sizeof setting)) return;
+    if (!crypt_gensalt_rn("$5$", kRounds, nullptr, 0, setting, sizeof setting)) return;
     std::string hash = hash_of(question.password, setting);
     const std::lock_guard lock(mutex_);
     if (!hash.empty()) quick_[question.name] = std::move(hash);

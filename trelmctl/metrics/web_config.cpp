@@ -33,13 +33,13 @@ bool is_token_character(unsigned char character) {
 
 // $2y$10$, then salt and hash.
 bool is_bcrypt(std::string_view text) {
-    constexpr std::size_t length = 60;
-    constexpr std::size_t begin = 7;
+    constexpr std::size_t kLength = 60;
+    constexpr std::size_t kBegin = 7;
     const auto is_digit = [&](std::size_t at) {
         return std::isdigit(static_cast<unsigned char>(text[at])) != 0;
     };
-    return text.size() == length && text.starts_with("$2") && text[3] == '$' && is_digit(4) && is_digit(5) &&
-           text[6] == '$' && std::all_of(text.begin() + begin, text.end(), [](unsigned char character) {
+    return text.size() == kLength && text.starts_with("$2") && text[3] == '$' && is_digit(4) && is_digit(5) &&
+           text[6] == '$' && std::all_of(text.begin() + kBegin, text.end(), [](unsigned char character) {
                return std::isalnum(character) != 0 || character == '.' || character == '/';
            });
 }

@@ -30,11 +30,11 @@ using File = std::unique_ptr<FILE, int (*)(FILE*)>;
 }  // namespace
 
 std::vector<uint8_t> file_contents(const std::string& path) {
-    constexpr const char* operation = "reading the file";
+    constexpr const char* kOperation = "reading the file";
     const bool standard = path == "-";
     const File file(standard ? stdin : std::fopen(path.c_str(), "rbe"),
                     [](FILE* f) { return f == stdin ? 0 : std::fclose(f); });
-    if (!file) file_failed(path, operation);
+    if (!file) file_failed(path, kOperation);
     std::vector<uint8_t> contents;
     std::array<uint8_t, 65536> piece{};
     while (contents.size() <= kMostData) {
@@ -42,7 +42,7 @@ std::vector<uint8_t> file_contents(const std::string& path) {
         if (got == 0) break;
         contents.insert(contents.end(), piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(got));
     }
-    if (std::ferror(file.get()) != 0) file_failed(path, operation);
+    if (std::ferror(file.get()) != 0) file_failed(path, kOperation);
     if (contents.size() > kMostData) {
         throw CommandFailed(
             usage_failure(fmt::format("{} holds more than {} bytes", escaped(path), kMostData)));
@@ -51,11 +51,11 @@ std::vector<uint8_t> file_contents(const std::string& path) {
 }
 
 void write_file(const std::string& path, std::span<const uint8_t> bytes) {
-    constexpr const char* operation = "writing the file";
+    constexpr const char* kOperation = "writing the file";
     File file(std::fopen(path.c_str(), "wbe"), std::fclose);
     if (!file || std::fwrite(bytes.data(), 1, bytes.size(), file.get()) != bytes.size())
-        file_failed(path, operation);
-    if (std::fclose(file.release()) != 0) file_failed(path, operation);
+        file_failed(path, kOperation);
+    if (std::fclose(file.release()) != 0) file_failed(path, kOperation);
 }
 
 }  // namespace trelmctl

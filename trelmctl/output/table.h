@@ -17,6 +17,7 @@ struct Column {
     Align align = Align::left;
     unsigned dispensable = 0;  // the highest is dropped first if room is short; 0 is never dropped
 };
+constexpr Column::Align kRight = Column::Align::right;
 
 class Table {
   public:

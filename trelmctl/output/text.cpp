@@ -29,14 +29,14 @@ std::string hex_bytes(const uint8_t* bytes, std::size_t count, std::string_view 
 std::string hex32(uint32_t value) { return fmt::format("0x{:08X}", value); }
 
 std::string human_size(uint64_t bytes) {
-    static constexpr std::array units{"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+    static constexpr std::array kUnits{"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
     std::size_t unit = 0;
     auto value = static_cast<double>(bytes);
     // 1023.95 would be printed as 1024.0 of its unit.
-    for (; value >= (unit == 0 ? 1024 : 1023.95) && unit + 1 < units.size(); ++unit) value /= 1024;
+    for (; value >= (unit == 0 ? 1024 : 1023.95) && unit + 1 < kUnits.size(); ++unit) value /= 1024;
     std::string digits = fmt::format("{:.1f}", value);
     if (digits.ends_with(".0")) digits.resize(digits.size() - 2);
-    return digits + " " + units[unit];
+    return digits + " " + kUnits[unit];
 }
 
 std::string lun_text(uint64_t lun) { return lun < 256 ? fmt::to_string(lun) : fmt::format("0x{:x}", lun); }

@@ -56,10 +56,10 @@ StandardInquiry read_inquiry(const LunAddress& address) {
 }
 
 std::string device_type_words(uint8_t inquiry_byte) {
-    constexpr int no_device = 0x1F;
+    constexpr int kNoDevice = 0x1F;
     const int type = inquiry_byte & 0x1F;
     const unsigned qualifier = inquiry_byte >> 5;
-    if (type == no_device) return "no device";
+    if (type == kNoDevice) return "no device";
     std::array<char, 64> text{};
     sg_get_pdt_str(type, static_cast<int>(text.size()), text.data());
     return qualifier == 0 ? std::string(text.data())
@@ -67,9 +67,10 @@ std::string device_type_words(uint8_t inquiry_byte) {
 }
 
 std::string version_words(uint8_t version) {
-    static constexpr std::array<std::string_view, 8> words{"none",  "SPC-0", "SPC-0", "SPC",
-                                                           "SPC-2", "SPC-3", "SPC-4", "SPC-5"};
-    return version < words.size() ? std::string(words[version]) : fmt::format("unknown (0x{:02x})", version);
+    static constexpr std::array<std::string_view, 8> kWords{"none",  "SPC-0", "SPC-0", "SPC",
+                                                            "SPC-2", "SPC-3", "SPC-4", "SPC-5"};
+    return version < kWords.size() ? std::string(kWords[version])
+                                   : fmt::format("unknown (0x{:02x})", version);
 }
 
 }  // namespace trelmctl

@@ -35,28 +35,28 @@ std::string additional_words(uint8_t asc, uint8_t ascq) {
     std::array<char, 128> text{};
     sg_get_asc_ascq_str(asc, ascq, static_cast<int>(text.size()), text.data());
     std::string_view words = text.data();
-    constexpr std::string_view lead = "Additional sense: ";
-    if (words.starts_with(lead)) words.remove_prefix(lead.size());
+    constexpr std::string_view kLead = "Additional sense: ";
+    if (words.starts_with(kLead)) words.remove_prefix(kLead.size());
     return std::string(words);
 }
 
 // The three sense-key specific bytes.
 std::span<const uint8_t> key_specific(const Sense& sense) {
-    constexpr std::size_t length = 3;
-    constexpr uint8_t valid = 0x80;
+    constexpr std::size_t kBytes = 3;
+    constexpr uint8_t kValid = 0x80;
     std::span<const uint8_t> bytes = sense.bytes;
     if (sense.descriptor_format) {
-        constexpr int type = 2;
-        const uint8_t* found = sg_scsi_sense_desc_find(bytes.data(), static_cast<int>(bytes.size()), type);
+        constexpr int kType = 2;
+        const uint8_t* found = sg_scsi_sense_desc_find(bytes.data(), static_cast<int>(bytes.size()), kType);
         if (found == nullptr) return {};
         bytes = bytes.subspan(static_cast<std::size_t>(found - bytes.data()));
-        if (bytes.size() < 4 + length) return {};
-        bytes = bytes.subspan(4, length);
+        if (bytes.size() < 4 + kBytes) return {};
+        bytes = bytes.subspan(4, kBytes);
     } else {
-        if (bytes.size() < 15 + length) return {};
-        bytes = bytes.subspan(15, length);
+        if (bytes.size() < 15 + kBytes) return {};
+        bytes = bytes.subspan(15, kBytes);
     }
-    return (bytes[0] & valid) != 0 ? bytes : std::span<const uint8_t>{};
+    return (bytes[0] & kValid) != 0 ? bytes : std::span<const uint8_t>{};
 }
 
 void decode_key_specific(Sense& sense) {
@@ -65,10 +65,10 @@ void decode_key_specific(Sense& sense) {
     const auto value = static_cast<uint16_t>(bytes[1] << 8 | bytes[2]);
     switch (static_cast<Key>(sense.key)) {
         case Key::illegal_request: {
-            constexpr uint8_t command = 0x40;
-            constexpr uint8_t bit_valid = 0x08;
-            FieldPointer pointer{(bytes[0] & command) != 0, value, {}};
-            if ((bytes[0] & bit_valid) != 0) pointer.bit = bytes[0] & 0x07;
+            constexpr uint8_t kCommand = 0x40;
+            constexpr uint8_t kBitValid = 0x08;
+            FieldPointer pointer{(bytes[0] & kCommand) != 0, value, {}};
+            if ((bytes[0] & kBitValid) != 0) pointer.bit = bytes[0] & 0x07;
             sense.field_pointer = pointer;
             break;
         }

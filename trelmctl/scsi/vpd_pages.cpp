@@ -167,9 +167,9 @@ const KnownPage* find_page(uint8_t number) {
 }  // namespace
 
 std::string page_title(uint8_t number) {
-    constexpr uint8_t first_of_vendor = 0xC0;
+    constexpr uint8_t kFirstOfVendor = 0xC0;
     if (const KnownPage* page = find_page(number)) return std::string(page->title);
-    return number >= first_of_vendor ? "Vendor specific" : "Page without a known name";
+    return number >= kFirstOfVendor ? "Vendor specific" : "Page without a known name";
 }
 
 std::optional<uint8_t> page_by_abbreviation(std::string_view abbreviation) {
@@ -220,12 +220,12 @@ std::string lun_name(Bytes identification) {
         uint8_t kind;
         std::string_view prefix;
     };
-    static constexpr std::array schemes{Scheme{3, "naa."}, Scheme{2, "eui."}, Scheme{1, "t10."}};
-    constexpr uint8_t of_logical_unit = 0;
+    static constexpr std::array kSchemes{Scheme{3, "naa."}, Scheme{2, "eui."}, Scheme{1, "t10."}};
+    constexpr uint8_t kOfLogicalUnit = 0;
     const std::vector<Designator> designators = designators_of(identification);
-    for (const Scheme& scheme : schemes) {
+    for (const Scheme& scheme : kSchemes) {
         for (const Designator& designator : designators) {
-            if (designator.kind == scheme.kind && designator.association == of_logical_unit)
+            if (designator.kind == scheme.kind && designator.association == kOfLogicalUnit)
                 return fmt::format("{}{}", scheme.prefix, designator.value);
         }
     }
