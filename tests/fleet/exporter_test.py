@@ -52,14 +52,14 @@ class ExporterTest(unittest.TestCase):
                 self.assertEqual(exporter.end(), 0)
         exporter = self.start(address="0.0.0.0:0")
         exporter.wait_for_address()
-        self.assertIn("warning: whoever reaches 0.0.0.0:", exporter.errors())
+        self.assertIn("warning: anyone who reaches 0.0.0.0:", exporter.errors())
         exporter = self.start()
         _, headers, text = exporter.get(Accept="application/openmetrics-text;version=1.0.0,*/*;q=0.1")
         self.assertTrue(headers["Content-Type"].startswith("application/openmetrics-text; version=1.0.0"))
         self.assertTrue(text.endswith("# EOF\n"))
         self.assertEqual(exporter.get("/healthz")[::2], (200, "ok\n"))
         self.assertEqual(exporter.get("/healthz")[1]["Content-Type"], "text/plain; charset=utf-8")
-        self.assertEqual([exporter.get("/x")[::2], exporter.get(method="POST")[0]], [(404, "There are /metrics, /healthz and /.\n"), 405])
+        self.assertEqual([exporter.get("/x")[::2], exporter.get(method="POST")[0]], [(404, "The paths are /metrics, /healthz and /.\n"), 405])
 
     def test_shows_people_a_page_with_all_ports_and_a_picture(self) -> None:
         host = json.loads(re.sub(r"//.*", "", HOST_FILE.read_text(encoding="utf-8")))
