@@ -15,8 +15,8 @@ template <typename Load>
 class Renewable {
   public:
     // Starts to replace the load by the one that `make` returns; there is none if it throws. The thread holds
-    // the only reference to the old load and frees it first, because the library stays loaded as it is until
-    // then.
+    // the only reference to the old load and frees it first: while it exists, the library cannot be loaded
+    // again.
     template <typename Make>
     void begin(const Make& make) {
         pending_ = std::make_shared<Pending>(Pending{std::move(load_)});
