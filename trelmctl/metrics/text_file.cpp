@@ -24,7 +24,7 @@ namespace {
 [[noreturn]] void fail(const std::string& path, int error) { fail(path, std::strerror(error)); }
 
 // A new file in the same directory as the one that it will replace. The destructor removes it unless
-// take_place() succeeded. Its name has another suffix, so collectors, which select files by suffix, ignore it.
+// take_place() succeeded. Its name has another suffix, and collectors, which select by suffix, ignore it.
 class NewFile {
   public:
     explicit NewFile(const std::string& path) : path_(path), name_(path + ".XXXXXX") {
