@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """abi.py LIBRARY [--accept] - compares the library with abi/libtrelm.abi: exported names, their versions and sizes, and the
-layout of records. Checks that it needs no newer glibc than docs/robustness.md promises. --accept writes the baseline anew.
+layout of records. Checks that it needs no newer glibc than docs/robustness.md promises. --accept writes a new baseline.
 """
 
 import re
@@ -11,7 +11,7 @@ from pathlib import Path
 import tree
 
 BASELINE = tree.ROOT / "abi/libtrelm.abi"
-# What does not depend on where and when it was built.
+# Leave out everything that depends on where and when the library was built.
 STABLE = ["--no-corpus-path", "--no-comp-dir-path", "--no-show-locs", "--no-elf-needed", "--drop-undefined-syms"]
 
 
@@ -38,16 +38,16 @@ def main() -> int:
         subprocess.run(["abidw", *STABLE, "--out-file", BASELINE, library], check=True)
         print(f"abi: wrote {BASELINE.relative_to(tree.ROOT)}")
     needed, promised = glibc_needed(library), glibc_promised()
-    print(f"abi: needs glibc {needed}; {promised} is promised to suffice")
+    print(f"abi: needs glibc {needed}; docs/robustness.md promises that {promised} is enough")
     if version(needed) > version(promised):
         return 1
     compared = subprocess.run(["abidiff", "--harmless", "--fail-no-debug-info", BASELINE, library], check=False,
                               capture_output=True, text=True)
     if compared.returncode:
         print(compared.stdout + compared.stderr)
-        print("abi: the interface differs from its baseline. CHANGELOG.md says how to accept that.")
+        print("abi: the interface differs from its baseline. CHANGELOG.md describes how to accept the change.")
         return 1
-    print("abi: the interface is that of its baseline")
+    print("abi: the interface matches its baseline")
     return 0
 
 

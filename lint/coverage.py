@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""coverage.py BUILD - sums by room what `llvm-cov export` says on standard input, and lists in BUILD/uncovered.txt what no test runs."""
+"""coverage.py BUILD - reads the output of `llvm-cov export` from standard input, prints the coverage of each room, and lists
+in BUILD/uncovered.txt the lines and branches that no test runs."""
 
 import json
 import sys
@@ -16,7 +17,7 @@ def share(covered: int, count: int) -> str:
 
 
 def lines_not_run(file: dict[str, Any]) -> Iterator[int]:
-    """The lines on which a stretch of code begins that never ran."""
+    """The first lines of the code regions that never ran."""
     for line, _column, count, has_count, is_entry, is_gap in file["segments"]:
         if has_count and is_entry and not is_gap and count == 0:
             yield line

@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""figures.py [COMMIT] - prints how large the tree is, or was at a commit: files, lines and length of functions by room, files that
+"""figures.py [COMMIT] - prints the size of the tree, now or at a commit: files, lines and lengths of functions by room, files that
 include each other, and the share of test code.
 
-Lines are those that are not blank. A function counts from the first line of its signature to its closing brace; functions
-in the classes of headers count too, lambdas do not.
+Blank lines are not counted. A function extends from the first line of its signature to its closing brace. Functions
+inside classes in headers are counted, lambdas are not.
 """
 
 import re
@@ -31,7 +31,7 @@ def function_lengths(text: str) -> list[int]:
         if not line.strip() or NO_FUNCTION.match(line) or "(" not in line:
             number += 1
             continue
-        # A signature may go on for a few lines; it ends with the brace that opens the body.
+        # A signature may span a few lines. It ends with the brace that opens the body.
         while number < len(lines) - 1 and number - start < 8 and not re.search(r"[{;]", lines[number]):
             number += 1
         signature = " ".join(part.strip() for part in lines[start:number + 1])

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """includes.py - checks that includes follow the tables of docs/architecture.md.
 
-A file may include its own room's headers and those of the rooms that its room sees. Rooms make no circle, and neither do
-nouns (a header with the file that implements it).
+A file may include the headers of its own room and of the rooms that its room sees. Neither rooms nor nouns (a header and
+the file that implements it) may depend on each other in a cycle.
 """
 
 import sys
@@ -13,7 +13,7 @@ import tree
 def faults() -> list[str]:
     all_rooms, sources = tree.rooms(), tree.sources()
     names = {room.name for room in all_rooms}
-    unknown = [f"docs/architecture.md: {room.name} sees {name}, which is no room"
+    unknown = [f"docs/architecture.md: {room.name} sees {name}, which is not a room"
                for room in all_rooms for name in room.sees if name not in names]
     if unknown:
         return unknown
@@ -23,7 +23,7 @@ def faults() -> list[str]:
     for source in sources:
         room = tree.room_of(source, all_rooms)
         if room is None:
-            found.append(f"{source}: belongs to no room of docs/architecture.md")
+            found.append(f"{source}: is in no room of docs/architecture.md")
             continue
         seen = tree.seen_from(room, all_rooms)
         for line, included in tree.includes(source):
@@ -36,5 +36,5 @@ def faults() -> list[str]:
 
 if __name__ == "__main__":
     problems = faults()
-    print("\n".join(problems) or f"includes: {len(tree.sources())} files in {len(tree.rooms())} rooms, no arrow points up")
+    print("\n".join(problems) or f"includes: {len(tree.sources())} files in {len(tree.rooms())} rooms, no forbidden include")
     sys.exit(bool(problems))

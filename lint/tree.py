@@ -1,7 +1,7 @@
-"""tree.py - the rooms of the tree, its sources and their includes, as the other scripts of this folder ask for them.
+"""tree.py - the rooms of the tree, its sources and their includes, for the other scripts of this folder.
 
-The rooms stand in the tables of docs/architecture.md: every table with the columns "room" and "sees". A room is one or
-more patterns; it sees itself, the rooms it names and what those see.
+The rooms are listed in the tables of docs/architecture.md that have the columns "room" and "sees". A room is one or more
+file name patterns. It sees itself, the rooms that it names, and all rooms that those see.
 """
 
 import fnmatch
@@ -58,7 +58,7 @@ def sources(root: Path = ROOT) -> list[str]:
 
 
 def room_of(source: str, all_rooms: list[Room]) -> Room | None:
-    """The room with the longest pattern that the file matches; a pattern that ends in '/' takes all below it."""
+    """The room with the longest pattern that the file matches. A pattern that ends in '/' matches all files below it."""
     best: tuple[int, Room] | None = None
     for room in all_rooms:
         for pattern in room.patterns:
@@ -69,14 +69,14 @@ def room_of(source: str, all_rooms: list[Room]) -> Room | None:
 
 
 def includes(source: str, root: Path = ROOT) -> list[tuple[int, str]]:
-    """Line number and text of each #include of a file of our own."""
+    """Line number and file name of each #include in the file."""
     text = (root / source).read_text(encoding="utf-8")
     return [(number, match[1]) for number, line in enumerate(text.splitlines(), 1)
             if (match := re.match(r'\s*#\s*include\s+["<]([^">]+)[">]', line))]
 
 
 def resolve(source: str, included: str, headers: list[str], seen: list[Room], all_rooms: list[Room]) -> str | None:
-    """The file of the tree that an include means: one beside it, else one in a room that is seen, else any."""
+    """The file of the tree that an include refers to: one in the same directory, else one in a room that is seen, else any."""
     beside = str(PurePosixPath(source).parent / included)
     if beside in headers:
         return beside
@@ -125,7 +125,7 @@ def circles(arrows: dict[str, set[str]]) -> list[list[str]]:
 
 
 def noun(source: str) -> str:
-    """A header and the file that implements it are one noun."""
+    """The noun of a file: its path without suffix, which a header shares with the file that implements it."""
     return str(PurePosixPath(source).with_suffix(""))
 
 

@@ -1,4 +1,4 @@
-// complain.h - what the launcher says on standard error.
+// complain.h - the messages of the launcher on standard error.
 #pragma once
 
 #include <string_view>

@@ -27,15 +27,15 @@ bool can_be_listed(const std::string& path) {
 std::string preload_object(const Root& root) {
     std::string object = preload_path();
     if (object.empty())
-        throw std::runtime_error("libtrelm-hostsim.so is not where it belongs beside " +
+        throw std::runtime_error("libtrelm-hostsim.so is not in its place relative to " +
                                  own_object().string() +
-                                 "; build the target hostsim or install the simulator whole");
+                                 "; build the target hostsim or install the whole simulator");
     if (can_be_listed(object)) return object;
     std::string link = root.path().string() + layout::kPreload;
     if (!can_be_listed(link))
         throw std::runtime_error(link +
-                                 ": the dynamic linker preloads no object with a space in its path, "
-                                 "and the simulator's own has one too; give a --root without");
+                                 ": the dynamic linker cannot preload an object with a space or colon in its "
+                                 "path, and the simulator's own path has one too; choose another --root");
     root.files().replace_link(layout::kPreload, layout::kDraft, object);
     return link;
 }

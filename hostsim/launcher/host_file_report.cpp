@@ -11,7 +11,7 @@ namespace hostsim {
 
 HostFileReport::HostFileReport(std::filesystem::path file) : file_(std::move(file)) {}
 
-// Checks a version only when it was seen twice, because an editor may still be writing.
+// Checks a version of the file only after seeing it twice, because an editor may still be writing.
 void HostFileReport::look() noexcept {
     const Stamp now = stamp();
     const bool settled = now == seen_;

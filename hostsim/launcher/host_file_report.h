@@ -15,8 +15,8 @@ class HostFileReport {
     // Construct it before the file is read for the first time.
     explicit HostFileReport(std::filesystem::path file);
 
-    // Call it a few times a second. Writes to standard error once when the file breaks, and once when it is
-    // sound again.
+    // Call it a few times per second. Writes to standard error once when the file becomes faulty, and once
+    // when it is sound again.
     void look() noexcept;
 
   private:

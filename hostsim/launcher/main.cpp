@@ -161,12 +161,12 @@ int dispatch(int argc, char** argv) {
     run->add_option("HOST.json", options.host_file, "The host file; the running host follows edits")
         ->required();
     const auto is_named = [](const std::string& value) {
-        return value.empty() ? std::string("a directory is needed") : std::string();
+        return value.empty() ? std::string("a directory is required") : std::string();
     };
     CLI::Option* has_root = run->add_option(
         "--root", root,
         "Keep the host's files (its /tmp, /var/tmp and LUNs) in this directory, which must be "
-        "new, empty or an earlier --root; without it they go at the end");
+        "new, empty or an earlier --root; without it they are removed at the end");
     has_root->type_name("DIR")->check(is_named);
     run->add_flag("--force", options.force, "Run a command even if it would run on the machine itself");
     run->footer(kRunFooter);
@@ -177,7 +177,7 @@ int dispatch(int argc, char** argv) {
     checking->add_option("HOST.json", files, "Host files")->required();
 
     std::vector<std::string> roots;
-    CLI::App* cleaning = app.add_subcommand("clean", "Remove what killed hosts left");
+    CLI::App* cleaning = app.add_subcommand("clean", "Remove what killed hosts left behind");
     cleaning->add_option("--root", roots, "Also clean this directory, which was given to run")
         ->type_name("DIR")
         ->check(is_named);
@@ -193,7 +193,7 @@ int dispatch(int argc, char** argv) {
         app.parse(argc, argv);
         if (*run && options.command.empty())
             throw CLI::RequiredError(
-                "a command behind --, as in: trelm-hostsim run HOST.json -- trelmctl list");
+                "a command after --, as in: trelm-hostsim run HOST.json -- trelmctl list");
         if (!*run && !options.command.empty()) throw CLI::ExtrasError(options.command);
     } catch (const CLI::ParseError& error) {
         if (app.exit(error) == 0) return 0;

@@ -82,7 +82,7 @@ std::optional<std::string> why_unreachable(const std::string& command, std::stri
             program = interpreter(file.get());
             continue;
         }
-        if (!is_of_own_kind(*header)) return program + " is made for another kind of processor";
+        if (!is_of_own_kind(*header)) return program + " is built for another processor architecture";
         if (!has_dynamic_linker(file.get(), *header)) return program + " is statically linked";
         if (gains_rights(file.get())) return program + " runs with rights of another user or group";
         return std::nullopt;

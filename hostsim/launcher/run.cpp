@@ -53,7 +53,7 @@ void make_steps(const OwnDirectory& root, const PassedDirectories& passed) {
 
 int run(const RunOptions& given) {
     require_proc();
-    // Writing beyond a file-size limit is then a failure like others.
+    // Without the signal, a write beyond a file-size limit fails with an error number like any other write.
     const auto at_size_limit = std::signal(SIGXFSZ, SIG_IGN);
     RunOptions options = given;
     HostFileReport report(options.host_file);
@@ -67,7 +67,7 @@ int run(const RunOptions& given) {
         if (const auto reason = why_unreachable(command, join(machines_search_path(), ":"))) {
             complain(command + ": " + *reason +
                      ", so it would run on this machine and not on the simulated host; "
-                     "--force runs it all the same");
+                     "--force runs it anyway");
             return kCannotExecute;
         }
     }

@@ -87,7 +87,7 @@ void let_go(std::span<const int> kept) {
         first = static_cast<unsigned>(fd) + 1;
     }
     close_range(first, ~0u, 0);
-    if (chdir("/") != 0) return;  // then the directory stays busy, which does no harm
+    if (chdir("/") != 0) return;  // the old directory then stays busy, which is harmless
 }
 
 void tell(int pipe, const Notice& notice) {
@@ -136,7 +136,7 @@ void tell(int pipe, const Notice& notice) {
 // ---- The launcher
 
 // The kernel sends a signal from the terminal to all foreground processes, so the command already has it. If
-// the terminal hangs up, only the first process of the session is told, which may be this one.
+// the terminal hangs up, the kernel signals only the session leader, which may be this process.
 void forward(int signals, pid_t command) {
     signalfd_siginfo info{};
     if (read(signals, &info, sizeof info) != sizeof info) return;
@@ -151,7 +151,7 @@ int exit_status(int status) {
 int await(int pipe, int signals, const std::function<void()>& look) {
     Notice notice{};
     if (uninterrupted([&] { return read(pipe, &notice, sizeof notice); }) != sizeof notice) {
-        std::fputs("trelm-hostsim: no process could be made for the command\n", stderr);
+        std::fputs("trelm-hostsim: no process could be created for the command\n", stderr);
         return kLauncherFailed;
     }
     std::array<pollfd, 2> waiting{{{pipe, POLLIN, 0}, {signals, POLLIN, 0}}};

@@ -1,5 +1,5 @@
-"""The documents beside what they describe: pages hold every function, field, option and key and name none that is not
-there, and every example is compiled and run on a simulated host.
+"""Compares the documents with the things that they describe: manual pages name every function, field, option and key and
+no other, and every example is compiled and run on a simulated host.
 
 The environment names the trees (TRELM_SOURCE, TRELM_BUILD) and the compilers (CC, CXX).
 """
@@ -26,7 +26,7 @@ PAGES: Dict[str, str] = {path.stem: path.read_text(encoding="utf-8") for path in
 DOCUMENTS = [path for path in [*SOURCE.glob("man/*.scd"), SOURCE / "README.md", SOURCE / "docs/guide.md"] if path.exists()]
 HEADER = re.sub(r"/\*.*?\*/", "", (SOURCE / "libtrelm/trelm_mgmt.h").read_text(), flags=re.DOTALL)
 SECTION_3 = "\n".join(text for name, text in PAGES.items() if name.endswith(".3"))
-# As though the tree were installed.
+# Programs, headers and libraries are found as if the tree were installed.
 ENVIRONMENT = {
     **os.environ,
     "LC_ALL": "C.UTF-8",
@@ -70,7 +70,7 @@ class PagesTest(unittest.TestCase):
             (page,) = [name for name, text in PAGES.items() if f"\n## {record}\n" in text]
             rows = re.findall(r"^\|  (\w+)\n:  (\S+)\n:  \S", section(page, record), re.MULTILINE)
             fields = [(name, kind + size) for kind, name, size in re.findall(r"(\w+)\s+(\w+)((?:\[\d+\])?);", body)]
-            if record == "TRELM_PORT_STATS":  # has the unit in place of the type
+            if record == "TRELM_PORT_STATS":  # its table has units instead of types
                 self.assertEqual([name for name, _ in rows], [name for name, _ in fields])
             else:
                 self.assertEqual(rows, fields)
@@ -126,13 +126,13 @@ class PagesTest(unittest.TestCase):
 
 class ExamplesTest(unittest.TestCase):
     def setUp(self) -> None:
-        # A directory with all that the tree has, where examples may write.
+        # A directory with links to all files of the tree, where examples may write.
         self.directory = Path(tempfile.mkdtemp())
         self.addCleanup(shutil.rmtree, self.directory)
         for entry in SOURCE.iterdir():
             if entry.name not in ("build", ".git"):
                 (self.directory / entry.name).symlink_to(entry)
-        (self.directory / "hosts").symlink_to(SOURCE / "hostsim/hosts")  # as the guide has it
+        (self.directory / "hosts").symlink_to(SOURCE / "hostsim/hosts")  # the guide copies it there
 
     def compiled(self, source: str, language: str) -> str:
         executable = str(self.directory / f"program{len(list(self.directory.iterdir()))}")

@@ -1,4 +1,4 @@
-"""What documents hold: blocks of code, and sessions of a shell with the output that they promise."""
+"""The contents of documents that can be tested: blocks of code, and shell sessions with their expected output."""
 
 from __future__ import annotations
 
@@ -11,20 +11,21 @@ from typing import Iterator, List
 @dataclass
 class Block:
     document: str
-    language: str  # empty for a page's
+    language: str  # empty in a manual page
     text: str
-    example: str = ""  # the file of examples/ whose text it repeats
-    installed: bool = False  # needs the packages, and no source tree
+    example: str = ""  # the file of examples/ that the block must repeat
+    installed: bool = False  # needs the installed packages instead of the source tree
 
 
 @dataclass
 class Step:
     command: str
-    on_host: bool  # the prompt "#" stands for root on the lab host, "$" for any machine
+    on_host: bool  # the prompt is "#": root on the lab host. The prompt "$" means any machine
     expected: str
 
     def promises(self, output: str) -> bool:
-        """Three dots stand for any text, alone on a line for any lines. No output promised: any will do."""
+        """Whether the output is as expected. "..." matches any text, and alone on a line any lines. An empty expectation
+        matches any output."""
         if not self.expected:
             return True
         pattern = ""
@@ -37,8 +38,8 @@ class Step:
 
 
 def blocks(path: Path) -> Iterator[Block]:
-    """The literal blocks of a page or a Markdown document. A comment before one says what it is: "<!-- examples/NAME -->"
-    the text of a file, "<!-- installed -->" commands for a machine where the packages are installed."""
+    """The literal blocks of a manual page or a Markdown document. A comment before a block can mark it:
+    "<!-- examples/NAME -->" the text of a file, "<!-- installed -->" commands for a machine with the packages installed."""
     text = path.read_text(encoding="utf-8")
     for match in re.finditer(r"(?:<!-- (examples/\S+|installed) -->\n)?^```(\w*)\n(.*?)^```$", text, re.MULTILINE | re.DOTALL):
         remark, language, body = match.groups()
@@ -49,7 +50,7 @@ def blocks(path: Path) -> Iterator[Block]:
 
 
 def steps(block: Block) -> List[Step]:
-    """The commands of a session, each with the output that follows it; empty for a block of another kind."""
+    """The commands of a session, each with its expected output. Empty if the block is not a session."""
     found: List[Step] = []
     if block.language not in ("", "sh", "console") or not re.match(r"[$#] ", block.text):
         return found
@@ -64,7 +65,7 @@ def steps(block: Block) -> List[Step]:
 
 
 def program(text: str) -> str:
-    """A C fragment as a whole program."""
+    """A C fragment, completed to a program."""
     if "int main(" in text:
         return text
     includes = "".join(re.findall(r"^#include.*\n", text, re.MULTILINE))

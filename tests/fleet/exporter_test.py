@@ -1,4 +1,4 @@
-"""The exporter: what it serves, to whom, and that neither drivers that hang nor clients that do harm keep it from it."""
+"""The exporter: what it serves, to whom, and that it keeps serving while drivers hang and clients misbehave."""
 
 from __future__ import annotations
 
@@ -19,17 +19,17 @@ from typing import Any
 
 from exporters import BUILD, PATIENCE, Exporter, small_host, wait_until
 
-# A port does not answer while there is a file "hang-NUMBER", with its host number, in the directory of its exporter.
-# A sanitizer's runtime wants to be the first library otherwise.
+# Preloads a library that keeps a port waiting while the directory of its exporter has a file "hang-NUMBER" with the port's
+# host number. The ASan runtime would otherwise refuse to start, because it is not the first preloaded library.
 SLOWLY = 'export ASAN_OPTIONS="$ASAN_OPTIONS:verify_asan_link_order=0"; '
 SLOWLY += 'export LD_PRELOAD="$LINKS/slow_driver:$LD_PRELOAD" SLOW_DRIVER="$PWD"; '
 HERE = Path(__file__).parent
 HOST_FILE, PAGE_FILE = HERE / "metrics_host.json", HERE / "page.html"
-REQUESTS = int(os.environ.get("REQUESTS", "1000"))  # of the test of the memory
+REQUESTS = int(os.environ.get("REQUESTS", "1000"))  # for the memory test
 
 
 def setUpModule() -> None:
-    # A path in LD_PRELOAD cannot contain a space; that of the build tree may.
+    # A path in LD_PRELOAD cannot contain a space, but the path of the build tree may.
     links = unittest.enterModuleContext(tempfile.TemporaryDirectory())
     os.symlink(os.environ["SLOW_DRIVER_LIBRARY"], f"{links}/slow_driver")
     os.environ["LINKS"] = links
@@ -52,14 +52,14 @@ class ExporterTest(unittest.TestCase):
                 self.assertEqual(exporter.end(), 0)
         exporter = self.start(address="0.0.0.0:0")
         exporter.wait_for_address()
-        self.assertIn("warning: whoever reaches 0.0.0.0:", exporter.errors())
+        self.assertIn("warning: anyone who reaches 0.0.0.0:", exporter.errors())
         exporter = self.start()
         _, headers, text = exporter.get(Accept="application/openmetrics-text;version=1.0.0,*/*;q=0.1")
         self.assertTrue(headers["Content-Type"].startswith("application/openmetrics-text; version=1.0.0"))
         self.assertTrue(text.endswith("# EOF\n"))
         self.assertEqual(exporter.get("/healthz")[::2], (200, "ok\n"))
         self.assertEqual(exporter.get("/healthz")[1]["Content-Type"], "text/plain; charset=utf-8")
-        self.assertEqual([exporter.get("/x")[::2], exporter.get(method="POST")[0]], [(404, "There are /metrics, /healthz and /.\n"), 405])
+        self.assertEqual([exporter.get("/x")[::2], exporter.get(method="POST")[0]], [(404, "The paths are /metrics, /healthz and /.\n"), 405])
 
     def test_shows_people_a_page_with_all_ports_and_a_picture(self) -> None:
         host = json.loads(re.sub(r"//.*", "", HOST_FILE.read_text(encoding="utf-8")))

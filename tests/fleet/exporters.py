@@ -1,4 +1,4 @@
-"""Simulated hosts with an exporter each, and what is asked of them over HTTP.
+"""Simulated hosts with an exporter each, and HTTP requests to the exporters.
 
 The environment names the build tree: TRELM_BUILD.
 """
@@ -20,22 +20,22 @@ from pathlib import Path
 from typing import Any, Callable, Dict, List, Optional, Tuple, TypeVar
 
 BUILD = Path(os.environ["TRELM_BUILD"])
-PATIENCE = 120.0  # seconds, for a machine that does much else
+PATIENCE = 120.0  # seconds; enough for a busy machine
 Found = TypeVar("Found")
 
 
 def wait_until(look: Callable[[], Found], patience: float = PATIENCE) -> Found:
-    """What `look` gives as soon as it gives something; fails with it after so long."""
+    """Calls `look` until it returns a true value, and returns that. Raises TimeoutError after `patience` seconds."""
     end = time.monotonic() + patience
     while not (found := look()):
         if time.monotonic() > end:
-            raise TimeoutError("what was waited for did not come")
+            raise TimeoutError(f"the expected result did not arrive within {patience:g} s")
         time.sleep(0.05)
     return found
 
 
 class Exporter:
-    """A simulated host and the exporter on it, in a directory that goes with them."""
+    """A simulated host and the exporter on it, with a directory that end() removes."""
 
     def __init__(self, host: Dict[str, Any], *options: str, address: str = "127.0.0.1:0", before: str = "") -> None:
         self.directory = Path(tempfile.mkdtemp(dir=BUILD))
@@ -56,7 +56,7 @@ class Exporter:
         return self.directory / "host.json"
 
     def write_host(self) -> None:
-        """Puts the host into its file, whole."""
+        """Replaces the host file in one step, so that no reader sees a part of it."""
         new = self.directory / "new.json"
         new.write_text(json.dumps(self.host), encoding="utf-8")
         new.replace(self.host_file)
@@ -86,7 +86,7 @@ class Exporter:
     def get(
         self, path: str = "/metrics", method: str = "GET", tls: Optional[ssl.SSLContext] = None, **headers: str
     ) -> Tuple[int, Dict[str, str], str]:
-        """Status, headers and text. Headers have '_' where HTTP has '-'."""
+        """Sends a request with these headers ('_' instead of '-') and returns status, headers and text of the response."""
         connection = http.client.HTTPConnection("localhost", timeout=PATIENCE)
         connection.sock = tls.wrap_socket(self.connect(), server_hostname="localhost") if tls else self.connect()
         try:
@@ -97,13 +97,13 @@ class Exporter:
             connection.close()
 
     def metrics(self) -> Dict[str, float]:
-        """The value of every sample by its name with its labels."""
+        """The values of all samples, by name including labels."""
         lines = self.get(Accept="application/openmetrics-text;version=1.0.0")[2].splitlines()
         samples = [line.rpartition(" ") for line in lines if not line.startswith("#")]
         return {name: float(value) for name, _, value in samples}
 
     def kill(self) -> None:
-        """Ends the exporter and leaves no time to end in order."""
+        """Kills the exporter, so it cannot clean up."""
         try:
             os.killpg(self.process.pid, signal.SIGKILL)
         except ProcessLookupError:
@@ -111,7 +111,7 @@ class Exporter:
         self.process.wait()
 
     def end(self) -> int:
-        """Ends the exporter in order and gives its status."""
+        """Terminates the exporter and returns its exit status."""
         if self.process.poll() is None:
             self.process.terminate()
         try:
@@ -122,13 +122,13 @@ class Exporter:
 
 
 def wwn(kind: str, host: int, index: int) -> str:
-    """A WWN of a host's own, of one of its ports."""
+    """A WWN that only this port of this host has."""
     return f"{kind}:00:c0:5a:{1 + host // 256:02x}:{host % 256:02x}:{index:02x}"
 
 
 def small_host(ports: int = 2, number: int = 0) -> Dict[str, Any]:
-    """Ports of one adapter that see the two targets of one array, with the same two LUNs behind either. The host's number is
-    in its WWNs and in the rates of its counters."""
+    """A host with one adapter. All ports see the two targets of one array, and both targets have the same two LUNs. The WWNs
+    and the rates of the counters depend on the host's number."""
 
     def target(number: int) -> Dict[str, Any]:
         luns: List[Dict[str, Any]] = [

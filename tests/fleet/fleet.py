@@ -1,10 +1,11 @@
-"""A fleet of simulated hosts with an exporter each, under a real Prometheus with the rules of contrib/prometheus.
+"""A fleet of simulated hosts with an exporter each, scraped by a real Prometheus with the rules of contrib/prometheus.
 
     fleet.py [HOSTS] [--speed FACTOR]
 
-Breaks links, targets, FCFs, drivers, adapters and an exporter by editing host files, mends them again, and prints when each alert
-fired and cleared. Ends with status 1 where one did not, where an alert fired that nothing caused, or where a query of the dashboard finds
-nothing. The durations in the rules are divided by the factor, and so is the interval between scrapes. All listens on the loopback address.
+Breaks links, targets, FCFs, drivers, adapters and an exporter by editing host files, repairs them again, and prints when each
+alert fired and cleared. Exits with status 1 if an expected alert does not fire or clear, if an alert fires without a cause, or if
+a query of the dashboard finds nothing. Divides the durations in the rules and the scrape interval by the factor. All servers
+listen on the loopback address.
 
 The environment names the trees: TRELM_SOURCE and TRELM_BUILD.
 """
@@ -35,7 +36,7 @@ SOURCE = Path(os.environ["TRELM_SOURCE"])
 CONTRIB = SOURCE / "contrib/prometheus"
 UNITS = {"s": 1, "m": 60, "h": 3600, "d": 86400}
 Host = Dict[str, Any]
-Alert = Tuple[str, str]  # its name, and the host that it is about
+Alert = Tuple[str, str]  # name of the alert, name of the host
 
 
 def faster(rules: str, factor: float) -> str:
@@ -48,8 +49,8 @@ def faster(rules: str, factor: float) -> str:
 
 
 def fleet_host(number: int) -> Host:
-    """Every host has WWNs and rates of its own. Half of them have virtual ports; the others have another adapter, whose port has no link
-    and never had one, or a driver that refuses its statistics."""
+    """Every host has its own WWNs and rates. Half of the hosts have virtual ports. The others have a second adapter: its port
+    never had a link, or its driver fails requests for statistics."""
     host = small_host(number=number)
     host["name"] = host_name(number)
     host["faults"] = []
@@ -128,13 +129,13 @@ def remove_virtual_port(host: Host) -> None:
 
 @dataclass
 class Damage:
-    """Something that breaks on one host, and the alert that must tell of it."""
+    """A fault of one host, and the alert that it must cause."""
 
     what: str
     alert: str
-    breaks: Optional[Callable[[Host], None]]  # none: the exporter is killed
-    also: FrozenSet[str] = frozenset()  # other alerts that may tell of it
-    flaps: bool = False  # breaks and is mended again and again until the alert fires
+    breaks: Optional[Callable[[Host], None]]  # None: the exporter is killed
+    also: FrozenSet[str] = frozenset()  # other alerts that it may cause
+    flaps: bool = False  # caused and repaired repeatedly until the alert fires
     times: Dict[str, float] = field(default_factory=dict)
 
 
@@ -157,19 +158,19 @@ def damages() -> List[Damage]:
             set_targets_offline(ports=2, targets=2),
             frozenset({"TrelmTargetLost"}),
         ),
-        # The port of the other adapter, which was never online, takes the number of one that was, and its counters stand higher.
+        # The port of the second adapter, which was never online, gets the number of a port that was. Its counters are higher.
         Damage("remove an adapter", "TrelmPortGone", remove_adapter, frozenset({"TrelmAllPathsLost", "TrelmScrapeFailing"})),
         Damage("unmap a LUN", "TrelmLunCountChanged", remove_lun),
         Damage("take the FCF from a port", "TrelmFcfLost", remove_fcf),
         Damage("kill the exporter", "TrelmExporterDown", None),
         Damage("let the driver refuse its statistics", "TrelmScrapeFailing", fail_driver),
-        # Until the library is loaded anew, the driver refuses what is asked of it.
+        # Until the library is loaded again, the driver refuses requests for the removed port.
         Damage("remove a virtual port", "TrelmVirtualPortGone", remove_virtual_port, frozenset({"TrelmScrapeFailing"})),
     ]
 
 
 class Prometheus:
-    """Debian's server in a directory of its own."""
+    """A Prometheus server with its own directory."""
 
     def __init__(self, directory: Path, targets: Dict[str, str], factor: float) -> None:
         self.directory = directory
@@ -186,7 +187,7 @@ class Prometheus:
         self.process, self.url = self.start()
 
     def start(self) -> "tuple[subprocess.Popen[bytes], str]":
-        """The server takes no port of 0, so one that is free now is tried, and another when it is taken meanwhile."""
+        """Prometheus does not accept port 0. So this chooses a free port, and another one if that was taken meanwhile."""
         for _ in range(5):
             with socket.socket() as probe:
                 probe.bind(("127.0.0.1", 0))
@@ -292,7 +293,7 @@ class Fleet:
 
 
 def watch(prometheus: Prometheus, cases: Dict[str, Damage], standing: Set[Alert], firing: bool) -> Set[Alert]:
-    """Waits until the alert of every damage is as it should be, and keeps the times. Gives alerts that nothing caused."""
+    """Waits until the alert of every damage fires (or has cleared) and records the times. Returns the alerts without a cause."""
     what = "fired" if firing else "cleared"
     begun = time.monotonic()
     caused = standing | {(alert, name) for name, damage in cases.items() for alert in (damage.alert, *damage.also)}
@@ -309,12 +310,12 @@ def watch(prometheus: Prometheus, cases: Dict[str, Damage], standing: Set[Alert]
     try:
         wait_until(look, patience=2 * PATIENCE)
     except TimeoutError:
-        uncaused |= set() if firing else prometheus.firing() - standing  # the table shows what did not come
+        uncaused |= set() if firing else prometheus.firing() - standing  # the table shows the alerts that are missing
     return uncaused
 
 
 def values_of_variables(prometheus: Prometheus, board: Any) -> Dict[str, str]:
-    """What the dashboard's variables stand for when all of their values are chosen, each found with those before it."""
+    """The values of the dashboard's variables if "All" is chosen for each. A variable's query may use the variables before it."""
     values = {"$__rate_interval": "10s"}
     for variable in board["templating"]["list"]:
         if variable["type"] == "query":
@@ -332,7 +333,7 @@ def filled(text: str, values: Dict[str, str]) -> str:
 
 
 def empty_queries(prometheus: Prometheus) -> List[str]:
-    """Queries of the dashboard that find nothing, though there are hosts of every kind."""
+    """The queries of the dashboard that find nothing although there are hosts of every kind."""
     board = json.loads((CONTRIB / "trelm.dashboard.json").read_text(encoding="utf-8"))
     values = values_of_variables(prometheus, board)
     queries = [filled(target["expr"], values) for panel in board["panels"] for target in panel["targets"]]
@@ -354,10 +355,10 @@ def run(size: int, factor: float) -> bool:
         assert prometheus is not None
         prometheus.wait_for(f'count(up{{job="trelm"}} == 1) == {size}')
         print(f"{size} hosts are up under {prometheus.url}; rules run {factor:g} times as fast")
-        prometheus.wait_for("min(count_over_time(trelm_library_loaded[1m])) > 5")  # rules look back
+        prometheus.wait_for("min(count_over_time(trelm_library_loaded[1m])) > 5")  # for rules with a range
         standing = standing_alerts(size)
         uncaused = watch(prometheus, {}, standing, False)
-        print(f"before anything breaks: {len(standing)} alerts of faults that stand")
+        print(f"before anything breaks: {len(standing)} alerts of standing faults")
         cases = dict(zip(fleet.exporters, damages()))
         for name, damage in cases.items():
             if damage.flaps:
@@ -373,16 +374,16 @@ def run(size: int, factor: float) -> bool:
     for query in empty:
         print(f"finds nothing: {query}")
     for alert, name in sorted(uncaused):
-        print(f"nothing caused {alert} of {name}")
+        print(f"alert without a cause: {alert} of {name}")
     return not empty and not uncaused and all(len(damage.times) == 2 for damage in cases.values())
 
 
 def main() -> int:
     parser = argparse.ArgumentParser(description="A fleet of simulated hosts under a real Prometheus.")
-    parser.add_argument("hosts", nargs="?", type=int, default=20, help="how many (default 20); each damage needs one of its own")
+    parser.add_argument("hosts", nargs="?", type=int, default=20, help="number of hosts (default 20); each damage needs its own host")
     parser.add_argument("--speed", type=float, default=30, help="divide the durations of the rules by this (default 30)")
     arguments = parser.parse_args()
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # ends what was started
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # so that __exit__ ends all processes
     return 0 if run(arguments.hosts, arguments.speed) else 1
 
 

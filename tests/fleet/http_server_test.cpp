@@ -1,4 +1,4 @@
-// http_server_test.cpp - what the exporter's server does to clients that take longer than it waits for in earnest.
+// http_server_test.cpp - the exporter's server with a shorter time limit for requests than the tool sets.
 #include "http_server.h"
 
 #include <gtest/gtest.h>
@@ -32,7 +32,7 @@ TEST(HttpServer, EndsARequestThatComesByteByByteForTooLong) {
     const HttpServer server(socket, {}, sampling, std::chrono::milliseconds(100));
     const int client = connected_to(socket);
     int bytes = 0;
-    // Never idle for longer than the server bears.
+    // Never idle long enough for the server's idle timeout.
     for (; bytes < 600 && !is_ended_within(client, 100); ++bytes) send(client, "x", 1, MSG_NOSIGNAL);
     EXPECT_LT(bytes, 600);
     close(client);

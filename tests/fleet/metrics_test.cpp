@@ -114,7 +114,7 @@ TEST_F(Metrics, ReplaceAFileWholeAndNothingThatIsNoFile) {
               1);
 }
 
-// Values of before would stand there for ever.
+// Otherwise the file would keep its old values for ever.
 TEST_F(Metrics, SayInTheFileThatTheLibraryCannotBeLoaded) {
     const std::string file = text_of(source_dir() + "/hostsim/hosts/lab.json");
     write("host.json",

@@ -1,4 +1,4 @@
-"""What a scrape of a large host costs: scrape_cost.py [PORTS [TARGETS]]
+"""Measures the cost of a scrape of a large host: scrape_cost.py [PORTS [TARGETS]]
 
 The environment names the build tree: TRELM_BUILD.
 """

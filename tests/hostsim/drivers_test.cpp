@@ -43,7 +43,7 @@ TEST_P(AnyDriver, AppliesFaultsAndAnswersForLunsAsDescribed) {
 
 // ---- The management interface
 
-// A correct signature, which tests then change.
+// A valid signature, which the tests then change.
 struct Signature {
     explicit Signature(DriverKind kind) : cookie(kind == DriverKind::kron ? 501 : 601) {
         constexpr uint64_t kSizes[]{8, 16, 72, 520, 520, 72, 72, 262444, 24, 262172};
@@ -90,7 +90,7 @@ TEST(ManagementApi, RefusesASignatureThatDiffersInAnyField) {
             EXPECT_EQ(signature.connect(handle), error) << what;
             EXPECT_EQ(errno, error) << what;
         }
-        EXPECT_EQ(handle, 77u) << "no handle was given out";
+        EXPECT_EQ(handle, 77u) << "no handle was returned";
         EXPECT_EQ(Signature(kind).connect(handle), 0);
     }
 }

@@ -1,6 +1,6 @@
-// hostsim_paths_test.cpp - every family of libc's functions that take a path, in a process with a simulated
-// host of its own: each must reach the host's "/tmp" and never the machine's. The machine has no file of the
-// names used here, so a call that is not redirected fails or leaves no file below the host's root.
+// hostsim_paths_test.cpp - all families of libc functions that take a path, in a process with its own
+// simulated host: each must reach the host's "/tmp" and never the machine's. The machine has no files with
+// the names used here, so a call that is not redirected fails or leaves no file below the host's root.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <glob.h>
@@ -37,9 +37,9 @@ class HostsimPaths : public testing::Test {
     std::string name_ = "hostsim-paths-" + std::to_string(getpid());
 };
 
-// The functions that fortified programs open files with.
+// Programs built with _FORTIFY_SOURCE open files with this function.
 const auto kOpen2 = reinterpret_cast<int (*)(const char*, int)>(dlsym(RTLD_DEFAULT, "__open_2"));
-// Looked up, as the linker warns of programs that call it.
+// Looked up at run time, because the linker warns about direct calls.
 const auto kMktemp = reinterpret_cast<char* (*)(char*)>(dlsym(RTLD_DEFAULT, "mktemp"));
 
 bool closes(int fd) { return fd >= 0 && close(fd) == 0; }
@@ -131,7 +131,7 @@ TEST_F(HostsimPaths, ListsTheHostsDirectoriesAndKeepsTheMachinesPaths) {
     EXPECT_EQ(open(("/tmp/" + std::string(PATH_MAX, 'x')).c_str(), O_RDONLY), -1);
     EXPECT_EQ(errno, ENAMETOOLONG);
     EXPECT_EQ(access(in_tmp().c_str(), F_OK), 0);
-    EXPECT_EQ(errno, ENAMETOOLONG) << "a call that works leaves errno alone";
+    EXPECT_EQ(errno, ENAMETOOLONG) << "a call that succeeds leaves errno unchanged";
     const hostsim::OwnCalls own;
     EXPECT_EQ(access(in_tmp().c_str(), F_OK), -1) << "the simulator's own calls are not redirected";
 }
@@ -235,7 +235,7 @@ TEST_F(HostsimPaths, TheLegacyNodeIsACharacterDeviceThatRequestsReach) {
     const int next = open(kLegacyNode, O_RDWR);
     EXPECT_EQ(close(next), -1);
     EXPECT_EQ(errno, EIO);
-    EXPECT_EQ(fcntl(next, F_GETFD), -1) << "a failing close closes all the same";
+    EXPECT_EQ(fcntl(next, F_GETFD), -1) << "a failed close still closes the descriptor";
     EXPECT_EQ(open(kLegacyNode, O_RDWR), -1);
     EXPECT_EQ(errno, EBUSY);
     driver_.presence = Presence::no_device;

@@ -108,10 +108,10 @@ TEST_F(HostsimRoot, IsNewEmptyOrARootAlready) {
     EXPECT_FALSE(fs::exists(at("a:b")));
 
     EXPECT_EQ(run("true", {"--root", at("empty")}).status, 0);
-    EXPECT_EQ(run("true", {"--root", at("empty") + "/"}).status, 0) << "which it has become";
+    EXPECT_EQ(run("true", {"--root", at("empty") + "/"}).status, 0) << "the directory is a root now";
 }
 
-// Runs as a user who cannot harm the machine if the check should fail.
+// Runs as an unprivileged user, who cannot harm the machine if the check fails.
 TEST_F(HostsimRoot, IsNeverTheMachinesOwn) {
     fs::permissions(at(""), fs::perms(0755));
     const Words harmless{"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
@@ -181,7 +181,7 @@ TEST_F(HostsimRoot, OfAKilledHostGoesWithTheNextStartOrOnRequest) {
     EXPECT_THAT(busy.errors, HasSubstr(at("root") + ": a host runs here"));
 }
 
-// Only roots that hosts of this user left are removed from the temporary files.
+// Of the temporary files, only roots that hosts of this user left behind are removed.
 TEST_F(HostsimRoot, IsNotRemovedForAForgedOne) {
     const int set = kill_host();
     const fs::path real = only_root();
@@ -203,7 +203,7 @@ TEST_F(HostsimRoot, IsNotRemovedForAForgedOne) {
     const bool is_others = chown(others.c_str(), 65534, 65534) == 0;
     fs::remove_all(named);
     kill_host({"--root", named});
-    // Makes a directory so old that a sweep does not take it for a host that is being created.
+    // Makes the directories old, so that they do not look like hosts that are being created.
     for (const std::string& root : {linked, open_to_all, hard_mark, hard_lock, hard_state, others, named})
         fs::last_write_time(root + "/.hostsim/users",
                             fs::file_time_type::clock::now() - std::chrono::hours(1));
@@ -212,7 +212,7 @@ TEST_F(HostsimRoot, IsNotRemovedForAForgedOne) {
     for (const std::string& root : {linked, open_to_all, hard_mark, hard_lock, named})
         EXPECT_TRUE(fs::exists(root + "/.hostsim/state")) << root;
     EXPECT_EQ(fs::exists(others), is_others);
-    EXPECT_TRUE(exists(set)) << "which the list of semaphores in a file with two names would lead to";
+    EXPECT_TRUE(exists(set)) << "the list of semaphore sets in a file with two hard links is ignored";
     fs::rename(at("real"), real);
     EXPECT_THAT(clean().out, HasSubstr("cleared: " + real.string()));
     EXPECT_EQ(clean({"--root", named}).status, 0);
@@ -222,7 +222,7 @@ TEST_F(HostsimRoot, ThatCannotBeHadLeavesNothing) {
     disk_is_full = true;
     try {
         const hostsim::Host host(hostsim::hosts::empty());
-        ADD_FAILURE() << "a host that would end with a bus error";
+        ADD_FAILURE() << "the host would later end with a bus error";
     } catch (const std::system_error& error) {
         EXPECT_EQ(error.code().value(), ENOSPC);
     }

@@ -1,5 +1,5 @@
 // hostsim_run_test.cpp - programs on a simulated host: how the launcher runs a command, and which answers of
-// libc are those of the host. Each test has a directory of its own, which is removed with it.
+// libc are those of the host. Each test has its own directory, which is removed at its end.
 #include <gmock/gmock.h>
 #include <sys/sem.h>
 
@@ -103,7 +103,7 @@ TEST_F(HostsimRun, WorksFromAPathWithASpaceAndAColon) {
 #ifndef __SANITIZE_ADDRESS__  // the leak check of the sanitizer needs /proc
 TEST_F(HostsimRun, SaysWhatItMissesWhereThereIsNoProc) {
     if (execute({"/usr/bin/unshare", "-m", "umount", "-l", "/proc"}).status != 0)
-        GTEST_SKIP() << "this user may not take /proc away";
+        GTEST_SKIP() << "this user may not unmount /proc";
     const ProgramResult outcome = execute({"/usr/bin/unshare", "-m", "sh", "-c", "umount -l /proc; \"$@\"",
                                            "sh", kLauncher, "run", at("host.json"), "--", "true"});
     EXPECT_EQ(outcome.status, 125);
@@ -160,7 +160,7 @@ TEST_F(HostsimRun, ShowsTheHostToEveryProgramAndChildAndFollowsEdits) {
         "esx-run\nesx-next\nesx-next\n");
 }
 
-// Each call starts uname with an environment that lacks the host's variables, as far as it takes one.
+// Each call starts uname. Calls that take an environment get one without the host's variables.
 TEST_F(HostsimRun, KeepsProgramsOnTheHostWhicheverCallStartsThem) {
     write("start.py", R"(
 import ctypes, os
@@ -211,7 +211,7 @@ TEST_F(HostsimRun, KeepsARootThatWasGivenAndSharesItAmongCommandsOfOneHostOnly) 
     const ProgramResult refused = launch(Words{"run", at("next.json")} + root_option + Words{"--", "true"});
     EXPECT_EQ(refused.status, 125);
     EXPECT_THAT(refused.errors, HasSubstr(at("host.json")));
-    EXPECT_TRUE(fs::exists(at("root/.hostsim/state"))) << "the second command was not the last";
+    EXPECT_TRUE(fs::exists(at("root/.hostsim/state"))) << "the first command still runs";
     open_gate();
     EXPECT_EQ(finish(first).status, 0);
     EXPECT_EQ(text_of(at("first")), "hello\n");

@@ -12,7 +12,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-// Bytes in hexadecimal, separated by blanks.
+// Hexadecimal bytes, separated by spaces.
 Bytes hex(const std::string& digits) {
     Bytes all;
     std::istringstream in(digits);
@@ -104,7 +104,7 @@ TEST(Disk, AnswersEachCommandToTheByteAndFitsItsBuffer) {
     }
 }
 
-// A command of the READ or WRITE family, with its fields at the places for its length.
+// A READ or WRITE command. The length of the command decides where its fields are.
 Bytes transfer(uint8_t opcode, uint64_t lba, uint32_t blocks) {
     constexpr size_t kLayouts[][4]{{1, 3, 4, 1}, {2, 4, 7, 2}, {2, 4, 7, 2}, {}, {2, 8, 10, 4}, {2, 4, 6, 4}};
     const auto& [lba_at, lba_width, blocks_at, blocks_width] = kLayouts[opcode >> 5];

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""installed_test.py - uses an installation as the author of an agent would, with nothing else of the project in reach.
+"""installed_test.py - uses an installation as the author of an agent does, without access to the rest of the project.
 
-A C program is built through pkg-config, a C++ program through CMake, and a Python program run as it is; each runs on the
-installed simulated host. With --build the build tree is installed first, and the prefix is then moved to another place.
+Builds a C program with pkg-config and a C++ program with CMake, and takes a Python program unchanged. Runs each on the
+installed simulated host. --build first installs a build tree and then moves the prefix to another directory.
 """
 
 from __future__ import annotations
@@ -85,22 +85,22 @@ def check(installed: Installation, build: Path | None) -> None:
     except SystemExit:
         pass
     else:
-        raise SystemExit("CMake takes this version for one that serves a program written for 4.9")
+        raise SystemExit("CMake accepts this version for a program that requires 4.9")
     if build:
         loaded = installed.on_host("sh", "-c", "trelmctl version && cat /proc/self/maps")
         linked = run("ldd", installed.prefix / "bin/trelmctl", installed.prefix / "bin/trelm-hostsim", env=installed.env)
         if str(build) in loaded + linked:
-            raise SystemExit(f"the build tree is in reach:\n{linked}{loaded}")
+            raise SystemExit(f"the installed programs use the build tree:\n{linked}{loaded}")
 
 
 SHELLS = {"bash": "bash --norc -i", "zsh": "zsh -f -i", "fish": "fish -i"}
-# What a shell must read first. One whose own directories lie in the prefix finds the script by itself.
+# The commands that load the completion. A shell whose own directories are in the prefix finds the script itself.
 PREPARED = {
     "bash": "if [ -e {own} ]; then . {own}; else . {share}/bash-completion/completions/trelmctl; fi",
     "zsh": "[ {share} = /usr/share ] || fpath=({share}/zsh/site-functions $fpath); autoload -Uz compinit; compinit -u -d dump",
     "fish": "true",
 }
-# What is typed before the tabulator, and the last word after it.
+# The text before the Tab key, and the last word after it.
 COMPLETED = {
     "trelmctl sho": "show",
     "trelmctl --ti": "--timeout",
@@ -115,7 +115,7 @@ COMPLETED = {
 
 
 class Terminal:
-    """A shell on a terminal of its own, on the lab host."""
+    """A shell on the lab host, with its own terminal."""
 
     def __init__(self, installed: Installation, shell: str) -> None:
         self.answer = installed.work / "answer"
@@ -130,13 +130,13 @@ class Terminal:
         self.type(f"{prepared}; echo ready >{self.answer}\n")
 
     def type(self, keys: str) -> str:
-        """What the keys make the shell write as its answer."""
+        """Types the keys and returns the text that the shell then writes to the answer file."""
         self.answer.unlink(missing_ok=True)
         os.write(self.terminal, keys.encode())
         shown, until = b"", time.monotonic() + 60
         while not self.answer.exists() or not self.answer.read_text().endswith("\n"):
             if time.monotonic() > until:
-                raise SystemExit(f"no answer to {keys!r}, but on the terminal\n{shown.decode(errors='replace')}")
+                raise SystemExit(f"no answer to {keys!r}; the terminal shows\n{shown.decode(errors='replace')}")
             if select.select([self.terminal], [], [], 0.05)[0]:
                 shown += os.read(self.terminal, 65536)
         return self.answer.read_text()
@@ -145,7 +145,7 @@ class Terminal:
         return self.type(f"{line}\t\x01echo >{self.answer} \n").split()[-1]
 
     def close(self) -> None:
-        """Ends the shell, which writes its history, before its directory goes."""
+        """Ends the shell before its directory is removed, because it writes its history there."""
         try:
             os.write(self.terminal, b"\x15exit\n")
             while select.select([self.terminal], [], [], 20)[0] and os.read(self.terminal, 65536):
@@ -171,7 +171,7 @@ def main() -> None:
     parser = argparse.ArgumentParser()
     parser.add_argument("--build", type=Path, help="a build tree to install and test")
     parser.add_argument("--prefix", type=Path, help="an installation to test")
-    parser.add_argument("--all-shells", action="store_true", help="fail where a shell that completes is not installed")
+    parser.add_argument("--all-shells", action="store_true", help="fail if a shell with completion is not installed")
     arguments = parser.parse_args()
     with tempfile.TemporaryDirectory(prefix="trelm-installed-") as folder:
         work = Path(folder)
@@ -184,7 +184,7 @@ def main() -> None:
         shells = [shell for shell in SHELLS if arguments.all_shells or shutil.which(shell)]
         for shell in shells:
             check_completion(installed, shell)
-    print(f"programs in C, C++ and Python work with what is installed, and so does completion in {', '.join(shells)}")
+    print(f"programs in C, C++ and Python work with the installed files; completion works in {', '.join(shells)}")
 
 
 if __name__ == "__main__":

@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""package_root.py - does what the README and the guide tell a user to do, in a root that holds a bare Debian release and the
-packages alone.
+"""package_root.py - follows the instructions of the README and the guide in a root directory that contains only a minimal
+Debian release and the packages.
 
-Runs as root, in a mount and a PID namespace of its own: it mounts and does not unmount. What the packages and the documents
-name comes through the sources of this machine's apt.
+Run it as root in a new mount and PID namespace: it mounts file systems and does not unmount them. Other packages come from
+the apt sources of this machine.
 """
 
 from __future__ import annotations
@@ -35,7 +35,7 @@ def command(*words: str, given: str = "") -> str:
 
 
 class Root:
-    """A machine where nothing is installed but what a Debian release cannot be without."""
+    """A machine with only the essential packages of a Debian release."""
 
     def __init__(self, path: Path) -> None:
         self.path = path
@@ -58,14 +58,14 @@ class Root:
         command("mount", "-t", kind, "-o", options, kind, str(self.path / place))
 
     def run(self, text: str, user: str, directory: str) -> str:
-        """Runs a command as it is typed. Its exit status must be 0."""
+        """Runs a shell command. Its exit status must be 0."""
         environment = ["env", "-i", "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C.UTF-8",
                        f"HOME={directory}", "TERM=dumb", "MANPAGER=cat", "DEBIAN_FRONTEND=noninteractive"]
         return command("chroot", f"--userspec={user}:{user}", str(self.path), *environment, "sh", "-c", f"cd {directory} && {text}")
 
 
 def follow(root: Root, document: Path, installed_only: bool) -> int:
-    """What a document says: blocks of "sh" are root's commands, sessions are those of a user without privilege."""
+    """Runs the commands of a document and returns their number. Root runs "sh" blocks, an unprivileged user runs sessions."""
     done = 0
     for block in blocks(document):
         if installed_only and not block.installed:
@@ -82,30 +82,30 @@ def follow(root: Root, document: Path, installed_only: bool) -> int:
                 raise SystemExit(f"{document.name}: {step.command}\nprinted\n{output}instead of\n{step.expected}")
             done += 1
     if not done:
-        raise SystemExit(f"{document}: says nothing that could be done")
+        raise SystemExit(f"{document}: contains no command")
     return done
 
 
 def main() -> None:
     parser = argparse.ArgumentParser()
     parser.add_argument("--packages", type=Path, required=True, help="the directory of the packages")
-    parser.add_argument("--root", type=Path, required=True, help="an empty directory to make the root in")
+    parser.add_argument("--root", type=Path, required=True, help="an empty directory for the root")
     arguments = parser.parse_args()
     packages: List[Path] = [path for path in arguments.packages.glob("*.deb") if "-dbgsym_" not in path.name]
-    print("a bare root", flush=True)
+    print("creating a minimal root", flush=True)
     root = Root(arguments.root.resolve())
     for package in packages:
         shutil.copy(package, root.path / "root")
     print("README.md", flush=True)
     done = follow(root, SOURCE / "README.md", True)
-    print("the guide, as it is installed", flush=True)
+    print("the installed guide", flush=True)
     done += follow(root, root.path / "usr/share/doc/libtrelm-dev/docs/guide.md", False)
     pages = root.run(PAGES, "agent", "/home/agent").splitlines()
     print(f"the manual pages: {' '.join(pages)}", flush=True)
     root.run(SHELLS, "root", "/root")
     shutil.copy(SOURCE / "tests/install/installed_test.py", root.path / "home/agent")
     print(root.run("python3 installed_test.py --prefix /usr --all-shells", "agent", "/home/agent"), end="")
-    print(f"{len(packages)} packages: {done} commands of the documents and {len(pages)} manual pages do as they say")
+    print(f"{len(packages)} packages: {done} commands of the documents and {len(pages)} manual pages work as documented")
 
 
 if __name__ == "__main__":

@@ -1,4 +1,4 @@
-// abuse.cpp - hostile objects at the places of the shared file and semaphores of the library.
+// abuse.cpp - hostile objects in place of the library's shared file and semaphores.
 #include "crowd.h"
 
 #include <sys/sem.h>

@@ -13,7 +13,7 @@ Crowd* const crowd = &test::make_common<Crowd>();
 
 namespace {
 
-constexpr int64_t kDawdling = 10'000'000'000;  // at most
+constexpr int64_t kDawdling = 10'000'000'000;  // nanoseconds, at most
 constexpr uint32_t kTaken = 0x4;
 
 struct Self {
@@ -21,7 +21,7 @@ struct Self {
     uint64_t calls = 0;
     const uint8_t* instance = nullptr;  // the slot variable of the library
     int32_t set = -1;                   // the semaphore of the database
-    const uint32_t* flags = nullptr;    // of the slots, in the mapped file
+    const uint32_t* flags = nullptr;    // flags of the slots, in the mapped file
     uint32_t before[kSlots] = {};       // the flags as they were when the file was mapped
     bool joining = false;
     bool leaving = false;

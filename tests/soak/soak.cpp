@@ -21,9 +21,9 @@ namespace fs = std::filesystem;
 constexpr char kLogFile[] = "/var/tmp/libtrelm.log";
 constexpr int64_t kSecond = 1'000'000'000;
 constexpr int64_t kCrowdTime = kSecond;
-// If no process makes a step for this long, the crowd hangs. Only progress counts, not its speed.
+// The crowd hangs if no process makes progress for this long. The speed of the progress does not matter.
 constexpr int64_t kPatience = 60 * kSecond;
-constexpr unsigned kLargestCrowd = 6;  // small crowds often have a last process
+constexpr unsigned kLargestCrowd = 6;  // in a small crowd, a process is often the last one
 // The approximate number of calls in a round at which a process can be killed; more with the log on.
 constexpr unsigned kFatalCalls = 60;
 constexpr unsigned kFatalCallsWithLog = 2000;

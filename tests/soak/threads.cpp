@@ -153,7 +153,7 @@ REPLACES_LIBC(int, close, (int fd)) {
     return NEXT_OF(close)(fd);
 }
 
-// Only an Exclusive counts the processes that have the library loaded.
+// The library counts the processes that have it loaded only while it holds an Exclusive.
 REPLACES_LIBC(FILE*, popen, (const char* command, const char* mode)) {
     if (is_guest || !CALLED_BY_LIBRARY()) return NEXT_OF(popen)(command, mode);
     demand(requests_under_way == 0, "the library was freed under {} requests", requests_under_way.load());
@@ -264,7 +264,7 @@ class Caller {
                 return ask_stats(port);
         }
     }
-    // Cases without a model: loads and frees of several threads at once.
+    // Loads and frees on several threads at once, for which the model has no expected results.
     void call_wildly() {
         if (pick(500) == 0) pick(2) == 0 ? TRELM_FreeLibrary() : TRELM_LoadLibrary();
         uint32_t handle = 0;
@@ -424,7 +424,7 @@ void check_end() {
     demand(requests_under_way == 0, "requests were under way at the end");
 }
 
-// One round of a thread of a guest: every call must succeed, whatever the file of the host says meanwhile.
+// One round of a thread of a guest: every call must succeed while the host file is edited.
 void work_as_guest(uint32_t port, unsigned long long& link_changes) {
     uint32_t handle = 0;
     TRELM_VNPORT_INFO info{};

@@ -1,4 +1,4 @@
-// trelmctl_test.cpp - the tool with standard streams that are closed, full, without reader, or a terminal.
+// trelmctl_test.cpp - the tool with standard streams that are closed, full, without a reader, or a terminal.
 // golden_test.cpp tests its output in all other cases.
 #include <fcntl.h>
 #include <poll.h>
@@ -41,7 +41,7 @@ TEST_F(Trelmctl, EndsWithADocumentedStatusWhateverItsStandardStreamsAre) {
     expect("$tool show 2>/dev/full", 2, "");
     expect("$tool show 2>&-", 2, "");
     expect("mkfifo pipe; exec 3<>pipe 4>pipe 3<&-; $tool tree >&4", 1, "");
-    // Its text must not go to the next file that the library opens.
+    // The tool's text must not go to the next file that the library opens, which gets the closed descriptor.
     expect("$tool tree <&- >&-", 1, cannot_write("Bad file descriptor"));
     expect("$tool tree <&- >&- 2>&-", 1, "");
 }
@@ -67,7 +67,7 @@ class Terminal {
         winsize size{lines, columns, 0, 0};
         ioctl(fd_, TIOCSWINSZ, &size);
     }
-    // The lines of the next complete screen: from the first line to the clearing of the rest.
+    // The lines of the next complete screen: from the first line to the sequence that clears the rest.
     std::vector<std::string> screen() {
         const std::string start = "\033[H";
         const std::string end = "\033[J";
@@ -87,7 +87,7 @@ class Terminal {
     }
     // Waits for the text on the terminal. Output before it is dropped.
     bool shows(const std::string& text) { return before(text).has_value(); }
-    // The whole screen, drawn again and again until the text is on it.
+    // The whole screen, redrawn until the text is on it.
     std::string screen_with(const std::string& text) {
         std::string screen;
         const bool found = eventually([&] {
@@ -212,7 +212,7 @@ class TrelmctlTop : public Trelmctl {
   protected:
     using Json = nlohmann::json;
 
-    // A path in LD_PRELOAD cannot contain a space; that of the build tree may.
+    // A path in LD_PRELOAD cannot contain a space, but the path of the build tree may.
     TrelmctlTop() {
         put(host_);
         std::filesystem::create_symlink(binary_dir() + "/lib/libslow_driver.so", at("slow_driver"));
@@ -227,7 +227,8 @@ class TrelmctlTop : public Trelmctl {
         host["faults"] = Json::array({fault});
         put(host);
     }
-    // The tool with these words on the host. Ports hang as long as there is a file "hang-HOSTNUMBER".
+    // Runs a shell script on the host, with $tool for the tool. A port hangs while there is a file
+    // "hang-HOSTNUMBER".
     Words shell(const std::string& script) const {
         const std::string prelude =
             "cd $0; tool=$1; IFS=; export TERM=xterm SLOW_DRIVER=$0 "

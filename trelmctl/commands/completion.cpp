@@ -1,5 +1,5 @@
-// completion.cpp - words for the completion of shells. The scripts only call `trelmctl complete`, which knows
-// the commands and options and asks the host for its ports, targets and LUNs.
+// completion.cpp - shell completion. The scripts only call `trelmctl complete`, which knows the commands and
+// options and asks the host for its ports, targets and LUNs.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -18,8 +18,8 @@ namespace {
 
 using Words = std::vector<std::string>;
 
-// The words are taken from the line itself: bash cuts a WWPN at its colons. Where nothing is proposed, a word may
-// be the name of a file.
+// The script splits the line itself, because bash splits a WWPN at its colons. If there is no candidate, bash
+// completes file names.
 constexpr std::string_view kBash = R"sh(_trelmctl() {
     local -a words
     read -ra words <<<"${COMP_LINE:0:COMP_POINT}"
@@ -28,7 +28,8 @@ constexpr std::string_view kBash = R"sh(_trelmctl() {
 }
 complete -o default -F _trelmctl trelmctl
 )sh";
-// Loaded on demand, the file is the body of the function that it defines, and must call it the first time.
+// If zsh loads the file on demand, the file is the body of the function that it defines, so it must call that
+// function the first time.
 constexpr std::string_view kZsh = R"sh(#compdef trelmctl
 _trelmctl() {
     local -a found
@@ -54,7 +55,7 @@ complete -c trelmctl -f -a '(__trelmctl_complete)'
 struct Line {
     const Command* command = nullptr;
     Words arguments;     // without options and their values
-    std::string awaits;  // the option whose value the last word is; empty: none
+    std::string awaits;  // the option of which the last word is the value; empty: none
     std::vector<OptionName> options = option_names("");
 };
 

@@ -1,12 +1,12 @@
-// interrupts.h - waiting in commands that run until the user ends them.
+// interrupts.h - signals and waits in commands that run until the user ends them.
 #pragma once
 
 namespace trelmctl {
 
-// From now on an interrupt ends a wait and not the process, so that the library can be freed.
+// From now on an interrupt ends a wait instead of the process, so that the library can be freed.
 void catch_interrupts();
 
-// From now on a change of the size of the terminal ends a wait too.
+// From now on a change of the terminal's size also ends a wait.
 void wake_on_resize();
 
 // Whether the user has ended the command.

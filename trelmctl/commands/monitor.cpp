@@ -19,8 +19,8 @@
 namespace trelmctl {
 namespace {
 
-constexpr std::size_t kIndent = 4;              // of a line that continues another
-constexpr std::chrono::milliseconds kTick{50};  // how soon an interrupt is seen while drivers are asked
+constexpr std::size_t kIndent = 4;              // of continuation lines
+constexpr std::chrono::milliseconds kTick{50};  // delay until an interrupt is noticed while drivers are asked
 
 std::string time_text() { return fmt::format("{:%Y-%m-%dT%H:%M:%S%z}", fmt::localtime(std::time(nullptr))); }
 
@@ -28,7 +28,7 @@ std::string place(const StateChange& change) {
     const StateName& name = change.name;
     if (!name.name.empty()) return fmt::format("{} {} at port {}", name.kind, name.name, change.label);
     if (name.kind != "port") return change.label.empty() ? name.kind : name.kind + " " + change.label;
-    // Numbers go from port to port when ports come and go.
+    // A number may pass to another port when ports appear or disappear.
     const bool is_renamed = !change.before || !change.after || name.attribute == "number";
     return fmt::format("port {}{}", change.label, is_renamed ? " (" + name.scope + ")" : "");
 }
@@ -84,7 +84,7 @@ void tell_changes(const Snapshot& before, const Snapshot& after, Output& output)
     output.flush();
 }
 
-// None where the user ends the command before the drivers have answered.
+// Nothing if the user ends the command before the drivers have answered.
 std::optional<HostLook> look(Lookout& lookout, const Options& options) {
     while (!interrupted()) {
         lookout.start({.filter = options.filter, .counters = false, .targets = true, .targets_of = {}});

@@ -26,10 +26,10 @@ namespace {
 
 constexpr short kTroubleColour = 1;
 constexpr int kEscape = 27;
-constexpr int kRedraw = 'L' & 0x1F;  // with Ctrl, as everywhere
+constexpr int kRedraw = 'L' & 0x1F;  // Ctrl+L, as in other programs
 constexpr double kGraphSeconds = 300;
-constexpr std::chrono::milliseconds kTick{20};  // how soon a key is seen while drivers are asked
-constexpr int kWideLine = 66;                   // of a counter with its whole total
+constexpr std::chrono::milliseconds kTick{20};  // delay until a key is noticed while drivers are asked
+constexpr int kWideLine = 66;                   // columns of a counter's line with its total in full
 
 // Puts the terminal into the state for drawing, and restores it at the end of the scope.
 class CursesTerminal {
@@ -38,7 +38,7 @@ class CursesTerminal {
         : screen_(is_terminal(0) && is_terminal(1) ? newterm(nullptr, stdout, stdin) : nullptr, delscreen) {
         if (!screen_) {
             throw CommandFailed(
-                tool_failure("NO_TERMINAL", "standard input or output is no terminal that can be drawn on",
+                tool_failure("NO_TERMINAL", "standard input or output is not a terminal that top can draw on",
                              "'trelmctl stats --watch' and 'trelmctl metrics' write to pipes"));
         }
         set_term(screen_.get());
@@ -159,7 +159,7 @@ class Top {
         find_selected();
     }
 
-    // The port that is selected may have gone, or another be in its line.
+    // The selected port may be gone or have moved to another line.
     void find_selected() {
         ports_ = model_.ports(order_);
         const auto found = std::find_if(ports_.begin(), ports_.end(),
@@ -177,7 +177,8 @@ class Top {
         selected_key_ = ports_.empty() ? "" : ports_[selected_]->key;
     }
 
-    // Nothing is asked for a key: what a page needs beyond the last look comes with a look of its own.
+    // A key sends no requests itself. What the page needs beyond the last look comes with the next look,
+    // which starts now.
     void open_page(std::size_t index) {
         select(index);
         scrolled_ = 0;
@@ -193,7 +194,7 @@ class Top {
 
     // ---- Drawing ----
 
-    // The samples that a graph shows.
+    // The number of samples that a graph shows.
     std::size_t span() const { return static_cast<std::size_t>(std::ceil(kGraphSeconds / options_.every)); }
 
     static int room() { return std::max(LINES - 3, 1); }
@@ -303,8 +304,8 @@ class Top {
     Clock::time_point next_ = Clock::now();
     TopModel model_;
     std::vector<const PortTraffic*> ports_;
-    std::size_t selected_ = 0;  // the line of
-    std::string selected_key_;  // this port
+    std::size_t selected_ = 0;  // line of the selected port
+    std::string selected_key_;  // key of the selected port
     TopOrder order_ = TopOrder::port;
     bool detail_ = false;
     bool quit_ = false;

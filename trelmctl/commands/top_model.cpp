@@ -71,7 +71,7 @@ void PortTraffic::fall_silent(const std::string& new_state, const std::string& w
     add_to(history, 0);
 }
 
-// What was known of the adapter's ports stands; of one that was never heard of there is the number.
+// The adapter's ports keep their last values. A port that has never answered is shown with its number only.
 void TopModel::take_silence(const AdapterLook& adapter) {
     if (!is_shown(adapter.key)) {
         PortTraffic& traffic = ports_[adapter.key];

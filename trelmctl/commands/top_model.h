@@ -13,37 +13,37 @@
 namespace trelmctl {
 
 struct PortTraffic {
-    std::string key;      // of the port, and
-    std::string adapter;  // of its physical port
+    std::string key;      // of the port
+    std::string adapter;  // key of its physical port
     uint32_t instance = 0;
-    std::size_t place = 0;  // on the adapter
+    std::size_t place = 0;  // index among the ports of the adapter
     std::string label;      // "0" or "0/1"
     std::string hba_name;
     std::string state;  // in words; "failed" if the port does not answer
     std::string trouble;
     std::optional<CounterSample> last;
-    std::map<std::string, double> rates;  // by the counter's key; none where it has no rate
+    std::map<std::string, double> rates;  // by the counter's key; absent if no rate can be computed
     std::deque<double> history;           // bytes per second in both directions, the newest last
-    std::optional<TargetsLook> targets;   // where they were asked for
+    std::optional<TargetsLook> targets;   // from the last look that asked for them
 
     bool in_trouble() const { return state != "online" || !trouble.empty() || errors() > 0; }
-    // Of the counters of errors and recovery, per second.
+    // The sum of the rates of all error and recovery counters, per second.
     double errors() const;
     double bytes() const;
     void fall_silent(const std::string& new_state, const std::string& why);
 };
 
-// Whether a counter that rises tells of trouble.
+// Whether an increase of the counter is a sign of trouble.
 bool counts_errors(const Counter& counter);
 
 enum class TopOrder { port, traffic, errors };
 
 class TopModel {
   public:
-    // Ports that fail stay, with what was known of them.
+    // Ports that fail stay, with their last known values.
     void take(const HostLook& host);
 
-    // Why nothing is known of any port now; empty otherwise.
+    // Why no port can be asked now; empty if ports can be asked.
     const std::string& trouble() const { return trouble_; }
 
     std::vector<const PortTraffic*> ports(TopOrder order) const;

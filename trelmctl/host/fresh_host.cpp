@@ -11,17 +11,17 @@
 namespace trelmctl {
 namespace {
 
-// After this time a look goes on without the ports that have not answered.
+// After this time a look continues without the ports that have not answered.
 constexpr std::chrono::milliseconds kRoundTime{500};
 
-// A load that takes longer is late.
+// A load that takes longer than this is late.
 constexpr std::chrono::seconds kLoadPatience{2};
 
 bool says_its_name(const PortProbe& probe) { return probe.wwpn() != std::array<uint8_t, 8>{}; }
 
 }  // namespace
 
-// What one load of the library found.
+// The library after one load, and the ports that the load found.
 struct FreshHost::Load {
     Load() : library(load_library()), workers(library->port_count()) {
         for (uint32_t instance = 0; instance < library->port_count(); ++instance)
@@ -41,7 +41,8 @@ struct FreshHost::Load {
 FreshHost::FreshHost(double most_age_in_seconds) : most_age_(most_age_in_seconds) {}
 FreshHost::~FreshHost() = default;
 
-// A free of the library waits for calls that have not come back, so it is not loaded anew before.
+// Freeing the library waits for calls that have not returned. So the library is not loaded again until they
+// have.
 void FreshHost::load(Clock::time_point deadline) {
     const auto now = Clock::now();
     const bool is_due = load_began_ == Clock::time_point{} || now - load_began_ >= most_age_;
@@ -52,8 +53,8 @@ void FreshHost::load(Clock::time_point deadline) {
     if (load_.finish(deadline) && load_) name_ports();
 }
 
-// A port is known by its WWPN. One whose driver refused even that during the load is taken for the one that had its
-// number, or for another that is missing.
+// A port is identified by its WWPN. If the driver did not report it during the load, the port gets the key of
+// the port that had this number before, or else the key of another port that is missing now.
 void FreshHost::name_ports() {
     std::vector<std::string> keys;
     const auto is_taken = [&](const std::string& key) {
@@ -98,7 +99,7 @@ HostLook FreshHost::look(const Wishes& wishes) {
 }
 
 bool FreshHost::is_stuck() {
-    // A call that is about to end may do so.
+    // Gives calls that are about to return the time to do so.
     const auto end = Clock::now() + kRoundTime;
     return !load_.is_idle(end) || (load_ && !load_->workers.wait_idle(end));
 }

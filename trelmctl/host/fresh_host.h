@@ -1,6 +1,7 @@
-// fresh_host.h - the host for commands that run for a long time. The library finds ports, virtual ports and FCFs
-// only at load, so it is loaded again from time to time. Drivers may keep any call for ever, so all calls are made by
-// threads that may be left behind, and a look goes on without those that do not come back.
+// fresh_host.h - the host for commands that run for a long time. The library finds ports, virtual ports and
+// FCFs only at load, so it is loaded again from time to time. Any call may hang in a driver for ever. So
+// separate threads make all calls, a look continues without the calls that do not return, and their threads
+// may be left behind.
 #pragma once
 
 #include <string>
@@ -17,10 +18,10 @@ class FreshHost {
     explicit FreshHost(double most_age_in_seconds);
     ~FreshHost();
 
-    // Asks all ports, on one thread at a time. Takes half a second at most.
+    // Asks all ports. Takes half a second at most. Only one thread at a time may call it.
     HostLook look(const Wishes& wishes);
 
-    // Whether some call has not come back.
+    // Whether a call has not returned.
     bool is_stuck();
 
   private:
@@ -33,7 +34,7 @@ class FreshHost {
     std::chrono::duration<double> most_age_;
     Renewable<Load> load_;
     Clock::time_point load_began_{};
-    std::vector<std::string> keys_;  // of the last load's ports, by instance number
+    std::vector<std::string> keys_;  // of the ports of the last load, by instance number
 };
 
 }  // namespace trelmctl

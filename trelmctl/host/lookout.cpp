@@ -8,7 +8,8 @@ namespace trelmctl {
 
 void Lookout::start(const Wishes& wishes) {
     if (is_under_way()) return;
-    // Signals are for the caller: this thread and those that it starts hold them back.
+    // Only the caller's thread handles signals. The new thread, and those that it starts, inherit a mask that
+    // blocks them.
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
@@ -16,7 +17,7 @@ void Lookout::start(const Wishes& wishes) {
     try {
         look_ = std::async(std::launch::async, [this, wishes] { return host_.look(wishes); });
     } catch (const std::system_error&) {
-        // Without memory for a thread this look is left out.
+        // The thread could not be created. This look is skipped.
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
@@ -28,7 +29,7 @@ std::optional<HostLook> Lookout::take(std::chrono::milliseconds patience) {
     const bool is_loaded = look.answer == Answer::here && !look.adapters.empty();
     const bool can_be_told = look.answer == Answer::here || look.answer == Answer::failed;
     if (!was_loaded_ && !is_loaded && can_be_told)
-        const LoadedHost explained;  // fails likewise, and says why
+        const LoadedHost explained;  // fails in the same way and reports why
     was_loaded_ = was_loaded_ || is_loaded;
     return look;
 }

@@ -1,4 +1,4 @@
-// lookout.h - looks at the host on a thread of its own, so that the caller can attend to keys and signals.
+// lookout.h - looks at the host on a separate thread, so that the caller can respond to keys and signals.
 #pragma once
 
 #include <chrono>
@@ -13,16 +13,16 @@ class Lookout {
   public:
     explicit Lookout(double rescan_seconds) : host_(rescan_seconds) {}
 
-    // Begins a look, unless one is under way.
+    // Starts a look, unless one is in progress.
     void start(const Wishes& wishes);
     bool is_under_way() const { return look_.valid(); }
 
-    // What was found, if that is there by then. Throws CommandFailed where the library cannot be loaded and never
-    // could, or the host has no port.
+    // The result of the look, or nothing if it is not complete within `patience`. Until a look has found a
+    // port, throws CommandFailed if the library cannot be loaded or the host has no port.
     std::optional<HostLook> take(std::chrono::milliseconds patience);
 
-    // Whether some call has not come back. Nobody can end it, and the library cannot be freed around it: all that is
-    // left is to end the process.
+    // Whether a call has not returned. Such a call cannot be aborted, and the library cannot be freed during
+    // it, so the only way out is to end the process.
     bool is_stuck();
 
   private:

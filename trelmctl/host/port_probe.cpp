@@ -14,7 +14,7 @@
 namespace trelmctl {
 namespace {
 
-// A port that takes longer to answer is late.
+// A port that does not answer within this time is late.
 constexpr std::chrono::seconds kPatience{2};
 
 }  // namespace
@@ -24,7 +24,7 @@ PortProbe::PortProbe(std::shared_ptr<const trelm::Library> library, uint32_t ins
     try {
         open();
     } catch (const trelm::Error&) {
-        // It is tried again with the first question.
+        // ask() tries again.
     }
 }
 
@@ -52,7 +52,7 @@ TargetsLook PortProbe::look_at_targets(uint32_t npiv_index) const {
         TargetLook& target = look.targets.emplace_back();
         target.info = info;
         try {
-            // The library's own listing gives no LUNs for a target that did not answer, too.
+            // The library's own list also has 0 LUNs for a target that did not answer.
             target.luns = report_luns(*adapter_, npiv_index, info.ScsiTgtNum);
         } catch (const CommandFailed&) {
             // Absent.

@@ -1,5 +1,5 @@
-// port_probe.h - asks one physical port and its virtual ports on one thread and keeps the answer for another, so that
-// only the first waits for the driver.
+// port_probe.h - asks one physical port and its virtual ports on one thread and keeps the answer for another
+// thread. Only the first thread waits for the driver.
 #pragma once
 
 #include <memory>
@@ -11,9 +11,9 @@
 
 namespace trelmctl {
 
-// What is asked of ports besides their state.
+// What to ask ports for in addition to their state.
 struct Wishes {
-    PortFilter filter;  // ports that it does not admit are asked for nothing more
+    PortFilter filter;  // ports that it does not admit are asked only for their state
     bool counters;
     bool targets;            // of all ports,
     std::string targets_of;  // or of the port with this key; empty: of none
@@ -21,19 +21,19 @@ struct Wishes {
 
 class PortProbe {
   public:
-    // Opens the port, where that succeeds.
+    // Tries to open the port. If that fails, ask() tries again.
     PortProbe(std::shared_ptr<const trelm::Library> library, uint32_t instance);
 
-    // All zero where the port does not tell it.
+    // All zeros if the port does not report it.
     std::array<uint8_t, 8> wwpn() const;
     void set_key(std::string key) { key_ = std::move(key); }
     const std::string& key() const { return key_; }
     uint32_t instance() const { return instance_; }
 
-    // Asks the driver, which may take any time. On one thread at a time.
+    // Asks the driver. This may take any length of time. Only one thread at a time may call it.
     void ask(const Wishes& wishes);
 
-    // From any thread: the answer that came since the last one was taken.
+    // The answer that arrived after the last one was taken. Any thread may call it.
     AdapterLook take();
 
   private:
@@ -44,9 +44,9 @@ class PortProbe {
 
     const std::shared_ptr<const trelm::Library> library_;
     const uint32_t instance_;
-    std::string key_;  // not changed after the first question
+    std::string key_;  // does not change after the first ask()
 
-    // Of the asking thread alone.
+    // Used only by the thread that calls ask().
     std::optional<trelm::Adapter> adapter_;
 
     std::mutex mutex_;  // guards the rest

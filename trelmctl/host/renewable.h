@@ -1,5 +1,6 @@
-// renewable.h - what a load of the library found, and its replacement by another load. Loads and frees may hang in a
-// driver like every other call, so a thread makes them that may be left behind.
+// renewable.h - the result of a load of the library, and its replacement by that of a later load. Loads and
+// frees may hang in a driver like any other call, so a separate thread makes them, and that thread may be
+// left behind.
 #pragma once
 
 #include <exception>
@@ -13,8 +14,9 @@ namespace trelmctl {
 template <typename Load>
 class Renewable {
   public:
-    // Begins to replace the load by the one that `make` returns; none if it throws. The thread has the only reference
-    // to the old load: while that lives, the library stays as it is.
+    // Starts to replace the load by the one that `make` returns; there is none if it throws. The thread holds
+    // the only reference to the old load and frees it first: while it exists, the library cannot be loaded
+    // again.
     template <typename Make>
     void begin(const Make& make) {
         pending_ = std::make_shared<Pending>(Pending{std::move(load_)});
@@ -23,12 +25,12 @@ class Renewable {
             try {
                 pending->load = make();
             } catch (const std::exception&) {
-                // Whoever needs it begins again.
+                // There is no load. The owner may start another one.
             }
         });
     }
 
-    // Takes the result if there is one by then. False while there is none.
+    // Takes the result of a load that has ended by the deadline. False if there is none.
     bool finish(Clock::time_point deadline) {
         if (!pending_ || !loader_.wait_idle(deadline)) return false;
         load_ = std::move(pending_->load);

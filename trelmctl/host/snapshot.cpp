@@ -24,7 +24,7 @@ std::string label_of(const Snapshot& snapshot, const std::string& scope) {
     return label == snapshot.labels.end() ? "" : label->second;
 }
 
-// Copies the states that the choice takes, where they are not known afresh.
+// Copies the states that `is_kept` selects, unless the new snapshot already has a value for them.
 template <typename Choice>
 void keep(Snapshot& snapshot, const Snapshot& before, Choice is_kept) {
     for (const auto& [name, value] : before.states) {

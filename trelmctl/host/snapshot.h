@@ -1,4 +1,4 @@
-// snapshot.h - the states of all objects of the host at a moment, as names and values, and the differences
+// snapshot.h - the states of all objects of the host at one time, as names and values, and the differences
 // between two snapshots.
 #pragma once
 

@@ -13,15 +13,15 @@
 namespace trelmctl {
 namespace {
 
-// A task that runs longer waits rather than computes.
+// A task that runs longer than this is taken to wait in a driver.
 constexpr std::chrono::milliseconds kPatience{10};
 
-// When this many tasks hang, no other one begins.
+// If this many tasks hang, no other task starts.
 constexpr std::size_t kMostThreads = 256;
 
 }  // namespace
 
-// What the threads share, for as long as one of them lives.
+// The state that the threads share. It lives as long as any of them.
 class Workers::Round : public std::enable_shared_from_this<Workers::Round> {
   public:
     explicit Round(std::size_t tasks) : began_(tasks) {}
@@ -44,7 +44,7 @@ class Workers::Round : public std::enable_shared_from_this<Workers::Round> {
     std::mutex mutex_;
     std::condition_variable given_;
     std::condition_variable done_;
-    std::vector<Began> began_;  // when the task began, while it runs
+    std::vector<Began> began_;  // by task: its start time while it runs
     std::deque<std::size_t> queue_;
     std::vector<std::size_t> tasks_;  // of this round
     Job job_;
@@ -77,7 +77,7 @@ void Workers::Round::work() {
     }
 }
 
-// Without memory for another thread the present ones do all tasks.
+// If no further thread can be created, the existing ones run all tasks.
 void Workers::Round::start_threads() try {
     for (; threads_ < std::min({allowed_, began_.size(), kMostThreads}); ++threads_)
         std::thread([self = shared_from_this()] { self->work(); }).detach();

@@ -15,7 +15,7 @@
 namespace trelmctl::metrics {
 namespace {
 
-// What cannot be had is left out.
+// The answer, or nothing if the request fails.
 template <typename Ask>
 auto attempt(Ask ask) -> std::optional<decltype(ask())> {
     try {
@@ -25,7 +25,7 @@ auto attempt(Ask ask) -> std::optional<decltype(ask())> {
     }
 }
 
-// Adds the time that passes in its scope.
+// Adds the lifetime of this object to a sum.
 class Stopwatch {
   public:
     explicit Stopwatch(std::chrono::duration<double>& sum) : sum_(sum) {}
@@ -38,8 +38,9 @@ class Stopwatch {
     Clock::time_point begin_ = Clock::now();
 };
 
-// The targets that answer. The caller has just read the port's state, so their number is fresh; it may be
-// any, but no more than one element a target number is filled.
+// The targets that answer. The caller has just read the port's state, so the library knows the current number
+// of targets. That number may have any value, but the library fills at most one element for each target
+// number.
 std::optional<std::vector<TRELM_TGT_INFO>> list_targets(const trelm::Adapter& adapter, uint32_t npiv_index) {
     std::vector<TRELM_TGT_INFO> elements(TRELM_MAX_TARGETS);
     for (TRELM_TGT_INFO& element : elements) element.ScsiTgtNum = UINT32_MAX;
@@ -52,7 +53,7 @@ std::optional<std::vector<TRELM_TGT_INFO>> list_targets(const trelm::Adapter& ad
     return elements;
 }
 
-// The library's listing gives 0 for a target that did not answer, too. This asks such a target again.
+// The library's list also has 0 for a target that did not answer. This asks such a target again.
 bool reports_no_luns(const trelm::Adapter& adapter, uint32_t npiv_index, uint32_t target) {
     std::array<uint8_t, 16> data;
     data.fill(0xFF);
@@ -113,7 +114,7 @@ void AdapterProbe::open() {
     adapter_ = std::move(adapter);
 }
 
-// The port that says that it is the physical one, or else the first that says nothing.
+// The port whose type is physical, or else the first port whose type is unknown.
 std::size_t AdapterProbe::physical_port() const {
     const auto first_of = [&](std::optional<uint32_t> type) {
         return static_cast<std::size_t>(

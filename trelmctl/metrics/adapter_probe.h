@@ -1,5 +1,5 @@
-// adapter_probe.h - asks one physical port and its virtual ports for all that the metrics need. A probe is asked
-// on one thread at a time; its last answer may be taken from any.
+// adapter_probe.h - asks one physical port and its virtual ports for everything that the metrics need. Only
+// one thread at a time may call ask(); any thread may take the last answer.
 #pragma once
 
 #include <chrono>
@@ -17,22 +17,22 @@ namespace trelmctl::metrics {
 
 using Clock = std::chrono::steady_clock;
 
-// Of ports that did not answer, as they were late or as the library could not be loaded.
+// The sample of ports that did not answer, because they were late or the library could not be loaded.
 AdapterSample unanswered(const PortNames& ports, bool late, std::chrono::duration<double> took);
 
 class AdapterProbe {
   public:
     AdapterProbe(std::shared_ptr<const trelm::Library> library, uint32_t instance, bool luns);
 
-    // Asks the drivers, which may take any time.
+    // Asks the drivers. This may take any length of time.
     void ask(uint64_t round);
 
-    // What was found in this round, which began then; where the answer has not come yet, the ports that are known,
-    // marked late.
+    // The answer of this round, which began at `round_began`. If there is none yet: the known ports, marked
+    // late.
     AdapterSample take(uint64_t round, Clock::time_point round_began);
 
   private:
-    // A port as the driver numbers it. What kind it is may not be known yet.
+    // A port with the driver's number for it. Its type may not be known yet.
     struct KnownPort {
         uint32_t npiv_index = 0;
         std::optional<uint32_t> type;
@@ -48,7 +48,7 @@ class AdapterProbe {
     const uint32_t instance_;
     const bool luns_;
 
-    // Of the asking thread alone.
+    // Used only by the thread that calls ask().
     std::optional<trelm::Adapter> adapter_;
     std::optional<TRELM_FCOE_INFO> info_;
     std::vector<KnownPort> ports_;
@@ -56,7 +56,7 @@ class AdapterProbe {
     std::mutex mutex_;  // guards the rest
     uint64_t answered_round_ = 0;
     AdapterSample answer_;
-    PortNames names_;  // for want of an answer
+    PortNames names_;  // used while there is no answer
     std::optional<Clock::time_point> asked_since_;
 };
 

@@ -17,13 +17,13 @@ namespace {
 
 using Stats = TRELM_PORT_STATS;
 
-// Where a name follows node_exporter's Fibre Channel collector, its meaning and unit do as well.
+// A name from node_exporter's Fibre Channel collector has the same meaning and unit as there.
 constexpr Metric counted(std::string_view name, std::string_view unit, std::string_view help,
                          EmitFor<PortSample> emit) {
     return {{name, MetricType::counter, unit, help}, "port", emit};
 }
 
-// The place of a counter in the table of the counters.
+// The index of a counter in the table of counters.
 constexpr std::size_t place_of(std::size_t offset) {
     std::size_t place = 0;
     while (kCounters.at(place).offset != offset) ++place;
@@ -37,7 +37,7 @@ void emit_counter(const PortSample& port, Exposition& out, std::size_t place, ui
 
 constexpr uint64_t kMegabyte = 1'000'000;
 
-// What is counted in units of so many.
+// A counter whose values are in multiples of `unit`.
 #define TRELM_COUNTER_OF(field, unit)                                    \
     [](const PortSample& port, Exposition& out) {                        \
         constexpr std::size_t kPlace = place_of(offsetof(Stats, field)); \
@@ -73,7 +73,7 @@ void emit_port_state(const PortSample& port, Exposition& out) {
 
 void emit_target_states(const PortSample& port, Exposition& out) {
     if (!port.targets) return;
-    std::array<uint64_t, kTargetStates.size() + 1> counts{};  // the last: a state without a word
+    std::array<uint64_t, kTargetStates.size() + 1> counts{};  // the last: states without a word
     for (const TargetSample& target : *port.targets)
         ++counts[std::min<std::size_t>(target.info.PortState, kTargetStates.size())];
     for (std::size_t i = 0; i < counts.size(); ++i) {
@@ -84,7 +84,7 @@ void emit_target_states(const PortSample& port, Exposition& out) {
 
 constexpr uint64_t kBytesPerGigabit = 1'000'000'000 / 8;
 
-// In bytes a second; nothing where the bits name no speed.
+// In bytes per second. Nothing if no bit is a known speed.
 void emit_speed(const PortSample& port, Exposition& out, uint64_t bits) {
     if (const unsigned gigabits = fastest_gigabits(bits); gigabits > 0)
         out.add(port.labels, gigabits * kBytesPerGigabit);
@@ -98,7 +98,7 @@ std::string_view physical_labels(const AdapterSample& adapter) { return adapter.
 
 std::string port_id(uint32_t id) { return id == 0 ? "" : fmt::format("0x{:06x}", id); }
 
-// An address of zeros is one that was not told.
+// The address, or an empty text if it is all zeros: the driver did not report it.
 template <std::size_t Width>
 std::string told_address(const uint8_t (&field)[Width]) {
     for (const uint8_t byte : field) {
@@ -206,7 +206,7 @@ void emit_luns(const PortSample& port, Exposition& out) {
 
 // ---- The table
 
-// What is said of one kind of thing follows from what it lies in, so a row needs no more than its labels.
+// The labels are those that the documentation lists, including the labels of the port, target or LUN.
 constexpr Metric row(std::string_view name, MetricType type, std::string_view unit, std::string_view labels,
                      std::string_view help, Emit emit) {
     return {{name, type, unit, help}, labels, emit};
@@ -228,14 +228,14 @@ const auto& table() {
             [](const HostSample& host, Exposition& out) { out.add({}, host.took.count()); }),
 
         row("trelm_scrape_success", gauge, "", "port",
-            "Whether the port's state, counters and targets could all be had.",
+            "Whether the port's state, counters and targets could all be read.",
             [](const PortSample& port, Exposition& out) { out.add(port.labels, port.complete()); }),
         row("trelm_scrape_late", gauge, "", "port",
             "Whether the adapter had not answered when the deadline passed; the port has no other metrics "
             "then.",
             [](const PortSample& port, Exposition& out) { out.add(port.labels, port.late); }),
         row("trelm_scrape_duration_seconds", gauge, "seconds", "port",
-            "Time that sampling the port took, or has taken so far where it is late.",
+            "Time that sampling the port took, or has taken so far if it is late.",
             [](const PortSample& port, Exposition& out) { out.add(port.labels, port.took.count()); }),
 
         row("trelm_port", info, "", "port, type, hba, wwpn, wwnn, parent_wwpn, port_id, supported_speeds",
@@ -265,7 +265,7 @@ const auto& table() {
                 if (port.info) out.add(port.labels, uint64_t{port.info->TgtCount});
             }),
         row("trelm_port_targets_by_state", gauge, "", "port, state",
-            "Targets that answer, by state. Every state is there, with 0 where no target is in it.",
+            "Targets that answer, by state. Every state has a sample; it is 0 if no target is in that state.",
             EmitFor<PortSample>(emit_target_states)),
         row("trelm_port_luns", gauge, "", "port",
             "LUNs of all targets; absent where a target did not report its own.",
@@ -342,7 +342,7 @@ const auto& table() {
         row("trelm_target", info, "", "port, target, wwpn, wwnn, port_id", "Names and address of a target.",
             EmitFor<TargetSample>(emit_target_info)),
         row("trelm_target_online", gauge, "", "port, target",
-            "Whether the target is online. Targets that the driver calls offline are not listed at all.",
+            "Whether the target is online. Targets that the driver reports as offline are not listed.",
             [](const TargetSample& target, Exposition& out) {
                 out.add(target.labels, target.info.PortState == kTargetOnline);
             }),
@@ -352,7 +352,7 @@ const auto& table() {
             }),
 
         row("trelm_lun", info, "", "port, target, lun, name, type, vendor, product, revision",
-            "What a LUN says it is. Only with --luns.", EmitFor<LunSample>(emit_lun_info)),
+            "Name, type and product of a LUN. Only with --luns.", EmitFor<LunSample>(emit_lun_info)),
         row("trelm_lun_online", gauge, "", "port, target, lun", "Whether the LUN answers. Only with --luns.",
             [](const LunSample& lun, Exposition& out) { out.add(lun.labels, lun.answers()); }),
         row("trelm_lun_capacity_bytes", gauge, "bytes", "port, target, lun", "Capacity. Only with --luns.",

@@ -1,5 +1,5 @@
-// catalogue.h - every metric there is, as a table: name, type, unit, labels, what it says, and where it comes
-// from. The documentation's table is this one.
+// catalogue.h - the table of all metrics: name, type, unit, labels, meaning, and source. The documentation
+// contains the same table.
 #pragma once
 
 #include <span>
@@ -11,7 +11,8 @@
 
 namespace trelmctl::metrics {
 
-// Writes the samples of a metric for one thing of its kind: nothing where the value is not known.
+// Writes the samples of a metric for one object (a host, adapter, port, target or LUN). Writes nothing if the
+// value is not known.
 template <typename Thing>
 using EmitFor = void (*)(const Thing& thing, Exposition& out);
 using Emit = std::variant<EmitFor<HostSample>, EmitFor<AdapterSample>, EmitFor<PortSample>,

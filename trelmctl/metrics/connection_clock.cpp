@@ -32,7 +32,8 @@ void ConnectionClock::work() {
         const auto now = Clock::now();
         for (const auto& [connection, started] : started_) {
             if (now - started < allowed_) continue;
-            // The server sees the end of the connection and closes it. Its descriptor is valid until it is forgotten.
+            // The server sees the end of the connection and closes it. Its descriptor is valid until
+            // forget().
             const auto* const info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
             if (info != nullptr) shutdown(info->connect_fd, SHUT_RDWR);
         }

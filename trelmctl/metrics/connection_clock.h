@@ -1,5 +1,5 @@
-// connection_clock.h - gives every connection a time in which it must end its next request. A client that sends
-// a byte now and then, or reads one, is never idle, and would keep its place for ever.
+// connection_clock.h - gives every connection a time limit for its next request. A client that sends or reads
+// a byte now and then is never idle, and would otherwise keep its connection for ever.
 #pragma once
 
 #include <microhttpd.h>
@@ -19,7 +19,7 @@ class ConnectionClock {
     ConnectionClock(const ConnectionClock&) = delete;
     ConnectionClock& operator=(const ConnectionClock&) = delete;
 
-    // A new connection, or one that has ended a request.
+    // A new connection, or one that has completed a request.
     void start(MHD_Connection* connection);
     // A connection that is about to be closed.
     void forget(MHD_Connection* connection);

@@ -6,7 +6,7 @@
 namespace trelmctl::metrics {
 namespace {
 
-// Ports whose counters are remembered; no host has as many.
+// A limit for the ports whose counters are remembered. No host has that many.
 constexpr std::size_t kMostRemembered = 65536;
 
 double seconds_since_epoch() {

@@ -1,4 +1,4 @@
-// counter_history.h - since when each counter of a port counts.
+// counter_history.h - the time at which each counter of a port started to count.
 #pragma once
 
 #include <array>
@@ -11,13 +11,14 @@
 
 namespace trelmctl::metrics {
 
-// In the order of the table of the counters: seconds since the epoch, of counters that were seen to begin anew.
+// In the order of the table of counters: seconds since the epoch, or nothing for a counter that was never
+// seen to restart.
 using CounterDates = std::array<std::optional<double>, kCounters.size()>;
 
 // Remembers the counters of all ports from one sample to the next.
 class CounterHistory {
   public:
-    // A counter that has gone back counts since some moment after it was last seen, so that moment is its date.
+    // A counter that decreased was reset after its previous sample. The time of that sample becomes its date.
     CounterDates date(const std::string& identity, const TRELM_PORT_STATS& stats);
 
   private:

@@ -12,9 +12,9 @@
 namespace trelmctl::metrics {
 namespace {
 
-constexpr std::chrono::seconds kRequestTime{60};  // besides the time for sampling
+constexpr std::chrono::seconds kRequestTime{60};  // in addition to the time for sampling
 
-// Held back from all threads to come, so that the one that waits for them gets them.
+// Blocks the signals in this thread and all threads that it starts later, so that sigwait() receives them.
 sigset_t hold_back_signals() {
     sigset_t signals;
     sigemptyset(&signals);
@@ -25,10 +25,10 @@ sigset_t hold_back_signals() {
 
 void warn_of_open_door(const ListenSocket& socket, const WebConfig& config) {
     if (!socket.is_open_to_others() || !config.users.empty()) return;
-    tell(fmt::format(
-        "trelmctl: warning: whoever reaches {} can read the metrics: name users in a file for --web-config, "
-        "or listen on a loopback address or unix:PATH\n",
-        socket.name()));
+    tell(
+        fmt::format("trelmctl: warning: anyone who reaches {} can read the metrics: name users in a file for "
+                    "--web-config, or listen on a loopback address or unix:PATH\n",
+                    socket.name()));
 }
 
 }  // namespace
@@ -47,7 +47,7 @@ void serve(const SamplerSettings& sampling, const std::string& address, const st
         while (sigwait(&signals, &signal) != 0) {
         }
     }
-    // Nobody can end a call that hangs, and the library cannot be freed around it.
+    // A call that hangs cannot be aborted, and the library cannot be freed during a call.
     if (shared.is_stuck()) _exit(static_cast<int>(ExitStatus::done));
 }
 

@@ -8,7 +8,7 @@
 
 namespace trelmctl::metrics {
 
-// Returns after SIGINT or SIGTERM. Throws CommandFailed where it cannot begin.
+// Returns after SIGINT or SIGTERM. Throws CommandFailed if it cannot start.
 void serve(const SamplerSettings& sampling, const std::string& address, const std::string& web_config,
            Draw draw);
 

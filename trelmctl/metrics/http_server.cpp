@@ -14,14 +14,14 @@
 namespace trelmctl::metrics {
 namespace {
 
-constexpr unsigned kIdleSeconds = 5;  // less than Prometheus waits for a place that idle clients keep
-constexpr std::size_t kConnectionMemory = 16384;  // headers must fit
+constexpr unsigned kIdleSeconds = 5;  // below Prometheus' timeout: idle clients cannot make a scrape fail
+constexpr std::size_t kConnectionMemory = 16384;  // the headers of a request must fit
 constexpr rlim_t kMostConnections = 2000;
-constexpr rlim_t kOtherDescriptors = 128;  // of the library, drivers, and this server
+constexpr rlim_t kOtherDescriptors = 128;  // for the library, the drivers and this server
 
 constexpr std::string_view kPlain = "text/plain; charset=utf-8";
 
-// As many as there are descriptors for.
+// As many connections as there are descriptors.
 unsigned connection_limit() {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 256;
@@ -46,7 +46,7 @@ Text fixed(const char* text) { return std::make_shared<const std::string>(text);
 
 void free_text(void* text) { delete static_cast<Text*>(text); }
 
-// A response with a text that it shares with others.
+// A response whose text may be shared with other responses.
 MHD_Response* response_of(const Text& text) {
     auto owner = std::make_unique<Text>(text);
     // The text is not written to; the C interface has no const here.
@@ -71,11 +71,11 @@ struct HttpServer::Reply {
     unsigned status;
     Text text;
     std::string_view type = kPlain;
-    const char* extra_header = nullptr;  // none
+    const char* extra_header = nullptr;  // null: none
     const char* extra_value = nullptr;
 };
 
-// What the C library calls, with the server as `self`.
+// The callbacks of the C library. `self` is the server.
 struct HttpServer::Callbacks {
     static MHD_Result answer(void* self, MHD_Connection* connection, const char* url, const char* method,
                              const char* /*version*/, const char* /*body*/, std::size_t* body_size,
@@ -84,7 +84,7 @@ struct HttpServer::Callbacks {
             *context = new (std::nothrow) Request;
             return *context ? MHD_YES : MHD_NO;
         }
-        if (std::exchange(*body_size, 0) != 0) return MHD_YES;  // a body is read and forgotten
+        if (std::exchange(*body_size, 0) != 0) return MHD_YES;  // a body is read and discarded
         try {
             auto& request = *static_cast<Request*>(*context);
             return static_cast<HttpServer*>(self)->handle(connection, url, method, request);
@@ -147,12 +147,12 @@ MHD_Result HttpServer::handle(MHD_Connection* connection, std::string_view url, 
     MHD_Result result = MHD_NO;
     if (!admit(connection, request, result)) return result;
     if (method != "GET" && method != "HEAD")
-        return send(connection, {MHD_HTTP_METHOD_NOT_ALLOWED, fixed("GET is the only method here.\n"), kPlain,
-                                 "Allow", "GET, HEAD"});
+        return send(connection, {MHD_HTTP_METHOD_NOT_ALLOWED, fixed("Only GET and HEAD are supported.\n"),
+                                 kPlain, "Allow", "GET, HEAD"});
     if (url == "/healthz") return send(connection, {MHD_HTTP_OK, fixed("ok\n")});
     if (url == "/") return serve_sample(connection, Form::page, request);
     if (url != "/metrics")
-        return send(connection, {MHD_HTTP_NOT_FOUND, fixed("There are /metrics, /healthz and /.\n")});
+        return send(connection, {MHD_HTTP_NOT_FOUND, fixed("The paths are /metrics, /healthz and /.\n")});
     const bool openmetrics =
         header(connection, "Accept").find("application/openmetrics-text") != std::string_view::npos;
     return serve_sample(connection, openmetrics ? Form::openmetrics : Form::prometheus, request);
@@ -169,7 +169,7 @@ bool HttpServer::admit(MHD_Connection* connection, Request& request, MHD_Result&
         return true;
     }
     if (!given) {
-        result = send(connection, {MHD_HTTP_UNAUTHORIZED, fixed("A user and a password are needed.\n"),
+        result = send(connection, {MHD_HTTP_UNAUTHORIZED, fixed("A user name and a password are required.\n"),
                                    kPlain, "WWW-Authenticate", "Basic realm=\"trelmctl\""});
         return false;
     }
@@ -195,7 +195,7 @@ MHD_Result HttpServer::serve_sample(MHD_Connection* connection, Form form, Reque
         return MHD_YES;
     }
     if (!request.text)
-        return send(connection, {MHD_HTTP_SERVICE_UNAVAILABLE, fixed("There is no sample.\n")});
+        return send(connection, {MHD_HTTP_SERVICE_UNAVAILABLE, fixed("No sample is available.\n")});
     if (form != Form::page) {
         const Format format = form == Form::openmetrics ? Format::openmetrics : Format::prometheus;
         return send(connection, {MHD_HTTP_OK, request.text, content_type(format), "Vary", "Accept"});

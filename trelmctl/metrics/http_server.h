@@ -1,5 +1,5 @@
-// http_server.h - answers /metrics, /healthz and / from one thread that never waits: a request that needs a
-// sampling or the check of a password is set aside until another thread has it.
+// http_server.h - serves /metrics, /healthz and / on one thread that never waits. A request that needs a
+// sample or a password check is suspended until another thread has the result.
 #pragma once
 
 #include <microhttpd.h>
@@ -18,10 +18,11 @@ namespace trelmctl::metrics {
 
 class HttpServer {
   public:
-    // Serves until it is destroyed, and ends connections whose next request takes longer. Throws CommandFailed.
+    // Serves until it is destroyed. Closes a connection whose next request takes longer than `request_time`.
+    // Throws CommandFailed.
     HttpServer(const ListenSocket& socket, const WebConfig& config, SharedSampling& sampling,
                std::chrono::duration<double> request_time);
-    // Answers the requests that are under way, and stops the sampling.
+    // Answers the requests in progress and stops the sampling.
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
@@ -33,7 +34,7 @@ class HttpServer {
 
     MHD_Result handle(MHD_Connection* connection, std::string_view url, std::string_view method,
                       Request& request);
-    // True when the request may go on; else `result` is what became of it.
+    // True if the request may proceed. Otherwise `result` is the value for the callback to return.
     bool admit(MHD_Connection* connection, Request& request, MHD_Result& result);
     MHD_Result serve_sample(MHD_Connection* connection, Form form, Request& request);
     MHD_Result send(MHD_Connection* connection, const Reply& reply) const;

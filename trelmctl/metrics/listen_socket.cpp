@@ -46,7 +46,8 @@ const sockaddr* generic(const Address& address) {
     return reinterpret_cast<const sockaddr*>(&address);
 }
 
-// A socket that nobody listens on any more keeps its name.
+// The name of a Unix socket stays after its process has ended. This removes a name on which no process
+// listens.
 void remove_left_behind(const std::string& path, const sockaddr_un& address) {
     struct stat there {};
     if (lstat(path.c_str(), &there) != 0 || !S_ISSOCK(there.st_mode)) return;
@@ -71,7 +72,7 @@ ListenAddress parse_listen_address(const std::string& text) {
     if (address.host.starts_with('[') && address.host.ends_with(']'))
         address.host = address.host.substr(1, address.host.size() - 2);
     else if (address.host.find(':') != std::string::npos)
-        fail(fmt::format("{}: an IPv6 address stands in brackets, [::1]:9809", escaped(text)));
+        fail(fmt::format("{}: write an IPv6 address in brackets, [::1]:9809", escaped(text)));
     if (!parse_number(address.port, UINT16_MAX) || address.host.empty())
         fail(fmt::format("{}: not ADDRESS:PORT or unix:PATH", escaped(text)));
     return address;

@@ -1,4 +1,4 @@
-// listen_socket.h - the socket that a server listens on: TCP on an address of either family, or a Unix socket.
+// listen_socket.h - the socket that a server listens on: TCP over IPv4 or IPv6, or a Unix socket.
 #pragma once
 
 #include <cstdint>
@@ -10,14 +10,14 @@ namespace trelmctl::metrics {
 struct ListenAddress {
     std::string host = "127.0.0.1";
     std::string port;       // number or name of a service
-    std::string unix_path;  // in their place where it is not empty
+    std::string unix_path;  // used instead of host and port if not empty
 };
 
-// Throws CommandFailed where the text is none.
+// Throws CommandFailed if the text is not such an address.
 ListenAddress parse_listen_address(const std::string& text);
 
-// Throws CommandFailed. A Unix socket can be reached by its owner and group, and its name goes with it; so does
-// one that a process left behind that is gone.
+// Throws CommandFailed. A Unix socket is open to its owner and group. The destructor removes its name; the
+// constructor removes a name that an ended process left behind.
 class ListenSocket {
   public:
     explicit ListenSocket(const ListenAddress& address);
@@ -26,9 +26,9 @@ class ListenSocket {
     ListenSocket& operator=(const ListenSocket&) = delete;
 
     int fd() const { return fd_; }
-    // As it is now, with the port that was chosen where 0 was asked for.
+    // The actual address: if port 0 was requested, it contains the port that the system chose.
     std::string name() const;
-    // Whether other machines may reach it.
+    // Whether other machines may be able to reach it.
     bool is_open_to_others() const;
 
   private:

@@ -13,7 +13,7 @@
 namespace trelmctl::metrics {
 namespace {
 
-// Says which ports have no metrics or only a part of them.
+// Reports the ports that have no metrics or only some of them.
 void tell_failures(const HostSample& host, Output& output) {
     for (const AdapterSample& adapter : host.adapters) {
         for (const PortSample& port : adapter.ports) {
@@ -21,7 +21,7 @@ void tell_failures(const HostSample& host, Output& output) {
             Failure failure = port.late
                                   ? tool_failure("LATE", "the port did not answer within the deadline",
                                                  "give it more time with --deadline, or look at its driver")
-                                  : tool_failure("INCOMPLETE", "the port did not tell everything",
+                                  : tool_failure("INCOMPLETE", "some values of the port could not be read",
                                                  "'trelmctl show PORT' says what failed");
             failure.operation = "sampling";
             failure.port = port.label;
@@ -36,16 +36,16 @@ void sample_once(const Settings& settings, Output& output) {
     if (settings.output.empty()) {
         output.print(render(host, settings.format.value_or(Format::openmetrics)));
     } else {
-        // The text-file collector reads no OpenMetrics.
+        // Text-file collectors do not read OpenMetrics.
         replace_file(settings.output, render(host, settings.format.value_or(Format::prometheus)));
     }
     if (!host.loaded) {
-        if (!sampler.is_stuck()) const LoadedHost explained;  // fails likewise, and says why
+        if (!sampler.is_stuck()) const LoadedHost explained;  // fails in the same way and reports why
         output.fail(tool_failure("LATE", "the drivers did not list their ports within the deadline",
                                  "give them more time with --deadline"));
     }
     tell_failures(host, output);
-    // Nobody can end a call that hangs, and the library cannot be freed around it.
+    // A call that hangs cannot be aborted, and the library cannot be freed during a call.
     if (sampler.is_stuck()) _exit(static_cast<int>(output.finish()));
 }
 

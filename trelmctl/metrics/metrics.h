@@ -1,4 +1,4 @@
-// metrics.h - `trelmctl metrics` as the command line gives it: what to sample, in which format, and where to.
+// metrics.h - `trelmctl metrics` and its settings: what to sample, in which format, and where to write it.
 #pragma once
 
 #include <optional>
@@ -16,14 +16,14 @@ namespace trelmctl::metrics {
 
 struct Settings {
     SamplerSettings sampling;
-    std::optional<Format> format;  // default: the one that the reader of the output takes
+    std::optional<Format> format;  // default: OpenMetrics for standard output, the older format for a file
     std::string output;            // file to replace; empty: standard output
-    bool describe = false;         // list the metrics in place of sampling them
-    std::string listen;            // address to serve on in place of writing once; empty: none
+    bool describe = false;         // list the metrics instead of sampling them
+    std::string listen;            // address to serve on instead of writing once; empty: none
     std::string web_config;        // file with users and TLS; empty: neither
 };
 
-// `draw` is for the picture on the server's page.
+// `draw` draws the topology on the server's page.
 void run(const Settings& settings, Output& output, Draw draw);
 
 }  // namespace trelmctl::metrics

@@ -13,7 +13,7 @@
 namespace trelmctl::metrics {
 namespace {
 
-// A picture of more is none.
+// A picture of more targets would be unreadable.
 constexpr std::size_t kMostTargets = 256;
 
 constexpr std::string_view kHead = R"(<!DOCTYPE html>

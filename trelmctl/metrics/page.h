@@ -1,4 +1,4 @@
-// page.h - a sample as a page for people: the state of each port, and a picture of what it is connected to.
+// page.h - a sample as an HTML page: the state of each port, and a picture of what it is connected to.
 #pragma once
 
 #include <string>

@@ -7,12 +7,12 @@
 namespace trelmctl::metrics {
 namespace {
 
-// How soon after a load a port that fails may cause another one.
+// A port that fails causes no reload until this time after the last one.
 constexpr std::chrono::seconds kLeastLoadInterval{10};
 
 }  // namespace
 
-// What one load of the library found.
+// The library after one load, and the ports that the load found.
 struct Sampler::Load {
     explicit Load(bool luns) : library(std::make_shared<trelm::Library>()) {
         for (uint32_t instance = 0; instance < library->port_count(); ++instance)

@@ -1,5 +1,5 @@
-// sampler.h - samples the whole host: keeps the library loaded, asks all physical ports, beside each
-// other where drivers let calls wait, and goes on without those that do not answer in time.
+// sampler.h - samples the whole host. It keeps the library loaded and asks all physical ports, in parallel if
+// drivers keep calls waiting. A sample does not wait longer than the deadline for ports that do not answer.
 #pragma once
 
 #include <chrono>
@@ -23,16 +23,17 @@ class Sampler {
     explicit Sampler(SamplerSettings settings);
     ~Sampler();
 
-    // These are to be called by one thread at a time.
+    // Only one thread at a time may call these functions.
 
-    // Returns when the deadline has passed at the latest.
+    // Returns at the deadline at the latest.
     HostSample sample();
 
-    // Begins to load the library anew where that is due and no call hangs; the next sample waits for it. A load that
-    // hangs in a driver takes all ports away, so it begins after a sample, in which the drivers have just answered.
+    // Starts to load the library again if that is due and no call hangs. The next sample waits for the load.
+    // While a load hangs in a driver, there are no ports. So call this after a sample, when the drivers have
+    // just answered.
     void renew();
 
-    // Whether some call into a driver has not come back.
+    // Whether a call into a driver has not returned.
     bool is_stuck();
 
   private:
@@ -48,7 +49,7 @@ class Sampler {
     bool last_complete_ = true;
     uint64_t round_ = 0;
 
-    std::vector<PortNames> known_;  // adapters of the last load
+    std::vector<PortNames> known_;  // by adapter of the last load
     CounterHistory history_;
 };
 

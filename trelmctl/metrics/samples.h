@@ -1,5 +1,5 @@
-// samples.h - what one scrape found: plain data, from the host down to its LUNs. What could not be had is
-// absent. `labels` are those that every metric of the thing carries, as they are written.
+// samples.h - the result of one scrape: plain data, from the host down to its LUNs. Values that could not be
+// read are absent. `labels` is the text of the labels that all metrics of the object have.
 #pragma once
 
 #include <chrono>
@@ -30,9 +30,9 @@ struct TargetSample {
 };
 
 struct PortName {
-    std::string label;  // instance number, of a virtual port with its NPIV index: "0", "0/1"
+    std::string label;  // instance number; for a virtual port also its NPIV index: "0", "0/1"
     std::string labels;
-    std::string identity;  // stays the same when the library is loaded anew
+    std::string identity;  // stays the same when the library is loaded again
     uint32_t npiv_index = 0;
     bool is_virtual = false;
 };
@@ -62,7 +62,8 @@ using PortNames = std::vector<PortName>;
 struct HostSample {
     bool loaded = false;
     std::chrono::duration<double> took{};
-    // One for each instance number. Where the library is not loaded, those of the last load, without answers.
+    // One for each instance number. If the library is not loaded: the adapters of the last load, without
+    // answers.
     std::vector<AdapterSample> adapters;
 };
 

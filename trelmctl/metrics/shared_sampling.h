@@ -1,5 +1,5 @@
-// shared_sampling.h - one sampling at a time for all who ask: whoever asks while one is under way gets its
-// result, and the text of it is written once for each form that is wanted.
+// shared_sampling.h - one sampling at a time for all requests. A request that arrives during a sampling gets
+// its result. The text is written once for each form that was requested.
 #pragma once
 
 #include <condition_variable>
@@ -15,7 +15,7 @@
 
 namespace trelmctl::metrics {
 
-// What a sample is written as.
+// The forms in which a sample can be written.
 enum class Form { openmetrics, prometheus, page };
 inline constexpr std::size_t kForms = 3;
 
@@ -23,7 +23,7 @@ using Text = std::shared_ptr<const std::string>;
 
 class SharedSampling {
   public:
-    // Null: the memory for the text is missing.
+    // The text is null if there was not enough memory for it.
     using Deliver = std::function<void(Text text)>;
 
     SharedSampling(const SamplerSettings& settings, Draw draw);
@@ -31,14 +31,14 @@ class SharedSampling {
     SharedSampling(const SharedSampling&) = delete;
     SharedSampling& operator=(const SharedSampling&) = delete;
 
-    // Calls `deliver` on another thread, after two of the sampler's deadlines at the latest. Returns false where it
-    // will not, as all has ended.
+    // Calls `deliver` on another thread, after at most two of the sampler's deadlines. Returns false, and
+    // does not call it, if the sampling has been stopped or memory is short.
     bool request(Form form, Deliver deliver);
 
-    // After the end of the last sampling: whether some call into a driver has not come back.
+    // Only after stop(): whether a call into a driver has not returned.
     bool is_stuck() { return sampler_.is_stuck(); }
 
-    // Returns when all who asked have their text.
+    // Returns when all requests have been answered.
     void stop();
 
   private:

@@ -23,8 +23,8 @@ namespace {
 }
 [[noreturn]] void fail(const std::string& path, int error) { fail(path, std::strerror(error)); }
 
-// A file beside the one that it will take the place of; gone unless it did. Its name ends in another way, so
-// that collectors, which go by the end of names, pass it over.
+// A new file in the same directory as the one that it will replace. The destructor removes it unless
+// take_place() succeeded. Its name has another suffix, and collectors, which select by suffix, ignore it.
 class NewFile {
   public:
     explicit NewFile(const std::string& path) : path_(path), name_(path + ".XXXXXX") {
@@ -65,7 +65,7 @@ class NewFile {
 
 void replace_file(const std::string& path, std::string_view text) {
     struct stat there {};
-    if (lstat(path.c_str(), &there) == 0 && !S_ISREG(there.st_mode)) fail(path, "it is no regular file");
+    if (lstat(path.c_str(), &there) == 0 && !S_ISREG(there.st_mode)) fail(path, "it is not a regular file");
     NewFile file(path);
     file.write(text);
     file.take_place();

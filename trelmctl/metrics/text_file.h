@@ -6,7 +6,7 @@
 
 namespace trelmctl::metrics {
 
-// Throws CommandFailed; the file is then as it was. What is no regular file is not replaced.
+// Throws CommandFailed and leaves the file unchanged if it cannot be replaced or is not a regular file.
 void replace_file(const std::string& path, std::string_view text);
 
 }  // namespace trelmctl::metrics

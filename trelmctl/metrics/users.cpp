@@ -12,7 +12,8 @@ namespace {
 
 constexpr std::size_t kMostWaiting = 64;
 
-// What the password of a user who is not there is compared with, so that the answer takes as long.
+// The password of an unknown user is compared with this hash, so that the answer takes as long as for a known
+// one.
 constexpr const char* kNobody = "$2y$10$QOauhQNbBCuQDKes6eFzPeMqBSjb7Mr5DUmpZ/VcEd00UAV/LDeSi";
 
 std::string hash_of(const std::string& password, const std::string& setting) {
@@ -21,7 +22,7 @@ std::string hash_of(const std::string& password, const std::string& setting) {
     return hash ? hash : "";
 }
 
-// Takes as long for any two texts of one length.
+// Takes the same time for any two texts of the same length.
 bool same(const std::string& one, const std::string& other) {
     if (one.size() != other.size()) return false;
     unsigned difference = 0;
@@ -97,7 +98,7 @@ bool Users::is_right(const Question& question) const {
 }
 
 void Users::remember(const Question& question) {
-    constexpr unsigned long kRounds = 1000;  // the fewest that there are
+    constexpr unsigned long kRounds = 1000;  // the minimum
     char setting[CRYPT_GENSALT_OUTPUT_SIZE];
     if (!crypt_gensalt_rn("$5$", kRounds, nullptr, 0, setting, sizeof setting)) return;
     std::string hash = hash_of(question.password, setting);

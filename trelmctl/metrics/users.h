@@ -1,5 +1,5 @@
-// users.h - who may read the metrics. Comparing a password with its bcrypt hash takes as long as it was made to
-// take, so it has a thread of its own; a password that was right once is compared with a quick hash from then on.
+// users.h - who may read the metrics. Comparing a password with its bcrypt hash is slow by design, so a
+// separate thread does it. A password that was right once is compared with a quick hash from then on.
 #pragma once
 
 #include <condition_variable>
@@ -23,13 +23,14 @@ class Users {
 
     bool none() const { return hashes_.empty(); }
 
-    // Whether this is known to be right. False says nothing.
+    // True if this password was right before. False does not mean that it is wrong.
     bool remembers(const std::string& name, const std::string& password);
 
-    // Calls `answer` on another thread. Returns false where it will not, as too many wait or all has ended.
+    // Calls `answer` on another thread. Returns false, and does not call it, if too many checks are waiting,
+    // memory is short or stop() was called.
     bool check(std::string name, std::string password, Answer answer);
 
-    // Answers those that wait with a refusal; nobody is checked any more.
+    // Answers all waiting checks with a refusal. No check is accepted after that.
     void stop();
 
   private:

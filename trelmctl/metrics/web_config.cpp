@@ -20,18 +20,18 @@ namespace {
 
 [[noreturn]] void fail(const std::string& path, const std::string& what) {
     Failure failure = tool_failure("WEB_CONFIG", fmt::format("{}: {}", escaped(path), what),
-                                   "docs/metrics.md lists the keys that there are");
+                                   "docs/metrics.md lists the supported keys");
     failure.operation = "reading the web configuration";
     throw CommandFailed(std::move(failure));
 }
 
-// Of the names of headers.
+// Whether the name of a header may contain it.
 bool is_token_character(unsigned char character) {
     return std::isalnum(character) != 0 ||
            (character != 0 && std::strchr("!#$%&'*+-.^_`|~", character) != nullptr);
 }
 
-// $2y$10$, then salt and hash.
+// For example $2y$10$, followed by salt and hash.
 bool is_bcrypt(std::string_view text) {
     constexpr std::size_t kLength = 60;
     constexpr std::size_t kBegin = 7;
@@ -69,7 +69,7 @@ class Reader {
     void check_keys(const YAML::Node& node, std::string_view where,
                     const std::set<std::string>& known) const {
         if (node.IsNull()) return;
-        if (!node.IsMap()) fail(path_, fmt::format("{} is no map of keys", where));
+        if (!node.IsMap()) fail(path_, fmt::format("{} is not a map of keys", where));
         for (const auto& entry : node) {
             const auto key = entry.first.as<std::string>();
             if (!known.contains(key))
@@ -80,7 +80,7 @@ class Reader {
     std::map<std::string, std::string> map_of(const YAML::Node& node, const char* key) const {
         const YAML::Node value = node[key];
         if (!value || value.IsNull()) return {};
-        if (!value.IsMap()) fail(path_, fmt::format("{} is no map of keys", key));
+        if (!value.IsMap()) fail(path_, fmt::format("{} is not a map of keys", key));
         return value.as<std::map<std::string, std::string>>();
     }
 
@@ -92,11 +92,11 @@ class Reader {
     void read_tls(const YAML::Node& tls) {
         check_keys(tls, "tls_server_config", {"cert_file", "key_file", "min_version", "client_auth_type"});
         if (tls["client_auth_type"] && tls["client_auth_type"].as<std::string>() != "NoClientCert")
-            fail(path_, "client_auth_type is NoClientCert: there are no client certificates here");
+            fail(path_, "client_auth_type must be NoClientCert: client certificates are not supported");
         config_.certificate = file_named_by(tls, "cert_file");
         config_.key = file_named_by(tls, "key_file");
         const std::string least = tls["min_version"] ? tls["min_version"].as<std::string>() : "TLS12";
-        if (least != "TLS12" && least != "TLS13") fail(path_, "min_version is TLS12 or TLS13");
+        if (least != "TLS12" && least != "TLS13") fail(path_, "min_version must be TLS12 or TLS13");
         config_.priorities = least == "TLS13" ? "SECURE128:-VERS-ALL:+VERS-TLS1.3"
                                               : "SECURE128:-VERS-ALL:+VERS-TLS1.3:+VERS-TLS1.2";
     }
@@ -107,7 +107,7 @@ class Reader {
         config_.headers = map_of(http, "headers");
         for (const auto& [name, value] : config_.headers) {
             if (name.empty() || !std::all_of(name.begin(), name.end(), is_token_character))
-                fail(path_, fmt::format("headers: {} is no name of a header", escaped(name)));
+                fail(path_, fmt::format("headers: {} is not a valid header name", escaped(name)));
             if (value.find_first_of("\r\n") != std::string::npos)
                 fail(path_, fmt::format("headers: {} has more than one line", escaped(name)));
         }
@@ -115,7 +115,7 @@ class Reader {
 
     void add_user(const std::string& name, const std::string& hash) {
         if (name.empty() || name.find(':') != std::string::npos)
-            fail(path_, "a user's name is empty or has a colon");
+            fail(path_, "basic_auth_users: a user name is empty or contains a colon");
         if (!is_bcrypt(hash))
             fail(path_, fmt::format("basic_auth_users: {} has no bcrypt hash", escaped(name)));
         config_.users.emplace(name, hash);

@@ -1,6 +1,6 @@
-// web_config.h - a web configuration file, in the format of the Prometheus exporter toolkit: TLS, users with
-// their bcrypt hashes, and headers of responses. A key that would not be carried out is refused, so that nobody
-// takes for protected what is not.
+// web_config.h - a web configuration file in the format of the Prometheus exporter toolkit: TLS, users with
+// their bcrypt hashes, and headers of responses. An unsupported key is refused, so that nobody relies on
+// protection that is not there.
 #pragma once
 
 #include <map>
@@ -9,10 +9,10 @@
 namespace trelmctl::metrics {
 
 struct WebConfig {
-    std::string certificate;                     // PEM, with its chain; empty: no TLS
+    std::string certificate;                     // PEM, with the chain; empty: no TLS
     std::string key;                             // PEM
-    std::string priorities;                      // of the TLS library
-    std::map<std::string, std::string> users;    // bcrypt hash by name; none: everybody is let in
+    std::string priorities;                      // protocol versions and ciphers, for the TLS library
+    std::map<std::string, std::string> users;    // bcrypt hash by name; empty: everyone is admitted
     std::map<std::string, std::string> headers;  // of every response
 };
 

@@ -14,7 +14,7 @@
 namespace trelmctl {
 namespace {
 
-// Composed in advance: a signal handler may only write.
+// Composed in advance, because a signal handler must not allocate memory.
 std::string message;
 int message_fd = STDERR_FILENO;
 

@@ -3,9 +3,9 @@
 
 namespace trelmctl {
 
-// Ends the process with the exit status of a failure after this many seconds, with a message in JSON or on
-// standard error. The library cannot abort a request, so it is not freed. The data that it shares with other
-// processes tolerates that.
+// After this many seconds, ends the process with the exit status of a failure and a message: as JSON on
+// standard output, or as text on standard error. The library cannot abort a request, so it is not freed. The
+// data that it shares with other processes tolerates that.
 void set_deadline(double seconds, bool json);
 
 }  // namespace trelmctl

@@ -1,4 +1,4 @@
-// replaced.h - text in languages in which some characters have a meaning.
+// replaced.h - replaces characters that have a special meaning in an output language, such as HTML.
 #pragma once
 
 #include <array>

@@ -10,7 +10,7 @@ namespace trelmctl {
 
 void show_requests();
 
-// `what` is the function of the library; for a SCSI command it also names the command and the LUN.
+// `what` is the library function; for a SCSI command it also names the command and the LUN.
 void note_request(std::string_view what, std::optional<uint32_t> instance = {},
                   std::optional<uint32_t> npiv_index = {});
 

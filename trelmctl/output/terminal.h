@@ -11,24 +11,24 @@ struct TerminalSize {
     std::size_t lines;
 };
 
-// The size of the terminal of a descriptor; the largest numbers if it is no terminal. The variable COLUMNS
-// takes precedence over the width of the terminal.
+// The size of the terminal; the largest numbers if the descriptor is not a terminal. The environment variable
+// COLUMNS takes precedence over the width of the terminal.
 TerminalSize terminal_size(int fd);
 
 bool is_terminal(int fd);
-// Whether the terminal was hung up: its window was closed or its connection lost.
+// Whether the terminal was hung up: its window was closed, or its connection was lost.
 bool hung_up(int fd);
 
 // Whether the character set of the terminal has line-drawing characters.
 bool utf8_locale();
 
-// Writes to standard error as much as it accepts.
+// Writes to standard error, and ignores errors.
 void tell(std::string_view text);
-// A line of text, in place of the one that says what is being waited for, and continued where the terminal ends.
+// Writes a line to standard error. On a terminal it replaces the progress line and is wrapped to the width.
 void tell_line(std::string_view text);
 
 // A line on the terminal that says what the tool waits for. Destroying the object removes the line. Prints
-// nothing if standard error is no terminal.
+// nothing if standard error is not a terminal.
 class Progress {
   public:
     Progress();
