@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "probed_library.h"
 #include "requests.h"
 #include "text.h"
 
@@ -21,21 +22,8 @@ bool says_its_name(const PortProbe& probe) { return probe.wwpn() != std::array<u
 
 }  // namespace
 
-// The library after one load, and the ports that the load found.
-struct FreshHost::Load {
-    Load() : library(load_library()), workers(library->port_count()) {
-        for (uint32_t instance = 0; instance < library->port_count(); ++instance)
-            probes.push_back(std::make_shared<PortProbe>(library, instance));
-    }
-
-    static std::shared_ptr<const trelm::Library> load_library() {
-        note_request("TRELM_LoadLibrary");
-        return std::make_shared<const trelm::Library>();
-    }
-
-    std::shared_ptr<const trelm::Library> library;
-    std::vector<std::shared_ptr<PortProbe>> probes;
-    Workers workers;
+struct FreshHost::Load : ProbedLibrary<PortProbe> {
+    using ProbedLibrary::ProbedLibrary;
 };
 
 FreshHost::FreshHost(double most_age_in_seconds) : most_age_(most_age_in_seconds) {}
@@ -48,7 +36,10 @@ void FreshHost::load(Clock::time_point deadline) {
     const bool is_due = load_began_ == Clock::time_point{} || now - load_began_ >= most_age_;
     if (!load_.is_pending() && is_due && (!load_ || load_->workers.wait_idle(now))) {
         load_began_ = now;
-        load_.begin([] { return std::make_unique<Load>(); });
+        load_.begin([] {
+            note_request("TRELM_LoadLibrary");
+            return std::make_unique<Load>(std::make_shared<const trelm::Library>());
+        });
     }
     if (load_.finish(deadline) && load_) name_ports();
 }
@@ -93,15 +84,12 @@ HostLook FreshHost::look(const Wishes& wishes) {
     load(deadline);
     host.answer = load_ ? Answer::here : missing_load();
     if (!load_) return host;
-    load_->workers.run([probes = load_->probes, wishes](std::size_t i) { probes[i]->ask(wishes); }, deadline);
+    load_->ask_all([wishes](PortProbe& probe) { probe.ask(wishes); }, deadline);
     for (const auto& probe : load_->probes) host.adapters.push_back(probe->take());
     return host;
 }
 
-bool FreshHost::is_stuck() {
-    // Gives calls that are about to return the time to do so.
-    const auto end = Clock::now() + kRoundTime;
-    return !load_.is_idle(end) || (load_ && !load_->workers.wait_idle(end));
-}
+// Gives calls that are about to return the time to do so.
+bool FreshHost::is_stuck() { return load_.is_stuck(Clock::now() + kRoundTime); }
 
 }  // namespace trelmctl

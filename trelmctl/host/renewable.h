@@ -1,6 +1,6 @@
 // renewable.h - the result of a load of the library, and its replacement by that of a later load. Loads and
 // frees may hang in a driver like any other call, so a separate thread makes them, and that thread may be
-// left behind.
+// left behind. A load has `workers`, which make the calls that follow it.
 #pragma once
 
 #include <exception>
@@ -39,7 +39,11 @@ class Renewable {
     }
 
     bool is_pending() const { return pending_ != nullptr; }
-    bool is_idle(Clock::time_point deadline) { return loader_.wait_idle(deadline); }
+
+    // Whether a load, or a call of its workers, has not returned by the deadline.
+    bool is_stuck(Clock::time_point deadline) {
+        return !loader_.wait_idle(deadline) || (load_ && !load_->workers.wait_idle(deadline));
+    }
 
     explicit operator bool() const { return load_ != nullptr; }
     Load* operator->() const { return load_.get(); }

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "adapter_probe.h"
+#include "probed_library.h"
 
 namespace trelmctl::metrics {
 namespace {
@@ -12,21 +13,8 @@ constexpr std::chrono::seconds kLeastLoadInterval{10};
 
 }  // namespace
 
-// The library after one load, and the ports that the load found.
-struct Sampler::Load {
-    explicit Load(bool luns) : library(std::make_shared<trelm::Library>()) {
-        for (uint32_t instance = 0; instance < library->port_count(); ++instance)
-            probes.push_back(std::make_shared<AdapterProbe>(library, instance, luns));
-        workers = std::make_unique<Workers>(probes.size());
-    }
-
-    void ask(uint64_t round, Clock::time_point deadline) {
-        workers->run([probes = probes, round](std::size_t i) { probes[i]->ask(round); }, deadline);
-    }
-
-    std::shared_ptr<const trelm::Library> library;
-    std::vector<std::shared_ptr<AdapterProbe>> probes;
-    std::unique_ptr<Workers> workers;
+struct Sampler::Load : ProbedLibrary<AdapterProbe> {
+    using ProbedLibrary::ProbedLibrary;
 };
 
 Sampler::Sampler(SamplerSettings settings) : settings_(settings) {}
@@ -38,16 +26,19 @@ bool Sampler::is_due_for_load() const {
 }
 
 void Sampler::begin_load() {
-    load_.begin([luns = settings_.luns] { return std::make_unique<Load>(luns); });
+    load_.begin([luns = settings_.luns] {
+        return std::make_unique<Load>(std::make_shared<const trelm::Library>(), luns);
+    });
 }
 
 void Sampler::renew() {
-    if (load_ && is_due_for_load() && load_->workers->wait_idle(Clock::now())) begin_load();
+    if (load_ && is_due_for_load() && load_->workers.wait_idle(Clock::now())) begin_load();
 }
 
 std::vector<AdapterSample> Sampler::ask(Clock::time_point begin, Clock::time_point deadline) {
     std::vector<AdapterSample> adapters;
-    load_->ask(++round_, deadline);
+    ++round_;
+    load_->ask_all([round = round_](AdapterProbe& probe) { probe.ask(round); }, deadline);
     known_.clear();
     for (const auto& probe : load_->probes) {
         const auto& ports = adapters.emplace_back(probe->take(round_, begin)).ports;
@@ -80,8 +71,6 @@ HostSample Sampler::sample() {
     return host;
 }
 
-bool Sampler::is_stuck() {
-    return !load_.is_idle(Clock::now()) || (load_ && !load_->workers->wait_idle(Clock::now()));
-}
+bool Sampler::is_stuck() { return load_.is_stuck(Clock::now()); }
 
 }  // namespace trelmctl::metrics
