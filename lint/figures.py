@@ -2,7 +2,7 @@
 """figures.py [COMMIT] - prints the size of the tree, now or at a commit: files, lines and lengths of functions by room, files that
 include each other, and the share of test code.
 
-Blank lines are not counted. A function extends from the first line of its signature to its closing brace. Functions
+Blank lines are not counted. Of Python only lines are counted. A function extends from the first line of its signature to its closing brace. Functions
 inside classes in headers are counted, lambdas are not.
 """
 
@@ -55,14 +55,14 @@ def print_figures(root: Path) -> None:
     all_rooms = tree.rooms()
     table: dict[str, tuple[list[int], list[int]]] = {}
     tests = code = 0
-    for source in tree.sources(root):
+    for source in tree.sources(root) + tree.scripts(root):
         text = (root / source).read_text(encoding="utf-8")
         room = tree.room_of(source, all_rooms)
         lines = sum(1 for line in text.splitlines() if line.strip())
         for name in {source.split("/")[0] + "/", room.name if room else source.split("/")[0] + "/"}:
             sizes, lengths = table.setdefault(name, ([], []))
             sizes.append(lines)
-            lengths += function_lengths(text)
+            lengths += [] if source.endswith(".py") else function_lengths(text)
         tests += lines * source.startswith(TEST_FOLDERS)
         code += lines
     print(f"{'room':30} {'files':>6} {'lines':>7} {'longest':>8} {'functions':>10} {'median':>7} {'95th':>5}")

@@ -57,6 +57,10 @@ def sources(root: Path = ROOT) -> list[str]:
     return [name for name in files(root) if name.endswith(SOURCE_SUFFIXES)]
 
 
+def scripts(root: Path = ROOT) -> list[str]:
+    return [name for name in files(root) if name.endswith(".py")]
+
+
 def room_of(source: str, all_rooms: list[Room]) -> Room | None:
     """The room with the longest pattern that the file matches. A pattern that ends in '/' matches all files below it."""
     best: tuple[int, Room] | None = None

@@ -198,7 +198,7 @@ uint32_t trelm_open_adapter(trelm_priv_db* pdb, uint32_t* papi_handle, uint32_t*
 
 uint32_t trelm_close_adapter(trelm_priv_db* pdb, uint32_t* perr) {
     if (!pdb || !pdb->hw_info) {
-        error(__func__, ": pdb not found, exiting");
+        error(__func__, trelm::detail::kNoRecord);
         return 1;
     }
     trelm_hw_info& hw = *pdb->hw_info;

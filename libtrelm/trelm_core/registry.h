@@ -59,6 +59,9 @@ trelm_priv_db* find_parent(const char* func_name, const dorfc_pci_info& at);
 // The port list must exist.
 uint32_t count_physical_ports();
 
+// The log line of a function of a driver that gets no port record.
+inline constexpr char kNoRecord[] = ": pdb not found, exiting";
+
 // Releases both lists, ports first, because they refer to hardware records.
 void release_registry();
 

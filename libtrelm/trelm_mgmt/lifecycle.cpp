@@ -23,6 +23,9 @@ using trelm::detail::trace;
 
 namespace {
 
+constexpr char kAlreadyLoaded[] = ": already loaded.";
+constexpr char kNoAdapters[] = ": no adapters found.";
+
 // A load of a loaded library returns here, without an Exclusive, so it does not wait for running calls.
 bool is_loaded() {
     const Call call;
@@ -35,7 +38,7 @@ uint32_t TRELM_LoadLibrary(void) {
     trelm_set_debug_level();
     trace(__func__, ": entered.");
     if (is_loaded()) {
-        error(__func__, ": already loaded.");
+        error(__func__, kAlreadyLoaded);
         return TRELM_STATUS_OK;
     }
     const NoCancellation whole;
@@ -43,7 +46,7 @@ uint32_t TRELM_LoadLibrary(void) {
     if (!alone) return TRELM_STATUS_FAILED;
     if (trelm::detail::database_is_inherited()) trelm_unload_lib();
     if (trelm::detail::database_is_open()) {  // another thread has loaded it meanwhile
-        error(__func__, ": already loaded.");
+        error(__func__, kAlreadyLoaded);
         return TRELM_STATUS_OK;
     }
     const uint32_t status = trelm_load_lib();
@@ -52,7 +55,7 @@ uint32_t TRELM_LoadLibrary(void) {
         return TRELM_STATUS_FAILED;
     }
     if (!trelm_priv_database) {
-        error(__func__, ": no adapters found.");
+        error(__func__, kNoAdapters);
         return TRELM_STATUS_OK;
     }
     if (!trelm::detail::database_is_open()) {
@@ -93,7 +96,7 @@ uint32_t TRELM_GetPortCount(uint32_t* pPortCount) {
     trace(__func__, ": entered.");
     const Call call;
     if (!call || !trelm_priv_database) {
-        error(__func__, ": no adapters found.");
+        error(__func__, kNoAdapters);
         return TRELM_STATUS_FAILED;
     }
     if (!trelm::detail::database_is_open()) {

@@ -107,7 +107,7 @@ uint32_t TRELM_GetLunInfo(uint32_t Handle, uint32_t NpivIndex, uint32_t ScsiTgtN
         return fail_call(kFunction, Handle, trelm::detail::kInvalidParameter, TRELM_STATUS_INVALID_PARAMETER);
     }
     const trelm::detail::Heap<uint8_t> data(trelm::detail::kReportLunsRoom);
-    if (!data) return fail_call(kFunction, Handle, "): pdata alloc failed.", TRELM_STATUS_NO_MEMORY);
+    if (!data) return fail_call(kFunction, Handle, trelm::detail::kNoDataBuffer, TRELM_STATUS_NO_MEMORY);
     PortCall call(Handle, NpivIndex);
     LunAddress lun = {ScsiTgtNum, 0, 0};
     uint32_t status = send(call, trelm::detail::kReportLuns, lun, data.get());

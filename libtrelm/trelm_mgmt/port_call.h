@@ -45,6 +45,7 @@ class PortCall {
 };
 
 inline constexpr char kInvalidParameter[] = "): invalid parameter.";
+inline constexpr char kNoDataBuffer[] = "): pdata alloc failed.";
 inline constexpr char kNoPort[] = "): get pdb failed.";
 inline constexpr char kEntered[] = "): entered.";
 inline constexpr char kExiting[] = "): exiting, rval=";

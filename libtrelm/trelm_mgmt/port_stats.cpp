@@ -9,9 +9,9 @@
 namespace {
 
 // The public record has a version and then the thirty counters of the driver in the same order.
-constexpr size_t kCounters = offsetof(dorfc_port_stats, reserved);
+constexpr size_t kCounterBytes = offsetof(dorfc_port_stats, reserved);
 constexpr size_t kFirstCounter = offsetof(TRELM_PORT_STATS, RxFCoEFrames);
-static_assert(sizeof(TRELM_PORT_STATS) - kFirstCounter == kCounters);
+static_assert(sizeof(TRELM_PORT_STATS) - kFirstCounter == kCounterBytes);
 #define SAME_COUNTER(theirs, ours) \
     static_assert(offsetof(dorfc_port_stats, theirs) == offsetof(TRELM_PORT_STATS, ours) - kFirstCounter)
 SAME_COUNTER(rx_fcoe_frames, RxFCoEFrames);
@@ -67,7 +67,7 @@ uint32_t TRELM_GetPortStats(uint32_t Handle, uint32_t NpivIndex, TRELM_PORT_STAT
     if (outcome.failed())
         return trelm::detail::fail_request(__func__, Handle, "): get stats failed, stat=", outcome);
 
-    memcpy(reinterpret_cast<uint8_t*>(pStats) + kFirstCounter, stats.get(), kCounters);
+    memcpy(reinterpret_cast<uint8_t*>(pStats) + kFirstCounter, stats.get(), kCounterBytes);
     trelm::detail::trace_call(__func__, Handle, {trelm::detail::kExiting, TRELM_STATUS_OK});
     return TRELM_STATUS_OK;
 }

@@ -83,7 +83,7 @@ uint32_t TRELM_GetTgtInfo(uint32_t Handle, uint32_t NpivIndex, uint32_t* pTgtCou
     if (!pTgtInfo || !*pTgtInfo)
         return fail_call(kFunction, Handle, kInvalidParameter, TRELM_STATUS_INVALID_PARAMETER);
     const trelm::detail::Heap<uint8_t> data(trelm::detail::kReportLunsRoom);
-    if (!data) return fail_call(kFunction, Handle, "): pdata alloc failed.", TRELM_STATUS_NO_MEMORY);
+    if (!data) return fail_call(kFunction, Handle, trelm::detail::kNoDataBuffer, TRELM_STATUS_NO_MEMORY);
     const trelm::detail::Heap<dorfc_tgt_info> target;
     if (!target) {
         return fail_call(kFunction, Handle, trelm::detail::transport_of(pdb->hw_info).tgt_alloc_failed,

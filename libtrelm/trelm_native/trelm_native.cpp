@@ -14,6 +14,7 @@ namespace {
 
 using trelm::detail::Added;
 using trelm::detail::error;
+using trelm::detail::kNoRecord;
 using trelm::detail::NativeDriver;
 using trelm::detail::NativeOperation;
 using trelm::detail::Outcome;
@@ -246,7 +247,7 @@ uint32_t trelm::detail::native_open_adapter(const NativeDriver& driver, trelm_pr
                                             uint32_t* papi_handle) {
     trace(driver.open_name, ": entered.");
     if (!pdb || !pdb->hw_info) {
-        error(driver.open_name, ": pdb not found, exiting");
+        error(driver.open_name, kNoRecord);
         return 1;
     }
     set_handle(*pdb->hw_info, instance + 1);
@@ -258,7 +259,7 @@ uint32_t trelm::detail::native_open_adapter(const NativeDriver& driver, trelm_pr
 
 uint32_t trelm::detail::native_close_adapter(const NativeDriver& driver, trelm_priv_db* pdb) {
     if (!pdb || !pdb->hw_info) {
-        error(driver.close_name, ": pdb not found, exiting");
+        error(driver.close_name, kNoRecord);
         return 1;
     }
     trelm_hw_info& hw = *pdb->hw_info;

@@ -47,7 +47,7 @@ std::set<std::string> matches(const std::string& text, const char* pattern) {
 
 // A physical port of each native driver, a virtual port, distinct counters, LUNs of which one does not
 // answer, and a port whose counters cannot be read.
-TEST_F(Metrics, SayOfAHostWhatTheGoldenTextSays) {
+TEST_F(Metrics, OfAHostMatchTheGoldenText) {
     const ProgramResult outcome = metrics("--luns");
     EXPECT_EQ(outcome.status, 1);
     EXPECT_THAT(outcome.errors, HasSubstr("port 2"));

@@ -230,30 +230,4 @@ TEST(LegacyDiscovery, LeavesNothingBehindWhereMemoryRunsOut) {
     }
 }
 
-TEST_P(Discovery, FindsTheFirstPhysicalPortAtAVirtualPortsLocation) {
-    const size_t count = native ? 72 : 12;  // link-state files take time
-    hostsim::Model model = hostsim::hosts::ports(GetParam(), count, 1);
-    uint32_t id = 0;
-    for (uint16_t i = 0; i < 6; ++i) {
-        hostsim::Adapter& adapter = model.adapters[i];
-        adapter.pci_bus = 5, adapter.pci_domain = i / 4, adapter.pci_device = i / 2 % 2;
-        // Both ports of every other adapter are at one location. The ports of the first adapters are found
-        // first.
-        for (hostsim::PhysicalPort& port : adapter.ports) {
-            port.pci_function = i % 2 ? 2 : static_cast<uint16_t>(id % 2);
-            port.port_id = ++id;
-            port.virtual_ports[0].port_id = i % 2 ? adapter.ports[0].port_id : id;
-            if (i < 4) model.driver(GetParam()).order.push_back(port.name);
-        }
-    }
-    start(model);
-    expect_found(2 * count);
-    for (const trelm_priv_db* pdb : registry()) {
-        if (pdb->port_type != FC_PORTTYPE_NPIV || pdb->port_id > id) continue;
-        ASSERT_NE(pdb->parent, nullptr);
-        EXPECT_EQ(pdb->parent->port_id, pdb->port_id);
-        EXPECT_EQ(pdb->parent->hw_info, pdb->hw_info);
-    }
-}
-
 }  // namespace

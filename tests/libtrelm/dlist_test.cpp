@@ -37,7 +37,7 @@ struct List {
     trelm_dlist* list = trelm_dlist_new_with_delete(sizeof(int), see);
 };
 
-TEST(EmptyList, AndNothingToAddAreSafe) {
+TEST(EmptyList, IsSafeForEveryOperation) {
     Keys none;
     const List list(none);
     int item = 3;

@@ -233,7 +233,7 @@ std::string file_name(const testing::TestParamInfo<std::tuple<DriverKind, uint32
            (std::get<1>(info.param) == kTraceLines ? "_trace" : "_error");
 }
 
-TEST_P(GoldenLog, IsWhatTheFileHolds) {
+TEST_P(GoldenLog, MatchesTheFile) {
     tell_load();
     tell_open();
     tell_port();

@@ -80,7 +80,7 @@ TEST_F(Semaphores, AreFreeSetsOfOneThatNobodyElseMade) {
     EXPECT_EQ(value(set), 1);
 }
 
-TEST_F(Semaphores, LoseASurplusForGood) {
+TEST_F(Semaphores, LoseASurplusOfReleases) {
     const int set = get_set();
     Child signaller([&] { return trelm_sem_signal(set) + pause(); });
     ASSERT_TRUE(eventually([&] { return value(set) == 2; }));
