@@ -30,7 +30,7 @@ struct trelm_scsi_inq_data {
     uint8_t version;
     uint8_t resp_data_format;
     uint8_t add_len;
-    uint8_t SCCS_reserved;
+    uint8_t sccs_reserved;
     uint8_t flags1;
     uint8_t flags2;
     uint8_t vendor_id[8];

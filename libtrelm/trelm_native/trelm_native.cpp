@@ -14,7 +14,6 @@ namespace {
 
 using trelm::detail::Added;
 using trelm::detail::error;
-using trelm::detail::kNoRecord;
 using trelm::detail::NativeDriver;
 using trelm::detail::NativeOperation;
 using trelm::detail::Outcome;

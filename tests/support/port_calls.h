@@ -78,10 +78,10 @@ class Bytes : public std::vector<uint8_t> {
 };
 
 // A text field, zero-padded to its width.
-template <size_t width>
-void set_text(uint8_t (&field)[width], std::string text) {
-    text.resize(width);
-    memcpy(field, text.data(), width);
+template <size_t Width>
+void set_text(uint8_t (&field)[Width], std::string text) {
+    text.resize(Width);
+    memcpy(field, text.data(), Width);
 }
 // A name field, most significant byte first.
 inline void set_wwn(uint8_t (&field)[8], uint64_t name) {
