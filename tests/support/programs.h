@@ -30,9 +30,13 @@ inline Words words_of(const std::string& text) {
 
 inline const std::string kLauncher = binary_dir() + "/bin/trelm-hostsim";
 
+// What can be read of a file: a file of /proc ends with an error when its process does.
 inline std::string text_of(const std::filesystem::path& path) {
     std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::string text;
+    for (char piece[4096]; file.read(piece, sizeof piece), file.gcount() > 0;)
+        text.append(piece, static_cast<std::size_t>(file.gcount()));
+    return text;
 }
 
 struct ProgramResult {
