@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """figures.py [COMMIT] - prints the size of the tree, now or at a commit: files, lines and lengths of functions by room, files that
-include each other, and the share of test code.
+include each other, and the lines of test code beside those of the product.
 
 Blank lines are not counted. Of Python only lines are counted. A function extends from the first line of its signature to its closing brace. Functions
 inside classes in headers are counted, lambdas are not.
@@ -18,6 +18,7 @@ from statistics import median
 import tree
 
 TEST_FOLDERS = ("tests/", "fuzz/", "hostsim/testing/")
+PRODUCT_FOLDERS = ("libtrelm/", "platform/", "bindings/", "hostsim/", "trelmctl/", "examples/")
 NO_FUNCTION = re.compile(r"\s*(if|for|while|switch|else|do|try|catch|namespace|struct|class|union|enum|extern|return|case|#|//|\}|.*\]\s*\()")
 OPENS = re.compile(r"\)( const| noexcept| override| final| mutable|&|&&| -> [^{;]+| : [^;]+)* \{")
 
@@ -54,7 +55,7 @@ def percentile(values: list[int], share: float) -> int:
 def print_figures(root: Path) -> None:
     all_rooms = tree.rooms()
     table: dict[str, tuple[list[int], list[int]]] = {}
-    tests = code = 0
+    tests = product = 0
     for source in tree.sources(root) + tree.scripts(root):
         text = (root / source).read_text(encoding="utf-8")
         room = tree.room_of(source, all_rooms)
@@ -63,15 +64,17 @@ def print_figures(root: Path) -> None:
             sizes, lengths = table.setdefault(name, ([], []))
             sizes.append(lines)
             lengths += [] if source.endswith(".py") else function_lengths(text)
-        tests += lines * source.startswith(TEST_FOLDERS)
-        code += lines
+        if source.startswith(TEST_FOLDERS):
+            tests += lines
+        elif source.startswith(PRODUCT_FOLDERS):
+            product += lines
     print(f"{'room':30} {'files':>6} {'lines':>7} {'longest':>8} {'functions':>10} {'median':>7} {'95th':>5}")
     for name, (sizes, lengths) in sorted(table.items()):
         shown = (f"{median(lengths):7.0f} {percentile(lengths, 0.95):5}" if lengths else "")
         print(f"{name:30} {len(sizes):6} {sum(sizes):7} {max(sizes):8} {len(lengths):10} {shown}")
     groups = tree.include_circles(root)
     print(f"\nfiles that include each other: {len(groups)} groups, {sum(map(len, groups))} files")
-    print(f"test code: {tests} of {code} lines, {100 * tests / code:.1f} percent")
+    print(f"test code: {tests} lines, {100 * tests / product:.1f} percent of the {product} lines of the product")
 
 
 def main() -> None:

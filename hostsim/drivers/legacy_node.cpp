@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "failed_call.h"
 #include "trelm_driver_records.h"
 
 namespace hostsim {
@@ -36,11 +37,6 @@ const Ioctl* find_ioctl(unsigned long number) {
     return nullptr;
 }
 
-int fail(int error) {
-    errno = error;
-    return -1;
-}
-
 bool is_sound(const dorfc_ioctl& block) {
     constexpr std::array<char, sizeof block.signature> kSignature{'D', 'O', 'R', 'F', 'C'};
     return std::memcmp(block.signature, kSignature.data(), kSignature.size()) == 0 && block.addrmode == 2 &&
@@ -64,17 +60,17 @@ bool find_data(const Ioctl& ioctl, const uint8_t* payload, std::span<uint8_t>& d
 
 int legacy_ioctl(RequestPipeline& pipeline, unsigned long number, void* argument) {
     const Ioctl* const ioctl = find_ioctl(number);
-    if (!ioctl) return fail(ENOTTY);
-    if (!argument) return fail(EFAULT);
+    if (!ioctl) return fail_with(ENOTTY);
+    if (!argument) return fail_with(EFAULT);
     dorfc_ioctl block;
     std::memcpy(&block, argument, sizeof block);
-    if (!is_sound(block)) return fail(EINVAL);
+    if (!is_sound(block)) return fail_with(EINVAL);
     void* const caller = at_address(block.ioctlstructaddr);
     alignas(uint64_t) std::array<uint8_t, kLargestPayload> payload{};
     std::span<uint8_t> data;
-    if (!caller) return fail(EFAULT);
+    if (!caller) return fail_with(EFAULT);
     std::memcpy(payload.data(), caller, ioctl->size);
-    if (!find_data(*ioctl, payload.data(), data)) return fail(EFAULT);
+    if (!find_data(*ioctl, payload.data(), data)) return fail_with(EFAULT);
 
     const Completion completion = pipeline.serve({
         .driver = DriverKind::legacy,

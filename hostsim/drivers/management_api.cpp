@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "failed_call.h"
 #include "trelm_driver_records.h"
 
 namespace hostsim {
@@ -90,11 +91,6 @@ const Callback* find_callback(DriverKind driver, uint64_t id) {
     return nullptr;
 }
 
-int fail(int error) {
-    errno = error;
-    return -1;
-}
-
 int refuse(int error) {
     errno = error;
     return error;
@@ -137,7 +133,7 @@ int ManagementApi::init(const vmk_MgmtApiSignature* signature, uint64_t cookie, 
     if (!api || !is_present(pipeline_.model, api->driver)) return refuse(ENOENT);
     if (cookie != api->cookie || !agrees(*signature, *api)) return refuse(EINVAL);
     const Completion completion = pipeline_.pass(api->driver, Operation::init, cookie);
-    if (completion.result) return fail(completion.error);
+    if (completion.result) return fail_with(completion.error);
     if (completion.status) return static_cast<int>(completion.status);
     *handle = kFirstHandle + connections_.size();
     connections_.emplace(*handle, api->driver);
@@ -147,12 +143,12 @@ int ManagementApi::init(const vmk_MgmtApiSignature* signature, uint64_t cookie, 
 int ManagementApi::invoke(vmk_MgmtUserHandle handle, uint64_t instance, uint64_t callback,
                           uint32_t parameter_count, void* const* parameters) {
     const auto connection = connections_.find(handle);
-    if (connection == connections_.end()) return fail(EBADF);
-    if (!is_present(pipeline_.model, connection->second)) return fail(ENODEV);
+    if (connection == connections_.end()) return fail_with(EBADF);
+    if (!is_present(pipeline_.model, connection->second)) return fail_with(ENODEV);
     const Callback* const known = find_callback(connection->second, callback);
-    if (!known || instance != 0 || parameter_count != 1) return fail(EINVAL);
-    if (!known->invocable) return fail(EOPNOTSUPP);
-    if (!parameters[0]) return fail(EFAULT);
+    if (!known || instance != 0 || parameter_count != 1) return fail_with(EINVAL);
+    if (!known->invocable) return fail_with(EOPNOTSUPP);
+    if (!parameters[0]) return fail_with(EFAULT);
     return run(connection->second, callback, parameters[0]);
 }
 

@@ -11,20 +11,14 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "path_errors.h"
+
 namespace hostsim {
 namespace {
 
 namespace fs = std::filesystem;
 
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-
-[[noreturn]] void fail(const fs::path& path) {
-    throw std::system_error(errno, std::generic_category(), path.string());
-}
-
-[[noreturn]] void refuse(const fs::path& path, const std::string& reason) {
-    throw std::runtime_error(path.string() + ": " + reason);
-}
 
 Descriptor open_directory(int parent, const std::string& name) {
     return Descriptor(openat(parent, name.c_str(), kDirectoryFlags));

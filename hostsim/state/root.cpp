@@ -12,6 +12,7 @@
 #include <system_error>
 
 #include "host_processes.h"
+#include "path_errors.h"
 #include "root_layout.h"
 #include "shared_state.h"
 #include "simulator_paths.h"
@@ -26,14 +27,6 @@ constexpr std::string_view kTemporaryName = "trelm-hostsim-";
 // Marks of a root that is removed with its host, and of one that a user named.
 constexpr std::string_view kTemporaryMark = "The root of a simulated host, for as long as the host runs.\n";
 constexpr std::string_view kKeptMark = "The root of a simulated host, kept by its user.\n";
-
-[[noreturn]] void fail(const fs::path& path) {
-    throw std::system_error(errno, std::generic_category(), path.string());
-}
-
-[[noreturn]] void refuse(const fs::path& path, const std::string& reason) {
-    throw std::runtime_error(path.string() + ": " + reason);
-}
 
 // PATH and the list of passed directories use these characters as separators.
 bool is_usable(const fs::path& path) { return path.string().find_first_of(":\n") == std::string::npos; }

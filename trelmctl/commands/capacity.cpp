@@ -12,7 +12,7 @@
 namespace trelmctl {
 namespace {
 
-constexpr std::size_t kIndent = 12;  // of values
+constexpr std::size_t kValueIndent = 12;
 
 }  // namespace
 
@@ -37,11 +37,11 @@ void run_capacity(const Options& options, Output& output) {
     output.print_lines(fmt::format("Capacity    {} ({} bytes)\nBlocks      {} of {} bytes\nLast block  {}\n",
                                    human_size(capacity.bytes()), capacity.bytes(), capacity.blocks(),
                                    capacity.block_size, capacity.last_block),
-                       kIndent);
+                       kValueIndent);
     if (!capacity.sixteen) return;
     output.print_lines(fmt::format("Physical    {} blocks to a physical block\nThin        {}\n",
                                    capacity.blocks_per_physical_block, capacity.thin ? "yes" : "no"),
-                       kIndent);
+                       kValueIndent);
 }
 
 }  // namespace trelmctl

@@ -19,8 +19,8 @@
 namespace trelmctl {
 namespace {
 
-constexpr std::size_t kIndent = 4;              // of continuation lines
-constexpr std::chrono::milliseconds kTick{50};  // delay until an interrupt is noticed while drivers are asked
+constexpr std::size_t kContinuationIndent = 4;
+constexpr std::chrono::milliseconds kInterruptDelay{50};  // until one is noticed while drivers are asked
 
 std::string time_text() { return fmt::format("{:%Y-%m-%dT%H:%M:%S%z}", fmt::localtime(std::time(nullptr))); }
 
@@ -68,7 +68,7 @@ void tell_begin(const Options& options, std::size_t states, Output& output) {
     } else {
         output.print_lines(fmt::format("{}  watching {} states, every {} s, for new ports every {} s\n",
                                        time_text(), states, options.every, options.rescan),
-                           kIndent);
+                           kContinuationIndent);
     }
     output.flush();
 }
@@ -78,7 +78,7 @@ void tell_changes(const Snapshot& before, const Snapshot& after, Output& output)
         if (output.json()) {
             output.stream(to_json(change));
         } else {
-            output.print_lines(fmt::format("{}  {}\n", time_text(), to_text(change)), kIndent);
+            output.print_lines(fmt::format("{}  {}\n", time_text(), to_text(change)), kContinuationIndent);
         }
     }
     output.flush();
@@ -88,7 +88,7 @@ void tell_changes(const Snapshot& before, const Snapshot& after, Output& output)
 std::optional<HostLook> look(Lookout& lookout, const Options& options) {
     while (!interrupted()) {
         lookout.start({.filter = options.filter, .counters = false, .targets = true, .targets_of = {}});
-        if (auto host = lookout.take(kTick)) return host;
+        if (auto host = lookout.take(kInterruptDelay)) return host;
     }
     return std::nullopt;
 }
@@ -104,7 +104,7 @@ void watch(Lookout& lookout, const Options& options, Output& output) {
     for (bool told = false; host && is_awaited(*host);) {
         if (host->answer == Answer::late && !std::exchange(told, true))
             tell("trelmctl: the drivers do not list their ports; waiting for them\n");
-        wait_for(std::chrono::duration<double>(kTick).count());
+        wait_for(std::chrono::duration<double>(kInterruptDelay).count());
         host = look(lookout, options);
     }
     if (!host) return;

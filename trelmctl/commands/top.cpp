@@ -28,8 +28,8 @@ constexpr short kTroubleColour = 1;
 constexpr int kEscape = 27;
 constexpr int kRedraw = 'L' & 0x1F;  // Ctrl+L, as in other programs
 constexpr double kGraphSeconds = 300;
-constexpr std::chrono::milliseconds kTick{20};  // delay until a key is noticed while drivers are asked
-constexpr int kWideLine = 66;                   // columns of a counter's line with its total in full
+constexpr std::chrono::milliseconds kKeyDelay{20};  // until a key is noticed while drivers are asked
+constexpr int kWideLine = 66;                       // columns of a counter's line with its total in full
 
 // Puts the terminal into the state for drawing, and restores it at the end of the scope.
 class CursesTerminal {
@@ -153,7 +153,7 @@ class Top {
     }
 
     void take_look() {
-        const auto host = lookout_.take(kTick);
+        const auto host = lookout_.take(kKeyDelay);
         if (!host) return;
         model_.take(*host);
         find_selected();
@@ -187,7 +187,7 @@ class Top {
 
     int next_key() const {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(next_ - Clock::now());
-        const auto wait = lookout_.is_under_way() ? std::min(left, kTick) : left;
+        const auto wait = lookout_.is_under_way() ? std::min(left, kKeyDelay) : left;
         timeout(static_cast<int>(std::max<int64_t>(wait.count(), 1)));
         return getch();
     }
