@@ -3,9 +3,7 @@
 #include "host_file.h"
 
 #include <gmock/gmock.h>
-#include <sys/stat.h>
 
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <regex>
 
@@ -38,7 +36,7 @@ const char kSound[] = R"({ // with a comment
   "adapters": [{"driver": "kron", "management_firmware": "08.37.30.00",
   "pci": {"address": "0001:3b:1f", "vendor_id": "0x1077", "device_id": 32896, "speed": "5 GT/s", "width": 4},
   "ports": [{"name": "a", "wwnn": "20:00:00:00:00:00:00:01", "wwpn": "20:00:00:00:00:00:00:02", "function": 3,
-    "supported_speed": ["1 Gbit", "10 Gbit"], "speed": "40 Gbit", "link": "link_down", "host_no": 7,
+    "supported_speed": ["1 Gbit", "10 Gbit"], "speed": "40 Gbit", "link": "link_down", "host_no": 7, "port_type": "other",
     "counters": {"rx_fcoe_frames": 5, "link_failures": {"start": 18446744073709551615, "rate": 0.5}},
     "fcfs": [{"switch_name": "20:00:00:00:00:00:00:03", "fabric_name": "10:00:00:00:00:00:00:03",
               "fcf_mac": "02:00:00:00:00:01"}],
@@ -59,8 +57,8 @@ TEST(HostFile, ArrivesInTheModel) {
     EXPECT_EQ(std::tuple(adapter.pci_domain, adapter.pci_bus, adapter.pci_device, adapter.device_id),
               std::tuple(1, 0x3b, 0x1f, 0x8080));
     EXPECT_EQ(adapter.management_firmware, 0x08251E00u);
-    EXPECT_EQ(std::tuple(port.supported_speed, port.speed, port.link_state, port.host_no),
-              std::tuple(5, 0x100, 7u, 7u));
+    EXPECT_EQ(std::tuple(port.supported_speed, port.speed, port.link_state, port.host_no, port.port_type),
+              std::tuple(5, 0x100, 7u, 7u, 1));
     EXPECT_EQ(port.fcfs.at(0).fcf_mac, (hostsim::MacAddress{2, 0, 0, 0, 0, 1}));
     EXPECT_EQ(std::tuple(port.counters[29].start, port.counters[29].rate), std::tuple(UINT64_MAX, 0.5));
     EXPECT_EQ(std::tuple(luns.at(0).block_count, luns.at(1).block_count),
@@ -143,27 +141,6 @@ TEST(HostFile, ShowsTenMistakesAndCutsWhatIsLong) {
 
 TEST(HostFile, SchemaIsMadeFromTheTablesOfTheReader) {
     EXPECT_EQ(hostsim::host_schema(), text_of(source_dir() + "/hostsim/hostfile/host.schema.json"));
-}
-
-class HostFileOnDisk : public Programs {};
-
-TEST_F(HostFileOnDisk, IsARegularFileOfBoundedSize) {
-    const std::string line = at("bad\x1b[2J\nname");
-    mkfifo(at("pipe").c_str(), 0600);
-    write("large", "");
-    truncate(at("large").c_str(), off_t{1} << 40);
-    const std::pair<std::string, std::string> rows[]{
-        {at("pipe"), "this is no regular file"}, {"/dev/zero", "this is no regular file"},
-        {at(""), "this is a directory"},         {at("large"), "more than 8388608 bytes"},
-        {at("absent"), "No such file"},          {line, "bad\\x1b[2J\\x0aname: the host file cannot"}};
-    for (const auto& [path, reason] : rows) {
-        try {
-            hostsim::read_host_file(path);
-            ADD_FAILURE() << path;
-        } catch (const hostsim::HostError& error) {
-            EXPECT_THAT(error.what(), HasSubstr(reason));
-        }
-    }
 }
 
 }  // namespace

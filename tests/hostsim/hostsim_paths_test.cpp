@@ -37,8 +37,12 @@ class HostsimPaths : public testing::Test {
     std::string name_ = "hostsim-paths-" + std::to_string(getpid());
 };
 
-// Programs built with _FORTIFY_SOURCE open files with this function.
-const auto kOpen2 = reinterpret_cast<int (*)(const char*, int)>(dlsym(RTLD_DEFAULT, "__open_2"));
+// Calls a function by its name. Programs built with an older libc or with _FORTIFY_SOURCE call some that no header
+// declares.
+template <typename... Arguments>
+int call_by_name(const char* name, Arguments... arguments) {
+    return reinterpret_cast<int (*)(Arguments...)>(dlsym(RTLD_DEFAULT, name))(arguments...);
+}
 // Looked up at run time, because the linker warns about direct calls.
 const auto kMktemp = reinterpret_cast<char* (*)(char*)>(dlsym(RTLD_DEFAULT, "mktemp"));
 
@@ -74,7 +78,7 @@ TEST_F(HostsimPaths, EveryFamilyOfCallsIsRedirected) {
         {"freopen", [](auto* p) { return closes(std::freopen(p, "r", std::fopen("/dev/null", "r"))); }},
         {"stat", [&](auto* p) { return stat(p, &status) == 0; }},
         {"statx", [&](auto* p) { return statx(kHere, p, 0, STATX_BASIC_STATS, &extended) == 0; }},
-        {"__open_2", [](auto* p) { return closes(kOpen2(p, O_RDONLY)); }},
+        {"__open_2", [](auto* p) { return closes(call_by_name("__open_2", p, O_RDONLY)); }},
         {"access", [](auto* p) { return access(p, R_OK) == 0; }},
         {"realpath", [&](auto* p) { return realpath(p, text) && text == fs::path(p).lexically_normal(); }},
         {"canonicalize_file_name", [](auto* p) { return shows(canonicalize_file_name(p), p); }},
@@ -139,65 +143,45 @@ TEST_F(HostsimPaths, ListsTheHostsDirectoriesAndKeepsTheMachinesPaths) {
 // A file of the user who runs the test belongs to the user of the host, in the results of all calls.
 TEST_F(HostsimPaths, TheHostsUserOwnsWhatItsProgramsMake) {
     host_.edit([](hostsim::Model& model) { model.effective_user = 4711; });
-    const std::string path = in_tmp();
-    const int fd = open(path.c_str(), O_RDONLY);
-    struct stat s {};
-    struct statx x {};
-    const auto old = [](const char* name) { return dlsym(RTLD_DEFAULT, name); };
-    const auto by_path = [&](const char* name) {
-        return reinterpret_cast<int (*)(int, const char*, void*)>(old(name))(1, path.c_str(), &s);
+    const std::string file = in_tmp();
+    const char* const path = file.c_str();
+    const int fd = open(path, O_RDONLY);
+    struct stat status {};
+    struct statx extended {};
+    void* const result = &status;
+    const auto expect_owner = [&](const char* name, int outcome) {
+        EXPECT_EQ(std::tuple(outcome, status.st_uid, status.st_gid), std::tuple(0, 4711u, 4711u)) << name;
+        status = {};
     };
-    const auto by_fd = [&](const char* name) {
-        return reinterpret_cast<int (*)(int, int, void*)>(old(name))(1, fd, &s);
-    };
-    const auto by_dir = [&](const char* name) {
-        return reinterpret_cast<int (*)(int, int, const char*, void*, int)>(old(name))(1, kHere, path.c_str(),
-                                                                                       &s, 0);
-    };
-    auto* const s64 = reinterpret_cast<struct stat64*>(&s);
-    const std::pair<const char*, std::function<int()>> calls[]{
-        {"stat", [&] { return stat(path.c_str(), &s); }},
-        {"stat64", [&] { return stat64(path.c_str(), s64); }},
-        {"lstat", [&] { return lstat(path.c_str(), &s); }},
-        {"lstat64", [&] { return lstat64(path.c_str(), s64); }},
-        {"fstat", [&] { return fstat(fd, &s); }},
-        {"fstat64", [&] { return fstat64(fd, s64); }},
-        {"fstatat", [&] { return fstatat(kHere, path.c_str(), &s, 0); }},
-        {"fstatat64", [&] { return fstatat64(kHere, path.c_str(), s64, 0); }},
-        {"__xstat", [&] { return by_path("__xstat"); }},
-        {"__xstat64", [&] { return by_path("__xstat64"); }},
-        {"__lxstat", [&] { return by_path("__lxstat"); }},
-        {"__lxstat64", [&] { return by_path("__lxstat64"); }},
-        {"__fxstat", [&] { return by_fd("__fxstat"); }},
-        {"__fxstat64", [&] { return by_fd("__fxstat64"); }},
-        {"__fxstatat", [&] { return by_dir("__fxstatat"); }},
-        {"__fxstatat64", [&] { return by_dir("__fxstatat64"); }},
-        {"statx",
-         [&] {
-             const int result = statx(kHere, path.c_str(), 0, STATX_BASIC_STATS, &x);
-             s.st_uid = x.stx_uid, s.st_gid = x.stx_gid;
-             return result;
-         }},
-    };
-    for (const auto& [name, call] : calls) {
-        s = {};
-        EXPECT_EQ(call(), 0) << name;
-        EXPECT_EQ(s.st_uid, 4711u) << name;
-        EXPECT_EQ(s.st_gid, getegid()) << name;
-    }
+    for (const char* name : {"stat", "stat64", "lstat", "lstat64"})
+        expect_owner(name, call_by_name(name, path, result));
+    for (const char* name : {"fstat", "fstat64"}) expect_owner(name, call_by_name(name, fd, result));
+    for (const char* name : {"fstatat", "fstatat64"})
+        expect_owner(name, call_by_name(name, kHere, path, result, 0));
+    for (const char* name : {"__xstat", "__xstat64", "__lxstat", "__lxstat64"})
+        expect_owner(name, call_by_name(name, 1, path, result));
+    for (const char* name : {"__fxstat", "__fxstat64"}) expect_owner(name, call_by_name(name, 1, fd, result));
+    for (const char* name : {"__fxstatat", "__fxstatat64"})
+        expect_owner(name, call_by_name(name, 1, kHere, path, result, 0));
+    const int outcome = statx(kHere, path, 0, STATX_BASIC_STATS, &extended);
+    status.st_uid = extended.stx_uid, status.st_gid = extended.stx_gid;
+    expect_owner("statx", outcome);
     EXPECT_TRUE(closes(fd));
+}
+
+TEST_F(HostsimPaths, ProgramsAndTheirSemaphoresHaveTheHostsUser) {
+    host_.edit([](hostsim::Model& model) { model.effective_user = 4711; });
+    using Ids = std::array<uid_t, 3>;
+    Ids users, groups;
+    EXPECT_EQ(getresuid(&users[0], &users[1], &users[2]) + getresgid(&groups[0], &groups[1], &groups[2]), 0);
+    EXPECT_EQ(users, (Ids{4711, 4711, 4711}));
+    EXPECT_EQ(groups, users);
     const int set = semget(IPC_PRIVATE, 1, 0600);
     semid_ds status{};
-    EXPECT_EQ(semctl(set, 0, IPC_STAT, &status), 0);
-    EXPECT_EQ(semctl(set, 0, IPC_RMID), 0);
-    uid_t real, effective, saved;
-    EXPECT_EQ(getresuid(&real, &effective, &saved), 0);
-    EXPECT_THAT((std::array{real, effective, saved}), testing::Each(4711));
-    EXPECT_EQ(getresgid(&real, &effective, &saved), 0);
-    EXPECT_THAT((std::array{real, effective, saved}), testing::Each(getegid()));
-    for (const uid_t id :
-         {status.sem_perm.uid, status.sem_perm.cuid, status.sem_perm.gid, status.sem_perm.cgid})
-        EXPECT_EQ(id, geteuid());
+    EXPECT_EQ(semctl(set, 0, IPC_STAT, &status) + semctl(set, 0, IPC_RMID), 0);
+    const ipc_perm& owner = status.sem_perm;
+    EXPECT_EQ(std::tuple(owner.uid, owner.cuid, owner.gid, owner.cgid),
+              std::tuple(4711u, 4711u, 4711u, 4711u));
 }
 
 TEST_F(HostsimPaths, TheLegacyNodeIsACharacterDeviceThatRequestsReach) {
@@ -216,7 +200,7 @@ TEST_F(HostsimPaths, TheLegacyNodeIsACharacterDeviceThatRequestsReach) {
     const auto unused = static_cast<int>(number);
     const std::pair<const char*, std::function<int()>> closers[]{
         {"close", [&] { return close(unused); }},
-        {"__close", [&] { return reinterpret_cast<int (*)(int)>(dlsym(RTLD_DEFAULT, "__close"))(unused); }},
+        {"__close", [&] { return call_by_name("__close", unused); }},
         {"close_range", [&] { return close_range(number - 64, number + 64, 0); }},
         {"closefrom", [&] { return closefrom(unused), 0; }}};
     for (const auto& [name, closer] : closers) {
@@ -229,7 +213,9 @@ TEST_F(HostsimPaths, TheLegacyNodeIsACharacterDeviceThatRequestsReach) {
         EXPECT_TRUE(closes(unused) && closes(other));
     }
     EXPECT_TRUE(closes(copy) && closes(fd));
+}
 
+TEST_F(HostsimPaths, TheLegacyNodeIsThereAndFailsAsTheModelSays) {
     host_.inject({.operation = hostsim::Operation::open, .occurrence = 2, .error = EBUSY});
     host_.inject({.operation = hostsim::Operation::close, .error = EIO});
     const int next = open(kLegacyNode, O_RDWR);

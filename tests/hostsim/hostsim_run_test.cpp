@@ -1,8 +1,15 @@
 // hostsim_run_test.cpp - programs on a simulated host: how the launcher runs a command, and which answers of
 // libc are those of the host. Each test has its own directory, which is removed at its end.
+//
+// After an intended change `./dev golden` writes the files of golden/ again. Read the difference before you
+// commit it.
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <sys/sem.h>
 
+#include <regex>
+
+#include "root_layout.h"
 #include "support/child.h"
 #include "support/programs.h"
 
@@ -11,8 +18,40 @@ namespace {
 namespace fs = std::filesystem;
 using testing::AllOf;
 using testing::HasSubstr;
-using testing::StartsWith;
 using namespace trelm::test;
+
+const fs::path kGolden = source_dir() + "/tests/hostsim/golden";
+
+// Each file in golden/ is a story: command lines, which run one after the other in one directory, with their
+// output, standard error behind it, and their exit status. The path of the directory is shown as HERE.
+class Golden : public Programs, public testing::WithParamInterface<std::string> {};
+
+TEST_P(Golden, CommandsPrintAndLeaveWhatTheFileHolds) {
+    const fs::path file = kGolden / (GetParam() + ".txt"), here = fs::path(at("x")).parent_path();
+    const std::string preparation = fmt::format(
+        "cd {}; umask 022; export LC_ALL=C.UTF-8 TMPDIR=$PWD/temporary HOSTS={}/hostsim/hosts "
+        "PATH={}/bin:/usr/bin:/bin; ",
+        here.string(), source_dir(), binary_dir());
+    fs::create_directory(at("temporary"));
+    std::istringstream lines(text_of(file));
+    std::string story;
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.starts_with("$ ")) continue;
+        const ProgramResult outcome = execute({"/bin/sh", "-c", preparation + line.substr(2)});
+        story += fmt::format("{}\n{}{}=> {}\n", line, outcome.out, outcome.errors, outcome.status);
+    }
+    story = std::regex_replace(story, std::regex(here.string()), "HERE");
+    if (std::getenv("TRELM_REFRESH_GOLDEN") != nullptr) std::ofstream(file) << story;
+    EXPECT_EQ(story, text_of(file));
+}
+
+std::vector<std::string> stories() {
+    std::vector<std::string> found;
+    for (const auto& file : fs::directory_iterator(kGolden)) found.push_back(file.path().stem());
+    return found;
+}
+INSTANTIATE_TEST_SUITE_P(Hostsim, Golden, testing::ValuesIn(stories()),
+                         [](const auto& name) { return name.param; });
 
 class HostsimRun : public Programs {
   protected:
@@ -39,27 +78,12 @@ class HostsimRun : public Programs {
     const Words root_option{"--root", at("root")};
 };
 
-TEST_F(HostsimRun, ReturnsTheStatusOfTheCommandOrSaysWhyItDidNotStart) {
-    EXPECT_EQ(run("exit 42").status, 42);
-    EXPECT_EQ(run("kill -KILL $$").status, 128 + SIGKILL);
-    const ProgramResult missing = launch({"run", at("host.json"), "--", "no-such-program"});
-    EXPECT_EQ(missing.status, 127);
-    EXPECT_THAT(missing.errors, HasSubstr("no-such-program"));
+TEST_F(HostsimRun, ForwardsSignals) {
     const pid_t launcher =
         start(script("trap 'exit 7' TERM; : > $D/ready; for i in $(seq 999); do sleep 0.05; done"));
     ASSERT_TRUE(appears("ready"));
     kill(launcher, SIGTERM);
-    EXPECT_EQ(finish(launcher).status, 7) << "signals are forwarded";
-
-    write("host.json", "{\"adapters\": [],\n \"no_such_key\": 1}");
-    const ProgramResult mistaken = run("touch $D/started", root_option);
-    EXPECT_EQ(mistaken.status, 125);
-    EXPECT_THAT(mistaken.errors, AllOf(HasSubstr(at("host.json")), HasSubstr("no_such_key")));
-    EXPECT_FALSE(fs::exists(at("started")) || fs::exists(at("root")));
-    for (const char* usage : {"", "check", "frobnicate", "clean x", "new a b"})
-        EXPECT_EQ(launch(words_of(usage)).status, 2) << usage;
-    for (const char* usage : {"run", "run host.json", "run --no-such-option", "run host.json --root= -- x"})
-        EXPECT_EQ(launch(words_of(usage)).status, 125) << usage;
+    EXPECT_EQ(finish(launcher).status, 7);
 }
 
 TEST_F(HostsimRun, RefusesProgramsThatItCannotReach) {
@@ -83,21 +107,6 @@ TEST_F(HostsimRun, RefusesProgramsThatItCannotReach) {
     }
     const ProgramResult forced = launch({"run", "--force", at("host.json"), "--", setuid, "--version"});
     EXPECT_EQ(forced.status, 0) << forced.errors;
-    write("text", "not executable");
-    EXPECT_EQ(launch({"run", at("host.json"), "--", at("text")}).status, 126);
-}
-
-TEST_F(HostsimRun, WorksFromAPathWithASpaceAndAColon) {
-    const fs::path moved = at("a place: mine");
-    for (const std::string file : {"bin/trelm-hostsim", "lib/libtrelm-hostsim.so"}) {
-        fs::create_directories((moved / file).parent_path());
-        fs::copy_file(fs::path(binary_dir()) / file, moved / file);
-    }
-    write("a place: mine/bin/beside", "#!/bin/sh\nuname; env -i /bin/uname -n");
-    chmod((moved / "bin/beside").c_str(), 0755);
-    const ProgramResult outcome =
-        execute({moved / "bin/trelm-hostsim", "run", at("host.json"), "--", "beside"});
-    EXPECT_EQ(outcome.out, "VMkernel\nesx-run\n") << outcome.errors;
 }
 
 #ifndef __SANITIZE_ADDRESS__  // the leak check of the sanitizer needs /proc
@@ -128,7 +137,6 @@ TEST_F(HostsimRun, TellsOnceWhenAnEditBreaksTheFileAndOnceWhenItIsSoundAgain) {
     const ProgramResult outcome = finish(launcher);
     EXPECT_EQ(outcome.out, "esx-run\n");
     EXPECT_EQ(std::ranges::count(outcome.errors, '\n'), 3) << outcome.errors;
-    EXPECT_THAT(run("echo broken > $D/host.json").errors, HasSubstr(at("host.json") + ":1:"));
 }
 
 TEST_F(HostsimRun, KeepsTheHostUntilTheLastChildHasEnded) {
@@ -141,23 +149,6 @@ TEST_F(HostsimRun, KeepsTheHostUntilTheLastChildHasEnded) {
     open_gate();
     EXPECT_TRUE(eventually([&] { return !fs::exists(root); }));
     EXPECT_TRUE(fs::exists(at("found")));
-}
-
-TEST_F(HostsimRun, ShowsTheHostToEveryProgramAndChildAndFollowsEdits) {
-    EXPECT_EQ(run("uname -s -n -r; id -u; env -i /bin/sh -c '/bin/uname -s'").out,
-              "VMkernel esx-run 6.7.0\n0\nVMkernel\n");
-    EXPECT_EQ(run("awk 'BEGIN {system(\"uname\"); \"uname -n\" | getline name; print name}'").out,
-              "VMkernel\nesx-run\n");
-    const std::string unique = fs::path(at("")).parent_path().filename();
-    EXPECT_EQ(run("u=" + unique +
-                  "-x; echo one > /tmp/$u; (cd /tmp && pwd -P && cat $u); d=$(mktemp -d /var/tmp/$u.XXXXXX);"
-                  "cd $d && ls /var/tmp | grep -c $u")
-                  .out,
-              "/tmp\none\n1\n");
-    EXPECT_FALSE(fs::exists("/tmp/" + unique + "-x"));
-    EXPECT_EQ(
-        run("uname -n; cp $D/next.json $D/host.json; uname -n; echo broken > $D/host.json; uname -n").out,
-        "esx-run\nesx-next\nesx-next\n");
 }
 
 // Each call starts uname. Calls that take an environment get one without the host's variables.
@@ -190,19 +181,6 @@ for spawn, name in (os.posix_spawn, path), (os.posix_spawnp, b"uname"):
     EXPECT_EQ(words_of(outcome.out), Words(12, "esx-run"));
 }
 
-TEST_F(HostsimRun, LetsLibrariesAndModulesBeFoundBelowTheMachinesTmp) {
-    const fs::path modules = fs::path(at("x")).parent_path().string() + "-modules";
-    fs::create_directory(modules);
-    std::ofstream(modules / "module.py") << "";
-    for (const char* list : {"LD_LIBRARY_PATH", "PYTHONPATH"}) {
-        EXPECT_NE(run("test -e " + modules.string() + "/module.py").status, 0) << "before " << list;
-        ::setenv(list, ("/nowhere:" + modules.string()).c_str(), 1);
-        EXPECT_EQ(run("test -e " + modules.string() + "/module.py").status, 0) << list;
-        ::unsetenv(list);
-    }
-    fs::remove_all(modules);
-}
-
 TEST_F(HostsimRun, KeepsARootThatWasGivenAndSharesItAmongCommandsOfOneHostOnly) {
     const pid_t first =
         start(script(": > /tmp/ready; read line < $D/gate; cat /tmp/second", root_option), at("first"));
@@ -211,11 +189,11 @@ TEST_F(HostsimRun, KeepsARootThatWasGivenAndSharesItAmongCommandsOfOneHostOnly) 
     const ProgramResult refused = launch(Words{"run", at("next.json")} + root_option + Words{"--", "true"});
     EXPECT_EQ(refused.status, 125);
     EXPECT_THAT(refused.errors, HasSubstr(at("host.json")));
-    EXPECT_TRUE(fs::exists(at("root/.hostsim/state"))) << "the first command still runs";
+    EXPECT_TRUE(fs::exists(at("root") + hostsim::layout::kState)) << "the first command still runs";
     open_gate();
     EXPECT_EQ(finish(first).status, 0);
     EXPECT_EQ(text_of(at("first")), "hello\n");
-    EXPECT_FALSE(fs::exists(at("root/.hostsim/state")));
+    EXPECT_FALSE(fs::exists(at("root") + hostsim::layout::kState));
     EXPECT_EQ(run("cat /tmp/second; ls /var/tmp", root_option).out, "hello\nlog\n");
 }
 
@@ -235,27 +213,6 @@ TEST_F(HostsimRun, KeepsSemaphoresApartAndRemovesThem) {
     open_gate();
     finish(first);
     EXPECT_EQ(semctl(id, 0, GETVAL), -1);
-}
-
-TEST_F(HostsimRun, WritesAHostFileThatIsSoundAndChecksOthers) {
-    EXPECT_EQ(launch({"new", at("new.json")}).status, 0);
-    write("mine.json", "mine");
-    EXPECT_THAT(launch({"new", at("mine.json")}).errors, HasSubstr(at("mine.json")));
-    EXPECT_EQ(text_of(at("mine.json")), "mine");
-    const ProgramResult sound = launch({"check", at("new.json")});
-    EXPECT_EQ(sound.status, 0) << sound.errors;
-    EXPECT_THAT(sound.out, StartsWith("sound: " + at("new.json")));
-    write("odd.json", R"({"adapters": [], "name": "a\u001b[1mb",
-                         "faults": [{"operation": "init", "status": 1}]})");
-    const std::string warning = "trelm-hostsim: warning: " + at("odd.json") + ":2:51: /faults/0/operation: ";
-    const ProgramResult usable = launch({"check", at("odd.json")});
-    EXPECT_EQ(usable.status, 0);
-    EXPECT_THAT(usable.errors, StartsWith(warning));
-    EXPECT_THAT(usable.out, AllOf(StartsWith("usable: " + at("odd.json")), HasSubstr("\"a\\x1b[1mb\"")));
-    EXPECT_THAT(launch({"run", at("odd.json"), "--", "true"}).errors, StartsWith(warning));
-    const ProgramResult mixed = launch({"check", at("mine.json"), at("absent.json")});
-    EXPECT_EQ(mixed.status, 1);
-    EXPECT_THAT(mixed.errors, AllOf(HasSubstr(at("mine.json") + ":1:"), HasSubstr("absent.json")));
 }
 
 }  // namespace
