@@ -15,7 +15,7 @@ using namespace trelm::test;
 using testing::HasSubstr;
 using testing::IsSupersetOf;
 
-const std::string kFolder = source_dir() + "/tests/fleet/";
+const std::string kFolder = source_dir() + "/tests/metrics/";
 
 class Metrics : public Programs {
   protected:

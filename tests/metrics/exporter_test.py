@@ -17,22 +17,12 @@ import unittest
 from pathlib import Path
 from typing import Any
 
-from exporters import BUILD, PATIENCE, Exporter, small_host, wait_until
+from exporters import Exporter, small_host
+from simulated_host import BUILD, PATIENCE, SLOWLY, wait_until
 
-# Preloads a library that keeps a port waiting while the directory of its exporter has a file "hang-NUMBER" with the port's
-# host number. The ASan runtime would otherwise refuse to start, because it is not the first preloaded library.
-SLOWLY = 'export ASAN_OPTIONS="$ASAN_OPTIONS:verify_asan_link_order=0"; '
-SLOWLY += 'export LD_PRELOAD="$LINKS/slow_driver:$LD_PRELOAD" SLOW_DRIVER="$PWD"; '
 HERE = Path(__file__).parent
 HOST_FILE, PAGE_FILE = HERE / "metrics_host.json", HERE / "page.html"
 REQUESTS = int(os.environ.get("REQUESTS", "1000"))  # for the memory test
-
-
-def setUpModule() -> None:
-    # A path in LD_PRELOAD cannot contain a space, but the path of the build tree may.
-    links = unittest.enterModuleContext(tempfile.TemporaryDirectory())
-    os.symlink(os.environ["SLOW_DRIVER_LIBRARY"], f"{links}/slow_driver")
-    os.environ["LINKS"] = links
 
 
 class ExporterTest(unittest.TestCase):
@@ -76,7 +66,7 @@ class ExporterTest(unittest.TestCase):
         exporter.host["adapters"][0]["ports"][0]["counters"] = {"rx_fcoe_frames": 7, "rx_fcoe_bytes": 10**9}
         exporter.host["adapters"][0]["ports"] += small_host(3)["adapters"][0]["ports"][2:]
         sampled = time.time()
-        exporter.write_host()
+        exporter.write()
         after = wait_until(lambda: (found := exporter.metrics()).get("trelm_physical_ports") == 3 and found)
         self.assertGreater(before['trelm_rx_frames_total{port="0"}'], 7)
         self.assertEqual(after['trelm_rx_frames_total{port="0"}'], 7)
@@ -85,7 +75,7 @@ class ExporterTest(unittest.TestCase):
 
     def test_goes_on_without_ports_that_hang(self) -> None:
         exporter = self.start("--deadline", "1", host=small_host(6), before=SLOWLY)
-        hanging = [exporter.directory / f"hang-{port}" for port in range(5)]
+        hanging = [exporter.hanging(port) for port in range(5)]
         self.assertEqual(exporter.metrics()['trelm_scrape_success{port="0"}'], 1)
         for hang in hanging:
             hang.touch()
@@ -105,7 +95,7 @@ class ExporterTest(unittest.TestCase):
 
     def test_names_the_ports_whose_drivers_hang_while_they_are_listed_anew(self) -> None:
         exporter = self.start("--deadline", "0.5", "--reload", "0.01", before=SLOWLY)
-        hang = exporter.directory / "hang-0"
+        hang = exporter.hanging(0)
 
         def begin_to_hang_after_a_sample() -> Any:
             hang.unlink(missing_ok=True)
@@ -122,13 +112,13 @@ class ExporterTest(unittest.TestCase):
         exporter = self.start("--deadline", "0.2", before=SLOWLY + "touch hang-0; ")
         self.assertEqual(exporter.metrics()["trelm_library_loaded"], 0)
         self.assertEqual(exporter.get("/healthz")[0], 200)
-        (exporter.directory / "hang-0").unlink()
+        exporter.hanging(0).unlink()
         wait_until(lambda: exporter.metrics()["trelm_library_loaded"] == 1)
 
     def test_requests_in_flight_share_one_sampling(self) -> None:
         exporter = self.start("--deadline", "1", before=SLOWLY)
         exporter.metrics()
-        (exporter.directory / "hang-0").touch()
+        exporter.hanging(0).touch()
         with concurrent.futures.ThreadPoolExecutor(40) as clients:
             texts = set(clients.map(lambda _: exporter.get()[2], range(40)))
         self.assertLessEqual(len(texts), 2)  # the durations in them differ from one sampling to the next

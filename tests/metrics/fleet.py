@@ -30,7 +30,8 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any, Callable, Dict, FrozenSet, Iterator, List, Optional, Set, Tuple
 
-from exporters import BUILD, PATIENCE, Exporter, small_host, wait_until, wwn
+from exporters import Exporter, small_host, wwn
+from simulated_host import BUILD, PATIENCE, wait_until
 
 SOURCE = Path(os.environ["TRELM_SOURCE"])
 CONTRIB = SOURCE / "contrib/prometheus"
@@ -273,7 +274,7 @@ class Fleet:
             exporter.kill()
             return
         damage.breaks(exporter.host)
-        exporter.write_host()
+        exporter.write()
 
     def flap(self, name: str, damage: Damage) -> None:
         assert self.prometheus is not None
@@ -289,7 +290,7 @@ class Fleet:
         if damage.breaks is None:
             self.revive(name)
         self.exporters[name].host = self.healthy_host(name)
-        self.exporters[name].write_host()
+        self.exporters[name].write()
 
 
 def watch(prometheus: Prometheus, cases: Dict[str, Damage], standing: Set[Alert], firing: bool) -> Set[Alert]:
