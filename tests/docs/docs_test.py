@@ -124,6 +124,20 @@ class PagesTest(unittest.TestCase):
         self.assertEqual((linted.returncode, linted.stdout), (0, ""))
 
 
+class MetricsTest(unittest.TestCase):
+    def test_the_table_lists_the_metrics_that_are_written_with_their_labels(self) -> None:
+        table = run("trelmctl", "metrics", "--list").stdout
+        self.assertIn(f"\n\n{table}\n", (SOURCE / "docs/metrics.md").read_text(encoding="utf-8"))
+        rows = re.findall(r"^\| `(\w+)` \|[^|]*\|[^|]*\|([^|]*)\|", table, re.MULTILINE)
+        listed = {name: set(re.findall(r"\w+", labels)) for name, labels in rows}
+        host = SOURCE / "tests/trelmctl/hosts/metrics.json"
+        text = run("trelm-hostsim", "run", str(host), "--", "trelmctl", "metrics", "--luns", "--format", "prometheus").stdout
+        samples = re.findall(r"^(trelm_\w+)(.*) \S+$", text, re.MULTILINE)
+        self.assertEqual({name for name, _ in samples}, set(listed))
+        for name, labels in samples:
+            self.assertLessEqual(set(re.findall(r'(\w+)="', labels)), listed[name], name)
+
+
 class ExamplesTest(unittest.TestCase):
     def setUp(self) -> None:
         # A directory with links to all files of the tree, where examples may write.

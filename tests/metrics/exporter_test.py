@@ -21,7 +21,7 @@ from exporters import Exporter, small_host
 from simulated_host import BUILD, PATIENCE, SLOWLY, wait_until
 
 HERE = Path(__file__).parent
-HOST_FILE, PAGE_FILE = HERE / "metrics_host.json", HERE / "page.html"
+HOST_FILE, PAGE_FILE = HERE.parent / "trelmctl/hosts/metrics.json", HERE / "page.html"
 REQUESTS = int(os.environ.get("REQUESTS", "1000"))  # for the memory test
 
 
