@@ -8,6 +8,7 @@ import json
 import os
 import re
 import resource
+import select
 import socket
 import ssl
 import subprocess
@@ -72,6 +73,16 @@ class ExporterTest(unittest.TestCase):
         self.assertEqual(after['trelm_rx_frames_total{port="0"}'], 7)
         self.assertAlmostEqual(after['trelm_rx_frames_created{port="0"}'], sampled, delta=PATIENCE)
         self.assertFalse({'trelm_rx_frames_created{port="1"}', 'trelm_rx_bytes_created{port="0"}'} & after.keys())
+
+    def test_loads_anew_for_a_port_that_fails_but_not_at_once(self) -> None:
+        begun = time.monotonic()
+        exporter = self.start("--reload", "1000")
+        self.assertEqual(exporter.metrics()["trelm_physical_ports"], 2)
+        exporter.host = small_host(3)
+        exporter.host["faults"] = [{"operation": "port_stats", "port": "port-0", "status": 5, "count": "always"}]
+        exporter.write()
+        wait_until(lambda: exporter.metrics()["trelm_physical_ports"] == 3, patience=30)
+        self.assertGreater(time.monotonic() - begun, 10)
 
     def test_goes_on_without_ports_that_hang(self) -> None:
         exporter = self.start("--deadline", "1", host=small_host(6), before=SLOWLY)
@@ -198,6 +209,18 @@ class ExporterTest(unittest.TestCase):
             self.addCleanup(refused.end)
             self.assertEqual(refused.process.wait(PATIENCE), 1, text)
             self.assertIn("web.yml", refused.errors())
+
+
+class SlowClientTest(unittest.TestCase):
+    def test_a_request_that_comes_byte_by_byte_ends_after_a_minute(self) -> None:
+        exporter = Exporter(small_host(), "--deadline", "0.1")
+        self.addCleanup(exporter.end)
+        client = exporter.connect()
+        begun = time.monotonic()
+        while not select.select([client], [], [], 1)[0]:  # never idle for so long that the server hangs up because of that
+            client.sendall(b"x")
+            self.assertLess(time.monotonic() - begun, PATIENCE)
+        self.assertGreater(time.monotonic() - begun, 50)
 
 
 if __name__ == "__main__":
