@@ -172,6 +172,13 @@ class ExamplesTest(unittest.TestCase):
             self.check_program(Block(path.name, languages[path.suffix], path.read_text(encoding="utf-8")))
         self.assertGreater(len(files), 8)
 
+    def test_the_example_of_a_tree_prints_what_the_tool_prints(self) -> None:
+        for name in ("lab", "legacy"):
+            on_host = ("trelm-hostsim", "run", str(SOURCE / f"hostsim/hosts/{name}.json"), "--")
+            printed = [run(*on_host, *words).stdout for words in ((sys.executable, str(SOURCE / "examples/tree.py")), ("trelmctl", "tree"))]
+            self.assertEqual(*printed)
+            self.assertIn("LUN", printed[0])
+
     def test_programs_in_documents(self) -> None:
         for path in DOCUMENTS:
             for block in blocks(path):

@@ -215,11 +215,11 @@ class SlowClientTest(unittest.TestCase):
     def test_a_request_that_comes_byte_by_byte_ends_after_a_minute(self) -> None:
         exporter = Exporter(small_host(), "--deadline", "0.1")
         self.addCleanup(exporter.end)
-        client = exporter.connect()
         begun = time.monotonic()
-        while not select.select([client], [], [], 1)[0]:  # never idle for so long that the server hangs up because of that
-            client.sendall(b"x")
-            self.assertLess(time.monotonic() - begun, PATIENCE)
+        with exporter.connect() as client:
+            while not select.select([client], [], [], 1)[0]:  # never idle for as long as the server allows
+                client.sendall(b"x")
+                self.assertLess(time.monotonic() - begun, PATIENCE)
         self.assertGreater(time.monotonic() - begun, 50)
 
 
