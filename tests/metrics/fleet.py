@@ -28,7 +28,7 @@ import urllib.parse
 import urllib.request
 from dataclasses import dataclass, field
 from pathlib import Path
-from typing import Any, Callable, Dict, FrozenSet, Iterator, List, Optional, Set, Tuple
+from typing import AbstractSet, Any, Callable, Dict, Iterator, List, Optional, Set, Tuple
 
 from exporters import Exporter, small_host, wwn
 from simulated_host import PATIENCE, wait_until
@@ -115,7 +115,7 @@ class Damage:
     what: str
     alert: str
     breaks: Optional[Callable[[Host], object]]  # None: the exporter is killed
-    also: FrozenSet[str] = frozenset()  # other alerts that it may cause
+    also: AbstractSet[str] = frozenset()  # other alerts that it may cause
     flaps: bool = False  # caused and repaired repeatedly until the alert fires
     times: Dict[str, float] = field(default_factory=dict)
 
@@ -126,36 +126,21 @@ def damages() -> List[Damage]:
 
     return [
         Damage("pull the link of a port", "TrelmLinkDown", cut),
-        Damage("pull it and plug it in, again and again", "TrelmLinkFlapping", cut, frozenset({"TrelmLinkDown"}), flaps=True),
+        Damage("pull it and plug it in, again and again", "TrelmLinkFlapping", cut, {"TrelmLinkDown"}, flaps=True),
         Damage("damage frames on their way", "TrelmCrcErrors", set_counter("fc_crc_err_frames", 20)),
         Damage("lose frames", "TrelmMissingFrames", set_counter("missing_frames", 20)),
         Damage("let sequences time out", "TrelmTimeouts", set_counter("seq_timeouts", 20)),
         Damage("abort commands", "TrelmAborts", set_counter("abts_cnt", 20)),
         Damage("take a target from one port", "TrelmTargetLost", set_targets_offline(ports=1, targets=1)),
-        Damage(
-            "take both targets from both ports",
-            "TrelmAllPathsLost",
-            set_targets_offline(ports=2, targets=2),
-            frozenset({"TrelmTargetLost"}),
-        ),
+        Damage("take both targets from both ports", "TrelmAllPathsLost", set_targets_offline(ports=2, targets=2), {"TrelmTargetLost"}),
         # The port of the second adapter, which was never online, gets the number of a port that was. Its counters are higher.
-        Damage(
-            "remove an adapter",
-            "TrelmPortGone",
-            lambda host: host["adapters"].pop(0),
-            frozenset({"TrelmAllPathsLost", "TrelmScrapeFailing"}),
-        ),
+        Damage("remove an adapter", "TrelmPortGone", lambda host: host["adapters"].pop(0), {"TrelmAllPathsLost", "TrelmScrapeFailing"}),
         Damage("unmap a LUN", "TrelmLunCountChanged", lambda host: port(host)["targets"][0]["luns"].pop()),
         Damage("take the FCF from a port", "TrelmFcfLost", lambda host: port(host)["fcfs"].clear()),
         Damage("kill the exporter", "TrelmExporterDown", None),
         Damage("let the driver refuse its statistics", "TrelmScrapeFailing", lambda host: refuse(host, "port_stats", "port-0")),
         # Until the library is loaded again, the driver refuses requests for the removed port.
-        Damage(
-            "remove a virtual port",
-            "TrelmVirtualPortGone",
-            lambda host: port(host)["virtual_ports"].pop(0),
-            frozenset({"TrelmScrapeFailing"}),
-        ),
+        Damage("remove a virtual port", "TrelmVirtualPortGone", lambda host: port(host)["virtual_ports"].pop(0), {"TrelmScrapeFailing"}),
     ]
 
 
@@ -186,9 +171,16 @@ class Prometheus:
             with open(self.directory / "prometheus.log", "w", encoding="utf-8") as log:
                 process = subprocess.Popen(["prometheus", *options, f"--web.listen-address={address}"], stderr=log)
             url = f"http://{address}"
-            if wait_until(lambda: process.poll() is not None or is_ready(url)) is True and process.poll() is None:
+            if wait_until(lambda: process.poll() is not None or self.is_ready(url)) and process.poll() is None:
                 return process, url
         raise RuntimeError((self.directory / "prometheus.log").read_text(encoding="utf-8"))
+
+    @staticmethod
+    def is_ready(url: str) -> bool:
+        try:
+            return urllib.request.urlopen(f"{url}/-/ready", timeout=5).status == 200
+        except OSError:
+            return False
 
     def ask(self, path: str, **parameters: str) -> Any:
         with urllib.request.urlopen(f"{self.url}/api/v1/{path}?{urllib.parse.urlencode(parameters)}", timeout=PATIENCE) as reply:
@@ -207,14 +199,6 @@ class Prometheus:
     def end(self) -> None:
         self.process.kill()
         self.process.wait()
-
-
-def is_ready(url: str) -> bool:
-    try:
-        with urllib.request.urlopen(f"{url}/-/ready", timeout=5) as reply:
-            return bool(reply.status == 200)
-    except OSError:
-        return False
 
 
 class Fleet:
