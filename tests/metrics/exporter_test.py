@@ -61,16 +61,13 @@ class ExporterTest(unittest.TestCase):
             PAGE_FILE.write_text(page, encoding="utf-8")
         self.assertEqual(page, PAGE_FILE.read_text(encoding="utf-8"))
 
-    def test_dates_counters_to_their_reset_and_finds_a_new_port(self) -> None:
-        exporter = self.start("--reload", "0.01")
-        before = exporter.metrics()
+    def test_dates_counters_to_their_reset(self) -> None:
+        exporter = self.start()
+        self.assertGreater(exporter.metrics()['trelm_rx_frames_total{port="0"}'], 7)
         exporter.host["adapters"][0]["ports"][0]["counters"] = {"rx_fcoe_frames": 7, "rx_fcoe_bytes": 10**9}
-        exporter.host["adapters"][0]["ports"] += small_host(3)["adapters"][0]["ports"][2:]
         sampled = time.time()
         exporter.write()
-        after = wait_until(lambda: (found := exporter.metrics()).get("trelm_physical_ports") == 3 and found)
-        self.assertGreater(before['trelm_rx_frames_total{port="0"}'], 7)
-        self.assertEqual(after['trelm_rx_frames_total{port="0"}'], 7)
+        after = wait_until(lambda: (found := exporter.metrics())['trelm_rx_frames_total{port="0"}'] == 7 and found)
         self.assertAlmostEqual(after['trelm_rx_frames_created{port="0"}'], sampled, delta=PATIENCE)
         self.assertFalse({'trelm_rx_frames_created{port="1"}', 'trelm_rx_bytes_created{port="0"}'} & after.keys())
 
