@@ -193,7 +193,7 @@ class TerminalTest(unittest.TestCase):
 
     def test_monitor_tells_of_a_driver_that_hangs_and_of_other_ports(self) -> None:
         self.host.hanging(0).touch()
-        command = self.host.words(SLOWLY + "exec trelmctl monitor --every 0.1")
+        command = ["timeout", "--kill-after=1", f"{PATIENCE}", *self.host.words(SLOWLY + "exec trelmctl monitor --every 0.1")]
         with subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, encoding="utf-8") as monitor:
             assert monitor.stdout
             lines: Any = iter(monitor.stdout.readline, "")
