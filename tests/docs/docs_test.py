@@ -24,6 +24,7 @@ BUILD = Path(os.environ["TRELM_BUILD"])
 MADE = BUILD / "man/pages"
 PAGES: Dict[str, str] = {path.stem: path.read_text(encoding="utf-8") for path in SOURCE.glob("man/*.scd")}
 DOCUMENTS = [path for path in [*SOURCE.glob("man/*.scd"), SOURCE / "README.md", SOURCE / "docs/guide.md"] if path.exists()]
+BLOCKS = [block for path in DOCUMENTS for block in blocks(path)]
 HEADER = re.sub(r"/\*.*?\*/", "", (SOURCE / "libtrelm/trelm_mgmt.h").read_text(), flags=re.DOTALL)
 SECTION_3 = "\n".join(text for name, text in PAGES.items() if name.endswith(".3"))
 # Programs, headers and libraries are found as if the tree were installed.
@@ -124,6 +125,20 @@ class PagesTest(unittest.TestCase):
         self.assertEqual((linted.returncode, linted.stdout), (0, ""))
 
 
+class MetricsTest(unittest.TestCase):
+    def test_the_table_lists_the_metrics_that_are_written_with_their_labels(self) -> None:
+        table = run("trelmctl", "metrics", "--list").stdout
+        self.assertIn(f"\n\n{table}\n", (SOURCE / "docs/metrics.md").read_text(encoding="utf-8"))
+        rows = re.findall(r"^\| `(\w+)` \|[^|]*\|[^|]*\|([^|]*)\|", table, re.MULTILINE)
+        listed = {name: set(re.findall(r"\w+", labels)) for name, labels in rows}
+        host = SOURCE / "tests/trelmctl/hosts/metrics.json"
+        text = run("trelm-hostsim", "run", str(host), "--", "trelmctl", "metrics", "--luns", "--format", "prometheus").stdout
+        samples = re.findall(r"^(trelm_\w+)(.*) \S+$", text, re.MULTILINE)
+        self.assertEqual({name for name, _ in samples}, set(listed))
+        for name, labels in samples:
+            self.assertLessEqual(set(re.findall(r'(\w+)="', labels)), listed[name], name)
+
+
 class ExamplesTest(unittest.TestCase):
     def setUp(self) -> None:
         # A directory with links to all files of the tree, where examples may write.
@@ -158,35 +173,36 @@ class ExamplesTest(unittest.TestCase):
             self.check_program(Block(path.name, languages[path.suffix], path.read_text(encoding="utf-8")))
         self.assertGreater(len(files), 8)
 
+    def test_the_example_of_a_tree_prints_what_the_tool_prints(self) -> None:
+        for name in ("lab", "legacy"):
+            on_host = ("trelm-hostsim", "run", str(SOURCE / f"hostsim/hosts/{name}.json"), "--")
+            printed = [run(*on_host, *words).stdout for words in ((sys.executable, str(SOURCE / "examples/tree.py")), ("trelmctl", "tree"))]
+            self.assertEqual(*printed)
+            self.assertIn("LUN", printed[0])
+
     def test_programs_in_documents(self) -> None:
-        for path in DOCUMENTS:
-            for block in blocks(path):
-                if block.example:
-                    self.assertEqual(block.text, (SOURCE / block.example).read_text(encoding="utf-8"), block.example)
-                elif block.language in ("c", "cpp", "python"):
-                    self.check_program(block)
+        for block in BLOCKS:
+            if block.example:
+                self.assertEqual(block.text, (SOURCE / block.example).read_text(encoding="utf-8"), block.example)
+            elif block.language in ("c", "cpp", "python"):
+                self.check_program(block)
 
     def test_sessions_in_documents(self) -> None:
-        seen = 0
-        for path in DOCUMENTS:
-            for block in blocks(path):
-                for step in [] if block.installed else steps(block):
-                    seen += 1
-                    with self.subTest(document=path.name, command=step.command):
-                        prefix = ON_LAB if step.on_host else ()
-                        done = run(*prefix, "sh", "-c", step.command, cwd=self.directory)
-                        self.assertEqual(done.returncode, 0, done.stdout)
-                        self.assertTrue(step.promises(done.stdout), done.stdout)
-        self.assertGreater(seen, 10)
+        sessions = [(block.document, step) for block in BLOCKS if not block.installed for step in steps(block)]
+        for document, step in sessions:
+            with self.subTest(document=document, command=step.command):
+                done = run(*(ON_LAB if step.on_host else ()), "sh", "-c", step.command, cwd=self.directory)
+                self.assertEqual(done.returncode, 0, done.stdout)
+                self.assertTrue(step.promises(done.stdout), done.stdout)
+        self.assertGreater(len(sessions), 10)
 
     def test_host_files_in_documents_are_sound(self) -> None:
-        for path in DOCUMENTS:
-            for block in blocks(path):
-                if block.text.startswith("{") and '"adapters"' in block.text:
-                    host = self.directory / "documented.json"
-                    host.write_text(block.text, encoding="utf-8")
-                    done = run("trelm-hostsim", "check", str(host))
-                    self.assertEqual(done.returncode, 0, f"{path.name}: {done.stdout}")
+        host = self.directory / "documented.json"
+        for block in BLOCKS:
+            if block.text.startswith("{") and '"adapters"' in block.text:
+                host.write_text(block.text, encoding="utf-8")
+                done = run("trelm-hostsim", "check", str(host))
+                self.assertEqual(done.returncode, 0, f"{block.document}: {done.stdout}")
 
 
 if __name__ == "__main__":

@@ -127,18 +127,16 @@ class HostTest(unittest.TestCase):
 
 class SenseTest(unittest.TestCase):
     def test_both_formats(self) -> None:
-        fixed = trelm.decode_sense(bytes.fromhex("f00003000012340a000000001100") + bytes(20))
-        descriptor = bytes.fromhex("72030b010000001c 0206000080000000 000a8000 0000000000123400 020a 0000") + bytes(20)
-        described = trelm.decode_sense(descriptor)
-        assert fixed is not None and described is not None
-        self.assertEqual(fixed.words, "medium error: unrecovered read error (03/11/00)")
-        self.assertEqual((fixed.information, len(fixed.raw)), (0x1234, 18))
-        self.assertEqual((described.key, described.information), (3, 0x123400))
-        self.assertEqual(described.additional_words, "additional sense 0bh/01h")
-        self.assertTrue(described.is_failure)
-        deferred = trelm.decode_sense(bytes.fromhex("7100040000000000"))
-        assert deferred is not None
-        self.assertEqual((deferred.deferred, deferred.is_failure, deferred.information), (True, False, None))
+        fixed = "f00003000012340a000000001100" + 20 * "00"
+        descriptors = "72030b010000001c 0206000080000000 000a8000 0000000000123400 020a 0000" + 20 * "00"
+        for data, *expected in (
+            (fixed, "medium error: unrecovered read error (03/11/00)", 0x1234, 18, True),
+            (descriptors, "medium error: additional sense 0bh/01h (03/0b/01)", 0x123400, 36, True),
+            ("7100040000000000", "hardware error: no additional sense information (04/00/00), of an earlier command", None, 8, False),
+        ):
+            sense = trelm.decode_sense(bytes.fromhex(data))
+            assert sense is not None
+            self.assertEqual([sense.words, sense.information, len(sense.raw), sense.is_failure], expected)
         for none in (b"", b"\x70" * 7, bytes(18), b"\x7f" + bytes(17)):
             self.assertIsNone(trelm.decode_sense(none))
 

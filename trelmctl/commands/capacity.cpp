@@ -40,7 +40,7 @@ void run_capacity(const Options& options, Output& output) {
                        kValueIndent);
     if (!capacity.sixteen) return;
     output.print_lines(fmt::format("Physical    {} blocks to a physical block\nThin        {}\n",
-                                   capacity.blocks_per_physical_block, capacity.thin ? "yes" : "no"),
+                                   capacity.blocks_per_physical_block, yes_or_no(capacity.thin)),
                        kValueIndent);
 }
 

@@ -45,7 +45,7 @@ void show_standard(const LunAddress& address, Output& output) {
         fmt::format(
             "Device type  {} (0x{:02x})\nRemovable    {}\nVersion      {} (0x{:02x})\nVendor       {}\n"
             "Product      {}\nRevision     {}\nStandards    {}\n",
-            device_type_words(inquiry.device_type), inquiry.device_type, inquiry.removable ? "yes" : "no",
+            device_type_words(inquiry.device_type), inquiry.device_type, yes_or_no(inquiry.removable),
             version_words(inquiry.version), inquiry.version, inquiry.vendor, inquiry.product,
             inquiry.revision,
             inquiry.standards.empty() ? "-" : fmt::format("{}", fmt::join(inquiry.standards, ", "))),

@@ -96,7 +96,8 @@ Group driver_group(const TRELM_FCOE_INFO& info) {
             "Driver",
             {text_of("name", "Name", info.DriverName), text_of("version", "Version", info.DriverVersion),
              text_of("date", "Date", info.DriverDate),
-             words("loaded", "Loaded", info.DriverLoaded == 1 ? "yes" : "no", unsigned{info.DriverLoaded})}};
+             words("loaded", "Loaded", std::string(yes_or_no(info.DriverLoaded == 1)),
+                   unsigned{info.DriverLoaded})}};
 }
 
 Group pci_group(const TRELM_FCOE_INFO& info) {
@@ -115,7 +116,7 @@ Group pci_group(const TRELM_FCOE_INFO& info) {
                Json{{"speed", number(info.PCIESpeed)}, {"width", number(info.PCIEWidth)}})}};
 }
 
-constexpr std::size_t kLabel = 20;  // columns of what stands before a value
+constexpr std::size_t kLabel = 20;  // columns of a label
 
 std::string to_text(const std::vector<Group>& groups) {
     std::string out;

@@ -38,6 +38,8 @@ std::string address(const uint8_t (&field)[Width]) {
 
 std::string hex32(uint32_t value);
 
+constexpr std::string_view yes_or_no(bool value) { return value ? "yes" : "no"; }
+
 // A size in the largest binary unit that keeps it at 1 or more: "512 B", "1.5 GiB".
 std::string human_size(uint64_t bytes);
 

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <string_view>
+#include <utility>
 
 namespace trelmctl {
 namespace {
@@ -42,9 +43,9 @@ std::vector<std::string> standards_of(std::span<const uint8_t> data) {
 
 }  // namespace
 
-StandardInquiry read_inquiry(const LunAddress& address) {
+StandardInquiry decode_inquiry(std::vector<uint8_t> data) {
     StandardInquiry inquiry;
-    inquiry.data = inquire_or_throw(address, std::array<uint8_t, 6>{0x12, 0, 0, 0, kLength, 0}, kLength);
+    inquiry.data = std::move(data);
     inquiry.device_type = inquiry.data[0];
     inquiry.removable = (inquiry.data[1] & 0x80) != 0;
     inquiry.version = inquiry.data[2];
@@ -53,6 +54,11 @@ StandardInquiry read_inquiry(const LunAddress& address) {
     inquiry.revision = padded_text(inquiry.data, 32, 4);
     inquiry.standards = standards_of(inquiry.data);
     return inquiry;
+}
+
+StandardInquiry read_inquiry(const LunAddress& address) {
+    return decode_inquiry(
+        inquire_or_throw(address, std::array<uint8_t, 6>{0x12, 0, 0, 0, kLength, 0}, kLength));
 }
 
 std::string device_type_words(uint8_t inquiry_byte) {

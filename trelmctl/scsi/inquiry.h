@@ -20,6 +20,7 @@ struct StandardInquiry {
     std::vector<uint8_t> data;
 };
 
+StandardInquiry decode_inquiry(std::vector<uint8_t> data);
 // Throws CommandFailed.
 StandardInquiry read_inquiry(const LunAddress& address);
 

@@ -147,7 +147,7 @@ class Port:
         try:
             self.info()  # refreshes the number of targets, which the listing goes by
         except Error:
-            pass  # the number known before stands
+            pass  # keep the number known before
         try:
             self._call("TRELM_GetTgtInfo", byref(c_uint32(0)), byref(ctypes.POINTER(_c.TRELM_TGT_INFO)()))
             return ()

@@ -1,65 +1,28 @@
-"""Simulated hosts with an exporter each, and HTTP requests to the exporters.
-
-The environment names the build tree: TRELM_BUILD.
-"""
+"""Simulated hosts with an exporter each, and HTTP requests to the exporters."""
 
 from __future__ import annotations
 
 import http.client
-import json
 import os
 import shlex
-import shutil
 import signal
 import socket
 import ssl
 import subprocess
-import tempfile
-import time
-from pathlib import Path
-from typing import Any, Callable, Dict, List, Optional, Tuple, TypeVar
+from typing import Any, Dict, List, Optional, Tuple
 
-BUILD = Path(os.environ["TRELM_BUILD"])
-PATIENCE = 120.0  # seconds; enough for a busy machine
-Found = TypeVar("Found")
+from simulated_host import PATIENCE, SimulatedHost, wait_until
 
 
-def wait_until(look: Callable[[], Found], patience: float = PATIENCE) -> Found:
-    """Calls `look` until it returns a true value, and returns that. Raises TimeoutError after `patience` seconds."""
-    end = time.monotonic() + patience
-    while not (found := look()):
-        if time.monotonic() > end:
-            raise TimeoutError(f"the expected result did not arrive within {patience:g} s")
-        time.sleep(0.05)
-    return found
-
-
-class Exporter:
+class Exporter(SimulatedHost):
     """A simulated host and the exporter on it, with a directory that end() removes."""
 
     def __init__(self, host: Dict[str, Any], *options: str, address: str = "127.0.0.1:0", before: str = "") -> None:
-        self.directory = Path(tempfile.mkdtemp(dir=BUILD))
-        self.host = host
-        self.write_host()
+        super().__init__(host)
         command = f"{before}exec {shlex.join(['trelmctl', 'metrics', '--listen', address, *options])}"
         with open(self.directory / "errors", "w", encoding="utf-8") as errors:
-            self.process = subprocess.Popen(
-                [BUILD / "bin/trelm-hostsim", "run", self.host_file, "--", "sh", "-c", command],
-                stderr=errors,
-                cwd=self.directory,
-                start_new_session=True,
-            )
+            self.process = subprocess.Popen(self.words(command), stderr=errors, start_new_session=True)
         self.address = ""
-
-    @property
-    def host_file(self) -> Path:
-        return self.directory / "host.json"
-
-    def write_host(self) -> None:
-        """Replaces the host file in one step, so that no reader sees a part of it."""
-        new = self.directory / "new.json"
-        new.write_text(json.dumps(self.host), encoding="utf-8")
-        new.replace(self.host_file)
 
     def errors(self) -> str:
         return (self.directory / "errors").read_text(encoding="utf-8")
@@ -118,7 +81,7 @@ class Exporter:
             return self.process.wait(PATIENCE)
         finally:
             self.kill()
-            shutil.rmtree(self.directory, ignore_errors=True)
+            self.remove()
 
 
 def wwn(kind: str, host: int, index: int) -> str:

@@ -14,10 +14,10 @@ from __future__ import annotations
 
 import argparse
 import concurrent.futures
+import contextlib
 import json
 import os
 import re
-import shutil
 import signal
 import socket
 import subprocess
@@ -28,9 +28,10 @@ import urllib.parse
 import urllib.request
 from dataclasses import dataclass, field
 from pathlib import Path
-from typing import Any, Callable, Dict, FrozenSet, Iterator, List, Optional, Set, Tuple
+from typing import AbstractSet, Any, Callable, Dict, Iterator, List, Optional, Set, Tuple
 
-from exporters import BUILD, PATIENCE, Exporter, small_host, wait_until, wwn
+from exporters import Exporter, small_host, wwn
+from simulated_host import PATIENCE, wait_until
 
 SOURCE = Path(os.environ["TRELM_SOURCE"])
 CONTRIB = SOURCE / "contrib/prometheus"
@@ -107,65 +108,39 @@ def set_targets_offline(ports: int, targets: int) -> Callable[[Host], None]:
     return change
 
 
-def remove_fcf(host: Host) -> None:
-    port(host)["fcfs"] = []
-
-
-def remove_lun(host: Host) -> None:
-    del port(host)["targets"][0]["luns"][1]
-
-
-def fail_driver(host: Host) -> None:
-    refuse(host, "port_stats", "port-0")
-
-
-def remove_adapter(host: Host) -> None:
-    del host["adapters"][0]
-
-
-def remove_virtual_port(host: Host) -> None:
-    del port(host)["virtual_ports"][0]
-
-
 @dataclass
 class Damage:
     """A fault of one host, and the alert that it must cause."""
 
     what: str
     alert: str
-    breaks: Optional[Callable[[Host], None]]  # None: the exporter is killed
-    also: FrozenSet[str] = frozenset()  # other alerts that it may cause
+    breaks: Optional[Callable[[Host], object]]  # None: the exporter is killed
+    also: AbstractSet[str] = frozenset()  # other alerts that it may cause
     flaps: bool = False  # caused and repaired repeatedly until the alert fires
     times: Dict[str, float] = field(default_factory=dict)
 
 
-def pull_link(host: Host) -> None:
-    port(host)["link"] = "link_down"
-
-
 def damages() -> List[Damage]:
+    def cut(host: Host) -> None:
+        port(host)["link"] = "link_down"
+
     return [
-        Damage("pull the link of a port", "TrelmLinkDown", pull_link),
-        Damage("pull it and plug it in, again and again", "TrelmLinkFlapping", pull_link, frozenset({"TrelmLinkDown"}), flaps=True),
+        Damage("pull the link of a port", "TrelmLinkDown", cut),
+        Damage("pull it and plug it in, again and again", "TrelmLinkFlapping", cut, {"TrelmLinkDown"}, flaps=True),
         Damage("damage frames on their way", "TrelmCrcErrors", set_counter("fc_crc_err_frames", 20)),
         Damage("lose frames", "TrelmMissingFrames", set_counter("missing_frames", 20)),
         Damage("let sequences time out", "TrelmTimeouts", set_counter("seq_timeouts", 20)),
         Damage("abort commands", "TrelmAborts", set_counter("abts_cnt", 20)),
         Damage("take a target from one port", "TrelmTargetLost", set_targets_offline(ports=1, targets=1)),
-        Damage(
-            "take both targets from both ports",
-            "TrelmAllPathsLost",
-            set_targets_offline(ports=2, targets=2),
-            frozenset({"TrelmTargetLost"}),
-        ),
+        Damage("take both targets from both ports", "TrelmAllPathsLost", set_targets_offline(ports=2, targets=2), {"TrelmTargetLost"}),
         # The port of the second adapter, which was never online, gets the number of a port that was. Its counters are higher.
-        Damage("remove an adapter", "TrelmPortGone", remove_adapter, frozenset({"TrelmAllPathsLost", "TrelmScrapeFailing"})),
-        Damage("unmap a LUN", "TrelmLunCountChanged", remove_lun),
-        Damage("take the FCF from a port", "TrelmFcfLost", remove_fcf),
+        Damage("remove an adapter", "TrelmPortGone", lambda host: host["adapters"].pop(0), {"TrelmAllPathsLost", "TrelmScrapeFailing"}),
+        Damage("unmap a LUN", "TrelmLunCountChanged", lambda host: port(host)["targets"][0]["luns"].pop()),
+        Damage("take the FCF from a port", "TrelmFcfLost", lambda host: port(host)["fcfs"].clear()),
         Damage("kill the exporter", "TrelmExporterDown", None),
-        Damage("let the driver refuse its statistics", "TrelmScrapeFailing", fail_driver),
+        Damage("let the driver refuse its statistics", "TrelmScrapeFailing", lambda host: refuse(host, "port_stats", "port-0")),
         # Until the library is loaded again, the driver refuses requests for the removed port.
-        Damage("remove a virtual port", "TrelmVirtualPortGone", remove_virtual_port, frozenset({"TrelmScrapeFailing"})),
+        Damage("remove a virtual port", "TrelmVirtualPortGone", lambda host: port(host)["virtual_ports"].pop(0), {"TrelmScrapeFailing"}),
     ]
 
 
@@ -196,9 +171,16 @@ class Prometheus:
             with open(self.directory / "prometheus.log", "w", encoding="utf-8") as log:
                 process = subprocess.Popen(["prometheus", *options, f"--web.listen-address={address}"], stderr=log)
             url = f"http://{address}"
-            if wait_until(lambda: process.poll() is not None or is_ready(url)) is True and process.poll() is None:
+            if wait_until(lambda: process.poll() is not None or self.is_ready(url)) and process.poll() is None:
                 return process, url
         raise RuntimeError((self.directory / "prometheus.log").read_text(encoding="utf-8"))
+
+    @staticmethod
+    def is_ready(url: str) -> bool:
+        try:
+            return urllib.request.urlopen(f"{url}/-/ready", timeout=5).status == 200
+        except OSError:
+            return False
 
     def ask(self, path: str, **parameters: str) -> Any:
         with urllib.request.urlopen(f"{self.url}/api/v1/{path}?{urllib.parse.urlencode(parameters)}", timeout=PATIENCE) as reply:
@@ -219,53 +201,20 @@ class Prometheus:
         self.process.wait()
 
 
-def is_ready(url: str) -> bool:
-    try:
-        with urllib.request.urlopen(f"{url}/-/ready", timeout=5) as reply:
-            return bool(reply.status == 200)
-    except OSError:
-        return False
-
-
 class Fleet:
-    def __init__(self, size: int, factor: float) -> None:
-        self.directory = Path(tempfile.mkdtemp(dir=BUILD))
-        self.exporters: Dict[str, Exporter] = {}
-        self.prometheus: Optional[Prometheus] = None
-        self.size = size
-        self.factor = factor
+    """Exporters of many hosts, and a Prometheus that scrapes them. The stack ends them."""
 
-    def __enter__(self) -> "Fleet":
-        try:
-            for number in range(1, self.size + 1):
-                self.exporters[host_name(number)] = self.start_exporter(fleet_host(number))
-            targets = {name: exporter.wait_for_address() for name, exporter in self.exporters.items()}
-            self.prometheus = Prometheus(self.directory, targets, self.factor)
-        except BaseException:
-            self.__exit__()
-            raise
-        return self
+    def __init__(self, stack: contextlib.ExitStack, size: int, factor: float) -> None:
+        self.stack = stack
+        self.exporters = {host_name(number): self.start_exporter(fleet_host(number)) for number in range(1, size + 1)}
+        targets = {name: exporter.wait_for_address() for name, exporter in self.exporters.items()}
+        self.prometheus = Prometheus(Path(stack.enter_context(tempfile.TemporaryDirectory())), targets, factor)
+        stack.callback(self.prometheus.end)
 
-    @staticmethod
-    def start_exporter(host: Host, address: str = "127.0.0.1:0") -> Exporter:
-        return Exporter(host, "--luns", "--reload", "2", "--deadline", "0.8", address=address)
-
-    def __exit__(self, *_: object) -> None:
-        for exporter in self.exporters.values():
-            exporter.end()
-        if self.prometheus:
-            self.prometheus.end()
-        shutil.rmtree(self.directory, ignore_errors=True)
-
-    @staticmethod
-    def healthy_host(name: str) -> Host:
-        return fleet_host(int(name.rpartition("-")[2]))
-
-    def revive(self, name: str) -> None:
-        address = self.exporters[name].address
-        self.exporters[name].end()
-        self.exporters[name] = self.start_exporter(self.healthy_host(name), address)
-        self.exporters[name].wait_for_address()
+    def start_exporter(self, host: Host, address: str = "127.0.0.1:0") -> Exporter:
+        exporter = Exporter(host, "--luns", "--reload", "2", "--deadline", "0.8", address=address)
+        self.stack.callback(exporter.end)
+        return exporter
 
     def inflict(self, name: str, damage: Damage) -> None:
         exporter = self.exporters[name]
@@ -273,10 +222,9 @@ class Fleet:
             exporter.kill()
             return
         damage.breaks(exporter.host)
-        exporter.write_host()
+        exporter.write()
 
     def flap(self, name: str, damage: Damage) -> None:
-        assert self.prometheus is not None
         online = f'trelm_port_state{{instance="{name}", port="0", trelm_port_state="online"}}'
         end = time.monotonic() + PATIENCE
         while (damage.alert, name) not in self.prometheus.firing() and time.monotonic() < end:
@@ -286,10 +234,12 @@ class Fleet:
             self.prometheus.wait_for(f"{online} == 1")
 
     def mend(self, name: str, damage: Damage) -> None:
+        exporter = self.exporters[name]
+        exporter.host = fleet_host(int(name.rpartition("-")[2]))
+        exporter.write()
         if damage.breaks is None:
-            self.revive(name)
-        self.exporters[name].host = self.healthy_host(name)
-        self.exporters[name].write_host()
+            self.exporters[name] = self.start_exporter(exporter.host, exporter.address)
+            self.exporters[name].wait_for_address()
 
 
 def watch(prometheus: Prometheus, cases: Dict[str, Damage], standing: Set[Alert], firing: bool) -> Set[Alert]:
@@ -350,9 +300,9 @@ def table(cases: Dict[str, Damage]) -> Iterator[str]:
 
 
 def run(size: int, factor: float) -> bool:
-    with Fleet(size, factor) as fleet, concurrent.futures.ThreadPoolExecutor() as flapping:
+    with contextlib.ExitStack() as stack, concurrent.futures.ThreadPoolExecutor() as flapping:
+        fleet = Fleet(stack, size, factor)
         prometheus = fleet.prometheus
-        assert prometheus is not None
         prometheus.wait_for(f'count(up{{job="trelm"}} == 1) == {size}')
         print(f"{size} hosts are up under {prometheus.url}; rules run {factor:g} times as fast")
         prometheus.wait_for("min(count_over_time(trelm_library_loaded[1m])) > 5")  # for rules with a range

@@ -8,6 +8,7 @@ import json
 import os
 import re
 import resource
+import select
 import socket
 import ssl
 import subprocess
@@ -17,22 +18,12 @@ import unittest
 from pathlib import Path
 from typing import Any
 
-from exporters import BUILD, PATIENCE, Exporter, small_host, wait_until
+from exporters import Exporter, small_host
+from simulated_host import BUILD, PATIENCE, SLOWLY, wait_until
 
-# Preloads a library that keeps a port waiting while the directory of its exporter has a file "hang-NUMBER" with the port's
-# host number. The ASan runtime would otherwise refuse to start, because it is not the first preloaded library.
-SLOWLY = 'export ASAN_OPTIONS="$ASAN_OPTIONS:verify_asan_link_order=0"; '
-SLOWLY += 'export LD_PRELOAD="$LINKS/slow_driver:$LD_PRELOAD" SLOW_DRIVER="$PWD"; '
 HERE = Path(__file__).parent
-HOST_FILE, PAGE_FILE = HERE / "metrics_host.json", HERE / "page.html"
+HOST_FILE, PAGE_FILE = HERE.parent / "trelmctl/hosts/metrics.json", HERE / "page.html"
 REQUESTS = int(os.environ.get("REQUESTS", "1000"))  # for the memory test
-
-
-def setUpModule() -> None:
-    # A path in LD_PRELOAD cannot contain a space, but the path of the build tree may.
-    links = unittest.enterModuleContext(tempfile.TemporaryDirectory())
-    os.symlink(os.environ["SLOW_DRIVER_LIBRARY"], f"{links}/slow_driver")
-    os.environ["LINKS"] = links
 
 
 class ExporterTest(unittest.TestCase):
@@ -70,22 +61,29 @@ class ExporterTest(unittest.TestCase):
             PAGE_FILE.write_text(page, encoding="utf-8")
         self.assertEqual(page, PAGE_FILE.read_text(encoding="utf-8"))
 
-    def test_dates_counters_to_their_reset_and_finds_a_new_port(self) -> None:
-        exporter = self.start("--reload", "0.01")
-        before = exporter.metrics()
+    def test_dates_counters_to_their_reset(self) -> None:
+        exporter = self.start()
+        self.assertGreater(exporter.metrics()['trelm_rx_frames_total{port="0"}'], 7)
         exporter.host["adapters"][0]["ports"][0]["counters"] = {"rx_fcoe_frames": 7, "rx_fcoe_bytes": 10**9}
-        exporter.host["adapters"][0]["ports"] += small_host(3)["adapters"][0]["ports"][2:]
         sampled = time.time()
-        exporter.write_host()
-        after = wait_until(lambda: (found := exporter.metrics()).get("trelm_physical_ports") == 3 and found)
-        self.assertGreater(before['trelm_rx_frames_total{port="0"}'], 7)
-        self.assertEqual(after['trelm_rx_frames_total{port="0"}'], 7)
+        exporter.write()
+        after = wait_until(lambda: (found := exporter.metrics())['trelm_rx_frames_total{port="0"}'] == 7 and found)
         self.assertAlmostEqual(after['trelm_rx_frames_created{port="0"}'], sampled, delta=PATIENCE)
         self.assertFalse({'trelm_rx_frames_created{port="1"}', 'trelm_rx_bytes_created{port="0"}'} & after.keys())
 
+    def test_loads_anew_for_a_port_that_fails_but_not_at_once(self) -> None:
+        begun = time.monotonic()
+        exporter = self.start("--reload", "1000")
+        self.assertEqual(exporter.metrics()["trelm_physical_ports"], 2)
+        exporter.host = small_host(3)
+        exporter.host["faults"] = [{"operation": "port_stats", "port": "port-0", "status": 5, "count": "always"}]
+        exporter.write()
+        wait_until(lambda: exporter.metrics()["trelm_physical_ports"] == 3, patience=30)
+        self.assertGreater(time.monotonic() - begun, 10)
+
     def test_goes_on_without_ports_that_hang(self) -> None:
         exporter = self.start("--deadline", "1", host=small_host(6), before=SLOWLY)
-        hanging = [exporter.directory / f"hang-{port}" for port in range(5)]
+        hanging = [exporter.hanging(port) for port in range(5)]
         self.assertEqual(exporter.metrics()['trelm_scrape_success{port="0"}'], 1)
         for hang in hanging:
             hang.touch()
@@ -105,7 +103,7 @@ class ExporterTest(unittest.TestCase):
 
     def test_names_the_ports_whose_drivers_hang_while_they_are_listed_anew(self) -> None:
         exporter = self.start("--deadline", "0.5", "--reload", "0.01", before=SLOWLY)
-        hang = exporter.directory / "hang-0"
+        hang = exporter.hanging(0)
 
         def begin_to_hang_after_a_sample() -> Any:
             hang.unlink(missing_ok=True)
@@ -122,13 +120,13 @@ class ExporterTest(unittest.TestCase):
         exporter = self.start("--deadline", "0.2", before=SLOWLY + "touch hang-0; ")
         self.assertEqual(exporter.metrics()["trelm_library_loaded"], 0)
         self.assertEqual(exporter.get("/healthz")[0], 200)
-        (exporter.directory / "hang-0").unlink()
+        exporter.hanging(0).unlink()
         wait_until(lambda: exporter.metrics()["trelm_library_loaded"] == 1)
 
     def test_requests_in_flight_share_one_sampling(self) -> None:
         exporter = self.start("--deadline", "1", before=SLOWLY)
         exporter.metrics()
-        (exporter.directory / "hang-0").touch()
+        exporter.hanging(0).touch()
         with concurrent.futures.ThreadPoolExecutor(40) as clients:
             texts = set(clients.map(lambda _: exporter.get()[2], range(40)))
         self.assertLessEqual(len(texts), 2)  # the durations in them differ from one sampling to the next
@@ -208,6 +206,18 @@ class ExporterTest(unittest.TestCase):
             self.addCleanup(refused.end)
             self.assertEqual(refused.process.wait(PATIENCE), 1, text)
             self.assertIn("web.yml", refused.errors())
+
+
+class SlowClientTest(unittest.TestCase):
+    def test_a_request_that_comes_byte_by_byte_ends_after_a_minute(self) -> None:
+        exporter = Exporter(small_host(), "--deadline", "0.1")
+        self.addCleanup(exporter.end)
+        begun = time.monotonic()
+        with exporter.connect() as client:
+            while not select.select([client], [], [], 1)[0]:  # never idle for as long as the server allows
+                client.sendall(b"x")
+                self.assertLess(time.monotonic() - begun, PATIENCE)
+        self.assertGreater(time.monotonic() - begun, 50)
 
 
 if __name__ == "__main__":
