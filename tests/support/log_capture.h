@@ -19,7 +19,7 @@ namespace trelm::test {
 using Lines = std::vector<std::string>;
 using testing::ElementsAre;
 
-inline constexpr uint32_t kSilent = 0, kErrorLines = 4, kAllLines = 6;
+inline constexpr uint32_t kSilent = 0, kTraceLines = 2, kErrorLines = 4, kAllLines = 6;
 
 // Sets the debug flags in the environment, as a user does. Every load and open reads them again.
 inline void set_debug_flags(uint32_t flags) {
