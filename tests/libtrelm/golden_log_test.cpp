@@ -114,6 +114,7 @@ void GoldenLog::tell_open() {
     if (kind == DriverKind::kron) TELL(trelmnt_open_adapter(nullptr, kInstance, &handle));
     if (kind == DriverKind::pyx) TELL(trelm_pyxnt_open_adapter(nullptr, kInstance, &handle));
     if (kind == DriverKind::legacy) {
+        TELL(trelm_open_adapter(nullptr, &handle, &count));
         TELL(trelm_charnode_exist(nullptr));
         TELL(trelm_charnode_exist("/tmp/trelm_shared.dat"));
         host.inject(fault(Operation::open, {.error = ENOSPC}));
