@@ -1,10 +1,18 @@
 // Discovery of the ports of each driver: which ports are kept, dropped or passed over, their order, and the
-// effects of wrong answers of a driver.
+// effects of wrong answers of a driver. The golden logs have ports whose information is missing.
 
 #include "support/failing_allocation.h"
+#include "support/libc_replacements.h"
 #include "support/port_calls.h"
 #include "trelm_ntapi.h"
 #include "trelm_pyx_ntapi.h"
+
+static std::pair<int, int> node_flags;  // of the descriptor of the last request: access and close-on-exec
+
+REPLACES_LIBC(int, ioctl, (int fd, unsigned long request, void* block)) {
+    node_flags = {fcntl(fd, F_GETFL) & O_ACCMODE, fcntl(fd, F_GETFD)};
+    return NEXT_OF(ioctl)(fd, request, block);
+}
 
 namespace {
 
@@ -151,39 +159,11 @@ TEST_P(Discovery, BoundsANonsensicalPortCount) {
     expect_found(300);
 }
 
-TEST_P(Discovery, SkipsPortsWithMissingInformation) {
-    for (const auto& [operation, of_legacy] :
-         {std::pair{Operation::hostno, 2U}, {Operation::port_info, 3U}, {Operation::pci_info, 3U}}) {
-        start(hostsim::hosts::ports(GetParam(), 3));
-        host().inject(fault(operation, {.status = 1}, 2));
-        expect_found(native ? 2 : of_legacy);
-    }
-}
-
-// One port has no host number, so another index is tried. One has no port information and thus no names. One
-// has no PCI information and thus no hardware record, so it can never be opened.
-TEST(LegacyDiscovery, KeepsPortsWithMissingInformation) {
-    hostsim::Model model = hostsim::hosts::legacy_ports(5);
-    model.driver(DriverKind::legacy).reported_port_count = 4;
-    model.faults = {fault(Operation::hostno, {.status = 9}, 2),
-                    fault(Operation::port_info, {.status = 42}, 2),
-                    fault(Operation::pci_info, {.error = EIO}, 3)};
-    LoadedLibrary library(hostsim::hosts::empty());
-    library.host.model() = model;
-    library.host.tamper = [](Answer& answer) {  // the payload of a failed request is not used
-        if (answer.status == 42) std::fill(answer.payload.begin(), answer.payload.end(), 'x');
-    };
+TEST(LegacyDiscovery, OpensTheNodeToReadAndWriteAndNotForItsChildren) {
+    const hostsim::Host host(hostsim::hosts::legacy_ports(1));
     EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
-    ASSERT_THAT(instances(), ElementsAre(2, 3, 4, 0)) << "the port after a dropped one is in front";
-    const std::vector<trelm_priv_db*> ports = registry();
-    EXPECT_STREQ(ports[0]->hw_info->model_name, "");
-    EXPECT_STREQ(ports[0]->hw_info->model_desc, "Calvexa 10G FCoE Adapter");
-    EXPECT_EQ(ports[1]->hw_info, nullptr);
-    uint32_t handle = 0;
-    EXPECT_EQ(TRELM_OpenAdapter(1, &handle), TRELM_STATUS_FAILED);
-    TRELM_VNPORT_INFO info{};
-    EXPECT_EQ(TRELM_GetVNPortInfo(open_port(3), 0, &info), TRELM_STATUS_OK);
-    EXPECT_EQ(TRELM_GetVNPortInfo(4, 9, &info), TRELM_STATUS_FAILED);
+    EXPECT_EQ(node_flags, std::pair(O_RDWR, FD_CLOEXEC));
+    EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
 }
 
 // If either list cannot grow, no port of the legacy driver remains beside the ports of the kron driver.

