@@ -166,6 +166,18 @@ TEST(LegacyDiscovery, OpensTheNodeToReadAndWriteAndNotForItsChildren) {
     EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
 }
 
+TEST(LegacyDiscovery, UsesNothingOfARefusedAnswer) {
+    hostsim::Host host(hostsim::hosts::legacy_ports(1));
+    host.tamper = [](Answer& answer) {
+        if (answer.call.operation != Operation::port_info) return;
+        answer.status = 42;
+        std::fill(answer.payload.begin(), answer.payload.end(), 'x');
+    };
+    EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
+    EXPECT_STREQ(registry().at(0)->hw_info->model_name, "");
+    EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
+}
+
 // If either list cannot grow, no port of the legacy driver remains beside the ports of the kron driver.
 TEST(LegacyDiscovery, LeavesNothingBehindWhereMemoryRunsOut) {
     hostsim::Model model = hostsim::hosts::legacy_ports(4, 1);

@@ -98,9 +98,7 @@ void GoldenLog::tell_load() {
     TELL(TRELM_GetPortCount(&count));
     TELL(TRELM_OpenAdapter(kInstance, &handle));
     TELL(TRELM_CloseAdapter(kHandle));
-    host.tamper = [](Answer& answer) {
-        // The payload of a refused request is not used. The numbers of functions show their base.
-        if (answer.status) std::fill(answer.payload.begin(), answer.payload.end(), 'x');
+    host.tamper = [](Answer& answer) {  // a number that shows its base
         if (answer.call.operation == Operation::pci_info) answer.as<dorfc_pci_info>().function_num += 24;
     };
     TELL(TRELM_LoadLibrary());
@@ -234,7 +232,8 @@ void GoldenLog::tell_failing_loads() {
         TRELM_FreeLibrary();
         story.skip();
     }
-    host.edit([](hostsim::Model& model) { model.faults = {fault(Operation::hostno, kRefused, 1)}; });
+    const DriverFailure& failure = kind == DriverKind::legacy ? kUnheard : kRefused;
+    host.edit([&](hostsim::Model& model) { model.faults = {fault(Operation::hostno, failure, 1)}; });
     for (const auto& [size, after] : {std::pair{sizeof(trelm_priv_db), 12U}, {sizeof(trelm_hw_info), 12U}}) {
         const FailingAllocation failing(size, after);
         story.tell(fmt::format("TRELM_LoadLibrary() without memory for another {}",

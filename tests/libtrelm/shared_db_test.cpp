@@ -117,6 +117,7 @@ TEST_P(GoldenSharedDatabase, LogsOpensAndCloses) {
     TELL(leave());
     write_file(kAllTaken + std::string(kSize - kAllTaken.size(), '\0'));
     TELL(open_anew());
+    failing_error = ENOSPC;
     failing_calls = {"popen"};
     TELL(leave());
     TELL(open_anew());
