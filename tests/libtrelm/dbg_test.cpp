@@ -11,7 +11,7 @@
 
 namespace {
 tm local_time{0, 0, 2, 5, 10, 119, 0, 0, -1, 0, nullptr};
-time_t what_time_it_is = mktime(&local_time);
+time_t what_time_it_is = 0;
 }  // namespace
 
 static std::vector<std::string> synced;  // the log file as each sync() found it
@@ -38,6 +38,7 @@ void print_line(const std::string& text) { trelm_dbg_print(nullptr, text.c_str()
 class Log : public ::testing::Test {
   protected:
     Log() {
+        what_time_it_is = mktime(&local_time);
         trelmlog_path[0] = 0;
         trelm_dbg_sem_id = -1;
     }
@@ -82,14 +83,12 @@ TEST_F(Log, WritesNumbersUnsignedAndHexadecimalOnesAboveNineWithAnH) {
 
 TEST_F(Log, StampsLinesOfTheFileWithTheLocalTimeAndAppendsThem) {
     std::ofstream(kLogFile) << "older\n";
-    memset(trelmlog_path + 1, 0x7F, sizeof trelmlog_path - 1);
     set_debug_flags(kAllLines);
     print_line("on the terminal");
     set_debug_flags(1);  // lines reach the file and the terminal without any category
     trelm_dbg_print("func", "(", 1, 10, 0);
     print_line("): entered.");
     EXPECT_THAT(synced, ElementsAre("older\nNov 05 02:00:00: ")) << "the stamp is on disk before the line";
-    EXPECT_EQ(std::string(trelmlog_path, 257), kLogFile + std::string(256 - strlen(kLogFile), '\0') + '\x7F');
     const uint8_t byte = 5;
     trelm_dbg_dump("title", &byte, 12, 0);
     EXPECT_NE(trelmdbg_fp, nullptr) << "open from a dump to the next line";
@@ -99,10 +98,25 @@ TEST_F(Log, StampsLinesOfTheFileWithTheLocalTimeAndAppendsThem) {
     EXPECT_EQ(contents(kLogFile),
               "older\nNov 05 02:00:00: func(1): entered.\ntitle\nNov 05 02:00:00: " + end);
     EXPECT_EQ(log.take_text(), "on the terminal\nfunc(1): entered.\ntitle\n" + end);
-    what_time_it_is = INT64_MAX;  // the year is out of range: the line is dropped
+}
+
+TEST_F(Log, LosesLinesOfAYearOutOfRange) {
+    set_debug_flags(1);
+    what_time_it_is = INT64_MAX;
     print_line("lost");
-    what_time_it_is = mktime(&local_time);
-    strcpy(trelmlog_path, "/tmp/own.log");  // as a host program may
+    EXPECT_EQ(contents(kLogFile), "");
+}
+
+TEST_F(Log, FillsInThePathOfItsFile) {
+    memset(trelmlog_path + 1, 0x7F, sizeof trelmlog_path - 1);
+    set_debug_flags(1);
+    print_line("a line");
+    EXPECT_EQ(std::string(trelmlog_path, 257), kLogFile + std::string(256 - strlen(kLogFile), '\0') + '\x7F');
+}
+
+TEST_F(Log, GoesToTheFileThatTheProgramNames) {
+    strcpy(trelmlog_path, "/tmp/own.log");
+    set_debug_flags(1);
     umask(0);
     trelm_dbg_print(nullptr, "he", 0, 0, 2);
     print_line("re");

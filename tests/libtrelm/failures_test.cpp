@@ -1,18 +1,14 @@
-// The results and log lines of calls: invalid arguments, failed requests and exhausted memory.
-#include "support/failing_allocation.h"
+// The results of calls with invalid arguments and of failed requests. The golden logs hold their lines, and
+// exhausted memory.
 #include "support/port_calls.h"
 
 namespace {
 
 using namespace trelm::test;
 
-// A call. Its lines begin with its function and handle.
 struct PublicCall {
-    std::string text;
+    const char* text;
     std::function<uint32_t()> make;
-
-    std::string line(const std::string& end) const { return text.substr(0, text.find(',')) + "): " + end; }
-    std::string function() const { return text.substr(0, text.find('(')); }
 };
 #define CALL(...) (PublicCall{#__VA_ARGS__, [&] { return __VA_ARGS__; }})
 
@@ -26,7 +22,6 @@ class Calls : public OnEachDriver {
   protected:
     Calls() { open_port(); }
 
-    const size_t kind = static_cast<size_t>(GetParam());
     const bool native = GetParam() != DriverKind::legacy;
     Guarded<TRELM_VNPORT_INFO> port;
     Guarded<TRELM_PORT_STATS> stats;
@@ -41,8 +36,6 @@ class Calls : public OnEachDriver {
     const PublicCall get_stats = CALL(TRELM_GetPortStats(1, 0, stats.get()));
     const PublicCall send = CALL(TRELM_SendScsiCommand(1, 0, &read, &length, data.data()));
     const PublicCall get_targets = CALL(TRELM_GetTgtInfo(1, 0, &two, &tgts));
-    const PublicCall get_luns = CALL(TRELM_GetLunInfo(1, 0, 3, &two, &lun_array));
-    LogCapture log;
 };
 TRELM_ON_EACH_DRIVER(Calls);
 
@@ -74,14 +67,10 @@ TEST_P(Calls, RefuseInvalidArgumentsInOrder) {
                                     CALL(TRELM_GetTgtInfo(9, 0, &zero, &no_tgts))};
     std::vector<PublicCall> too_small{CALL(TRELM_GetTgtInfo(1, 0, &one, &tgts))};
     host.clear_calls();
-    for (const auto& [calls, code, end] :
-         {std::tuple{&invalid, TRELM_STATUS_INVALID_PARAMETER, "invalid parameter."},
-          {&nowhere, TRELM_STATUS_FAILED, "get pdb failed."},
-          {&too_small, TRELM_STATUS_INSUFFICIENT_BUFFER, "API tgt count greater than apps tgt count."}}) {
-        for (const PublicCall& call : *calls) {
-            EXPECT_EQ(call.make(), code) << call.text;
-            EXPECT_EQ(log.take_of(call.function()).back(), call.line(end)) << call.text;
-        }
+    for (const auto& [calls, code] : {std::pair{&invalid, TRELM_STATUS_INVALID_PARAMETER},
+                                      {&nowhere, TRELM_STATUS_FAILED},
+                                      {&too_small, TRELM_STATUS_INSUFFICIENT_BUFFER}}) {
+        for (const PublicCall& call : *calls) EXPECT_EQ(call.make(), code) << call.text;
     }
     EXPECT_TRUE(host.calls().empty() && port.untouched() && stats.untouched() && targets.untouched());
     EXPECT_EQ(std::pair(one, zero), std::pair(2U, 0U)) << "as many targets as there are";
@@ -104,49 +93,6 @@ TEST_P(Calls, TranslateFailuresOfTheDriverAndLeaveTheirRecordsAlone) {
                 << fmt::format("{}: status {}, errno {}", call->text, status, error);
             EXPECT_TRUE(port.untouched() && stats.untouched() && targets.untouched());
         }
-    }
-}
-
-TEST_P(Calls, SayWhatTheyCouldNotAllocate) {
-    // The sizes of pooled blocks. The second request of a call uses the block of the first.
-    constexpr size_t kSmall = 520;
-    constexpr size_t kLarge = 262444;
-    const auto of_driver = [this](auto... texts) { return std::array{texts...}[kind]; };
-    const std::string own = transport(GetParam());
-    std::vector<std::tuple<size_t, unsigned, const PublicCall*, std::string>> rows{
-        {kSmall, 0, &get_stats, get_stats.line(of_driver("nqstats", "nstats", "stats"))},
-        {native ? kLarge : kSmall, 0, &send, send.line(of_driver("nqcmd", "ncmd", "cmd"))},
-        {16384, 0, &get_targets, get_targets.line("pdata")},
-        {64, 0, &get_targets,
-         get_targets.line(of_driver("native nqtgt_info", "native ntgt_info", "ioctl tgt_info"))},
-        {16384, 0, &get_luns, get_luns.line("pdata")},
-        {kLarge, 1, &send, own + "send_scsi_cmd(1): pcmd_cb"},
-        {kSmall, 1, &get_stats, own + "get_port_stats(1): pstats_cb"},
-        {kSmall, 0, &get_port, own + "get_port_info(1): port_info_cb"},
-        {kSmall, 0, &get_targets, own + "get_tgt_info(1): ptgt_cb"}};
-    if (!native) rows.resize(5);
-    for (const auto& [size, after, call, line] : rows) {
-        TRELM_FreeLibrary();  // also frees the blocks kept for the next command
-        TRELM_LoadLibrary();
-        open_port();
-        log.take();
-        std::optional<FailingAllocation> failing(std::in_place, size, after);
-        EXPECT_EQ(call->make(), TRELM_STATUS_NO_MEMORY) << line;
-        failing.reset();
-        EXPECT_THAT(log.take(), testing::Contains(line + " alloc failed."));
-        EXPECT_EQ(call->make(), TRELM_STATUS_OK) << line;
-    }
-    for (const size_t size : {sizeof(trelm_priv_db), sizeof(trelm_hw_info)}) {
-        TRELM_FreeLibrary();
-        std::optional<FailingAllocation> failing(std::in_place, size, 1);
-        EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_FAILED);
-        failing.reset();
-        const char* const end = size == sizeof(trelm_hw_info) ? " hw info mem alloc failed, exiting"
-                                                              : " mem alloc failed, exiting";
-        EXPECT_THAT(log.take(), testing::Contains(testing::EndsWith(end)));
-        EXPECT_TRUE(trelm_priv_database == nullptr && trelm_phy_info == nullptr);
-        TRELM_FreeLibrary();
-        EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
     }
 }
 

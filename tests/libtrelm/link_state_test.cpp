@@ -38,36 +38,46 @@ TEST_F(LinkStateFiles, NameAPortReadyOverThreeLinesInOrder) {
     for (const auto& [text, expected] : std::vector<std::pair<std::string, bool>>{
              {line + section + line + line + name + line + ready + line, true},
              {"a" + section + "b" + name + "c LPORT_ST_READY", true},  // the last line may have no line break
-             {section + name + "LPORT_ST_DOWN\n" + section + "WWPN 1\n" + ready,
-              true},  // the word for another port
+             {section + name + "LPORT_ST_DOWN\n" + section + "WWPN 1\n" + ready, true},  // of another port
              {"", false},
              {section + ready + name, false},
              {name + section + ready, false},
              {section + "WWPN 2000001B21ABCDEF\n" + ready, false},
              {section + "2000001b21abcdef LPORT_ST_READY\n",
-              false},  // the three texts must be on lines of their own
+              false},  // the three texts need lines of their own
              {"SCSI Device Information: 2000001b21abcdef\n" + ready, false},
              // Long lines are read in pieces of 255, which count as lines.
              {section + name + std::string(241, '.') + ready.substr(8) + gap, true},
              {section + name + std::string(242, '.') + ready.substr(8) + gap, false},
              {section + name + std::string(255, '.') + ready.substr(8) + gap, true},
              {"SCSI Device Information" + gap + "2000001b21abcdef" + gap + "LPORT_ST_READY", true},
-             {std::string(100000, 'x'), false}}) {
+             {std::string(100000, 'x'), false}})
         EXPECT_EQ(names_ready(text), expected) << text;
+}
+
+TEST_F(LinkStateFiles, NameAPortWithAtLeastTwoDigits) {
+    for (const auto& [wwpn, shown, expected] :
+         {std::tuple{0x123U, "123", true}, {5U, "05", true}, {5U, "5", false}}) {
+        pdb.wwpn = wwpn;
+        const std::string text =
+            std::string("SCSI Device Information:\nWWPN ") + shown + "\nLPORT_ST_READY\n";
+        EXPECT_EQ(names_ready(text), expected) << shown;
     }
-    for (const auto& [wwpn, shown] : {std::pair{0x123, "123"}, {5, "05"}}) {
-        pdb.wwpn = static_cast<uint64_t>(wwpn);
-        EXPECT_TRUE(names_ready(section + "WWPN " + shown + "\n" + ready));
-    }
-    EXPECT_FALSE(names_ready(section + "WWPN 5\n" + ready)) << "small names have two digits";
+}
+
+TEST_F(LinkStateFiles, ThatCannotBeReadSayNothing) {
     EXPECT_EQ(trelm_read_file_for_link(nullptr, &pdb), 1U);
-    EXPECT_EQ(trelm_read_file_for_link(at("none").c_str(), &pdb), 1U);
-    EXPECT_EQ(trelm_read_file_for_link(directory.c_str(), &pdb), 1U);
+    for (const std::string& path : {at("none"), directory})
+        EXPECT_EQ(trelm_read_file_for_link(path.c_str(), &pdb), 1U);
+    put("file");
     uint32_t count = 4711;
     for (const std::string& other : {at("none"), at("file"), at(std::string(5000, 'p'))})
         EXPECT_EQ(trelm_read_directory(other.c_str(), nullptr, &count), 1U);
     EXPECT_EQ(count, 4711U);
-    std::filesystem::remove(at("file"));
+}
+
+TEST_F(LinkStateFiles, AreListedUpTo128) {
+    uint32_t count = 0;
     for (const auto& [files, listed] : {std::pair{100, 101U}, {130, 128U}}) {
         put(".hidden");
         for (int i = 0; i < files; ++i) put("file" + std::to_string(i));
@@ -75,9 +85,12 @@ TEST_F(LinkStateFiles, NameAPortReadyOverThreeLinesInOrder) {
         EXPECT_EQ(trelm_read_directory(directory.c_str(), names, &count), 0U);
         EXPECT_EQ(count, listed);
     }
+}
+
+TEST_F(LinkStateFiles, ThatAreMissingMeanThatTheLinkIsDown) {
     pdb.port_state = 8;
     trelm_get_dorfc_link_state(&pdb);
-    EXPECT_EQ(pdb.port_state, 4U) << "without the driver's directory the link is down";
+    EXPECT_EQ(pdb.port_state, 4U);
 }
 
 }  // namespace

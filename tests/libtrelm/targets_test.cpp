@@ -68,20 +68,17 @@ class Targets : public testing::TestWithParam<DriverKind> {
 
     LoadedLibrary library{described()};
     hostsim::Host& host = library.host;
-    LogCapture log;
     GuardedBytes array{0};
     uint32_t count = 0;
 };
 TRELM_ON_EACH_DRIVER(Targets);
 
 TEST_P(Targets, AreListedInOrderUntilTheLastThatIsCounted) {
-    const char* const ends[]{"exiting, rval=0", "got index=128 which is above max supported value of=128",
-                             "No targets present."};
     TRELM_VNPORT_INFO refreshed{};
-    for (const auto& [reported, listed, asked, end] : {std::tuple{4U, std::vector{0U, 2U, 3U, 3U}, 128U, 0},
-                                                       {2, {0, 2}, 3, 0},
-                                                       {200, {0, 2, 3, 3}, 128, 1},
-                                                       {0, {}, 0, 2}}) {
+    for (const auto& [reported, listed, asked] : {std::tuple{4U, std::vector{0U, 2U, 3U, 3U}, 128U},
+                                                  {2, {0, 2}, 3},
+                                                  {200, {0, 2, 3, 3}, 128},
+                                                  {0, {}, 0}}) {
         port().reported_target_count = reported;
         EXPECT_EQ(TRELM_GetVNPortInfo(1, 0, &refreshed), TRELM_STATUS_OK);
         host.clear_calls();
@@ -90,7 +87,6 @@ TEST_P(Targets, AreListedInOrderUntilTheLastThatIsCounted) {
         EXPECT_EQ(count, reported == 0 ? 0U : 201U) << "the capacity is not changed";
         EXPECT_EQ(host.count_calls(Operation::tgt_info), asked);
         EXPECT_EQ(host.count_calls(Operation::scsi), listed.size());
-        EXPECT_EQ(log.take_of("TRELM_GetTgtInfo").back(), std::string("TRELM_GetTgtInfo(1): ") + ends[end]);
     }
 }
 
@@ -99,13 +95,8 @@ TEST_P(Targets, HaveNoLunsWithoutAnAnswerAndEndAtAFailedRequest) {
     deaf.target = 2;
     host.inject(deaf);
     host.inject(fault(Operation::tgt_info, {.error = EIO}, 4));
-    log.take();
     EXPECT_EQ(list_targets(4), TRELM_STATUS_DRIVER_ERROR);
     expect_targets({0, 0});
-    EXPECT_EQ(log.take_of("TRELM_GetTgtInfo"),
-              lines("TRELM_GetTgtInfo(1): ",
-                    {"entered.", "device offline for index=1 continuing for next index",
-                     "send scsi cmd failed, rval=60000009h", "tgt info ioctl failed, stat=0 errno=5"}));
 }
 
 TEST_P(Targets, ListLunsWithEveryFieldInBothLayouts) {
@@ -117,7 +108,6 @@ TEST_P(Targets, ListLunsWithEveryFieldInBothLayouts) {
     for (const uint32_t version : {2U, 1U, 0U, 3U}) {
         const size_t stride = TRELM_LUN_INFO_STRIDE(version);
         host.clear_calls();
-        log.take();
         ASSERT_EQ(list_luns(5, version), TRELM_STATUS_OK);
         Bytes expected = Bytes::initial(5 * stride).put(0, version);
         size_t at = 0;
@@ -134,10 +124,6 @@ TEST_P(Targets, ListLunsWithEveryFieldInBothLayouts) {
         EXPECT_EQ(contents(array), expected.all());
         EXPECT_TRUE(array.guards_intact());
         EXPECT_EQ(count, 5U);
-        EXPECT_EQ(log.take_of("TRELM_GetLunInfo"),
-                  lines("TRELM_GetLunInfo(1): ",
-                        {"entered for NPIV=0 and LunCount=5", "trying read capacity(16) cmd for lun=0",
-                         "trying read capacity(16) cmd for lun=412Ch", "exiting, rval=0"}));
     }
     // The commands for the list and for its last LUN, byte by byte.
     const std::vector<hostsim::Call> calls = host.calls();
@@ -161,22 +147,18 @@ TEST_P(Targets, ListLunsWithEveryFieldInBothLayouts) {
 
 TEST_P(Targets, EndALunListAtTheFirstFailedCommand) {
     set_luns({{0, 1, 512}, {0x1F, 1, 512}, {0x20, 0x2'0000'0000, 512}});
-    for (const auto& [opcode, occurrence, filled, line] :
-         {std::tuple{0xA0, 1U, 0U, "send scsi report luns cmd failed, rval=60000006h"},
-          {0x12, 2, 1, "send scsi inquiry cmd failed for lun=1Fh, rval=60000006h"},
-          {0x25, 1, 0, "scsi read capacity cmd failed for lun=0, rval=60000006h"},
-          {0x9E, 1, 2, "scsi read capacity cmd failed for lun=20h, rval=60000006h"}}) {
+    for (const auto& [opcode, occurrence, filled] :
+         {std::tuple{0xA0, 1U, 0U}, {0x12, 2, 1}, {0x25, 1, 0}, {0x9E, 1, 2}}) {
         hostsim::Fault fails = fault(Operation::scsi, {.status = 6}, occurrence);
         fails.opcode = static_cast<uint8_t>(opcode);
         host.edit([&fails](hostsim::Model& model) { model.faults = {fails}; });
         EXPECT_EQ(list_luns(3), 0x60000006U);
-        EXPECT_EQ(log.take_of("TRELM_GetLunInfo").back(), std::string("TRELM_GetLunInfo(1): ") + line);
         EXPECT_TRUE(array.only_written(std::max(4U, filled * TRELM_LUN_INFO_STRIDE(2))));
         EXPECT_EQ(count, 3U);
     }
 }
 
-TEST_P(Targets, LimitALunListToItsBuffer) {
+TEST_P(Targets, RefuseALunListThatDoesNotFit) {
     for (const uint32_t length : {0U, 7U, 25U, 16376U, 16384U, 0x7FFFFFF8U, 0xFFFFFFFFU}) {
         report(length);
         ASSERT_EQ(list_targets(4), TRELM_STATUS_OK);
@@ -185,16 +167,17 @@ TEST_P(Targets, LimitALunListToItsBuffer) {
         EXPECT_EQ(list_luns(2), fits ? TRELM_STATUS_OK : TRELM_STATUS_INSUFFICIENT_BUFFER);
         EXPECT_EQ(count, fits ? 2U : std::min(length / 8, 2047U));
         EXPECT_TRUE(array.only_written(4));
-        EXPECT_EQ(
-            log.take_of("TRELM_GetLunInfo").back(),
-            std::string("TRELM_GetLunInfo(1): ") + (fits ? "exiting, rval=0" : "invalid Lun Count value."));
     }
-    host.tamper = nullptr;
+}
+
+TEST_P(Targets, ListAsManyLunsAsAnAnswerHolds) {
     set_luns({{0, 8, 512}}).luns[0].count = 2100;
     ASSERT_EQ(list_luns(2047), TRELM_STATUS_OK);
     EXPECT_TRUE(array.guards_intact());
     EXPECT_EQ(+listed_lun(2046).ScsiLunNum, 0x4000U | 2046);
-    // An address has four levels. Entries that were not received are zero.
+}
+
+TEST_P(Targets, AddressLunsOfFourLevels) {
     set_luns({{0, 8, 512}});
     report(24, "\1\2\3\4\5\6\7\10");
     host.clear_calls();
@@ -204,7 +187,7 @@ TEST_P(Targets, LimitALunListToItsBuffer) {
     EXPECT_EQ(std::pair(+command.lun, +command.lun_ext), std::pair(0x03040102U, 0x07080506U));
     EXPECT_EQ(std::pair(+listed_lun(0).ScsiLunNum, +listed_lun(0).ScsiLunNumExt),
               std::pair(0x03040102U, 0x07080506U));
-    EXPECT_EQ(std::pair(+listed_lun(2).ScsiLunNum, +listed_lun(2).ScsiLunNumExt), std::pair(0U, 0U));
+    EXPECT_EQ(+listed_lun(2).ScsiLunNum, 0U) << "entries that were not received are zero";
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// descriptors.h - the open descriptors of this process, so that a test can check that a call leaves none
-// behind.
+// descriptors.h - the open descriptors of this process: how many there are, and their numbers.
 #pragma once
 
 #include <fcntl.h>
@@ -8,6 +7,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <iterator>
+#include <vector>
 
 namespace trelm::test {
 
@@ -23,5 +23,20 @@ inline void put_back(int descriptor) {
     dup2(other, descriptor);
     close(other);
 }
+
+// While the object lives, new descriptors are 100 and above.
+class HighDescriptors {
+  public:
+    HighDescriptors() {
+        while (taken_.empty() || taken_.back() < 99) taken_.push_back(open("/dev/null", O_RDWR | O_CLOEXEC));
+    }
+    ~HighDescriptors() {
+        for (const int fd : taken_) close(fd);
+    }
+    HighDescriptors(HighDescriptors&&) = delete;
+
+  private:
+    std::vector<int> taken_;
+};
 
 }  // namespace trelm::test

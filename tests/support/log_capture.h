@@ -6,7 +6,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <set>
 #include <sstream>
 
 #include "host.h"
@@ -19,7 +18,7 @@ namespace trelm::test {
 using Lines = std::vector<std::string>;
 using testing::ElementsAre;
 
-inline constexpr uint32_t kSilent = 0, kErrorLines = 4, kAllLines = 6;
+inline constexpr uint32_t kSilent = 0, kTraceLines = 2, kErrorLines = 4, kAllLines = 6;
 
 // Sets the debug flags in the environment, as a user does. Every load and open reads them again.
 inline void set_debug_flags(uint32_t flags) {
@@ -57,15 +56,6 @@ class LogCapture {
         for (std::string line; std::getline(stream, line);) lines.push_back(line);
         return lines;
     }
-    // The lines of some functions among these. The name of the function ends at the first ':' or '('.
-    Lines take_of(const std::set<std::string>& functions) {
-        Lines kept = take();
-        std::erase_if(kept, [&](const std::string& line) {
-            return !functions.contains(line.substr(0, line.find_first_of(":(")));
-        });
-        return kept;
-    }
-    Lines take_of(const std::string& function) { return take_of(std::set{function}); }
 
   private:
     int file_;

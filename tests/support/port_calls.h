@@ -1,5 +1,5 @@
-// port_calls.h - helpers for tests of the library: records byte by byte, the lines of each transport, the
-// registry as a list, and failing driver requests.
+// port_calls.h - helpers for tests of the library: records byte by byte, the registry as a list, and failing
+// driver requests.
 #pragma once
 
 #include <fmt/format.h>
@@ -20,22 +20,6 @@ using hostsim::DriverKind;
 using hostsim::Operation;
 using testing::Each;
 
-// Lines with the same beginning.
-inline Lines lines(const std::string& beginning, Lines texts) {
-    for (std::string& text : texts) text.insert(0, beginning);
-    return texts;
-}
-inline Lines operator+(Lines first, const Lines& then) {
-    first.insert(first.end(), then.begin(), then.end());
-    return first;
-}
-
-// A field of a record: a little-endian number.
-struct Field {
-    size_t offset, width;
-    uint64_t value;
-};
-
 // A record as bytes; each field is set at its offset.
 class Bytes : public std::vector<uint8_t> {
   public:
@@ -45,11 +29,6 @@ class Bytes : public std::vector<uint8_t> {
         Bytes bytes(size);
         for (size_t i = 0; i < size; ++i) bytes[i] = GuardedBytes::initial(i);
         return bytes;
-    }
-    template <std::same_as<Field>... Fields>
-    Bytes& put(const Fields&... fields) {
-        (copy(fields.offset, &fields.value, fields.width), ...);
-        return *this;
     }
     template <std::integral Integer>
     Bytes& put(size_t offset, Integer value) {
@@ -91,12 +70,6 @@ inline void set_wwn(uint8_t (&field)[8], uint64_t name) {
 
 inline std::vector<uint8_t> contents(const GuardedBytes& record) {
     return {record.data(), record.data() + record.size()};
-}
-
-// The prefix of the functions of a transport.
-inline std::string transport(DriverKind kind) {
-    static constexpr const char* kPrefixes[hostsim::kDriverKinds]{"trelmnt_", "trelm_pyxnt_", "trelm_"};
-    return kPrefixes[static_cast<size_t>(kind)];
 }
 
 inline uint32_t open_port(uint32_t instance = 0) {

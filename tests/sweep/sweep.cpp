@@ -128,7 +128,8 @@ int main(int argc, char** argv) {
     bool sample = false;
     std::string host = kHosts[0].name, manner = "one";
     uint64_t call = 0, calls = 0;
-    CLI::App app("Makes every call of the library that can fail do so, and looks what comes of it.");
+    CLI::App app(
+        "Makes every call of the library that can fail do so, and checks results, memory and descriptors.");
     app.add_flag("--sample", sample, "Only every 16th call, from a random one on");
     app.add_option("--host", host, "Host of a single run")->check(CLI::IsMember({"native", "legacy"}));
     app.add_option("--call", call, "The call that fails in a single run");
