@@ -5,7 +5,6 @@
 #include <gmock/gmock.h>
 
 #include <nlohmann/json.hpp>
-#include <regex>
 
 #include "host.h"
 #include "host_schema.h"
@@ -88,8 +87,8 @@ TEST(HostFile, ReportsEachMistakeWithItsPlaceAndWhatIsAllowed) {
         const size_t sign = line.find(" = ");
         if (line.starts_with(' ') || sign == std::string::npos) continue;
         const std::string report = report_on(changed(line.substr(0, sign), line.substr(sign + 3)));
-        const std::string placeless = std::regex_replace(report, std::regex("host.json:1:\\d+: "), "");
-        actual += line + "\n  " + std::regex_replace(placeless, std::regex("\n"), "\n  ") + "\n";
+        const std::string placeless = Pattern("host.json:1:\\d+: ").replaced_in(report, "");
+        actual += line + "\n  " + Pattern("\n").replaced_in(placeless, "\n  ") + "\n";
     }
     EXPECT_EQ(actual, expected);
 }

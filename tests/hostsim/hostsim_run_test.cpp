@@ -1,13 +1,8 @@
 // hostsim_run_test.cpp - programs on a simulated host: how the launcher runs a command, and which answers of
 // libc are those of the host. Each test has its own directory, which is removed at its end.
-//
-// After an intended change `./dev golden` writes the files of golden/ again. Read the difference before you
-// commit it.
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <sys/sem.h>
-
-#include <regex>
 
 #include "root_layout.h"
 #include "support/child.h"
@@ -33,24 +28,14 @@ TEST_P(Golden, CommandsPrintAndLeaveWhatTheFileHolds) {
         "PATH={}/bin:/usr/bin:/bin; ",
         here.string(), source_dir(), binary_dir());
     fs::create_directory(at("temporary"));
-    std::istringstream lines(text_of(file));
-    std::string story;
-    for (std::string line; std::getline(lines, line);) {
-        if (!line.starts_with("$ ")) continue;
+    expect_told_commands(file, [&](const std::string& line) {
         const ProgramResult outcome = execute({"/bin/sh", "-c", preparation + line.substr(2)});
-        story += fmt::format("{}\n{}{}=> {}\n", line, outcome.out, outcome.errors, outcome.status);
-    }
-    story = std::regex_replace(story, std::regex(here.string()), "HERE");
-    if (std::getenv("TRELM_REFRESH_GOLDEN") != nullptr) std::ofstream(file) << story;
-    EXPECT_EQ(story, text_of(file));
+        const std::string told = outcome.out + outcome.errors;
+        return fmt::format("{}\n{}=> {}\n", line, Pattern(here).replaced_in(told, "HERE"), outcome.status);
+    });
 }
 
-std::vector<std::string> stories() {
-    std::vector<std::string> found;
-    for (const auto& file : fs::directory_iterator(kGolden)) found.push_back(file.path().stem());
-    return found;
-}
-INSTANTIATE_TEST_SUITE_P(Hostsim, Golden, testing::ValuesIn(stories()),
+INSTANTIATE_TEST_SUITE_P(Hostsim, Golden, testing::ValuesIn(golden_names(kGolden)),
                          [](const auto& name) { return name.param; });
 
 class HostsimRun : public Programs {

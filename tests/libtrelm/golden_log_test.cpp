@@ -2,7 +2,6 @@
 // failure, a free, and loads that fail. Each file in golden/ has the calls of the scenario, their results and
 // their lines, with only trace lines (DRIVER_trace.txt) or only error lines (DRIVER_error.txt). Numbers are
 // large enough to show their base.
-#include <regex>
 
 #include "shared_db.h"
 #include "support/failing_allocation.h"
@@ -58,7 +57,7 @@ class GoldenLog : public testing::TestWithParam<std::tuple<DriverKind, uint32_t>
             const bool begins_dump = line == " API Private Data:";
             dumps += begins_dump;
             const bool is_told = begins_dump || (dumps >= 5 && dumps <= 8);
-            return (line[0] == ' ' && !is_told) || std::regex_search(line, added_or_removed);
+            return (line[0] == ' ' && !is_told) || added_or_removed.is_in(line);
         };
     }
     // With requests that the driver refuses, and requests that fail before they reach it.
@@ -84,7 +83,7 @@ class GoldenLog : public testing::TestWithParam<std::tuple<DriverKind, uint32_t>
     const DriverKind kind = std::get<0>(GetParam());
     hostsim::Host host{described(kind)};
     Story story{std::get<1>(GetParam())};
-    const std::regex added_or_removed{"^trelm_(alloc|free)_.*: (entered|exiting)"};
+    const Pattern added_or_removed{"^trelm_(alloc|free)_.*: (entered|exiting)"};
     int dumps = 0;
     bool walks = false;  // over all targets: only the end is told
     uint32_t handle = 0, count = 0;

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <csignal>
 #include <future>
-#include <regex>
 #include <thread>
 
 #include "support/child.h"
@@ -229,8 +228,7 @@ using Guests = Programs;
 
 TEST_F(Guests, CallFromSixteenThreadsWhileTheHostFileIsEdited) {
     const std::string online = text_of(source_dir() + "/hostsim/hosts/lab.json");
-    const std::string down =
-        std::regex_replace(online, std::regex("\"link\": \"online\""), "\"link\": \"link_down\"");
+    const std::string down = Pattern("\"link\": \"online\"").replaced_in(online, "\"link\": \"link_down\"");
     ASSERT_NE(online, down);
     write("host.json", online);
     const pid_t guest = start({kLauncher, "run", at("host.json"), "--", binary_dir() + "/bin/trelm-threads",

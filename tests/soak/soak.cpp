@@ -14,9 +14,9 @@
 #include <fstream>
 #include <map>
 #include <random>
-#include <regex>
 
 #include "../support/child.h"
+#include "../support/golden.h"
 #include "../support/libc_replacements.h"
 #include "host.h"
 #include "host_builders.h"
@@ -366,12 +366,11 @@ class Soak {
     // "Nov 22 21:05:09: text", with one stamp. A process that is killed while it writes may leave one
     // incomplete line.
     void check_log() {
-        static const std::regex stamp("[A-Z][a-z]{2} [ \\d]\\d \\d\\d:\\d\\d:\\d\\d: ");
+        static const trelm::test::Pattern stamp("[A-Z][a-z]{2} [ \\d]\\d \\d\\d:\\d\\d:\\d\\d: ");
         std::ifstream file(kLogFile);
         uint64_t broken = 0;
         for (std::string line; std::getline(file, line); ++log_lines_) {
-            const std::sregex_iterator first(line.begin(), line.end(), stamp), end;
-            broken += first == end || first->position() != 0 || std::next(first) != end;
+            broken += stamp.positions_in(line) != std::vector<std::size_t>{0};
         }
         if (broken > kills_in_crowd_) fail("{} log lines were broken by {} kills", broken, kills_in_crowd_);
     }

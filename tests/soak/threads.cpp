@@ -13,10 +13,10 @@
 #include <barrier>
 #include <fstream>
 #include <random>
-#include <regex>
 #include <thread>
 
 #include "../support/child.h"
+#include "../support/golden.h"
 #include "../support/libc_replacements.h"
 #include "../support/log_capture.h"
 #include "trelm_driver_records.h"
@@ -311,10 +311,10 @@ void check_log() {
     for (unsigned i = 0; i < kForks; ++i)
         demand(trelm::test::in_child([i] { return write_line(kWriters, i); }) == 0, "a child failed");
     writers.join();
-    const std::regex whole_line(".{15}: writer\\(\\d\\): a line in two pieces, number \\d+");
+    const trelm::test::Pattern whole_line(".{15}: writer\\(\\d\\): a line in two pieces, number \\d+");
     std::ifstream file("/var/tmp/libtrelm.log");  // of the simulated host
     unsigned whole = 0;
-    for (std::string line; std::getline(file, line);) whole += std::regex_match(line, whole_line);
+    for (std::string line; std::getline(file, line);) whole += whole_line.is_whole(line);
     demand(whole == kWriters * kLines + kForks, "{} lines of the log are whole", whole);
 }
 

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "golden.h"
 #include "places.h"
 
 namespace trelm::test {
@@ -29,15 +30,6 @@ inline Words words_of(const std::string& text) {
 }
 
 inline const std::string kLauncher = binary_dir() + "/bin/trelm-hostsim";
-
-// What can be read of a file: a file of /proc ends with an error when its process does.
-inline std::string text_of(const std::filesystem::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::string text;
-    for (char piece[4096]; file.read(piece, sizeof piece), file.gcount() > 0;)
-        text.append(piece, static_cast<std::size_t>(file.gcount()));
-    return text;
-}
 
 struct ProgramResult {
     int status = -1;  // as in a shell

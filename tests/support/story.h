@@ -1,19 +1,15 @@
 // story.h - a story of calls for a golden file: each call, its result and its log lines. A test tells its
 // story once with trace lines only and once with error lines only, so the files also hold the category of
 // each line. Numbers should be large enough to show their base.
-//
-// After an intended change `./dev golden` writes the files again. Read the difference before you commit it.
 #pragma once
 
 #include <fmt/format.h>
 
-#include <fstream>
 #include <functional>
-#include <regex>
 
 #include "descriptors.h"
+#include "golden.h"
 #include "log_capture.h"
-#include "own_calls.h"
 #include "places.h"
 
 namespace trelm::test {
@@ -27,20 +23,17 @@ class Story {
     void tell(const std::string& text, const std::function<uint32_t()>& call) {
         const uint32_t result = call();
         text_ += fmt::format("# {} = {:#x}\n", text, result);
-        static const std::regex set("sem_id=[0-9]+$");  // the number differs between runs
+        static const Pattern set("sem_id=[0-9]+$");  // the number differs between runs
         for (const std::string& line : log_.take()) {
-            if (!hides || !hides(line)) text_ += std::regex_replace(line, set, "sem_id=<id>") + "\n";
+            if (!hides || !hides(line)) text_ += set.replaced_in(line, "sem_id=<id>") + "\n";
         }
     }
     // Forgets the lines since the last call that was told.
     void skip() { log_.take(); }
     // Compares the story with golden/NAME_trace.txt or golden/NAME_error.txt.
     void expect_golden(const std::string& name) const {
-        const hostsim::OwnCalls own;  // the file is on the machine, even if it is below /tmp
-        const std::string file = source_dir() + "/tests/libtrelm/golden/" + name + category(flags_) + ".txt";
-        if (getenv("TRELM_REFRESH_GOLDEN")) std::ofstream(file) << text_;
-        std::ifstream golden(file);
-        EXPECT_EQ(text_, std::string(std::istreambuf_iterator<char>(golden), {}));
+        test::expect_golden(source_dir() + "/tests/libtrelm/golden/" + name + category(flags_) + ".txt",
+                            text_);
     }
 
     std::function<bool(const std::string&)> hides;  // lines that are left out

@@ -8,7 +8,6 @@
 //     => 0                               the exit status
 //
 // In place of a host, `bytes: KIND BYTES` is what the tool makes of data that no simulated device returns.
-// After an intended change `./dev golden` writes the files again. Read the difference before you commit it.
 #include <fmt/ranges.h>
 
 #include <nlohmann/json.hpp>
@@ -81,23 +80,11 @@ class Golden : public Programs, public testing::WithParamInterface<std::string> 
 };
 
 TEST_P(Golden, CommandsPrintWhatTheFileHolds) {
-    const fs::path file = kHere / "golden" / (GetParam() + ".txt");
-    const std::string golden = text_of(file);
-    std::istringstream lines(golden);
-    std::string printed;
-    for (std::string line; std::getline(lines, line);) {
-        if (line.starts_with("$ ")) printed += run(line);
-    }
-    if (std::getenv("TRELM_REFRESH_GOLDEN") != nullptr) std::ofstream(file) << printed;
-    EXPECT_EQ(printed, text_of(file));
+    expect_told_commands(kHere / "golden" / (GetParam() + ".txt"),
+                         [this](const std::string& line) { return run(line); });
 }
 
-std::vector<std::string> names() {
-    std::vector<std::string> found;
-    for (const auto& file : fs::directory_iterator(kHere / "golden")) found.push_back(file.path().stem());
-    return found;
-}
-INSTANTIATE_TEST_SUITE_P(Trelmctl, Golden, testing::ValuesIn(names()),
+INSTANTIATE_TEST_SUITE_P(Trelmctl, Golden, testing::ValuesIn(golden_names(kHere / "golden")),
                          [](const auto& name) { return name.param; });
 
 }  // namespace
