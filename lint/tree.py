@@ -1,7 +1,7 @@
 """tree.py - the rooms of the tree, its sources and their includes, for the other scripts of this folder.
 
-The rooms are listed in the tables of docs/architecture.md that have the columns "room" and "sees". A room is one or more
-file name patterns. It sees itself, the rooms that it names, and all rooms that those see.
+The tables of docs/architecture.md with the columns "room" and "sees" list the rooms. A room is one or more
+patterns of file names. It sees itself, the rooms that it names, and all rooms that those see.
 """
 
 import fnmatch

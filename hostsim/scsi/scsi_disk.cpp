@@ -12,7 +12,7 @@ namespace hostsim {
 
 struct Disk::Command {
     // Conditions that do not keep a command from running.
-    enum Despite : uint8_t { nothing = 0, not_ready = 1, reservation = 2, anything = 7 };
+    enum Despite : uint8_t { kNothing = 0, kNotReady = 1, kReservation = 2, kAnything = 7 };
 
     uint8_t opcode;
     uint8_t length;  // of the CDB; its last byte is the control byte
@@ -22,23 +22,23 @@ struct Disk::Command {
 
 const Disk::Command* Disk::find_command(uint8_t opcode) {
     static constexpr Command kCommands[] = {
-        {0x00, 6, Command::reservation, &Disk::test_unit_ready},
-        {0x03, 6, Command::anything, &Disk::request_sense},
-        {0x08, 6, Command::nothing, &Disk::read},
-        {0x0A, 6, Command::nothing, &Disk::write},
-        {0x12, 6, Command::anything, &Disk::inquiry},
-        {0x1A, 6, Command::not_ready, &Disk::mode_sense},
-        {0x25, 10, Command::reservation, &Disk::read_capacity_10},
-        {0x28, 10, Command::nothing, &Disk::read},
-        {0x2A, 10, Command::nothing, &Disk::write},
-        {0x35, 10, Command::nothing, &Disk::synchronize_cache},
-        {0x5A, 10, Command::not_ready, &Disk::mode_sense},
-        {0x88, 16, Command::nothing, &Disk::read},
-        {0x8A, 16, Command::nothing, &Disk::write},
-        {0x91, 16, Command::nothing, &Disk::synchronize_cache},
-        {0x9E, 16, Command::reservation, &Disk::service_action_in},
-        {0xA8, 12, Command::nothing, &Disk::read},
-        {0xAA, 12, Command::nothing, &Disk::write},
+        {0x00, 6, Command::kReservation, &Disk::test_unit_ready},
+        {0x03, 6, Command::kAnything, &Disk::request_sense},
+        {0x08, 6, Command::kNothing, &Disk::read},
+        {0x0A, 6, Command::kNothing, &Disk::write},
+        {0x12, 6, Command::kAnything, &Disk::inquiry},
+        {0x1A, 6, Command::kNotReady, &Disk::mode_sense},
+        {0x25, 10, Command::kReservation, &Disk::read_capacity_10},
+        {0x28, 10, Command::kNothing, &Disk::read},
+        {0x2A, 10, Command::kNothing, &Disk::write},
+        {0x35, 10, Command::kNothing, &Disk::synchronize_cache},
+        {0x5A, 10, Command::kNotReady, &Disk::mode_sense},
+        {0x88, 16, Command::kNothing, &Disk::read},
+        {0x8A, 16, Command::kNothing, &Disk::write},
+        {0x91, 16, Command::kNothing, &Disk::synchronize_cache},
+        {0x9E, 16, Command::kReservation, &Disk::service_action_in},
+        {0xA8, 12, Command::kNothing, &Disk::read},
+        {0xAA, 12, Command::kNothing, &Disk::write},
     };
     const auto* row = std::ranges::find(kCommands, opcode, &Command::opcode);
     return row == std::end(kCommands) ? nullptr : row;
@@ -87,12 +87,12 @@ ScsiReply Disk::run(const ScsiRequest& request) const {
     if ((request.cdb[command->length - 1] & kNaca) != 0) {
         return invalid_field(static_cast<uint8_t>(command->length - 1), 2);
     }
-    if (config_.reserved && (command->despite & Command::reservation) == 0) {
+    if (config_.reserved && (command->despite & Command::kReservation) == 0) {
         return {ScsiStatus::reservation_conflict, 0, {}};
     }
     const auto in_the_way = condition();
-    if (!in_the_way || command->despite == Command::anything) return (this->*command->run)(request);
-    const bool passes = (command->despite & Command::not_ready) != 0 && in_the_way->key != kUnitAttention;
+    if (!in_the_way || command->despite == Command::kAnything) return (this->*command->run)(request);
+    const bool passes = (command->despite & Command::kNotReady) != 0 && in_the_way->key != kUnitAttention;
     return passes ? (this->*command->run)(request) : check_condition(*in_the_way);
 }
 

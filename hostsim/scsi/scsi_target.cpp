@@ -64,12 +64,12 @@ ScsiReply ScsiTarget::run(uint32_t lun, uint32_t lun_ext, const ScsiRequest& req
 
 // The header counts all logical units, even if the list does not fit the host's buffer.
 ScsiReply ScsiTarget::report_luns(const ScsiRequest& request) const {
-    enum Select : uint8_t { addressed = 0, well_known = 1, all = 2 };
+    enum Select : uint8_t { kAddressed = 0, kWellKnown = 1, kAll = 2 };
     const uint8_t select = request.cdb[2];
-    if (select > all) return invalid_field(2);
+    if (select > kAll) return invalid_field(2);
     std::vector<uint8_t> data(8);
     for (const ScsiLun& lun : luns_) {
-        if (select == well_known) break;  // there are none
+        if (select == kWellKnown) break;  // there are none
         const auto entry = lun_entry(lun.number, lun.addressing);
         data.insert(data.end(), entry.begin(), entry.end());
     }

@@ -30,17 +30,17 @@ constexpr Conversion kPcieWidths[] = {{PCIE_LNK_X1, 3}, {PCIE_LNK_X2, 4},  {PCIE
                                       {PCIE_LNK_X8, 6}, {PCIE_LNK_X16, 8}, {PCIE_LNK_X32, 9}};
 constexpr uint32_t kMediaType = 4;
 
-template <size_t rows>
-uint32_t convert(const Conversion (&table)[rows], uint32_t value) {
+template <size_t Rows>
+uint32_t convert(const Conversion (&table)[Rows], uint32_t value) {
     for (const Conversion& row : table) {
         if (row.from == value) return row.to;
     }
     return 0;
 }
 
-template <size_t width>
-void copy_text(uint8_t (&to)[width], const char (&from)[width]) {
-    memcpy(to, from, width);
+template <size_t Width>
+void copy_text(uint8_t (&to)[Width], const char (&from)[Width]) {
+    memcpy(to, from, Width);
 }
 
 // World-wide names are numbers in the registry and bytes in public records.
