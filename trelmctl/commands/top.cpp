@@ -234,7 +234,7 @@ class Top {
         }
         const int first = std::max(static_cast<int>(selected_) - room() + 1, 0);
         for (int line = 0; line < room() && first + line < static_cast<int>(ports_.size()); ++line) {
-            const auto index = static_cast<std::size_t>(first + line);
+            const auto index = static_cast<std::size_t>(first) + static_cast<std::size_t>(line);
             const PortTraffic& port = *ports_[index];
             std::string text = row(port);
             const auto columns = static_cast<std::size_t>(COLS);
