@@ -52,7 +52,7 @@ MHD_Response* response_of(const Text& text) {
     // The text is not written to; the C interface has no const here.
     MHD_Response* const response = MHD_create_response_from_buffer_with_free_callback_cls(
         text->size(), const_cast<char*>(text->data()), free_text, owner.get());
-    if (response) owner.release();
+    if (response) (void)owner.release();  // the response deletes it
     return response;
 }
 
