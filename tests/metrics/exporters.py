@@ -3,13 +3,15 @@
 from __future__ import annotations
 
 import http.client
+import json
 import os
 import shlex
 import signal
 import socket
 import ssl
 import subprocess
-from typing import Any, Dict, List, Optional, Tuple
+from pathlib import Path
+from typing import Any, Dict, Optional, Tuple
 
 from simulated_host import PATIENCE, SimulatedHost, wait_until
 
@@ -90,32 +92,14 @@ def wwn(kind: str, host: int, index: int) -> str:
 
 
 def small_host(ports: int = 2, number: int = 0) -> Dict[str, Any]:
-    """A host with one adapter. All ports see the two targets of one array, and both targets have the same two LUNs. The WWNs
-    and the rates of the counters depend on the host's number."""
-
-    def target(number: int) -> Dict[str, Any]:
-        luns: List[Dict[str, Any]] = [
-            {"number": lun, "capacity": "64 GiB", "naa": f"50:00:00:c0:5a:d1:00:{lun:02x}"} for lun in range(2)
-        ]
-        return {"index": number, "wwnn": "50:00:00:c0:5a:00:00:10", "wwpn": f"50:00:00:c0:5a:00:00:{number:02x}", "luns": luns}
-
-    def port(index: int) -> Dict[str, Any]:
-        fcf = {"switch_name": "20:64:00:c0:5a:00:00:01", "fabric_name": "10:00:00:c0:5a:00:00:01", "fcf_mac": "00:c0:5a:0f:00:01"}
-        return {
-            "name": f"port-{index}",
-            "function": index,
-            "host_no": index,
-            "wwnn": wwn("20:00", number, index),
-            "wwpn": wwn("20:01", number, index),
-            "vlan": 20,
-            "fcfs": [fcf],
-            "targets": [target(0), target(1)],
-            "counters": {
-                "rx_fcoe_bytes": {"start": 1000, "rate": 125000 * (number + 1)},
-                "rx_fcoe_frames": {"start": 100, "rate": 100 * (number + 1)},
-            },
-        }
-
-    pci = {"address": "0000:3b:00", "vendor_id": "0x1077", "device_id": "0x8080"}
-    adapter = {"driver": "kron", "model": "Ulvard <8042>", "pci": pci, "ports": [port(i) for i in range(ports)]}
-    return {"name": "small", "adapters": [adapter]}
+    """The host of host.json with so many ports like its only one. The WWNs and the rates of the counters depend on the host's
+    number."""
+    text = Path(__file__).with_name("host.json").read_text(encoding="utf-8")
+    host: Dict[str, Any] = json.loads(text)
+    host["adapters"][0]["ports"] = [json.loads(text)["adapters"][0]["ports"][0] for _ in range(ports)]
+    for index, port in enumerate(host["adapters"][0]["ports"]):
+        port.update(name=f"port-{index}", function=index, host_no=index)
+        port.update(wwnn=wwn("20:00", number, index), wwpn=wwn("20:01", number, index))
+        for counter in port["counters"].values():
+            counter["rate"] *= number + 1
+    return host

@@ -87,25 +87,24 @@ def standing_alerts(size: int) -> Set[Alert]:
     return {("TrelmScrapeFailing", host_name(number)) for number in range(1, size + 1) if refuses_statistics(number)}
 
 
-def port(host: Host, number: int = 0) -> Host:
-    found: Host = host["adapters"][0]["ports"][number]
+def port(host: Host) -> Host:
+    found: Host = host["adapters"][0]["ports"][0]
     return found
 
 
-def set_counter(name: str, rate: float) -> Callable[[Host], None]:
-    def change(host: Host) -> None:
-        port(host)["counters"][name] = {"start": 1000, "rate": rate}
-
-    return change
+def cut(host: Host) -> None:
+    port(host)["link"] = "link_down"
 
 
-def set_targets_offline(ports: int, targets: int) -> Callable[[Host], None]:
-    def change(host: Host) -> None:
-        for each in host["adapters"][0]["ports"][:ports]:
-            for target in each["targets"][:targets]:
-                target["offline"] = True
+def count_faster(name: str) -> Callable[[Host], None]:
+    return lambda host: port(host)["counters"].update({name: {"start": 1000, "rate": 20}})
 
-    return change
+
+def take_targets(host: Host, count: int) -> None:
+    """Takes that many targets from that many ports."""
+    for each in host["adapters"][0]["ports"][:count]:
+        for target in each["targets"][:count]:
+            target["offline"] = True
 
 
 @dataclass
@@ -121,18 +120,15 @@ class Damage:
 
 
 def damages() -> List[Damage]:
-    def cut(host: Host) -> None:
-        port(host)["link"] = "link_down"
-
     return [
         Damage("pull the link of a port", "TrelmLinkDown", cut),
         Damage("pull it and plug it in, again and again", "TrelmLinkFlapping", cut, {"TrelmLinkDown"}, flaps=True),
-        Damage("damage frames on their way", "TrelmCrcErrors", set_counter("fc_crc_err_frames", 20)),
-        Damage("lose frames", "TrelmMissingFrames", set_counter("missing_frames", 20)),
-        Damage("let sequences time out", "TrelmTimeouts", set_counter("seq_timeouts", 20)),
-        Damage("abort commands", "TrelmAborts", set_counter("abts_cnt", 20)),
-        Damage("take a target from one port", "TrelmTargetLost", set_targets_offline(ports=1, targets=1)),
-        Damage("take both targets from both ports", "TrelmAllPathsLost", set_targets_offline(ports=2, targets=2), {"TrelmTargetLost"}),
+        Damage("damage frames on their way", "TrelmCrcErrors", count_faster("fc_crc_err_frames")),
+        Damage("lose frames", "TrelmMissingFrames", count_faster("missing_frames")),
+        Damage("let sequences time out", "TrelmTimeouts", count_faster("seq_timeouts")),
+        Damage("abort commands", "TrelmAborts", count_faster("abts_cnt")),
+        Damage("take a target from one port", "TrelmTargetLost", lambda host: take_targets(host, 1)),
+        Damage("take both targets from both ports", "TrelmAllPathsLost", lambda host: take_targets(host, 2), {"TrelmTargetLost"}),
         # The port of the second adapter, which was never online, gets the number of a port that was. Its counters are higher.
         Damage("remove an adapter", "TrelmPortGone", lambda host: host["adapters"].pop(0), {"TrelmAllPathsLost", "TrelmScrapeFailing"}),
         Damage("unmap a LUN", "TrelmLunCountChanged", lambda host: port(host)["targets"][0]["luns"].pop()),
