@@ -72,6 +72,14 @@ TEST_F(LinkStateFiles, ThatCannotBeReadSayNothing) {
     EXPECT_EQ(count, 4711U);
 }
 
+TEST_F(LinkStateFiles, AreListedUpTo128) {
+    uint32_t count = 0;
+    for (int i = 0; i < 130; ++i) put("file" + std::to_string(i));
+    char names[128][32];
+    EXPECT_EQ(trelm_read_directory(directory.c_str(), names, &count), 0U);
+    EXPECT_EQ(count, 128U);
+}
+
 TEST_F(LinkStateFiles, ThatAreMissingMeanThatTheLinkIsDown) {
     pdb.port_state = 8;
     trelm_get_dorfc_link_state(&pdb);
