@@ -71,11 +71,13 @@ TEST_F(CppLayer, ListsTargetsWhateverNumberTheDriverReports) {
 
 TEST_F(CppLayer, ListsTheLunsBeforeOneThatFails) {
     for (const uint32_t lun : {3U, 4U}) hostsim::hosts::add_lun(port().targets.at(1), lun);
-    host.inject({.operation = Operation::scsi, .opcode = 0x12, .occurrence = 2, .status = 13});
-    std::vector<TRELM_LUN_INFO> found;
-    EXPECT_EQ(trelm::Adapter(*library, 0).list_luns(0, 127, found), 0x6000000DU);
-    ASSERT_EQ(found.size(), 1U);
-    EXPECT_EQ(found[0].ScsiLunNum, 3U);
+    for (const uint8_t command : {0x12, 0x25}) {
+        host.inject({.operation = Operation::scsi, .opcode = command, .occurrence = 2, .status = 13});
+        std::vector<TRELM_LUN_INFO> found;
+        EXPECT_EQ(trelm::Adapter(*library, 0).list_luns(0, 127, found), 0x6000000DU);
+        ASSERT_EQ(found.size(), 1U);
+        EXPECT_EQ(found[0].ScsiLunNum, 3U);
+    }
 }
 
 }  // namespace

@@ -3,11 +3,9 @@
 #include <fcntl.h>
 #include <sys/sem.h>
 
-#include <fstream>
-
 #include "support/child.h"
 #include "support/failing_allocation.h"
-#include "support/log_capture.h"
+#include "support/story.h"
 
 namespace {
 tm local_time{0, 0, 2, 5, 10, 119, 0, 0, -1, 0, nullptr};
@@ -83,9 +81,13 @@ TEST_F(Log, WritesNumbersUnsignedAndHexadecimalOnesAboveNineWithAnH) {
 
 TEST_F(Log, StampsLinesOfTheFileWithTheLocalTimeAndAppendsThem) {
     std::ofstream(kLogFile) << "older\n";
+    memset(trelmlog_path + 1, 0x7F, sizeof trelmlog_path - 1);  // the library names its file in 256 bytes
     set_debug_flags(kAllLines);
     print_line("on the terminal");
     set_debug_flags(1);  // lines reach the file and the terminal without any category
+    what_time_it_is = INT64_MAX;
+    print_line("lost: its year is out of range");
+    what_time_it_is = mktime(&local_time);
     trelm_dbg_print("func", "(", 1, 10, 0);
     print_line("): entered.");
     EXPECT_THAT(synced, ElementsAre("older\nNov 05 02:00:00: ")) << "the stamp is on disk before the line";
@@ -97,21 +99,8 @@ TEST_F(Log, StampsLinesOfTheFileWithTheLocalTimeAndAppendsThem) {
     EXPECT_EQ(trelmdbg_fp, nullptr);
     EXPECT_EQ(contents(kLogFile),
               "older\nNov 05 02:00:00: func(1): entered.\ntitle\nNov 05 02:00:00: " + end);
-    EXPECT_EQ(log.take_text(), "on the terminal\nfunc(1): entered.\ntitle\n" + end);
-}
-
-TEST_F(Log, LosesLinesOfAYearOutOfRange) {
-    set_debug_flags(1);
-    what_time_it_is = INT64_MAX;
-    print_line("lost");
-    EXPECT_EQ(contents(kLogFile), "");
-}
-
-TEST_F(Log, FillsInThePathOfItsFile) {
-    memset(trelmlog_path + 1, 0x7F, sizeof trelmlog_path - 1);
-    set_debug_flags(1);
-    print_line("a line");
     EXPECT_EQ(std::string(trelmlog_path, 257), kLogFile + std::string(256 - strlen(kLogFile), '\0') + '\x7F');
+    EXPECT_EQ(log.take_text(), "on the terminal\nfunc(1): entered.\ntitle\n" + end);
 }
 
 TEST_F(Log, GoesToTheFileThatTheProgramNames) {
@@ -169,22 +158,18 @@ TEST_F(Log, WorksWithoutFileOrSemaphoreAndPreservesErrno) {
     EXPECT_EQ(log.take_text(), "removed\ndump\n");
 }
 
-TEST_F(Log, DumpsElementsOfEveryWidthInRows) {
+TEST(Dump, ShowsElementsOfEveryWidthInRows) {
+    const hostsim::Host host(hostsim::hosts::empty());
+    Story story(kTraceLines);
     uint8_t bytes[34] = {0x00, 0x0A, 0xFF, 0x09, 0x10, 0x01};
     bytes[15] = 0xAB;
-    for (const auto& [width, count] : {std::pair{8, 17}, {16, 9}, {32, 5}, {64, 2}, {12, 3}})
-        trelm_dbg_dump("title", bytes, static_cast<uint8_t>(width), static_cast<uint64_t>(count));
-    const std::string rule8 = std::string(78, '-') + "\n", rule16 = std::string(54, '-') + "\n";
-    const std::string rule32 = std::string(42, '-') + "\n", rule64 = std::string(35, '-') + "\n";
-    EXPECT_EQ(log.take_text(),
-              "title\n 0    1    2    3    4    5    6    7    8    9    Ah   Bh   Ch   Dh   Eh   Fh\n" +
-                  rule8 + " 0    Ah  FFh   9   10h   1    0    0    0    0    0    0    0    0    0   ABh\n" +
-                  " 0   \n" + rule8 + "title\n   0      2      4      6      8      Ah     Ch     Eh\n" +
-                  rule16 + " A00h   9FFh   110h     0      0      0      0   AB00h\n   0   \n" + rule16 +
-                  "title\n       0          4          8          Ch\n" + rule32 +
-                  " 9FF0A00h       110h         0   AB000000h\n       0   \n" + rule32 +
-                  "title\n               0                  8\n" + rule64 +
-                  "     11009FF0A00h  AB00000000000000h\n" + rule64 + "title\n");
+    for (const auto& [width, count] :
+         {std::pair<uint8_t, uint64_t>{8, 17}, {16, 9}, {32, 5}, {64, 2}, {12, 3}})
+        story.tell(fmt::format("{} elements of {} bits", count, width), [&, bits = width, elements = count] {
+            trelm_dbg_dump("title", bytes, bits, elements);
+            return 0U;
+        });
+    story.expect_golden("dump");
 }
 
 }  // namespace

@@ -2,17 +2,9 @@
 // effects of wrong answers of a driver. The golden logs have ports whose information is missing.
 
 #include "support/failing_allocation.h"
-#include "support/libc_replacements.h"
 #include "support/port_calls.h"
 #include "trelm_ntapi.h"
 #include "trelm_pyx_ntapi.h"
-
-static std::pair<int, int> node_flags;  // of the descriptor of the last request: access and close-on-exec
-
-REPLACES_LIBC(int, ioctl, (int fd, unsigned long request, void* block)) {
-    node_flags = {fcntl(fd, F_GETFL) & O_ACCMODE, fcntl(fd, F_GETFD)};
-    return NEXT_OF(ioctl)(fd, request, block);
-}
 
 namespace {
 
@@ -60,11 +52,9 @@ TRELM_ON_EACH_DRIVER(Discovery);
 TEST_P(Discovery, FillsBothRecordsAndPutsPhysicalPortsInFront) {
     hostsim::Model model = two_port_host(GetParam());
     hostsim::Adapter& adapter = model.adapters[0];
-    adapter.management_firmware = 0x01020304, adapter.chip_revision = 0x55667788;
     adapter.serial_number = "all-of-the-32-bytes-of-a-serial#";
     adapter.subsystem_id = 0x10, adapter.ports[1].pci_function = 6;
     model.port(0, 1).port_number = 0x204, model.port(0, 1).link_state = 7;
-    model.port(0, 0).host_no = 0x0A0B0C0D, model.port(0, 1).host_no = 55;
     start(model);
     expect_found(6);
     // A virtual port looks up its parent, and the next record goes after the parent. So physical ports are in
@@ -73,14 +63,10 @@ TEST_P(Discovery, FillsBothRecordsAndPutsPhysicalPortsInFront) {
     const std::vector<trelm_priv_db*> ports = registry();
     const trelm_hw_info& hw = *ports[1]->hw_info;
     EXPECT_EQ(std::string(hw.serial_num, 32), adapter.serial_number);
-    EXPECT_STREQ(hw.phys_path, native ? "" : "/dev/char/vmkdriver/dorfc");
     EXPECT_EQ(hw.native_driver, native);
-    EXPECT_EQ(hw.chip_rev_id, native ? 0x55667788U : 0U);
-    EXPECT_EQ(hw.mfw_version, kron() ? 0x01020304U : 0U);
     EXPECT_EQ(hw.phy_port_number, kron() ? 3 : 4) << "function 6 on a quad-port adapter";
     EXPECT_EQ(ports[0]->port_state, native ? 2U : 8U) << "link-state files tell of the legacy driver's";
     EXPECT_EQ(ports[1]->port_state, native ? 7U : 4U);
-    EXPECT_EQ(ports[1]->host_no, 55U);
     for (const auto& [port, parent] : {std::pair{0, -1}, {1, -1}, {2, 1}, {3, 1}, {5, 0}}) {
         EXPECT_EQ(ports[port]->parent, parent < 0 ? nullptr : ports[parent]);
         EXPECT_EQ(ports[port]->hw_info, ports[parent < 0 ? port : parent]->hw_info);
@@ -106,14 +92,6 @@ TEST_P(Discovery, DropsPhysicalPortsOfUnknownDevices) {
     expect_found(12);
     EXPECT_THAT(instances(), testing::UnorderedElementsAreArray(kept));
     EXPECT_EQ(trelm_phy_info->count, 12U);
-
-    // After the removal of a record the cursor is at the sentinel, so the next record goes to the front.
-    model = hostsim::hosts::ports(GetParam(), 0);
-    for (int i = 0; i < 4; ++i) hostsim::hosts::add_adapter(model, GetParam(), 1);
-    model.adapters[1].device_id = 0x8070;
-    start(model);
-    expect_found(3);
-    EXPECT_THAT(instances(), ElementsAre(2, 3, 0));
 }
 
 // One virtual port comes before its physical port, and two physical ports have the same location.
@@ -159,13 +137,6 @@ TEST_P(Discovery, BoundsANonsensicalPortCount) {
     expect_found(300);
 }
 
-TEST(LegacyDiscovery, OpensTheNodeToReadAndWriteAndNotForItsChildren) {
-    const hostsim::Host host(hostsim::hosts::legacy_ports(1));
-    EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
-    EXPECT_EQ(node_flags, std::pair(O_RDWR, FD_CLOEXEC));
-    EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
-}
-
 TEST(LegacyDiscovery, UsesNothingOfARefusedAnswer) {
     hostsim::Host host(hostsim::hosts::legacy_ports(1));
     host.tamper = [](Answer& answer) {
@@ -184,14 +155,9 @@ TEST(LegacyDiscovery, LeavesNothingBehindWhereMemoryRunsOut) {
     hostsim::hosts::add_adapter(model, DriverKind::kron, 2);
     const hostsim::Host host(model);
     for (const size_t size : {sizeof(trelm_priv_db), sizeof(trelm_hw_info)}) {
-        {
-            const FailingAllocation failing(size, 2);
-            EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
-        }
-        uint32_t count = 0;
-        EXPECT_EQ(TRELM_GetPortCount(&count), TRELM_STATUS_OK);
-        EXPECT_EQ(count, 2U);
-        EXPECT_EQ(trelm_phy_info->count, 2U);
+        const FailingAllocation failing(size, 2);
+        EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
+        EXPECT_TRUE(registry().size() == 2 && trelm_phy_info->count == 2);
         EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
     }
 }

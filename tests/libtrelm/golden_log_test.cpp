@@ -87,6 +87,12 @@ class GoldenLog : public testing::TestWithParam<std::tuple<DriverKind, uint32_t>
     int dumps = 0;
     bool walks = false;  // over all targets: only the end is told
     uint32_t handle = 0, count = 0;
+    TRELM_VNPORT_INFO port{};
+    TRELM_PORT_STATS stats{};
+    std::array<TRELM_TGT_INFO, 201> targets{};
+    std::array<TRELM_LUN_INFO, 2> luns{};
+    TRELM_TGT_INFO *to_targets = targets.data(), *no_targets = nullptr;
+    TRELM_LUN_INFO *to_luns = luns.data(), *no_luns = nullptr;
 };
 
 void GoldenLog::tell_load() {
@@ -110,8 +116,11 @@ void GoldenLog::tell_load() {
 void GoldenLog::tell_open() {
     TELL(TRELM_OpenAdapter(kInstance, nullptr));
     TELL(TRELM_OpenAdapter(99, &handle));
-    if (kind == DriverKind::kron) TELL(trelmnt_open_adapter(nullptr, kInstance, &handle));
-    if (kind == DriverKind::pyx) TELL(trelm_pyxnt_open_adapter(nullptr, kInstance, &handle));
+    trelm_priv_db without_adapter{};
+    for (trelm_priv_db* of : {&without_adapter, static_cast<trelm_priv_db*>(nullptr)}) {
+        if (kind == DriverKind::kron) TELL(trelmnt_open_adapter(of, kInstance, &handle));
+        if (kind == DriverKind::pyx) TELL(trelm_pyxnt_open_adapter(of, kInstance, &handle));
+    }
     if (kind == DriverKind::legacy) {
         uint32_t without_hardware = 0;
         for (trelm_priv_db* pdb : registry()) {
@@ -129,8 +138,6 @@ void GoldenLog::tell_open() {
 
 void GoldenLog::tell_port() {
     TRELM_FCOE_INFO fcoe{};
-    TRELM_VNPORT_INFO port{};
-    TRELM_PORT_STATS stats{};
     TELL(TRELM_GetFcoeInfo(99, &fcoe));
     TELL(TRELM_GetFcoeInfo(kHandle, nullptr));
     TELL(TRELM_GetFcoeInfo(kHandle, &fcoe));
@@ -158,10 +165,6 @@ void GoldenLog::tell_scsi() {
 }
 
 void GoldenLog::tell_targets() {
-    std::array<TRELM_TGT_INFO, 2> targets{};
-    std::array<TRELM_LUN_INFO, 2> luns{};
-    TRELM_TGT_INFO *to_targets = targets.data(), *no_targets = nullptr;
-    TRELM_LUN_INFO *to_luns = luns.data(), *no_luns = nullptr;
     TELL(TRELM_GetTgtInfo(99, 0, &count, &to_targets));
     TELL(TRELM_GetTgtInfo(kHandle, 0, &(count = 1), &to_targets));
     TELL(TRELM_GetTgtInfo(kHandle, 0, &(count = 2), &no_targets));
@@ -180,9 +183,6 @@ void GoldenLog::tell_targets() {
         story.tell(fmt::format("TRELM_GetLunInfo, command {:#x} fails", opcode),
                    [&] { return TRELM_GetLunInfo(kHandle, 0, kTarget, &(count = 2), &to_luns); });
     }
-    TRELM_VNPORT_INFO port{};
-    std::array<TRELM_TGT_INFO, 201> many{};
-    to_targets = many.data();
     for (const uint32_t reported : {0, 200}) {
         host.edit([reported](hostsim::Model& model) {
             for (size_t i = 0; i < 16; ++i) hostsim::hosts::port(model, i).reported_target_count = reported;
@@ -245,14 +245,8 @@ void GoldenLog::tell_failing_loads() {
 // request. Otherwise the second request of a call uses the block of the first.
 void GoldenLog::tell_exhausted_memory() {
     constexpr size_t kRequest = 520, kScsiRequest = 262444, kList = 16384, kTargetRecord = 64;
-    TRELM_VNPORT_INFO port{};
-    TRELM_PORT_STATS stats{};
     TRELM_SCSI_CMND ready{};
-    std::array<TRELM_TGT_INFO, 2> targets{};
-    std::array<TRELM_LUN_INFO, 2> luns{};
     dorfc_fcf_info fcf{};
-    TRELM_TGT_INFO* to_targets = targets.data();
-    TRELM_LUN_INFO* to_luns = luns.data();
     uint32_t stat = 0;
     ready.ScsiTgtNum = kTarget, ready.CDBLength = 6;
     host.edit([this](hostsim::Model& model) {

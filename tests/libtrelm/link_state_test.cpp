@@ -56,13 +56,9 @@ TEST_F(LinkStateFiles, NameAPortReadyOverThreeLinesInOrder) {
 }
 
 TEST_F(LinkStateFiles, NameAPortWithAtLeastTwoDigits) {
-    for (const auto& [wwpn, shown, expected] :
-         {std::tuple{0x123U, "123", true}, {5U, "05", true}, {5U, "5", false}}) {
-        pdb.wwpn = wwpn;
-        const std::string text =
-            std::string("SCSI Device Information:\nWWPN ") + shown + "\nLPORT_ST_READY\n";
-        EXPECT_EQ(names_ready(text), expected) << shown;
-    }
+    pdb.wwpn = 5;
+    EXPECT_TRUE(names_ready("SCSI Device Information:\nWWPN 05\nLPORT_ST_READY\n"));
+    EXPECT_FALSE(names_ready("SCSI Device Information:\nWWPN 5\nLPORT_ST_READY\n"));
 }
 
 TEST_F(LinkStateFiles, ThatCannotBeReadSayNothing) {
@@ -78,13 +74,10 @@ TEST_F(LinkStateFiles, ThatCannotBeReadSayNothing) {
 
 TEST_F(LinkStateFiles, AreListedUpTo128) {
     uint32_t count = 0;
-    for (const auto& [files, listed] : {std::pair{100, 101U}, {130, 128U}}) {
-        put(".hidden");
-        for (int i = 0; i < files; ++i) put("file" + std::to_string(i));
-        char names[128][32];
-        EXPECT_EQ(trelm_read_directory(directory.c_str(), names, &count), 0U);
-        EXPECT_EQ(count, listed);
-    }
+    for (int i = 0; i < 130; ++i) put("file" + std::to_string(i));
+    char names[128][32];
+    EXPECT_EQ(trelm_read_directory(directory.c_str(), names, &count), 0U);
+    EXPECT_EQ(count, 128U);
 }
 
 TEST_F(LinkStateFiles, ThatAreMissingMeanThatTheLinkIsDown) {

@@ -64,12 +64,6 @@ TEST_P(GoldenRegistry, ReleasesTheWholeListIfMemoryRunsOut) {
     story.expect_golden("registry_without_memory");
 }
 
-TEST(Registry, KeepsAddressesAsNumbers) {
-    int item = 0;
-    EXPECT_EQ(trelm_ptr_to_64bit(&item), reinterpret_cast<uintptr_t>(&item));
-    EXPECT_EQ(trelm_64bit_to_ptr(trelm_ptr_to_64bit(&item)), &item);
-}
-
 TEST(Registry, KnowsQuadPortAdaptersByAllFourIds) {
     constexpr std::tuple<int, int, int> kIds[] = {{0x1077, 0x8080, 0x1077}, {0x1077, 0x8080, 0x193D},
                                                   {0x1078, 0x8080, 0x1077}, {0x1077, 0x8081, 0x1077},

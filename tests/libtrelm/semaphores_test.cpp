@@ -1,6 +1,6 @@
 // semaphores_test.cpp - the semaphores that processes share: initial value, waiting, and recovery. Most cases
 // use the set of the debug log, which is created when the flags are first read. The soak tests crowds of
-// processes.
+// processes, the sweep releases that fail.
 #include <sys/sem.h>
 
 #include "support/child.h"
@@ -9,17 +9,10 @@
 #include "trelm_mgmt.h"
 
 static bool semctl_fails = false;  // as under a seccomp filter
-static int failing_releases = 0;   // this many of the next releases fail
 
 REPLACES_LIBC(int, semctl, (int set, int number, int command, void* argument)) {
     if (!semctl_fails || !CALLED_BY_LIBRARY()) return NEXT_OF(semctl)(set, number, command, argument);
     errno = EPERM;
-    return -1;
-}
-REPLACES_LIBC(int, semop, (int set, sembuf* steps, size_t count)) {
-    if (steps->sem_op < 0 || failing_releases == 0) return NEXT_OF(semop)(set, steps, count);
-    --failing_releases;
-    errno = ENOSPC;
     return -1;
 }
 
@@ -125,36 +118,6 @@ TEST_F(Semaphores, AreNotUsedIfTheirStateCannotBeRead) {
               }),
               0);
     EXPECT_THAT(log.take(), testing::Contains("a line").Times(2));
-}
-
-TEST_F(Semaphores, ThatCannotBeReleasedStayHeldUntilTheirSetIsRemoved) {
-    EXPECT_EQ(in_child([] {
-                  const int set = get_set();
-                  for (int time = 0; time < 3; ++time) {
-                      set_debug_flags(kSilent);
-                      failing_releases = 1;  // the release of the database fails, so its set is removed
-                      EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
-                      EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
-                      set_debug_flags(kErrorLines);
-                      failing_releases = 1;
-                      trelm_dbg_print(nullptr, "a line", 0, 0, 1);
-                  }
-                  trelm_dbg_print(nullptr, "a line", 0, 0, 1);
-                  EXPECT_EQ(value(set), 1);
-                  return 0;
-              }),
-              0);
-    EXPECT_THAT(log.take(), testing::Contains("a line").Times(4));
-}
-
-// The golden logs hold the warnings for other sets.
-TEST_F(Semaphores, OfTheLogFailWithoutAWarning) {
-    set_debug_flags(kErrorLines);
-    trelm_dbg_sem_id = semget(IPC_PRIVATE, 1, 0600);
-    semctl(trelm_dbg_sem_id, 0, IPC_RMID);
-    EXPECT_EQ(trelm_sem_wait(trelm_dbg_sem_id), -1);
-    EXPECT_EQ(trelm_sem_signal(trelm_dbg_sem_id), -1);
-    EXPECT_EQ(log.take_text(), "");
 }
 
 TEST_F(Semaphores, AreWaitedForDespiteSignalsAndFreedWhenTheHolderIsKilled) {

@@ -1,7 +1,6 @@
 // shared_db_test.cpp - the file that processes with the library loaded share: joining, leaving, and all
 // failures of both. The process listing of the host is a script, so each test chooses how many copies are
 // loaded.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/sem.h>
 
@@ -11,6 +10,7 @@
 #include "shared_db.h"
 #include "support/child.h"
 #include "support/failing_allocation.h"
+#include "support/libc_replacements.h"
 #include "support/story.h"
 
 namespace {
@@ -19,20 +19,17 @@ int failing_error = EIO;
 int flushes = 0;  // synchronous ones of the whole file
 }  // namespace
 
-#define FAILING(type, name, parameters, arguments, failure)                                     \
-    extern "C" [[gnu::visibility("default")]] type name parameters {                            \
-        static const auto next = reinterpret_cast<type(*) parameters>(dlsym(RTLD_NEXT, #name)); \
-        if (failing_calls.empty() || !failing_calls.erase(#name)) return next arguments;        \
-        errno = failing_error;                                                                  \
-        return failure;                                                                         \
+#define FAILING(type, name, parameters, arguments, failure)                                       \
+    REPLACES_LIBC(type, name, parameters) {                                                       \
+        if (failing_calls.empty() || !failing_calls.erase(#name)) return NEXT_OF(name) arguments; \
+        errno = failing_error;                                                                    \
+        return failure;                                                                           \
     }
 
-extern "C" [[gnu::visibility("default")]] int msync(void* at, size_t size, int flags) {
-    static const auto next = reinterpret_cast<int (*)(void*, size_t, int)>(dlsym(RTLD_NEXT, "msync"));
+REPLACES_LIBC(int, msync, (void* at, size_t size, int flags)) {
     flushes += at == trelm_shared_data && size == sizeof(trelm_shared_db) && flags == MS_SYNC;
-    return next(at, size, flags);
+    return NEXT_OF(msync)(at, size, flags);
 }
-
 FAILING(int, fsync, (int fd), (fd), -1)
 FAILING(int, remove, (const char* path), (path), -1)
 FAILING(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), -1)
@@ -115,6 +112,7 @@ TEST_P(GoldenSharedDatabase, LogsOpensAndCloses) {
     write_file(std::string(1000, 'o'));
     TELL(open_anew());
     TELL(leave());
+    EXPECT_TRUE(!fs::exists(kFile) && the_set() == -1) << "the last process removes them";
     write_file(kAllTaken + std::string(kSize - kAllTaken.size(), '\0'));
     TELL(open_anew());
     failing_error = ENOSPC;
@@ -171,13 +169,6 @@ TEST_F(SharedDatabase, IsLeftUnderANewSetIfItsOwnIsGone) {
     leave();
     EXPECT_EQ(contents().substr(0, 4), marks({0}));
     EXPECT_EQ(semctl(the_set(), 0, GETVAL), 1);
-}
-
-TEST_F(SharedDatabase, IsRemovedByTheLastProcess) {
-    open_anew();
-    leave();
-    EXPECT_FALSE(fs::exists(kFile));
-    EXPECT_EQ(the_set(), -1);
 }
 
 TEST_F(SharedDatabase, AcceptsAFileOfAnySizeAndFreesSlotsWhenAllAreTaken) {

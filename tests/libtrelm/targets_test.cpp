@@ -145,19 +145,6 @@ TEST_P(Targets, ListLunsWithEveryFieldInBothLayouts) {
     }
 }
 
-TEST_P(Targets, EndALunListAtTheFirstFailedCommand) {
-    set_luns({{0, 1, 512}, {0x1F, 1, 512}, {0x20, 0x2'0000'0000, 512}});
-    for (const auto& [opcode, occurrence, filled] :
-         {std::tuple{0xA0, 1U, 0U}, {0x12, 2, 1}, {0x25, 1, 0}, {0x9E, 1, 2}}) {
-        hostsim::Fault fails = fault(Operation::scsi, {.status = 6}, occurrence);
-        fails.opcode = static_cast<uint8_t>(opcode);
-        host.edit([&fails](hostsim::Model& model) { model.faults = {fails}; });
-        EXPECT_EQ(list_luns(3), 0x60000006U);
-        EXPECT_TRUE(array.only_written(std::max(4U, filled * TRELM_LUN_INFO_STRIDE(2))));
-        EXPECT_EQ(count, 3U);
-    }
-}
-
 TEST_P(Targets, RefuseALunListThatDoesNotFit) {
     for (const uint32_t length : {0U, 7U, 25U, 16376U, 16384U, 0x7FFFFFF8U, 0xFFFFFFFFU}) {
         report(length);

@@ -58,6 +58,11 @@ uint32_t count_ports() {
     return TRELM_GetPortCount(&count);
 }
 
+void load_anew() {
+    EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
+    EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
+}
+
 // A driver that holds SCSI commands until it is released.
 class Waiting {
   public:
@@ -163,8 +168,7 @@ TEST_P(Threads, ThatAreCancelledOrEndInAHandlerLeaveNothingLocked) {
     pthread_cancel(victim);
     cancelled.join();
     EXPECT_EQ(victim, 0U) << "the function returned before";
-    EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
-    EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
+    load_anew();
     const uint32_t reopened = open_port(0);
 
     signal(SIGUSR1, [](int) { pthread_exit(nullptr); });
@@ -176,8 +180,7 @@ TEST_P(Threads, ThatAreCancelledOrEndInAHandlerLeaveNothingLocked) {
     in_driver = nullptr;
     EXPECT_EQ(ask_stats(reopened), TRELM_STATUS_OK);
     EXPECT_EQ(TRELM_CloseAdapter(reopened), TRELM_STATUS_OK);
-    EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
-    EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
+    load_anew();
 }
 
 uint32_t interrupted_handle = 0;
@@ -200,16 +203,14 @@ TEST_P(Threads, MayCallInASignalHandlerWhatDoesNotWaitForTheInterruptedCall) {
     const uint32_t closed = GetParam() == DriverKind::legacy ? TRELM_STATUS_FAILED : TRELM_STATUS_OK;
     EXPECT_THAT(answers, testing::ElementsAre(TRELM_STATUS_OK, TRELM_STATUS_OK, TRELM_STATUS_OK,
                                               TRELM_STATUS_OK, closed, TRELM_STATUS_FAILED));
-    EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
-    EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
+    load_anew();
 }
 
 TEST_P(Threads, AreGoneInAForkedChild) {
     const auto use_and_free = [this] {
         EXPECT_EQ(ask_stats(other), TRELM_STATUS_OK);
         EXPECT_EQ(TRELM_CloseAdapter(handle), TRELM_STATUS_OK);
-        EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
-        EXPECT_EQ(TRELM_LoadLibrary(), TRELM_STATUS_OK);
+        load_anew();
         EXPECT_EQ(TRELM_FreeLibrary(), TRELM_STATUS_OK);
         return 0;
     };

@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
+#include <mutex>
 
 #include "../support/libc_replacements.h"
 #include "sweep.h"
@@ -57,21 +57,12 @@ void __libc_free(void* block);
 // The live blocks of the library. There are never many.
 static constinit size_t block_count = 0;
 static constinit void* blocks[4096] = {};
-static constinit std::atomic_flag blocks_are_taken{};
-
-class BlocksLock {
-  public:
-    BlocksLock() {
-        while (blocks_are_taken.test_and_set()) {
-        }
-    }
-    ~BlocksLock() { blocks_are_taken.clear(); }
-};
+static constinit std::mutex blocks_mutex;
 
 size_t live_blocks() { return block_count; }
 
 static void* remember(void* block) {
-    const BlocksLock lock;
+    const std::lock_guard lock(blocks_mutex);
     if (block_count == std::size(blocks)) abort();
     return blocks[block_count++] = block;
 }
@@ -89,7 +80,7 @@ void* before_calloc(size_t count, size_t size) {
 // Any caller of free(): a list of the library is emptied through a pointer to this function.
 void before_free(void* block) {
     if (block != nullptr) {
-        const BlocksLock lock;
+        const std::lock_guard lock(blocks_mutex);
         void** const end = blocks + block_count;
         void** const found = std::find(blocks, end, block);
         if (found != end) *found = blocks[--block_count];
