@@ -18,7 +18,7 @@ std::optional<hostsim::OwnCalls> fuzzers_own;  // the fuzzer reads its inputs fr
 
 // Checks that a native command holds zeros after the data that it sends. The legacy driver fills the rest of
 // the buffer of the caller.
-void take_command(const hostsim::Answer& given, bool native) {
+void take_command(const hostsim::DriverAnswer& given, bool native) {
     const auto& command = given.as<dorfc_scsi_cmd>();
     REQUIRE(command.cdb_len <= kScsiMaxCdb && command.sense_len <= kScsiMaxSense);
     REQUIRE(command.direction <= SCSI_DIRECTION_OUT);
@@ -33,7 +33,7 @@ void take_command(const hostsim::Answer& given, bool native) {
 }
 
 // Sets values without which the library would not use the port any further.
-void suggest(const hostsim::Answer& given) {
+void suggest(const hostsim::DriverAnswer& given) {
     constexpr uint16_t kDevices[]{0x8080, 0x16A1, 0x168E};
     const auto operation = given.call.operation;
     if (operation == Operation::hba_count) given.payload[0] = static_cast<uint8_t>(input->below(8));
@@ -45,7 +45,7 @@ void suggest(const hostsim::Answer& given) {
 // An answer in the input: its form, then what the form requires. The payload is that of the request, filled
 // with one byte, patched, or unchanged. For a native SCSI command only the command and the beginning of its
 // data are changed.
-void answer(hostsim::Answer& given) {
+void answer(hostsim::DriverAnswer& given) {
     if (given.call.operation == Operation::scsi)
         take_command(given, given.call.driver != hostsim::DriverKind::legacy);
     suggest(given);

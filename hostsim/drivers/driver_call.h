@@ -12,7 +12,7 @@
 namespace hostsim {
 
 // A recorded request.
-struct Call {
+struct DriverCall {
     DriverKind driver = DriverKind::kron;
     Operation operation = Operation::init;
     uint64_t number = 0;         // callback id or ioctl number
@@ -25,8 +25,8 @@ struct Call {
 // What a driver is about to answer. A test may change all of it before the caller sees it. `payload` is the
 // record without header, alike for all drivers (host number and count: 4 bytes); `data` is the data phase of
 // a SCSI command.
-struct Answer {
-    const Call& call;
+struct DriverAnswer {
+    const DriverCall& call;
     std::span<uint8_t> payload;
     std::span<uint8_t> data;
     uint32_t status = 0;

@@ -58,15 +58,15 @@ RequestPipeline::RequestPipeline(Model described, State& state, LunStores stores
     : model(std::move(described)), state_(state), stores_(std::move(stores)), recording_(recording) {}
 
 Completion RequestPipeline::serve(const DriverRequest& request) {
-    const Call& call = remember(request);
+    const DriverCall& call = remember(request);
     const Completion completion = carry_out(request);
     if (!tamper || !*tamper) return completion;
-    Answer open{.call = call,
-                .payload = request.payload,
-                .data = request.data,
-                .status = completion.status,
-                .result = completion.result,
-                .error = completion.error};
+    DriverAnswer open{.call = call,
+                      .payload = request.payload,
+                      .data = request.data,
+                      .status = completion.status,
+                      .result = completion.result,
+                      .error = completion.error};
     (*tamper)(open);
     return {.status = open.status, .result = open.result, .error = open.error};
 }
@@ -86,13 +86,13 @@ Completion RequestPipeline::pass(DriverKind driver, Operation operation, uint64_
     return effect ? failing(*effect) : Completion{};
 }
 
-const Call& RequestPipeline::remember(const DriverRequest& request) {
-    last_ = Call{.driver = request.driver,
-                 .operation = request.operation,
-                 .number = request.number,
-                 .port = request.port,
-                 .block = first_bytes(request.block, request.block.size()),
-                 .payload = first_bytes(request.record, kRecordedPayload)};
+const DriverCall& RequestPipeline::remember(const DriverRequest& request) {
+    last_ = DriverCall{.driver = request.driver,
+                       .operation = request.operation,
+                       .number = request.number,
+                       .port = request.port,
+                       .block = first_bytes(request.block, request.block.size()),
+                       .payload = first_bytes(request.record, kRecordedPayload)};
     if (recording_) calls.push_back(last_);
     return last_;
 }

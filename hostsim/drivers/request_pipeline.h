@@ -47,17 +47,17 @@ class RequestPipeline {
     Completion pass(DriverKind driver, Operation operation, uint64_t number);
 
     Model model;
-    std::vector<Call> calls;
-    std::function<void(Answer&)>* tamper = nullptr;
+    std::vector<DriverCall> calls;
+    std::function<void(DriverAnswer&)>* tamper = nullptr;
 
   private:
     Completion carry_out(const DriverRequest& request);
-    const Call& remember(const DriverRequest& request);
+    const DriverCall& remember(const DriverRequest& request);
 
     State& state_;
     LunStores stores_;
     bool recording_;
-    Call last_;
+    DriverCall last_;
 };
 
 }  // namespace hostsim

@@ -184,14 +184,14 @@ void Host::edit(const std::function<void(Model&)>& change) {
     core_->user = core_->pipeline.model.effective_user;
 }
 
-std::vector<Call> Host::calls() const {
+std::vector<DriverCall> Host::calls() const {
     const std::lock_guard lock(core_->mutex);
     return core_->pipeline.calls;
 }
 
 size_t Host::count_calls(Operation operation) const {
-    const std::vector<Call> all = calls();
-    const auto is_one = [&](const Call& call) { return call.operation == operation; };
+    const std::vector<DriverCall> all = calls();
+    const auto is_one = [&](const DriverCall& call) { return call.operation == operation; };
     return static_cast<size_t>(std::count_if(all.begin(), all.end(), is_one));
 }
 

@@ -47,11 +47,11 @@ class HOSTSIM_API Host {
 
     Model& model();                                      // may be changed between driver calls
     void edit(const std::function<void(Model&)>& edit);  // while other threads make driver calls
-    std::vector<Call> calls() const;
+    std::vector<DriverCall> calls() const;
     size_t count_calls(Operation operation) const;
     void clear_calls();
     void inject(Fault fault);  // adds to the model's faults
-    std::function<void(Answer&)> tamper;
+    std::function<void(DriverAnswer&)> tamper;
     std::filesystem::path root() const;  // under which the host's "/tmp" and "/var/tmp" lie
 
     // ---- For the interposers; these functions do not throw

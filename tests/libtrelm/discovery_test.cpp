@@ -127,7 +127,7 @@ TEST_P(Discovery, BoundsANonsensicalPortCount) {
         EXPECT_EQ(host().count_calls(Operation::hostno), asked);
     }
     forget();
-    host().tamper = [](Answer& answer) {  // a success resets the count of failures in a row
+    host().tamper = [](DriverAnswer& answer) {  // a success resets the count of failures in a row
         if (answer.call.operation == Operation::hostno) answer.status = answer.call.port % 256 != 0;
     };
     expect_found(native ? 1 : 256);
@@ -139,7 +139,7 @@ TEST_P(Discovery, BoundsANonsensicalPortCount) {
 
 TEST(LegacyDiscovery, UsesNothingOfARefusedAnswer) {
     hostsim::Host host(hostsim::hosts::legacy_ports(1));
-    host.tamper = [](Answer& answer) {
+    host.tamper = [](DriverAnswer& answer) {
         if (answer.call.operation != Operation::port_info) return;
         answer.status = 42;
         std::fill(answer.payload.begin(), answer.payload.end(), 'x');

@@ -103,7 +103,7 @@ void GoldenLog::tell_load() {
     TELL(TRELM_GetPortCount(&count));
     TELL(TRELM_OpenAdapter(kInstance, &handle));
     TELL(TRELM_CloseAdapter(kHandle));
-    host.tamper = [](Answer& answer) {  // a number that shows its base
+    host.tamper = [](DriverAnswer& answer) {  // a number that shows its base
         if (answer.call.operation == Operation::pci_info) answer.as<dorfc_pci_info>().function_num += 24;
     };
     TELL(TRELM_LoadLibrary());

@@ -30,7 +30,7 @@ using namespace trelm::test;
 // The drivers that were asked for their ports, in order.
 std::string asked(const hostsim::Host& host) {
     std::string order;
-    for (const hostsim::Call& call : calls_of(host, Operation::hba_count))
+    for (const hostsim::DriverCall& call : calls_of(host, Operation::hba_count))
         order.append(hostsim::kDriverKindNames.at(static_cast<size_t>(call.driver))).append(" ");
     return order;
 }

@@ -143,7 +143,7 @@ TEST_P(PortInfo, RequestsHoldNothingOfEarlierAnswers) {
         EXPECT_EQ(TRELM_GetPortStats(2, 77, &stats), TRELM_STATUS_OK);
         EXPECT_EQ(TRELM_GetTgtInfo(2, 77, &count, &to_targets), TRELM_STATUS_OK);
     }
-    for (const hostsim::Call& call : host.calls()) {
+    for (const hostsim::DriverCall& call : host.calls()) {
         if (call.operation == Operation::scsi) continue;
         const ptrdiff_t host_number = native() ? 4 : 0, header = native() ? 8 : 0;
         std::vector<uint8_t> payload(call.payload.begin() + host_number, call.payload.end());
@@ -179,7 +179,7 @@ TEST_P(PortInfo, PassesEveryCounterOnUnchanged) {
         host.model().port(0, 1).virtual_ports[0].counters[i].start = value;
         expected.put(kFirst + sizeof value * i, value);
     }
-    host.tamper = [](Answer& answer) {
+    host.tamper = [](DriverAnswer& answer) {
         memset(answer.as<dorfc_port_stats>().reserved, 0xEE, sizeof(dorfc_port_stats::reserved));
     };
     expect_record<TRELM_PORT_STATS>(expected, sizeof(TRELM_PORT_STATS), [](TRELM_PORT_STATS* stats) {

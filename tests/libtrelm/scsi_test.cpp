@@ -19,7 +19,7 @@ TEST_P(Scsi, MovesEveryByteAndHidesItFromTheNextCommand) {
     constexpr size_t kRecorded = 1024 - sizeof(native_cb_header);  // of a native payload
     open_port();
     std::vector<uint8_t> kept, buffer;
-    answer_scsi(host, [&](Answer& answer, dorfc_scsi_cmd& record) {
+    answer_scsi(host, [&](DriverAnswer& answer, dorfc_scsi_cmd& record) {
         const uint8_t direction = record.direction;
         buffer.assign(answer.data.begin(), answer.data.end());
         if (native()) memset(answer.payload.data(), 0xDB, answer.payload.size());
@@ -81,13 +81,13 @@ TEST_P(Scsi, ReturnsOnlyWhatArrivedAndFits) {
     for (const auto& [wanted, came, sense, claimed, arrived] : rows) {
         for (const uint32_t status : {0U, 9U}) {
             SCOPED_TRACE(fmt::format("{} of sense came, {} of data, status {}", came, claimed, status));
-            answer_scsi(host,
-                        [status, came = came, claimed = claimed](Answer& answer, dorfc_scsi_cmd& record) {
-                            memset(record.sense, 0x5E, sizeof record.sense);
-                            std::fill(answer.data.begin(), answer.data.end(), uint8_t{0x3C});
-                            record.sense_len = static_cast<uint16_t>(came), record.data_len = claimed;
-                            answer.status = status;
-                        });
+            answer_scsi(
+                host, [status, came = came, claimed = claimed](DriverAnswer& answer, dorfc_scsi_cmd& record) {
+                    memset(record.sense, 0x5E, sizeof record.sense);
+                    std::fill(answer.data.begin(), answer.data.end(), uint8_t{0x3C});
+                    record.sense_len = static_cast<uint16_t>(came), record.data_len = claimed;
+                    answer.status = status;
+                });
             Guarded<TRELM_SCSI_CMND> sent;
             Bytes command = Bytes::initial(sizeof(TRELM_SCSI_CMND));
             auto& fields = command.as<TRELM_SCSI_CMND>();

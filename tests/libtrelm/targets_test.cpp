@@ -58,7 +58,7 @@ class Targets : public testing::TestWithParam<DriverKind> {
     }
     // The length field of a list of LUNs, and its entries if they are given.
     void report(uint32_t length, const std::string& entries = {}) {
-        answer_scsi(host, [=](Answer& answer, dorfc_scsi_cmd& record) {
+        answer_scsi(host, [=](DriverAnswer& answer, dorfc_scsi_cmd& record) {
             const uint32_t header = __builtin_bswap32(length);
             if (record.cdb[0] != 0xA0) return;
             memcpy(answer.data.data(), &header, sizeof header);
@@ -126,7 +126,7 @@ TEST_P(Targets, ListLunsWithEveryFieldInBothLayouts) {
         EXPECT_EQ(count, 5U);
     }
     // The commands for the list and for its last LUN, byte by byte.
-    const std::vector<hostsim::Call> calls = host.calls();
+    const std::vector<hostsim::DriverCall> calls = host.calls();
     ASSERT_EQ(calls.size(), 11U);
     for (const auto& [call, cdb_length, cdb, room] :
          {std::tuple{0U, 12U, "\xA0\0\0\0\0\0\0\0\x40\0\0\0\0\0\0", 16384U},

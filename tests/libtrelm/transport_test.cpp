@@ -78,7 +78,7 @@ TEST_P(Transport, ReturnsTheStatusAndTheWholeAnswerOfASuccess) {
         DriverFailure{.status = 20, .error = EIO}.of(host, request.operation);
         EXPECT_EQ(std::pair(request.call(record.data()), stat), std::pair(1U, 20U));
         EXPECT_TRUE(contents(record) == before);
-        host.tamper = [](Answer& answer) {
+        host.tamper = [](DriverAnswer& answer) {
             answer.status = 0, answer.result = 0;
             std::fill(answer.payload.begin(), answer.payload.end(), 0x6B);
         };

@@ -15,7 +15,7 @@
 
 namespace trelm::test {
 
-using hostsim::Answer;
+using hostsim::DriverAnswer;
 using hostsim::DriverKind;
 using hostsim::Operation;
 using testing::Each;
@@ -95,14 +95,14 @@ inline std::vector<uint32_t> instances() {
 }
 
 // The payload of a request without the header of the driver interface.
-inline std::vector<uint8_t> payload_of(const hostsim::Call& call) {
+inline std::vector<uint8_t> payload_of(const hostsim::DriverCall& call) {
     const ptrdiff_t header = call.driver == DriverKind::legacy ? 0 : 8;
     return {call.payload.begin() + header, call.payload.end()};
 }
 
-inline std::vector<hostsim::Call> calls_of(const hostsim::Host& host, Operation operation) {
-    std::vector<hostsim::Call> calls = host.calls();
-    std::erase_if(calls, [&](const hostsim::Call& call) { return call.operation != operation; });
+inline std::vector<hostsim::DriverCall> calls_of(const hostsim::Host& host, Operation operation) {
+    std::vector<hostsim::DriverCall> calls = host.calls();
+    std::erase_if(calls, [&](const hostsim::DriverCall& call) { return call.operation != operation; });
     return calls;
 }
 
@@ -112,7 +112,7 @@ struct DriverFailure {
     int error = 0;
 
     void of(hostsim::Host& host, Operation operation) const {
-        host.tamper = [failure = *this, operation](Answer& answer) {
+        host.tamper = [failure = *this, operation](DriverAnswer& answer) {
             if (answer.call.operation != operation) return;
             answer.status = failure.status;
             answer.result = failure.error ? -1 : 0;
@@ -130,7 +130,7 @@ inline hostsim::Fault fault(Operation operation, DriverFailure failure, uint64_t
 // Passes the answer to every SCSI command to `work`. Its status is good unless `work` changes it.
 template <typename Work>
 void answer_scsi(hostsim::Host& host, const Work& work) {
-    host.tamper = [work](Answer& answer) {
+    host.tamper = [work](DriverAnswer& answer) {
         if (answer.call.operation != Operation::scsi) return;
         answer.status = 0;
         answer.result = 0;

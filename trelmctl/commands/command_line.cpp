@@ -42,14 +42,14 @@ void add_flag(CLI::App& command, const char* name, bool& flag, const char* help)
     command.add_flag(name, flag, help)->disable_flag_override();
 }
 
-void add_addressing(CLI::App& command, Addressing addressing, Options& options) {
-    if (addressing >= Addressing::port) {
+void add_addressee(CLI::App& command, Addressee addressee, Options& options) {
+    if (addressee >= Addressee::port) {
         add_value(command, "PORT", "",
                   "Instance number, WWPN or host name (vmhba32); PORT/NPIV names a virtual port",
                   [&](const std::string& given) { options.port = port_value(given); })
             ->required();
     }
-    if (addressing >= Addressing::target) {
+    if (addressee >= Addressee::target) {
         add_value(command, "TARGET", "", "Target number, as 'trelmctl targets' lists it",
                   [&](const std::string& given) {
                       options.target =
@@ -57,7 +57,7 @@ void add_addressing(CLI::App& command, Addressing addressing, Options& options) 
                   })
             ->required();
     }
-    if (addressing >= Addressing::lun) {
+    if (addressee >= Addressee::lun) {
         add_value(
             command, "LUN", "",
             "LUN, as 'trelmctl luns' lists it; the upper half of a LUN of several levels is its extension",
@@ -222,7 +222,7 @@ struct Parser {
         for (const Command& command : commands()) {
             CLI::App* sub = app.add_subcommand(command.name, command.help);
             add_common(*sub);
-            add_addressing(*sub, command.addressing, options);
+            add_addressee(*sub, command.addressee, options);
             for (const OwnOptions& own : kOwnOptions) {
                 if (own.command == command.name) own.add(*sub, options);
             }
@@ -341,7 +341,7 @@ void run_tool_version(Output& output) {
 
 // The words are those of another command line, not options of this one.
 std::optional<Options> words_to_complete(int argc, char** argv) {
-    static constexpr Command kCommand{"complete", "", Addressing::none, run_complete};
+    static constexpr Command kCommand{"complete", "", Addressee::none, run_complete};
     if (argc < 2 || std::strcmp(argv[1], kCommand.name) != 0) return std::nullopt;
     Options options;
     options.command = &kCommand;

@@ -12,7 +12,7 @@
 namespace trelmctl {
 
 std::span<const Command> commands() {
-    using enum Addressing;
+    using enum Addressee;
     static constexpr std::array kTable{
         Command{"list", "List the FCoE ports of this host with their present state", none, run_list},
         Command{"show", "Show all that is known of a port and its adapter", port, run_show},

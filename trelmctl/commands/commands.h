@@ -9,12 +9,12 @@
 namespace trelmctl {
 
 // How many of the arguments PORT, TARGET and LUN a command takes, in this order.
-enum class Addressing { none, port, target, lun };
+enum class Addressee { none, port, target, lun };
 
 struct Command {
     const char* name;
     const char* help;
-    Addressing addressing;
+    Addressee addressee;
     void (*run)(const Options& options, Output& output);
 };
 

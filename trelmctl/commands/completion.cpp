@@ -137,7 +137,7 @@ Words arguments_of(const Line& line) {
     const std::size_t given = line.arguments.size();
     if (line.command->run == run_help) return command_names();
     if (line.command->run == run_completion) return {"bash", "zsh", "fish"};
-    if (static_cast<std::size_t>(line.command->addressing) <= given) return {};
+    if (static_cast<std::size_t>(line.command->addressee) <= given) return {};
     if (given == 0) return port_names(true);
     if (given == 1) return target_names(line.arguments[0]);
     return lun_names(line.arguments[0], line.arguments[1]);
