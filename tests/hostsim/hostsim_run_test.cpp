@@ -24,8 +24,8 @@ class Golden : public Programs, public testing::WithParamInterface<std::string> 
 TEST_P(Golden, CommandsPrintAndLeaveWhatTheFileHolds) {
     const fs::path file = kGolden / (GetParam() + ".txt"), here = fs::path(at("x")).parent_path();
     const std::string preparation = fmt::format(
-        "cd {}; umask 022; export LC_ALL=C.UTF-8 TMPDIR=$PWD/temporary HOSTS={}/hostsim/hosts "
-        "PATH={}/bin:/usr/bin:/bin; ",
+        "cd '{}'; umask 022; export LC_ALL=C.UTF-8 TMPDIR=$PWD/temporary HOSTS='{}/hostsim/hosts' "
+        "PATH='{}/bin':/usr/bin:/bin; ",
         here.string(), source_dir(), binary_dir());
     fs::create_directory(at("temporary"));
     expect_told_commands(file, [&](const std::string& line) {

@@ -2,7 +2,6 @@
 // failure, a free, and loads that fail. Each file in golden/ has the calls of the scenario, their results and
 // their lines, with only trace lines (DRIVER_trace.txt) or only error lines (DRIVER_error.txt). Numbers are
 // large enough to show their base.
-
 #include "shared_db.h"
 #include "support/failing_allocation.h"
 #include "support/port_calls.h"
@@ -49,8 +48,8 @@ class GoldenLog : public testing::TestWithParam<std::tuple<DriverKind, uint32_t>
   protected:
     using Call = std::function<uint32_t()>;
 
-    // Four dumps are enough. Of the legacy driver, the fifth port has no names, the sixth no hardware record. registry_test has the
-    // lines for added and removed records.
+    // Four dumps are enough. Of the legacy driver, the fifth port has no names, the sixth no hardware record.
+    // registry_test has the lines for added and removed records.
     GoldenLog() {
         story.hides = [this](const std::string& line) {
             if (walks) return line.find("got index") == line.npos;

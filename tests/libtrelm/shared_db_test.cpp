@@ -257,6 +257,7 @@ TEST_P(GoldenSharedDatabase, FailsAtTheFirstFaultAndKeepsTheFormerContents) {
     // afterwards or -1.
     const std::tuple<const char*, void (*)(), std::set<std::string_view>, size_t, ssize_t> faults[] = {
         {"a directory", [] { mkdir(kFile, 0755); }, {}, 1, -1},
+        {"a pipe", [] { mkfifo(kFile, 0644); }, {}, 1, -1},
         {"a link", [] { fs::create_symlink("/tmp/victim", kFile); }, {}, 1, -1},
         {"a write that fails", nothing, {"write"}, 1, -1},
         {"a new file that is neither synchronised nor removed", nothing, {"fsync", "remove"}, 1, kSize},
