@@ -22,7 +22,7 @@ namespace {
 constexpr int kCannotAttach = 125;
 
 // Never destroyed: programs use files and start others until they exit.
-constinit std::atomic<const HostVariables*> variables = nullptr;
+constinit std::atomic<const HostVariables*> attached_variables = nullptr;
 
 std::string value(const char* name) {
     const char* text = std::getenv(name);
@@ -53,7 +53,7 @@ bool is_simulators_own() {
         // Released: it lives as long as the process.
         [[maybe_unused]] const State* const state =
             State::attach(root, split(value(kPassedVariable), "\n")).release();
-        variables.store(read_variables());
+        attached_variables.store(read_variables());
     } catch (const std::exception& error) {
         // The process must not go on: it would use the machine's own files.
         std::fprintf(stderr,
@@ -67,7 +67,7 @@ bool is_simulators_own() {
 
 }  // namespace
 
-const HostVariables* host_variables() noexcept { return variables.load(std::memory_order_acquire); }
+const HostVariables* host_variables() noexcept { return attached_variables.load(std::memory_order_acquire); }
 
 void restore_environment() noexcept {
     const HostVariables* host = host_variables();
