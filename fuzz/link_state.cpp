@@ -15,21 +15,21 @@ namespace {
 namespace fs = std::filesystem;
 using trelm::fuzz::Input;
 
-const std::string directory = fs::temp_directory_path() / ("link-state-" + std::to_string(getpid()));
+const std::string kDirectory = fs::temp_directory_path() / ("link-state-" + std::to_string(getpid()));
 constexpr uint32_t kMaxNames = 128;
 constexpr size_t kNameRoom = 32;
 
 // The text of the last.
 std::string write_files(Input& input) {
-    fs::create_directory(directory);
+    fs::create_directory(kDirectory);
     const auto text = [&input](size_t size) {
         const auto bytes = input.bytes(size);
         return std::string(bytes.begin(), bytes.end());
     };
     for (uint32_t files = input.take<uint8_t>(); files > 0; --files)
-        std::ofstream(directory + "/" + text(input.below(48)).c_str());
+        std::ofstream(kDirectory + "/" + text(input.below(48)).c_str());
     std::string last = text(SIZE_MAX);
-    std::ofstream(directory + "/last") << last;
+    std::ofstream(kDirectory + "/last") << last;
     return last;
 }
 
@@ -37,9 +37,9 @@ std::string write_files(Input& input) {
 void check_table() {
     trelm::test::GuardedBytes table(kMaxNames * kNameRoom);
     uint32_t count = 0, expected = 0;
-    REQUIRE(!trelm_read_directory(directory.c_str(), reinterpret_cast<char(*)[32]>(table.data()), &count));
+    REQUIRE(!trelm_read_directory(kDirectory.c_str(), reinterpret_cast<char(*)[32]>(table.data()), &count));
     REQUIRE(table.guards_intact());
-    for (const auto& file : fs::directory_iterator(directory)) {
+    for (const auto& file : fs::directory_iterator(kDirectory)) {
         const std::string name = file.path().filename();
         if (name.size() >= kNameRoom || expected == kMaxNames) continue;
         const auto* slot = reinterpret_cast<const char*>(table.data()) + expected++ * kNameRoom;
@@ -61,10 +61,10 @@ bool may_be_ready(const std::string& text, uint64_t wwpn) {
 
 // This is the directory of the driver.
 REPLACES_LIBC(DIR*, opendir, (const char* path)) {
-    return NEXT_OF(opendir)(CALLED_BY_LIBRARY() ? directory.c_str() : path);
+    return NEXT_OF(opendir)(CALLED_BY_LIBRARY() ? kDirectory.c_str() : path);
 }
 REPLACES_LIBC(int, open, (const char* path, int flags, mode_t mode)) {
-    return NEXT_OF(open)(CALLED_BY_LIBRARY() ? (directory + strrchr(path, '/')).c_str() : path, flags, mode);
+    return NEXT_OF(open)(CALLED_BY_LIBRARY() ? (kDirectory + strrchr(path, '/')).c_str() : path, flags, mode);
 }
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -75,11 +75,11 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string last = write_files(input);
     check_table();
 
-    const bool ready = trelm_read_file_for_link((directory + "/last").c_str(), &pdb) == 0;
+    const bool ready = trelm_read_file_for_link((kDirectory + "/last").c_str(), &pdb) == 0;
     REQUIRE(pdb.port_state == (ready ? TRELM_PORTSTATE_ONLINE : 0));
     REQUIRE(!ready || may_be_ready(last, pdb.wwpn));
     trelm_get_dorfc_link_state(&pdb);
     REQUIRE(pdb.port_state == TRELM_PORTSTATE_ONLINE || pdb.port_state == TRELM_PORTSTATE_LINKDOWN);
-    fs::remove_all(directory);
+    fs::remove_all(kDirectory);
     return 0;
 }

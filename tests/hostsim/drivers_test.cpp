@@ -10,7 +10,6 @@ namespace {
 
 using hostsim::DriverKind;
 using hostsim::Host;
-using hostsim::Model;
 using hostsim::Operation;
 namespace hosts = hostsim::hosts;
 

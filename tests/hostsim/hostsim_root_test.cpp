@@ -61,7 +61,7 @@ TEST_F(HostsimRoot, IsNotMadeOnAFullDisk) {
     fs::create_directory(temporary);
     setenv("TMPDIR", temporary.c_str(), 1);
     disk_is_full = true;
-    EXPECT_THROW(hostsim::Host(hostsim::hosts::empty()), std::system_error);
+    EXPECT_THROW(hostsim::Host{hostsim::hosts::empty()}, std::system_error);
     disk_is_full = false;
     EXPECT_TRUE(fs::is_empty(temporary));
 }

@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <sys/sem.h>
 
+#include <fstream>
+
 #include "support/child.h"
 #include "support/failing_allocation.h"
 #include "support/story.h"

@@ -2,6 +2,8 @@
 // failure, a free, and loads that fail. Each file in golden/ has the calls of the scenario, their results and
 // their lines, with only trace lines (DRIVER_trace.txt) or only error lines (DRIVER_error.txt). Numbers are
 // large enough to show their base.
+#include <fstream>
+
 #include "shared_db.h"
 #include "support/failing_allocation.h"
 #include "support/port_calls.h"

@@ -7,6 +7,8 @@
 // Before the rounds, threads and forked children write the log at once.
 //
 // As a guest (--guest) of a host that trelm-hostsim runs, the program calls the drivers of that host.
+#include <fmt/format.h>
+
 #include <CLI/CLI.hpp>
 #include <array>
 #include <atomic>

@@ -40,6 +40,7 @@ inline bool in_library(const void* code) {
 // Begins the definition of a replacement function. NEXT_OF(name) is the next definition of that name. The
 // function has a C++ name of its own, because the declarations of libc carry attributes that do not hold for
 // the replacement.
+// NOLINTBEGIN(bugprone-macro-parentheses): a type cannot be in parentheses
 #define REPLACES_LIBC(result, name, parameters)                                                    \
     extern "C" [[gnu::visibility("default")]] result before_##name parameters __asm__(#name);      \
     [[maybe_unused]] static auto next_##name() {                                                   \
@@ -47,6 +48,7 @@ inline bool in_library(const void* code) {
         return next;                                                                               \
     }                                                                                              \
     result before_##name parameters
+// NOLINTEND(bugprone-macro-parentheses)
 
 #define NEXT_OF(name) next_##name()
 
