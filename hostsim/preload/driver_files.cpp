@@ -1,5 +1,7 @@
 #include "driver_files.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <mutex>
@@ -41,7 +43,7 @@ LinkStates current;
 
 // Returns true if anything had to be changed.
 bool replace_link_states(const OwnDirectory& root, const std::vector<LinkStateFile>& files) {
-    const std::string directory = std::string(layout::kLinkStates) + "/";
+    const std::string directory = fmt::format("{}/", layout::kLinkStates);
     bool changed = false;
     for (const LinkStateFile& file : files) {
         if (root.text(directory + file.name) == file.text) continue;
