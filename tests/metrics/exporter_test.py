@@ -170,7 +170,9 @@ class ExporterTest(unittest.TestCase):
         self.assertLess(last - first, 1024)
 
     def test_tls_and_users_of_a_web_configuration(self) -> None:
-        directory = Path(self.enterContext(tempfile.TemporaryDirectory(dir=BUILD)))
+        temporary = tempfile.TemporaryDirectory(dir=BUILD)
+        self.addCleanup(temporary.cleanup)
+        directory = Path(temporary.name)
         make = "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=localhost -addext subjectAltName=DNS:localhost"
         subprocess.run([*make.split(), "-keyout", directory / "key", "-out", directory / "cert"], check=True, stderr=subprocess.DEVNULL)
         hashed = "$2y$08$fleetofsimulatedhosts.tznekgrdOc58WfDqboajBt6rbBU8C1u"  # of "open sesame"

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import copy
 import http.client
 import json
 import os
@@ -94,10 +95,10 @@ def wwn(kind: str, host: int, index: int) -> str:
 def small_host(ports: int = 2, number: int = 0) -> Dict[str, Any]:
     """The host of host.json with so many ports like its only one. The WWNs and the rates of the counters depend on the host's
     number."""
-    text = Path(__file__).with_name("host.json").read_text(encoding="utf-8")
-    host: Dict[str, Any] = json.loads(text)
-    host["adapters"][0]["ports"] = [json.loads(text)["adapters"][0]["ports"][0] for _ in range(ports)]
-    for index, port in enumerate(host["adapters"][0]["ports"]):
+    host: Dict[str, Any] = json.loads(Path(__file__).with_name("host.json").read_text(encoding="utf-8"))
+    adapter = host["adapters"][0]
+    adapter["ports"] = [copy.deepcopy(adapter["ports"][0]) for _ in range(ports)]
+    for index, port in enumerate(adapter["ports"]):
         port.update(name=f"port-{index}", function=index, host_no=index)
         port.update(wwnn=wwn("20:00", number, index), wwpn=wwn("20:01", number, index))
         for counter in port["counters"].values():

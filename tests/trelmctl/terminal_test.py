@@ -2,11 +2,14 @@
 
 from __future__ import annotations
 
+import copy
+import fcntl
 import json
 import os
 import pty
 import re
 import select
+import struct
 import subprocess
 import termios
 import time
@@ -20,6 +23,10 @@ LAB = json.loads(re.sub(r"//.*", "", Path(os.environ["TRELM_SOURCE"], "hostsim/h
 LEAVES_THE_SCREEN = "\033[?1049l"
 
 
+def set_size(terminal: int, columns: int, lines: int) -> None:
+    fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", lines, columns, 0, 0))
+
+
 class Terminal:
     """A shell command on a simulated host, on its own terminal."""
 
@@ -28,11 +35,11 @@ class Terminal:
         self.seen = ""
         self.process, self.terminal = pty.fork()
         if self.process == 0:
-            termios.tcsetwinsize(0, (lines, columns))
+            set_size(0, columns, lines)
             os.execv(words[0], words)
 
     def resize(self, columns: int, lines: int) -> None:
-        termios.tcsetwinsize(self.terminal, (lines, columns))
+        set_size(self.terminal, columns, lines)
 
     def type(self, keys: str) -> None:
         os.write(self.terminal, keys.encode())
@@ -72,12 +79,13 @@ class Terminal:
             while True:
                 self.read()
         except OSError:
-            return os.waitstatus_to_exitcode(os.waitpid(self.process, 0)[1])
+            status = os.waitpid(self.process, 0)[1]
+            return os.WEXITSTATUS(status) if os.WIFEXITED(status) else -os.WTERMSIG(status)
 
 
 class TerminalTest(unittest.TestCase):
     def setUp(self) -> None:
-        self.host = SimulatedHost(json.loads(json.dumps(LAB)))
+        self.host = SimulatedHost(copy.deepcopy(LAB))
         self.addCleanup(self.host.remove)
 
     def terminal(self, command: str, columns: int = 80, lines: int = 24) -> Terminal:
@@ -146,7 +154,7 @@ class TerminalTest(unittest.TestCase):
         terminal.screen_with("Port 0  vmhba32  online")
         terminal.type("\033")
         self.assertNotIn("vmhba36", terminal.screen_with("2 ports"))
-        self.host.host = json.loads(json.dumps(LAB))
+        self.host.host = copy.deepcopy(LAB)
         self.fail_requests(operation="port_stats", port="kron-b")
         terminal.screen_with("\033[31m2      vmhba35   online")
         self.fail_requests(operation="scsi", port="kron-b")
