@@ -179,7 +179,7 @@ TEST_F(HostsimRun, KeepsARootThatWasGivenAndSharesItAmongCommandsOfOneHostOnly) 
     EXPECT_EQ(finish(first).status, 0);
     EXPECT_EQ(text_of(at("first")), "hello\n");
     EXPECT_FALSE(fs::exists(at("root") + hostsim::layout::kState));
-    EXPECT_EQ(run("cat /tmp/second; ls /var/tmp", root_option).out, "hello\nlog\n");
+    EXPECT_EQ(run("cat /tmp/second; cd /var/tmp; ls log", root_option).out, "hello\nlog\n");
 }
 
 TEST_F(HostsimRun, KeepsSemaphoresApartAndRemovesThem) {
