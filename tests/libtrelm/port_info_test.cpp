@@ -117,13 +117,16 @@ TEST_P(PortInfo, OfAPortHasLiveFieldsAndFieldsOfTheLoad) {
     }
 }
 
-TEST_P(PortInfo, ThatFailsLeavesTheLastTargetCount) {
+TEST_P(PortInfo, ThatFailsLeavesTheRecordAndTheLastTargetCount) {
     uint32_t reported = 5, count = 0;
     for (const Operation failing : {Operation::fcf_info, Operation::port_info}) {
         host.model().port(0, 1).reported_target_count = std::exchange(reported, 9);
         DriverFailure{.status = 5}.of(host, failing);
         TRELM_VNPORT_INFO info{};
+        info.Version = 2;
+        const TRELM_VNPORT_INFO before = info;
         EXPECT_EQ(TRELM_GetVNPortInfo(2, 77, &info), 0x60000005U);
+        EXPECT_EQ(memcmp(&info, &before, sizeof info), 0);
         TRELM_TGT_INFO* nowhere = nullptr;
         EXPECT_EQ(TRELM_GetTgtInfo(2, 77, &count, &nowhere), TRELM_STATUS_INSUFFICIENT_BUFFER);
         EXPECT_EQ(count, 5U) << "port information came, then the FCF request failed; nothing came since";
