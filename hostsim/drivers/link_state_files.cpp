@@ -6,7 +6,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <iterator>
 
 #include "trelm_driver_records.h"
 
@@ -27,17 +26,16 @@ const char* state_word(uint32_t link_state) {
 bool is_ready(const PortRef& ref) { return ref.port->link_state == FC_PORTSTATE_ONLINE; }
 
 void add_section(std::string& text, const PortRef& ref) {
-    const auto out = std::back_inserter(text);
-    fmt::format_to(out, "\nSCSI Device Information: host{}\n", ref.host_no);
-    fmt::format_to(out, "  Port type         : {}\n", ref.is_virtual ? "NPIV" : "physical");
-    fmt::format_to(out, "  WWNN              : {:016x}\n", ref.wwnn);
-    fmt::format_to(out, "  WWPN              : {:02x}\n", ref.wwpn);
-    fmt::format_to(out, "  Port ID           : {:06x}\n", ref.port->port_id);
-    fmt::format_to(out, "  VLAN              : {}\n", ref.port->vlan);
-    fmt::format_to(out, "  Lport state       : {}\n", state_word(ref.port->link_state));
+    text += fmt::format("\nSCSI Device Information: host{}\n", ref.host_no);
+    text += fmt::format("  Port type         : {}\n", ref.is_virtual ? "NPIV" : "physical");
+    text += fmt::format("  WWNN              : {:016x}\n", ref.wwnn);
+    text += fmt::format("  WWPN              : {:02x}\n", ref.wwpn);
+    text += fmt::format("  Port ID           : {:06x}\n", ref.port->port_id);
+    text += fmt::format("  VLAN              : {}\n", ref.port->vlan);
+    text += fmt::format("  Lport state       : {}\n", state_word(ref.port->link_state));
     for (const Target& target : ref.port->targets) {
-        fmt::format_to(out, "  Target {:3}        : port ID {:06x}, {}\n", target.index, target.port_id,
-                       target.offline ? "offline" : "logged in");
+        text += fmt::format("  Target {:3}        : port ID {:06x}, {}\n", target.index, target.port_id,
+                            target.offline ? "offline" : "logged in");
     }
 }
 
@@ -48,11 +46,10 @@ LinkStateFile make_file(const Model& model, const std::vector<PortRef>& sections
     for (const PortRef& ref : sections) {
         if (ref.port == physical) file.name = std::to_string(ref.host_no);
     }
-    fmt::format_to(std::back_inserter(file.text),
-                   "{} FCoE driver {}\n{} serial {}, firmware {}\nPCI {:04x}:{:02x}:{:02x}.{}\n",
-                   adapter.manufacturer, model.driver(DriverKind::legacy).version, adapter.model,
-                   adapter.serial_number, adapter.firmware_version, adapter.pci_domain, adapter.pci_bus,
-                   adapter.pci_device, physical->pci_function);
+    file.text += fmt::format("{} FCoE driver {}\n{} serial {}, firmware {}\nPCI {:04x}:{:02x}:{:02x}.{}\n",
+                             adapter.manufacturer, model.driver(DriverKind::legacy).version, adapter.model,
+                             adapter.serial_number, adapter.firmware_version, adapter.pci_domain,
+                             adapter.pci_bus, adapter.pci_device, physical->pci_function);
     for (const PortRef& ref : sections) add_section(file.text, ref);
     return file;
 }

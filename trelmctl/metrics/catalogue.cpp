@@ -4,7 +4,6 @@
 
 #include <array>
 #include <cstddef>
-#include <iterator>
 #include <optional>
 
 #include "text.h"
@@ -417,8 +416,8 @@ std::string render(const HostSample& host, Format format) {
 std::string describe() {
     std::string text = "| metric | type | unit | labels | meaning |\n|---|---|---|---|---|\n";
     for (const auto& [family, labels, emit] : catalogue()) {
-        fmt::format_to(std::back_inserter(text), "| `{}` | {} | {} | {} | {} |\n", family.sample_name(),
-                       type_name(family.type), family.unit, labels, family.help);
+        text += fmt::format("| `{}` | {} | {} | {} | {} |\n", family.sample_name(), type_name(family.type),
+                            family.unit, labels, family.help);
     }
     return text;
 }

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <iterator>
 #include <utility>
 
 namespace trelmctl::metrics {
@@ -64,16 +63,15 @@ void Exposition::begin(const Family& family) {
 
 void Exposition::announce() {
     if (std::exchange(announced_, true)) return;
-    auto out = std::back_inserter(text_);
     if (format_ == Format::openmetrics) {
-        fmt::format_to(out, "# TYPE {} {}\n", family_.name, type_name(family_.type));
-        if (!family_.unit.empty()) fmt::format_to(out, "# UNIT {} {}\n", family_.name, family_.unit);
-        fmt::format_to(out, "# HELP {} {}\n", family_.name, family_.help);
+        text_ += fmt::format("# TYPE {} {}\n", family_.name, type_name(family_.type));
+        if (!family_.unit.empty()) text_ += fmt::format("# UNIT {} {}\n", family_.name, family_.unit);
+        text_ += fmt::format("# HELP {} {}\n", family_.name, family_.help);
         return;
     }
     const bool counts = family_.type == MetricType::counter;
-    fmt::format_to(out, "# HELP {} {}\n", sample_name_, family_.help);
-    fmt::format_to(out, "# TYPE {} {}\n", sample_name_, counts ? "counter" : "gauge");
+    text_ += fmt::format("# HELP {} {}\n", sample_name_, family_.help);
+    text_ += fmt::format("# TYPE {} {}\n", sample_name_, counts ? "counter" : "gauge");
 }
 
 void Exposition::begin_line(std::string_view name, std::string_view labels) {
@@ -91,14 +89,14 @@ void Exposition::add(std::string_view labels, uint64_t value) {
 void Exposition::add(std::string_view labels, double value) {
     announce();
     begin_line(sample_name_, labels);
-    fmt::format_to(std::back_inserter(text_), "{}\n", value);
+    text_ += fmt::format("{}\n", value);
 }
 
 void Exposition::add_counter(std::string_view labels, uint64_t value, std::optional<double> since) {
     add(labels, value);
     if (!since || format_ != Format::openmetrics) return;
     begin_line(std::string(family_.name) + "_created", labels);
-    fmt::format_to(std::back_inserter(text_), "{:.3f}\n", *since);
+    text_ += fmt::format("{:.3f}\n", *since);
 }
 
 void Exposition::add_state(std::string_view labels, std::string_view state, bool holds) {

@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 #include <sys/utsname.h>
 
-#include <iterator>
 #include <string_view>
 
 #include "replaced.h"
@@ -43,15 +42,15 @@ std::string state_of(const PortSample& port) {
 void append_port(const AdapterSample& adapter, const PortSample& port, std::string& out) {
     const bool good = port.complete() && port.info->PortState == TRELM_PORTSTATE_ONLINE;
     const auto told = [&](auto text) { return port.info ? html(text(*port.info)) : std::string(); };
-    fmt::format_to(std::back_inserter(out),
-                   "<tr{}><td>{}</td><td>{}</td><td>{}</td><td>{}</td><td>{}</td><td>{}</td>"
-                   "<td class=\"number\">{}</td></tr>\n",
-                   good ? "" : " class=\"bad\"", port.label,
-                   told([](const auto& info) { return field_text(info.HbaName); }), state_of(port),
-                   told([](const auto& info) { return address(info.WWPN); }),
-                   told([](const auto& info) { return info.PortSpeed ? speed_words(info.PortSpeed) : ""; }),
-                   adapter.info ? html(field_text(adapter.info->ModelName)) : "",
-                   told([](const auto& info) { return fmt::to_string(number(info.TgtCount)); }));
+    out += fmt::format(
+        "<tr{}><td>{}</td><td>{}</td><td>{}</td><td>{}</td><td>{}</td><td>{}</td>"
+        "<td class=\"number\">{}</td></tr>\n",
+        good ? "" : " class=\"bad\"", port.label,
+        told([](const auto& info) { return field_text(info.HbaName); }), state_of(port),
+        told([](const auto& info) { return address(info.WWPN); }),
+        told([](const auto& info) { return info.PortSpeed ? speed_words(info.PortSpeed) : ""; }),
+        adapter.info ? html(field_text(adapter.info->ModelName)) : "",
+        told([](const auto& info) { return fmt::to_string(number(info.TgtCount)); }));
 }
 
 std::string host_name() {
@@ -109,8 +108,7 @@ std::string render_page(const HostSample& host, Draw draw) {
         }
         out += "</table>\n" + picture_of(host, name, draw);
     }
-    fmt::format_to(
-        std::back_inserter(out),
+    out += fmt::format(
         "<p><a href=\"metrics\">Metrics</a>. Sampled in {:.0f} ms by trelmctl {}.</p>\n</body>\n</html>\n",
         host.took.count() * 1000, TRELMCTL_VERSION);
     return out;

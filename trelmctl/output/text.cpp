@@ -21,8 +21,7 @@ std::string escaped(std::string_view bytes) {
 
 std::string hex_bytes(const uint8_t* bytes, std::size_t count, std::string_view separator) {
     std::string out;
-    for (std::size_t i = 0; i < count; ++i)
-        fmt::format_to(std::back_inserter(out), "{}{:02x}", i ? separator : "", bytes[i]);
+    for (std::size_t i = 0; i < count; ++i) out += fmt::format("{}{:02x}", i ? separator : "", bytes[i]);
     return out;
 }
 
