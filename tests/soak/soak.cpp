@@ -9,7 +9,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <CLI/CLI.hpp>
 #include <atomic>
 #include <fstream>
 #include <map>
@@ -18,6 +17,7 @@
 #include "../support/child.h"
 #include "../support/golden.h"
 #include "../support/libc_replacements.h"
+#include "../support/options.h"
 #include "host.h"
 #include "host_builders.h"
 #include "trelm_mgmt.h"
@@ -387,10 +387,10 @@ class Soak {
 int main(int argc, char** argv) {
     unsigned seconds = 60;
     unsigned seed = std::random_device{}();
-    CLI::App app("Crowds of processes that load the library, work, free it and are killed.");
-    app.add_option("--seconds", seconds, "How long crowds go on coming");
-    app.add_option("--seed", seed, "What chance starts from");
-    CLI11_PARSE(app, argc, argv);
+    trelm::test::Options("Crowds of processes that load the library, work, free it and are killed.")
+        .number("--seconds", seconds, "How long crowds go on coming")
+        .number("--seed", seed, "What chance starts from")
+        .read(argc, argv);
     fmt::print("soak: seed {}\n", seed);
     fflush(stdout);
     const hostsim::Host host(hostsim::hosts::kron_ports(1));

@@ -9,7 +9,6 @@
 // As a guest (--guest) of a host that trelm-hostsim runs, the program calls the drivers of that host.
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
 #include <array>
 #include <atomic>
 #include <barrier>
@@ -21,6 +20,7 @@
 #include "../support/golden.h"
 #include "../support/libc_replacements.h"
 #include "../support/log_capture.h"
+#include "../support/options.h"
 #include "trelm_driver_records.h"
 #include "trelm_mgmt.h"
 
@@ -395,12 +395,12 @@ void run(unsigned thread_count, unsigned seconds, unsigned seed) {
 int main(int argc, char** argv) {
     unsigned threads = 8, seconds = 60, seed = std::random_device{}();
     bool is_guest = false;
-    CLI::App app("Threads that use every public function at once, with loads and frees in between.");
-    app.add_option("--threads", threads, "How many");
-    app.add_option("--seconds", seconds, "For how long");
-    app.add_option("--seed", seed, "What chance starts from");
-    app.add_flag("--guest", is_guest, "On the simulated host that this program was started on");
-    CLI11_PARSE(app, argc, argv);
+    trelm::test::Options("Threads that use every public function at once, with loads and frees in between.")
+        .number("--threads", threads, "How many")
+        .number("--seconds", seconds, "For how long")
+        .number("--seed", seed, "What chance starts from")
+        .flag("--guest", is_guest, "On the simulated host that this program was started on")
+        .read(argc, argv);
     is_guest ? run_as_guest(threads, seconds) : run(threads, seconds, seed);
     return failures == 0 ? 0 : 1;
 }

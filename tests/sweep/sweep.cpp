@@ -6,13 +6,13 @@
 #include <fmt/format.h>
 #include <sys/sem.h>
 
-#include <CLI/CLI.hpp>
 #include <list>
 #include <random>
 
 #include "../support/child.h"
 #include "../support/descriptors.h"
 #include "../support/libc_replacements.h"
+#include "../support/options.h"
 #include "host.h"
 
 namespace {
@@ -127,14 +127,15 @@ std::vector<Chore> plan(uint64_t every, uint64_t& calls) {
 int main(int argc, char** argv) {
     bool sample = false;
     std::string host = kHosts[0].name, manner = "one";
-    uint64_t call = 0, calls = 0;
-    CLI::App app(
-        "Makes every call of the library that can fail do so, and checks results, memory and descriptors.");
-    app.add_flag("--sample", sample, "Only every 16th call, from a random one on");
-    app.add_option("--host", host, "Host of a single run")->check(CLI::IsMember({"native", "legacy"}));
-    app.add_option("--call", call, "The call that fails in a single run");
-    app.add_option("--manner", manner, "Whether it fails alone")->check(CLI::IsMember({"one", "onwards"}));
-    CLI11_PARSE(app, argc, argv);
+    unsigned call = 0;
+    uint64_t calls = 0;
+    trelm::test::Options(
+        "Makes every call of the library that can fail do so, and checks results, memory and descriptors.")
+        .flag("--sample", sample, "Only every 16th call, from a random one on")
+        .choice("--host", host, {"native", "legacy"}, "Host of a single run")
+        .number("--call", call, "The call that fails in a single run")
+        .choice("--manner", manner, {"one", "onwards"}, "Whether it fails alone")
+        .read(argc, argv);
     if (!trelm::test::find_library()) throw std::logic_error("libtrelm.so is not in this process; link it");
     const Chore single{host == kHosts[0].name ? 0U : 1U, manner == "one" ? Failing::one : Failing::onwards,
                        call};
