@@ -31,7 +31,7 @@ TEST(Interface, ExportsTheCommittedNamesInTheirNodes) {
     EXPECT_EQ(output_of(nm + "| grep -c ' D trelm_[a-z]*_semkey@'"), "2\n") << "programs may set the keys";
 }
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // these need their run-time library too
+#ifndef TRELM_SANITIZED  // sanitizers need their run-time library too
 TEST(Interface, NeedsLibcAndTheManagementLibraryAlone) {
     EXPECT_EQ(output_of("readelf -d" + kLibrary + "| sed -n 's/.*(NEEDED).*: //p' | sort"),
               "[libc.so.6]\n[libvmkmgmt.so]\n");

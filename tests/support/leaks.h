@@ -2,14 +2,14 @@
 // report it.
 #pragma once
 
-#ifdef __SANITIZE_ADDRESS__
+#ifdef TRELM_SANITIZED_ADDRESS
 #include <sanitizer/lsan_interface.h>
 #endif
 
 namespace trelm::test {
 
 // Allocations of this thread may leak while an object lives.
-#ifdef __SANITIZE_ADDRESS__
+#ifdef TRELM_SANITIZED_ADDRESS
 using LeaksAllowed = __lsan::ScopedDisabler;
 #else
 struct [[maybe_unused]] LeaksAllowed {};
