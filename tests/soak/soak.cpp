@@ -387,10 +387,10 @@ class Soak {
 int main(int argc, char** argv) {
     unsigned seconds = 60;
     unsigned seed = std::random_device{}();
-    trelm::test::Options("Crowds of processes that load the library, work, free it and are killed.")
-        .number("--seconds", seconds, "How long crowds go on coming")
-        .number("--seed", seed, "What chance starts from")
-        .read(argc, argv);
+    trelm::test::read_options(argc, argv,
+                              "Crowds of processes that load the library, work, free it and are killed.",
+                              {{"--seconds", &seconds, "How long crowds go on coming"},
+                               {"--seed", &seed, "What chance starts from"}});
     fmt::print("soak: seed {}\n", seed);
     fflush(stdout);
     const hostsim::Host host(hostsim::hosts::kron_ports(1));

@@ -395,12 +395,12 @@ void run(unsigned thread_count, unsigned seconds, unsigned seed) {
 int main(int argc, char** argv) {
     unsigned threads = 8, seconds = 60, seed = std::random_device{}();
     bool is_guest = false;
-    trelm::test::Options("Threads that use every public function at once, with loads and frees in between.")
-        .number("--threads", threads, "How many")
-        .number("--seconds", seconds, "For how long")
-        .number("--seed", seed, "What chance starts from")
-        .flag("--guest", is_guest, "On the simulated host that this program was started on")
-        .read(argc, argv);
+    trelm::test::read_options(
+        argc, argv, "Threads that use every public function at once, with loads and frees in between.",
+        {{"--threads", &threads, "How many"},
+         {"--seconds", &seconds, "For how long"},
+         {"--seed", &seed, "What chance starts from"},
+         {"--guest", &is_guest, "On the simulated host that this program was started on"}});
     is_guest ? run_as_guest(threads, seconds) : run(threads, seconds, seed);
     return failures == 0 ? 0 : 1;
 }

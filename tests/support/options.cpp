@@ -5,35 +5,24 @@
 
 namespace trelm::test {
 
-struct Options::Parser {
-    CLI::App app;
-};
-
-Options::Options(const std::string& purpose) : parser_(new Parser{CLI::App(purpose)}) {}
-
-Options::~Options() = default;
-
-Options& Options::number(const std::string& name, unsigned& value, const std::string& meaning) {
-    parser_->app.add_option(name, value, meaning);
-    return *this;
-}
-
-Options& Options::choice(const std::string& name, std::string& value, const std::vector<std::string>& allowed,
-                         const std::string& meaning) {
-    parser_->app.add_option(name, value, meaning)->check(CLI::IsMember(allowed));
-    return *this;
-}
-
-Options& Options::flag(const std::string& name, bool& value, const std::string& meaning) {
-    parser_->app.add_flag(name, value, meaning);
-    return *this;
-}
-
-void Options::read(int argc, const char* const* argv) {
+void read_options(int argc, const char* const* argv, const std::string& purpose,
+                  const std::vector<Option>& options) {
+    CLI::App app(purpose);
+    for (const auto& [name, value, meaning, allowed] : options) {
+        CLI::Option* added = nullptr;
+        if (bool* const* flag = std::get_if<bool*>(&value)) {
+            added = app.add_flag(name, **flag, meaning);
+        } else if (unsigned* const* number = std::get_if<unsigned*>(&value)) {
+            added = app.add_option(name, **number, meaning);
+        } else {
+            added = app.add_option(name, *std::get<std::string*>(value), meaning);
+        }
+        if (!allowed.empty()) added->check(CLI::IsMember(allowed));
+    }
     try {
-        parser_->app.parse(argc, argv);
+        app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        std::exit(parser_->app.exit(error));
+        std::exit(app.exit(error));
     }
 }
 

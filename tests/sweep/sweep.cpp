@@ -129,13 +129,13 @@ int main(int argc, char** argv) {
     std::string host = kHosts[0].name, manner = "one";
     unsigned call = 0;
     uint64_t calls = 0;
-    trelm::test::Options(
-        "Makes every call of the library that can fail do so, and checks results, memory and descriptors.")
-        .flag("--sample", sample, "Only every 16th call, from a random one on")
-        .choice("--host", host, {"native", "legacy"}, "Host of a single run")
-        .number("--call", call, "The call that fails in a single run")
-        .choice("--manner", manner, {"one", "onwards"}, "Whether it fails alone")
-        .read(argc, argv);
+    trelm::test::read_options(
+        argc, argv,
+        "Makes every call of the library that can fail do so, and checks results, memory and descriptors.",
+        {{"--sample", &sample, "Only every 16th call, from a random one on"},
+         {"--host", &host, "Host of a single run", {"native", "legacy"}},
+         {"--call", &call, "The call that fails in a single run"},
+         {"--manner", &manner, "Whether it fails alone", {"one", "onwards"}}});
     if (!trelm::test::find_library()) throw std::logic_error("libtrelm.so is not in this process; link it");
     const Chore single{host == kHosts[0].name ? 0U : 1U, manner == "one" ? Failing::one : Failing::onwards,
                        call};
