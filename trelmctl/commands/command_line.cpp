@@ -90,13 +90,17 @@ void add_topology_options(CLI::App& command, Options& options) {
               [&](const std::string& given) { options.drawing = drawing_value(given); });
 }
 
+void add_count(CLI::App& command, Options& options, const char* description) {
+    add_value(command, "--count", "N", description, [&](const std::string& given) {
+        options.samples = number_value("--count", given, 1, UINT32_MAX);
+    });
+}
+
 void add_stats_options(CLI::App& command, Options& options) {
     add_value(command, "--watch", "SECONDS",
               "Show rates per second every SECONDS; with --json a document a line",
               [&](const std::string& given) { options.watch = seconds_value("--watch", given); });
-    add_value(command, "--count", "N", "End after N times", [&](const std::string& given) {
-        options.samples = number_value("--count", given, 1, UINT32_MAX);
-    });
+    add_count(command, options, "End after N times");
 }
 
 void add_top_options(CLI::App& command, Options& options) {
@@ -109,9 +113,7 @@ void add_top_options(CLI::App& command, Options& options) {
 
 void add_monitor_options(CLI::App& command, Options& options) {
     add_top_options(command, options);
-    add_value(command, "--count", "N", "End after N looks", [&](const std::string& given) {
-        options.samples = number_value("--count", given, 1, UINT32_MAX);
-    });
+    add_count(command, options, "End after N looks");
 }
 
 void add_scsi_options(CLI::App& command, Options& options) {
