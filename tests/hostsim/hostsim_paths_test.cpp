@@ -196,7 +196,7 @@ TEST_F(HostsimPaths, TheLegacyNodeIsACharacterDeviceThatRequestsReach) {
     const int copy = dup(fd);
     EXPECT_EQ(ioctl(copy, DORFC_GET_HBA_COUNT, &block), 0);
     EXPECT_EQ(+count.hba_cnt, 1);
-    const unsigned number = 1000;
+    const unsigned number = 970;
     const auto unused = static_cast<int>(number);
     const std::pair<const char*, std::function<int()>> closers[]{
         {"close", [&] { return close(unused); }},
