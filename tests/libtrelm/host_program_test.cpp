@@ -91,8 +91,10 @@ TEST(ForkedChild, OwnsNothingUntilItLoadsTheLibraryItself) {
     EXPECT_EQ(in_child([]() -> int { exit(0); }), 0);
     parent_is_as_before();
     EXPECT_EQ(in_child([] {
-                  uint32_t count = 0;
+                  uint32_t count = 0, handle = 0;
                   EXPECT_EQ(TRELM_LoadLibrary() + TRELM_GetPortCount(&count), 0U);
+                  EXPECT_EQ(TRELM_OpenAdapter(0, &handle) + TRELM_LoadLibrary(), 0U);
+                  EXPECT_EQ(TRELM_CloseAdapter(handle), 0U) << "the second load loaded again";
                   EXPECT_EQ(count, 2U);
                   EXPECT_EQ(trelm_library_instance, 1);
                   EXPECT_EQ(trelm_shared_data->libinst_flags[1], 5U);

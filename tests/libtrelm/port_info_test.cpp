@@ -109,6 +109,7 @@ TEST_P(PortInfo, OfAPortHasLiveFieldsAndFieldsOfTheLoad) {
     expect_record<TRELM_VNPORT_INFO>(
         expected, offsetof(TRELM_VNPORT_INFO, HbaName),
         [](TRELM_VNPORT_INFO* filled) { return TRELM_GetVNPortInfo(2, 77, filled); });
+    EXPECT_EQ(trelm_get_pdb_from_user_handle(2)->port_id, 0xABCDEFU) << "the registry keeps the answer";
     TRELM_VNPORT_INFO info{};
     for (const uint32_t state : {2U, 7U, 0U, 1U, 3U, 6U, 8U, 0xFFFFFFFFU}) {
         port.link_state = state;

@@ -132,6 +132,8 @@ TEST(LegacyNode, TakesRequestsInABlockWithTheAddressOfThePayload) {
     EXPECT_EQ(memcmp(block.get(), &expected, sizeof expected), 0);
     EXPECT_TRUE(block.guards_intact());
     EXPECT_EQ(trelm_64bit_to_ptr(block->ioctlstructaddr), &pdb);
+    EXPECT_EQ(trelm_setup_ioctl_struct(0, nullptr, nullptr, block.get()), 0U);
+    EXPECT_EQ(+block->hbaselect, 0) << "of a request to no port";
     EXPECT_EQ(trelm_setup_ioctl_struct(0, nullptr, nullptr, nullptr), 1U);
 }
 
