@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 #include <sys/sem.h>
 
+#include <fstream>
 #include <list>
 #include <random>
 
